@@ -1,0 +1,314 @@
+// The exported functions: each finds the session of its handle, asks whether a test wants the call to fail, and
+// passes it on. No exception leaves them.
+#pragma GCC visibility push(default)
+#include "dsmapifp.h"
+#pragma GCC visibility pop
+
+#include <climits>
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "Refusal.h"
+#include "Session.h"
+#include "TestControl.h"
+#include "dsmrc.h"
+
+namespace standin {
+namespace {
+
+// What the process has open. Sessions are shared with the calls that run in them, so the mutex is held for the
+// look-up alone.
+class Process {
+public:
+    // Never destroyed: the host's own clean-up at exit may still come to call.
+    static Process& Instance() {
+        static Process& instance = *new Process;
+        return instance;
+    }
+
+    void SetUp(std::shared_ptr<const Environment> environment) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        environment_ = std::move(environment);
+    }
+
+    std::shared_ptr<const Environment> CurrentEnvironment() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return environment_;
+    }
+
+    // Handles rise, so that one is not given out again soon after its session ended.
+    dsUint32_t Add(std::shared_ptr<Session> session) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        do {
+            lastHandle_ = lastHandle_ < INT_MAX ? lastHandle_ + 1 : 1;
+        } while (sessions_.count(lastHandle_) != 0);
+        sessions_.emplace(lastHandle_, std::move(session));
+        return lastHandle_;
+    }
+
+    std::shared_ptr<Session> Find(dsUint32_t handle) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = sessions_.find(handle);
+        return found == sessions_.end() ? nullptr : found->second;
+    }
+
+    // The sessions end in the caller's hands, outside the lock.
+    std::shared_ptr<Session> Take(dsUint32_t handle) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto node = sessions_.extract(handle);
+        return node ? node.mapped() : nullptr;
+    }
+
+    std::map<dsUint32_t, std::shared_ptr<Session>> CleanUp() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        environment_.reset();
+        return std::exchange(sessions_, {});
+    }
+
+private:
+    std::mutex mutex_;
+    std::shared_ptr<const Environment> environment_;
+    std::map<dsUint32_t, std::shared_ptr<Session>> sessions_;
+    dsUint32_t lastHandle_ = 0;
+};
+
+// For the calls outside a session. Failures of the environment are logged where the log is known.
+template <class Work>
+dsInt16_t Guarded(const ErrorLog* log, dsInt16_t otherwise, Work work) noexcept {
+    try {
+        return work();
+    } catch (const Refusal& refusal) {
+        return refusal.code;
+    } catch (const std::bad_alloc&) {
+        return DSM_RC_NO_MEMORY;
+    } catch (const std::exception& problem) {
+        if (log) log->Write(problem.what());
+        return otherwise;
+    } catch (...) {
+        return otherwise;
+    }
+}
+
+template <class Work>
+dsInt16_t OnSession(Call call, dsUint32_t handle, Work work, dsUint16_t* reason = nullptr) noexcept {
+    return Guarded(nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [&]() -> dsInt16_t {
+        const std::optional<Fault> fault = control::Enter(call);
+        const std::shared_ptr<Session> session = Process::Instance().Find(handle);
+        if (!session) return DSM_RC_INVALID_DS_HANDLE;
+        if (!fault) return session->Perform(call, [&] { return work(*session); });
+        if (reason) *reason = fault->reason;
+        return session->Fail(call, *fault);
+    });
+}
+
+struct Meaning {
+    dsInt16_t code;
+    const char* name;
+    const char* text;
+};
+
+#define MEANING(code, text) \
+    { code, #code, text }
+constexpr Meaning meanings[] = {
+    MEANING(DSM_RC_OK, "successful"),
+    MEANING(DSM_RC_ABORT_SYSTEM_ERROR, "the server failed; its error log says why"),
+    MEANING(DSM_RC_ABORT_NO_MATCH, "nothing matches"),
+    MEANING(DSM_RC_ABORT_BY_CLIENT, "the client voted to abort the transaction"),
+    MEANING(DSM_RC_ABORT_DUPLICATE_OBJECT, "the new name has stored versions"),
+    MEANING(DSM_RC_NO_MEMORY, "no memory"),
+    MEANING(DSM_RC_ACCESS_DENIED, "the node has no permission for this"),
+    MEANING(DSM_RC_INVALID_PARM, "an argument or an option is not valid"),
+    MEANING(DSM_RC_FINISHED, "no more data"),
+    MEANING(DSM_RC_AUTH_FAILURE, "wrong password"),
+    MEANING(DSM_RC_WILL_ABORT, "the server gave the transaction up; its end tells the reason"),
+    MEANING(DSM_RC_NULL_OBJNAME, "null object name"),
+    MEANING(DSM_RC_NULL_DATABLKPTR, "null data block"),
+    MEANING(DSM_RC_ZERO_BUFLEN, "buffer of length 0"),
+    MEANING(DSM_RC_NULL_BUFPTR, "null buffer"),
+    MEANING(DSM_RC_INVALID_VOTE, "neither a vote to commit nor one to abort"),
+    MEANING(DSM_RC_INVALID_DS_HANDLE, "no session has this handle"),
+    MEANING(DSM_RC_INVALID_MCNAME, "unknown management class"),
+    MEANING(DSM_RC_BAD_CALL_SEQUENCE, "the call does not fit the state of the session"),
+    MEANING(DSM_RC_FS_NOT_REGISTERED, "unknown filespace"),
+    MEANING(DSM_RC_FS_ALREADY_REGED, "the filespace is registered already"),
+    MEANING(DSM_RC_WRONG_SIZE_ESTIMATE, "data for an object announced with size 0"),
+    MEANING(DSM_RC_STRING_TOO_LONG, "a text is longer than its field"),
+    MEANING(DSM_RC_MORE_DATA, "more data to come"),
+    MEANING(DSM_RC_CHECK_REASON_CODE, "the transaction failed; the reason code says why"),
+};
+#undef MEANING
+
+constexpr dsUint16_t apiVersion = 8, apiRelease = 1;
+
+}  // namespace
+}  // namespace standin
+
+using namespace standin;
+
+// ------------------------------------------------------- set-up and sign-on
+
+void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
+    control::Enter(Call::QueryApiVersionEx);
+    if (!version) return;
+    version->stVersion = 2;
+    version->version = apiVersion;
+    version->release = apiRelease;
+    version->level = 0;
+    version->subLevel = 0;
+    version->unicode = bFalse;
+}
+
+dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
+    return Guarded(nullptr, DSM_RC_NO_MEMORY, [&] {
+        if (const auto fault = control::Enter(Call::SetUp)) return fault->rc;
+        const ErrorLog log(setUp);
+        std::shared_ptr<const Environment> environment;
+        const dsInt16_t rc = Guarded(&log, DSM_RC_INVALID_PARM, [&] {
+            environment = std::make_shared<const Environment>(setUp);
+            return dsInt16_t{DSM_RC_OK};
+        });
+        if (rc != DSM_RC_OK) return rc;
+        return Guarded(&log, DSM_RC_ABORT_SYSTEM_ERROR, [&] {
+            Catalogue::Prepare(environment->options.storeDir);
+            Process::Instance().SetUp(std::move(environment));
+            return rc;
+        });
+    });
+}
+
+dsInt16_t dsmCleanUp(dsBool_t) {
+    return Guarded(nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [] {
+        const auto fault = control::Enter(Call::CleanUp);
+        Process::Instance().CleanUp();
+        return fault ? fault->rc : dsInt16_t{DSM_RC_OK};
+    });
+}
+
+dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) {
+    std::shared_ptr<const Environment> environment = Process::Instance().CurrentEnvironment();
+    return Guarded(environment ? &environment->log : nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [&]() -> dsInt16_t {
+        if (const auto fault = control::Enter(Call::InitEx)) return fault->rc;
+        if (!environment) return DSM_RC_BAD_CALL_SEQUENCE;
+        if (!handle || !in || !out || !in->clientNodeNameP) return DSM_RC_INVALID_PARM;
+        const std::string node = in->clientNodeNameP;
+        if (node.size() > DSM_MAX_NODE_LENGTH) return DSM_RC_STRING_TOO_LONG;
+        const std::string password = in->clientPasswordP ? in->clientPasswordP : "";
+        *handle = Process::Instance().Add(std::make_shared<Session>(environment, node, password));
+        out->infoRC = DSM_RC_OK;
+        std::snprintf(out->adsmServerName, sizeof out->adsmServerName, "STANDIN");
+        out->serverVer = apiVersion;
+        out->serverRel = apiRelease;
+        out->serverLev = 0;
+        out->serverSubLev = 0;
+        return DSM_RC_OK;
+    });
+}
+
+dsInt16_t dsmTerminate(dsUint32_t handle) {
+    return Guarded(nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [&]() -> dsInt16_t {
+        const auto fault = control::Enter(Call::Terminate);
+        const bool known = Process::Instance().Take(handle) != nullptr;
+        if (fault) return fault->rc;
+        return known ? DSM_RC_OK : DSM_RC_INVALID_DS_HANDLE;
+    });
+}
+
+dsInt16_t dsmRCMsg(dsUint32_t handle, dsInt16_t rc, char* msg) {
+    return OnSession(Call::RCMsg, handle, [&](Session&) -> dsInt16_t {
+        if (!msg) return DSM_RC_INVALID_PARM;
+        Meaning known{rc, "UNKNOWN", "no message for this code"};
+        for (const Meaning& meaning : meanings) {
+            if (meaning.code == rc) known = meaning;
+        }
+        std::snprintf(msg, DSM_MAX_RC_MSG_LENGTH + 1, "%s (%d): %s", known.name, rc, known.text);
+        return DSM_RC_OK;
+    });
+}
+
+// -------------------------------------------------- filespaces and queries
+
+dsInt16_t dsmRegisterFS(dsUint32_t handle, regFSData* data) {
+    return OnSession(Call::RegisterFS, handle, [&](Session& s) { return s.RegisterFS(data); });
+}
+
+dsInt16_t dsmDeleteFS(dsUint32_t handle, char* fsName, dsUint8_t repository) {
+    return OnSession(Call::DeleteFS, handle, [&](Session& s) { return s.DeleteFS(fsName, repository); });
+}
+
+dsInt16_t dsmSetAccess(dsUint32_t handle, dsmAccessType type, dsmObjName* name, char* node, char* owner) {
+    return OnSession(Call::SetAccess, handle, [&](Session& s) { return s.SetAccess(type, name, node, owner); });
+}
+
+dsInt16_t dsmBeginQuery(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what) {
+    return OnSession(Call::BeginQuery, handle, [&](Session& s) { return s.BeginQuery(type, what); });
+}
+
+dsInt16_t dsmGetNextQObj(dsUint32_t handle, DataBlk* block) {
+    return OnSession(Call::GetNextQObj, handle, [&](Session& s) { return s.GetNextQObj(block); });
+}
+
+dsInt16_t dsmEndQuery(dsUint32_t handle) {
+    return OnSession(Call::EndQuery, handle, [](Session& s) { return s.EndQuery(); });
+}
+
+// -------------------------------------------------------------- transactions
+
+dsInt16_t dsmBindMC(dsUint32_t handle, dsmObjName* name, dsmSendType type, mcBindKey* key) {
+    return OnSession(Call::BindMC, handle, [&](Session& s) { return s.BindMC(name, type, key); });
+}
+
+dsInt16_t dsmBeginTxn(dsUint32_t handle) {
+    return OnSession(Call::BeginTxn, handle, [](Session& s) { return s.BeginTxn(); });
+}
+
+dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
+    return OnSession(
+        Call::EndTxn, handle, [&](Session& s) { return s.EndTxn(vote, reason); }, reason);
+}
+
+dsInt16_t dsmSendObj(dsUint32_t handle, dsmSendType type, void*, dsmObjName* name, ObjAttr* attr, DataBlk* block) {
+    return OnSession(Call::SendObj, handle, [&](Session& s) { return s.SendObj(type, name, attr, block); });
+}
+
+dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
+    return OnSession(Call::SendData, handle, [&](Session& s) { return s.SendData(block); });
+}
+
+dsInt16_t dsmEndSendObj(dsUint32_t handle) {
+    return OnSession(Call::EndSendObj, handle, [](Session& s) { return s.EndSendObj(); });
+}
+
+dsInt16_t dsmDeleteObj(dsUint32_t handle, dsmDelType type, dsmDelInfo info) {
+    return OnSession(Call::DeleteObj, handle, [&](Session& s) { return s.DeleteObj(type, info); });
+}
+
+dsInt16_t dsmRenameObj(dsmRenameIn_t* in, dsmRenameOut_t* out) {
+    if (!in || !out) return DSM_RC_INVALID_PARM;
+    return OnSession(Call::RenameObj, in->dsmHandle, [&](Session& s) { return s.RenameObj(*in); });
+}
+
+// ---------------------------------------------------------------------- gets
+
+dsInt16_t dsmBeginGetData(dsUint32_t handle, dsBool_t, dsmGetType type, dsmGetList* list) {
+    return OnSession(Call::BeginGetData, handle, [&](Session& s) { return s.BeginGetData(type, list); });
+}
+
+dsInt16_t dsmGetObj(dsUint32_t handle, ObjID* objId, DataBlk* block) {
+    return OnSession(Call::GetObj, handle, [&](Session& s) { return s.GetObj(objId, block); });
+}
+
+dsInt16_t dsmGetData(dsUint32_t handle, DataBlk* block) {
+    return OnSession(Call::GetData, handle, [&](Session& s) { return s.GetData(block); });
+}
+
+dsInt16_t dsmEndGetObj(dsUint32_t handle) {
+    return OnSession(Call::EndGetObj, handle, [](Session& s) { return s.EndGetObj(); });
+}
+
+dsInt16_t dsmEndGetData(dsUint32_t handle) {
+    return OnSession(Call::EndGetData, handle, [](Session& s) { return s.EndGetData(); });
+}

@@ -1,0 +1,131 @@
+#include "Options.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace standin {
+namespace {
+
+namespace fs = std::filesystem;
+
+template <std::size_t size>
+std::string Field(const char (&field)[size]) {
+    return {field, strnlen(field, size)};
+}
+
+bool Same(const std::string& text, const char* keyword) {
+    return strcasecmp(text.c_str(), keyword) == 0;
+}
+
+std::string Trimmed(const std::string& text) {
+    const char* const blanks = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string::npos) return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// Cuts the first word off.
+std::string TakeWord(std::string& text) {
+    const std::size_t end = std::min(text.find_first_of(" \t"), text.size());
+    std::string word = text.substr(0, end);
+    text = Trimmed(text.substr(end));
+    return word;
+}
+
+std::string Unquoted(const std::string& text) {
+    const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
+    return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
+std::string DefaultStoreDir() {
+    const auto variable = [](const char* name) {
+        const char* const value = std::getenv(name);
+        return std::string(value ? value : "");
+    };
+    if (const std::string store = variable("TSM_STANDIN_STORE"); !store.empty()) return store;
+    if (const std::string data = variable("XDG_DATA_HOME"); !data.empty()) return data + "/tsm-standin";
+    if (const std::string home = variable("HOME"); !home.empty()) return home + "/.local/share/tsm-standin";
+    throw std::runtime_error("no place for the store: neither STOREDIR, TSM_STANDIN_STORE nor HOME is set");
+}
+
+}  // namespace
+
+ErrorLog::ErrorLog(const envSetUp* setUp) {
+    const std::string folder = setUp ? Field(setUp->dsmiLog) : "";
+    if (folder.empty()) return;
+    const std::string name = Field(setUp->logName);
+    path_ = folder + "/" + (name.empty() ? "dsierror.log" : name);
+}
+
+void ErrorLog::Write(const std::string& text) const noexcept try {
+    if (path_.empty()) return;
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    char moment[32];
+    std::strftime(moment, sizeof moment, "%Y-%m-%d %H:%M:%S ", localtime_r(&now, &local));
+    std::string line = moment + text;
+    for (char& c : line) {
+        if (static_cast<unsigned char>(c) < ' ') c = ' ';
+    }
+    line += '\n';
+    const int file = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (file < 0) return;
+    // One write, so that lines of several processes do not mix. There is nobody to tell when it fails.
+    [[maybe_unused]] const ssize_t written = write(file, line.data(), line.size());
+    close(file);
+} catch (...) {
+}
+
+Options::Options(const envSetUp* setUp) {
+    if (const std::string file = setUp ? Field(setUp->dsmiConfig) : ""; !file.empty()) ReadFile(file);
+    if (storeDir.empty()) storeDir = DefaultStoreDir();
+    storeDir = fs::absolute(storeDir).string();
+    if (classes.empty()) classes.push_back({"STANDARD", "Default management class"});
+}
+
+void Options::ReadFile(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) throw std::runtime_error("options file " + path + ": " + std::strerror(errno));
+    const std::string baseDir = fs::absolute(path).parent_path().string();
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+        std::string value = Trimmed(line);
+        if (value.empty() || value.front() == '*') continue;
+        const std::string keyword = TakeWord(value);
+        if (value.empty() || !Take(keyword, value, baseDir)) {
+            throw std::runtime_error("options file " + path + ", line " + std::to_string(number) +
+                                     ": not understood: " + Trimmed(line));
+        }
+    }
+    if (file.bad()) throw std::runtime_error("options file " + path + ": cannot be read");
+}
+
+bool Options::Take(const std::string& keyword, const std::string& value, const std::string& baseDir) {
+    if (Same(keyword, "STOREDIR")) {
+        const std::string folder = Unquoted(value);
+        storeDir = (fs::path(baseDir) / folder).string();
+        return !folder.empty();
+    }
+    if (Same(keyword, "MGMTCLASS")) {
+        std::string description = value;
+        std::string name = TakeWord(description);
+        if (name.size() > DSM_MAX_MC_NAME_LENGTH || description.size() > DSM_MAX_MC_DESCR_LENGTH) return false;
+        classes.push_back({std::move(name), Unquoted(description)});
+        return true;
+    }
+    if (Same(keyword, "BACKDELETE")) {
+        mayDeleteBackups = Same(value, "YES");
+        return mayDeleteBackups || Same(value, "NO");
+    }
+    return false;
+}
+
+}  // namespace standin

@@ -1,0 +1,39 @@
+// What the operator decides: where the store is, what the server offers and permits, where errors are written.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "dsmapitd.h"
+
+namespace standin {
+
+// One line of text a failure, appended to a file; without a folder for it, nowhere.
+class ErrorLog {
+public:
+    explicit ErrorLog(const envSetUp* setUp);
+    void Write(const std::string& text) const noexcept;
+
+private:
+    std::string path_;
+};
+
+struct MgmtClass {
+    std::string name;
+    std::string description;
+};
+
+struct Options {
+    // Throws std::runtime_error when the options file cannot be read or understood.
+    explicit Options(const envSetUp* setUp);
+
+    std::string storeDir;
+    std::vector<MgmtClass> classes;  // never empty; the first one is the default
+    bool mayDeleteBackups = true;
+
+private:
+    void ReadFile(const std::string& path);
+    bool Take(const std::string& keyword, const std::string& value, const std::string& baseDir);
+};
+
+}  // namespace standin

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <exception>
+
+#include "dsmapitd.h"
+
+namespace standin {
+
+// Thrown where the server says no to a request that is in order as such; anything else that is thrown is a
+// failure of the environment and goes to the error log.
+class Refusal : public std::exception {
+public:
+    explicit Refusal(dsInt16_t answer) : code(answer) {}
+    const char* what() const noexcept override { return "refused"; }
+
+    const dsInt16_t code;
+};
+
+}  // namespace standin

@@ -1,0 +1,124 @@
+// One sign-on: the order of its calls, and the transaction, the query or the get that is under way. Used by one
+// thread at a time. Every member function that stands for a call of the API answers with its return code and may
+// throw; Perform turns what is thrown into a return code too.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "Catalogue.h"
+#include "Options.h"
+#include "TestControl.h"
+#include "dsmapitd.h"
+
+namespace standin {
+
+// What a set-up gives to all sessions after it.
+struct Environment {
+    explicit Environment(const envSetUp* setUp) : log(setUp), options(setUp) {}
+
+    const ErrorLog log;
+    const Options options;
+};
+
+class Session {
+public:
+    Session(std::shared_ptr<const Environment> environment, const std::string& node, const std::string& password);
+
+    // Does the work of a call if the call is in order now.
+    template <class Work>
+    dsInt16_t Perform(Call call, Work work) {
+        if (const std::optional<dsInt16_t> no = OutOfOrder(call)) return *no;
+        return Answered(work);
+    }
+    // Answers a call as a test wants it, with the consequences that such an answer has.
+    dsInt16_t Fail(Call call, Fault fault);
+
+    dsInt16_t RegisterFS(const regFSData* data);
+    dsInt16_t DeleteFS(const char* name, dsUint8_t repository);
+    dsInt16_t SetAccess(dsmAccessType type, const dsmObjName* name, const char* node, const char* owner);
+
+    dsInt16_t BeginQuery(dsmQueryType type, const dsmQueryBuff* what);
+    dsInt16_t GetNextQObj(DataBlk* block);
+    dsInt16_t EndQuery();
+
+    dsInt16_t BindMC(const dsmObjName* name, dsmSendType type, mcBindKey* key);
+    dsInt16_t BeginTxn();
+    dsInt16_t EndTxn(dsUint8_t vote, dsUint16_t* reason);
+    dsInt16_t SendObj(dsmSendType type, const dsmObjName* name, const ObjAttr* attr, DataBlk* block);
+    dsInt16_t SendData(DataBlk* block);
+    dsInt16_t EndSendObj();
+    dsInt16_t DeleteObj(dsmDelType type, const dsmDelInfo& info);
+    dsInt16_t RenameObj(const dsmRenameIn_t& in);
+
+    dsInt16_t BeginGetData(dsmGetType type, const dsmGetList* list);
+    dsInt16_t GetObj(const ObjID* objId, DataBlk* block);
+    dsInt16_t GetData(DataBlk* block);
+    dsInt16_t EndGetObj();
+    dsInt16_t EndGetData();
+
+private:
+    // Single bits, so that the calls' rules can name several.
+    enum State : unsigned {
+        idle = 1,
+        querying = 2,
+        queryOver = 4,  // no answers left, end not yet called
+        inTransaction = 8,
+        inObject = 16,
+        getting = 32,
+        inGetObject = 64,
+        getObjectOver = 128  // the last byte is delivered, end not yet called
+    };
+
+    struct Answers {
+        std::size_t recordSize;
+        std::function<bool(void*)> next;  // fills a zeroed record, or says that there is none
+        bool any = false;
+    };
+
+    struct Transaction {
+        std::vector<Operation> operations;
+        std::optional<NewVersion> open;
+        std::optional<dsUint16_t> givenUp;  // the server's reason; calls inside answer DSM_RC_WILL_ABORT
+        bool denied = false;                // to be refused as a whole, but only at its end
+    };
+
+    struct Get {
+        std::vector<std::int64_t> wanted;
+        FileDescriptor file;
+        std::int64_t bytesLeft = 0;
+    };
+
+    static unsigned StatesFor(Call call);
+    std::optional<dsInt16_t> OutOfOrder(Call call);
+    template <class Work>
+    dsInt16_t Answered(Work work) {
+        try {
+            return work();
+        } catch (...) {
+            return AnswerToException();
+        }
+    }
+    dsInt16_t AnswerToException();
+    bool InTransaction() const { return state_ & (inTransaction | inObject); }
+    dsInt16_t GiveUp(dsUint16_t reason);
+    dsInt16_t Broken(dsInt16_t code, const char* text);
+    void EndAnswers(State next);
+
+    Answers BackupAnswers(const qryBackupData& what);
+    Answers FilespaceAnswers(const qryFSData& what);
+    Answers ClassAnswers(const qryMCData& what);
+    const MgmtClass* FindClass(const std::string& name) const;
+
+    const std::shared_ptr<const Environment> environment_;
+    Catalogue catalogue_;
+    State state_ = idle;
+    std::optional<ObjectName> bound_;
+    Answers answers_{};
+    Transaction transaction_;
+    Get get_;
+};
+
+}  // namespace standin
