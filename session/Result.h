@@ -1,0 +1,36 @@
+// How outcomes of the API become the results that hosts see.
+#ifndef SESSION_RESULT_H
+#define SESSION_RESULT_H
+
+#include <new>
+
+#include "util/DsmApi.h"
+
+// A failing return code as a result: minus its magnitude.
+inline int Negated(dsInt16_t rc) {
+    return rc > 0 ? -rc : rc;
+}
+
+// The same where not even 0 is among the answers: the API contradicted itself, which must not read as success.
+inline int NegatedUnexpected(dsInt16_t rc) {
+    return rc == 0 ? -DSM_RC_ABORT_SYSTEM_ERROR : Negated(rc);
+}
+
+// The reason for which the server gave a transaction up, as a result.
+inline int NegatedReason(dsUint16_t reason) {
+    return -static_cast<int>(reason);
+}
+
+// Runs an operation so that no exception leaves the library.
+template <class Operation>
+auto NoThrow(Operation operation) noexcept -> decltype(operation()) {
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        return -DSM_RC_NO_MEMORY;
+    } catch (...) {
+        return -DSM_RC_ABORT_SYSTEM_ERROR;
+    }
+}
+
+#endif

@@ -1,0 +1,355 @@
+// Set-up, sign-on and sign-off, the registry, filespaces and management classes, the thread wrappers.
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <thread>
+
+#include "Fixture.h"
+#include "session/TsmSession.h"
+
+TEST(Initialisation, HandsTheEnvironmentToTheApi) {
+    ApiDouble& api = ApiDouble::Get();
+    api.Reset();
+    EXPECT_EQ(tsmApi, nullptr);
+    EXPECT_EQ(TsmInitApi(C("dsm.opt"), C("/log"), C("/api"), C("APP")), 0);
+    EXPECT_EQ(TsmOpenSession(C("N"), C("O"), C("P"), C("-x"), C("extra"), C("UP"), C("ab")), 7);
+    EXPECT_EQ(TsmReleaseApi(), 0);
+    EXPECT_EQ(tsmApi, nullptr);
+    EXPECT_EQ(
+        api.Taken(),
+        (Lines{"dsmSetUp mt=1 v=4 config='dsm.opt' dir='/api' log='/log'/'dsierror.log'", "dsmQueryApiVersionEx v=0",
+               "dsmInitEx v=5 out=0 api=8 node='N' owner='O' password='P' user='N' userPassword='UP' app='APP' "
+               "config=null options='-x' delimiter=a unicode=0",
+               "dsmTerminate", "dsmCleanUp mt=1"}));
+
+    api.Answers("dsmCleanUp", {{2}});
+    EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(TsmOpenSession(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, C("")), 7);
+    EXPECT_EQ(TsmReleaseApi(), 2) << "the clean-up's code, not negated";
+    EXPECT_EQ(api.Taken(),
+              (Lines{"dsmSetUp mt=1 v=4 config='' dir='' log=''/''", "dsmQueryApiVersionEx v=0",
+                     "dsmInitEx v=5 out=0 api=8 node=null owner=null password=null user=null userPassword=null "
+                     "app='KARVELON-CLIENT' config=null options=null delimiter=\\ unicode=0",
+                     "dsmTerminate", "dsmCleanUp mt=1"}));
+}
+
+TEST(Initialisation, FailsClearlyAndCanBeTriedAgain) {
+    ApiDouble& api = ApiDouble::Get();
+    api.Reset();
+    EXPECT_EQ(TsmOpenSession(C("N"), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -2014);
+    EXPECT_EQ(TsmCloseSession(7), -2014);
+    EXPECT_EQ(TsmReleaseApi(), -2014);
+    EXPECT_EQ(api.Taken(), Lines{});
+
+    api.Answers("dsmSetUp", {{2}, {-1}});
+    EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, C("APP")), -2);
+    EXPECT_NE(tsmApi, nullptr);
+    EXPECT_EQ(TsmOpenSession(C("N"), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -2041);
+    EXPECT_EQ(api.TakenNames(), (Lines{"dsmSetUp", "dsmCleanUp"}));
+    EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), 1) << "the plain negation";
+    EXPECT_EQ(api.TakenNames(), (Lines{"dsmCleanUp", "dsmSetUp", "dsmCleanUp"})) << "the failed one is released first";
+    EXPECT_EQ(TsmReleaseApi(), 0);
+    EXPECT_EQ(tsmApi, nullptr);
+
+    std::string path(1279, 'p');
+    EXPECT_EQ(TsmInitApi(path.data(), path.data(), path.data(), nullptr), 0);
+    EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), -2041);
+    EXPECT_EQ(api.TakenNames(), (Lines{"dsmCleanUp", "dsmSetUp", "dsmQueryApiVersionEx"}));
+    EXPECT_EQ(TsmReleaseApi(), 0);
+    path += 'p';
+    for (int which = 0; which < 3; ++which) {
+        api.Taken();
+        EXPECT_EQ(TsmInitApi(which == 0 ? path.data() : nullptr, which == 1 ? path.data() : nullptr,
+                             which == 2 ? path.data() : nullptr, nullptr),
+                  -2120);
+        EXPECT_EQ(TsmReleaseApi(), 0);
+        EXPECT_EQ(api.TakenNames(), Lines{"dsmCleanUp"});
+    }
+}
+
+TEST_F(Library, KeepsSessionsByHandle) {
+    EXPECT_EQ(Open("/", 3), 3);
+    EXPECT_EQ(Open("/", 1), 1);
+    EXPECT_EQ(Open("/", 2), 2);
+    api.Answers("dsmInitEx", {{137}, {-1}});
+    EXPECT_EQ(Open("/"), -137);
+    EXPECT_EQ(Open("/"), -1);
+    EXPECT_EQ(Open("/", 0), 0) << "a sign-on without a handle opens nothing";
+    EXPECT_EQ(TsmEndBackup(0), -2014);
+    api.nextHandle = 9;
+    EXPECT_EQ(TsmCloseSession(9), 0) << "never opened";
+    EXPECT_EQ(api.Taken(), Lines{});
+
+    // A handle that the API gives out anew replaces the session, which is not signed off.
+    EXPECT_EQ(TsmConnectToFileSpace(2, C("old")), 0);
+    EXPECT_EQ(Open("/", 2), 2);
+    TsmObject* objects;
+    EXPECT_EQ(TsmGetBackupInfo(2, C("a"), C("b"), 1, 0, &objects), -2061);
+
+    api.Answers("dsmTerminate", {{2}});
+    api.nextHandle = 9;
+    EXPECT_EQ(TsmCloseSession(3), 2) << "the code of the sign-off, not negated";
+    EXPECT_EQ(TsmCloseSession(3), 0);
+    EXPECT_EQ(Open("/", 5), 5);
+    api.nextHandle = 9;
+    EXPECT_EQ(TsmReleaseApi(), 0);
+    EXPECT_EQ(api.Taken(), (Lines{"dsmTerminate h=1", "dsmTerminate h=2", "dsmTerminate h=5", "dsmCleanUp mt=1"}));
+}
+
+// The registry's lock is not held while a session works: a call from inside the API would hang.
+TEST_F(Library, WorksOnOtherHandlesMeanwhile) {
+    const int first = Connect();
+    EXPECT_EQ(Open("/", 8), 8);
+    int inside = -1;
+    api.meanwhile = [&] { inside = TsmEndGetBackupInfo(8); };
+    EXPECT_EQ(TsmConnectToFileSpace(first, C("other")), 0);
+    EXPECT_EQ(inside, 0);
+}
+
+// Every function that takes a handle, without a session to take it to.
+TEST_F(Library, RefusesUnknownHandlesWithoutCallingTheApi) {
+    const auto tryAll = [] {
+        char** list = nullptr;
+        TsmObject* objects = nullptr;
+        unsigned char byte = 0;
+        unsigned char* buffer = &byte;
+        char* t = C("t");
+        return std::vector<long long>{TsmConnectToFileSpace(4, t),
+                                      TsmGetFileSpaces(4, &list),
+                                      TsmEndGetFileSpaces(4),
+                                      TsmDeleteFileSpace(4, t),
+                                      TsmGetMgmtClasses(4, &list),
+                                      TsmEndGetMgmtClasses(4),
+                                      TsmBeginBackup(4, t, t, 1),
+                                      TsmBeginBackupEx(4, t, t, 1, t, t),
+                                      TsmSendData(4, &byte, 1),
+                                      TsmEndBackup(4),
+                                      TsmGetBackupInfo(4, t, t, 1, 0, &objects),
+                                      TsmEndGetBackupInfo(4),
+                                      TsmGetBackupInfoPointInTime(4, t, t, t, 0, &objects),
+                                      TsmEndGetBackupInfoPointInTime(4),
+                                      TsmBeginRestore(4, t, t, t),
+                                      TsmGetData(4, &buffer, 1),
+                                      TsmEndRestore(4),
+                                      TsmDelete(4, t, t, 1, t),
+                                      TsmRenameBackup(4, t, t, t, t),
+                                      TsmSetAccess(4, t, t, t)};
+    };
+    EXPECT_EQ(tryAll(), std::vector<long long>(20, -2014));
+    EXPECT_EQ(api.Taken(), Lines{});
+    TsmReleaseApi();
+    EXPECT_EQ(tryAll(), std::vector<long long>(20, -2014)) << "and without an instance";
+}
+
+TEST(Session, WithoutAHandleNeedsNoSignOff) {
+    ApiDouble& api = ApiDouble::Get();
+    api.Reset();
+    TsmSession session;
+    dsmApiVersionEx version = {};
+    EXPECT_EQ(session.OpenSession(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, version), 7);
+    api.Taken();
+    api.Answers("dsmTerminate", {{2}});
+    EXPECT_EQ(session.CloseSession(), 2);
+    EXPECT_EQ(session.CloseSession(), 0);
+    EXPECT_EQ(api.Taken(), Lines{"dsmTerminate"}) << "a failed sign-off is not tried again";
+    char* text = session._RcApiOut(7, -50);
+    EXPECT_STREQ(text, "message of -50");
+    std::free(text);
+}
+
+TEST_F(Library, BuildsFilespaceNames) {
+    const std::string longest(1023, 'n');
+    const struct {
+        const char* delimiter;
+        std::string name;
+        std::string connected;
+        std::string deleted;
+    } cases[] = {{"\\", "a/b\\c", "\\a\\b\\c", "\\a/b\\c"},
+                 {"/", "a\\b", "/a/b", "/a\\b"},
+                 {":", "a/b\\c", ":a/b\\c", ":a/b\\c"},
+                 {"/", "/x", "//x", "//x"},
+                 {"/", "", "/", "/"},
+                 {"//", "a\\b", "//a\\b", "//a\\b"},
+                 {"/", longest, "/" + longest, "/" + longest}};
+    for (const auto& c : cases) {
+        const int session = Open(c.delimiter);
+        EXPECT_EQ(TsmConnectToFileSpace(session, C(c.name.c_str())), 0);
+        EXPECT_EQ(TsmDeleteFileSpace(session, C(c.name.c_str())), 0);
+        EXPECT_EQ(api.Taken(), (Lines{"dsmRegisterFS v=1 '" + c.connected + "' 'NTFS' 0:0 0:0 'FS-INFO' length=8",
+                                      "dsmDeleteFS '" + c.deleted + "' repository=1"}));
+    }
+    const int session = Open("/");
+    EXPECT_EQ(TsmSetAccess(session, C("nodeB"), C("\\vm01"), C("ignored")), 0);
+    EXPECT_EQ(api.Taken(), Lines{"dsmSetAccess access=0 '\\vm01' '\\' '*' type=1 node='nodeB' owner=null"});
+
+    api.Answers("dsmRegisterFS", {{2062}, {2}, {-3}});
+    api.Answers("dsmDeleteFS", {{106}});
+    api.Answers("dsmSetAccess", {{-7}});
+    EXPECT_EQ(TsmConnectToFileSpace(session, C("a")), 0) << "registered already";
+    EXPECT_EQ(TsmConnectToFileSpace(session, C("b")), -2);
+    EXPECT_EQ(TsmConnectToFileSpace(session, C("b")), -3);
+    EXPECT_EQ(TsmDeleteFileSpace(session, C("a")), -106);
+    EXPECT_EQ(TsmSetAccess(session, C("n"), C("/a"), nullptr), -7);
+    api.Taken();
+    TsmObject* objects;
+    EXPECT_EQ(TsmGetBackupInfo(session, C(""), C("x"), 1, 0, &objects), 0);
+    EXPECT_NE(api.Taken().at(0).find("'/b'"), std::string::npos) << "a failed registration leaves the new name";
+
+    const std::string tooLong = longest + "n";
+    EXPECT_EQ(TsmConnectToFileSpace(session, C(tooLong.c_str())), -2120);
+    EXPECT_EQ(TsmDeleteFileSpace(session, C(tooLong.c_str())), -2120);
+    EXPECT_EQ(TsmSetAccess(session, C("n"), C((tooLong + "n").c_str()), nullptr), -2120);
+    EXPECT_EQ(TsmConnectToFileSpace(session, nullptr), -2000);
+    EXPECT_EQ(TsmDeleteFileSpace(session, nullptr), -2000);
+    EXPECT_EQ(TsmSetAccess(session, nullptr, C("/a"), nullptr), -2000);
+    EXPECT_EQ(TsmSetAccess(session, C("n"), nullptr, nullptr), -2000);
+    EXPECT_EQ(api.Taken(), Lines{});
+}
+
+// Both name listings have the same shape; what differs stands in the table.
+TEST_F(Library, ListsNames) {
+    const struct {
+        int (*get)(int, char***);
+        int (*end)(int);
+        std::string begin;
+        std::string next;
+        int noMatch;
+        Lines names;
+    } kinds[] = {{TsmGetFileSpaces,
+                  TsmEndGetFileSpaces,
+                  "dsmBeginQuery q=3 v=1 '*'",
+                  "dsmGetNextQObj v=3 length=1672 response=4",
+                  -2,
+                  {"vm01", "data", "data", ""}},
+                 {TsmGetMgmtClasses,
+                  TsmEndGetMgmtClasses,
+                  "dsmBeginQuery q=4 v=1 '' detail=0",
+                  "dsmGetNextQObj v=3 length=290 response=1",
+                  0,
+                  {"\\vm01", "/data", "/data", "/", ""}}};
+    const auto filespace = [](const char* name) { return Found{name, "", "", 1, 0, "", {}, 1, name}; };
+    const std::vector<Found> four = {filespace("\\vm01"), filespace("/data"), filespace("/data"), filespace("/"),
+                                     filespace("")};
+    const int session = Open("/");
+    for (const auto& kind : kinds) {
+        char** list = nullptr;
+        for (int round = 0; round < 2; ++round) {  // the second time the first list is still held
+            api.Finds(four);
+            ASSERT_EQ(kind.get(session, &list), static_cast<int>(kind.names.size()));
+            EXPECT_EQ(Lines(list, list + kind.names.size()), kind.names);
+            EXPECT_EQ(api.Taken(), (Lines{kind.begin, kind.next, "dsmEndQuery"}));
+        }
+        EXPECT_EQ(kind.end(session), 0);
+        EXPECT_EQ(kind.end(session), 0);
+        EXPECT_EQ(api.Taken(), Lines{});
+
+        const struct {
+            std::vector<Found> found;
+            dsInt16_t end;
+            dsInt16_t endQuery;
+            int result;
+            std::size_t calls;
+        } endings[] = {{{}, 121, 0, 0, 3},           {{}, 2, 0, kind.noMatch, 2}, {four, 121, 5, -5, 3},
+                       {four, -9, 0, -9, 2},         {four, 11, 0, -11, 2},       {four, 0, 0, -1, 2},
+                       {four, 2, 0, kind.noMatch, 2}};
+        for (const auto& ending : endings) {
+            list = reinterpret_cast<char**>(&list);
+            api.Finds(ending.found, ending.end);
+            if (ending.calls == 3) api.Answers("dsmEndQuery", {{ending.endQuery}});
+            EXPECT_EQ(kind.get(session, &list), ending.result);
+            EXPECT_EQ(list, nullptr);
+            EXPECT_EQ(api.Taken().size(), ending.calls);
+        }
+        char* untouched = nullptr;
+        list = &untouched;
+        api.Answers("dsmBeginQuery", {{4}});
+        EXPECT_EQ(kind.get(session, &list), -4);
+        EXPECT_EQ(list, &untouched);
+        EXPECT_EQ(kind.get(session, nullptr), -2009);
+
+        // Texts that fill their fields without a terminator are cut.
+        api.Finds({filespace(std::string(2000, 'x').c_str())});
+        ASSERT_EQ(kind.get(session, &list), 1);
+        EXPECT_EQ(std::strlen(list[0]), kind.noMatch == 0 ? 31u : 1024u);
+        api.Taken();
+    }
+}
+
+namespace {
+
+int mutexInitError = 0;
+int conditionError = 0;
+std::deque<int> waits;
+
+}  // namespace
+
+// Stand before the C library's, so that they can be made to fail.
+extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*) noexcept {
+    *mutex = PTHREAD_MUTEX_INITIALIZER;
+    return mutexInitError;
+}
+
+extern "C" int pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*) noexcept {
+    return conditionError;
+}
+extern "C" int pthread_cond_signal(pthread_cond_t*) noexcept {
+    return conditionError;
+}
+extern "C" int pthread_cond_destroy(pthread_cond_t*) noexcept {
+    return conditionError;
+}
+extern "C" int pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*) {
+    const int result = waits.front();
+    waits.pop_front();
+    return result;
+}
+
+TEST(Threads, WrappersReportTheErrorNumber) {
+    pthread_mutex_t mutex;
+    pthread_cond_t condition;
+    const auto printed = [](int (*call)(pthread_mutex_t*, pthread_cond_t*), pthread_mutex_t* m, pthread_cond_t* c) {
+        testing::internal::CaptureStdout();
+        const int result = call(m, c);
+        return std::to_string(result) + " " + testing::internal::GetCapturedStdout();
+    };
+    mutexInitError = 11;
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexInit(m); }, &mutex, nullptr), "11 Mutex init failed: 11.\n");
+    EXPECT_EXIT(TsmInitApi(nullptr, nullptr, nullptr, nullptr), testing::ExitedWithCode(0), "");
+    mutexInitError = 0;
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexInit(m); }, &mutex, nullptr), "0 ");
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexLock(m); }, &mutex, nullptr), "0 ");
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexDestroy(m); }, &mutex, nullptr),
+              "16 Mutex destroy failed: 16.\n");
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexUnlock(m); }, &mutex, nullptr), "0 ");
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexDestroy(m); }, &mutex, nullptr), "0 ");
+    // A mutex that checks for errors, to see lock and unlock report theirs.
+    pthread_mutex_t checked = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexUnlock(m); }, &checked, nullptr),
+              "1 Mutex unlock failed: 1.\n");
+    EXPECT_EQ(dpsMutexLock(&checked), 0);
+    EXPECT_EQ(printed([](auto m, auto) { return dpsMutexLock(m); }, &checked, nullptr), "35 Mutex lock failed: 35.\n");
+
+    const struct {
+        int (*call)(pthread_mutex_t*, pthread_cond_t*);
+        const char* message;
+    } conditionCalls[] = {
+        {[](auto, auto c) { return dpsCreateCondition(c); }, "12 Condition init failed: 12.\n"},
+        {[](auto, auto c) { return dpsSignalCondition(c); }, "12 Condition signal failed: 12.\n"},
+        {[](auto, auto c) { return dpsDestroyCondition(c); }, "12 Condition Destroy failed: 12.\n"},
+    };
+    for (const auto& c : conditionCalls) {
+        conditionError = 12;
+        EXPECT_EQ(printed(c.call, &mutex, &condition), c.message);
+        conditionError = 0;
+        EXPECT_EQ(printed(c.call, &mutex, &condition), "0 ");
+    }
+    const auto wait = [](auto m, auto c) { return dpsWaitCondition(c, m); };
+    waits = {4, 4, 0, 4, 22};
+    EXPECT_EQ(printed(wait, &mutex, &condition), "0 ") << "an interrupted wait goes on, silently";
+    EXPECT_EQ(printed(wait, &mutex, &condition), "22 Condition wait failed: error 22\n");
+
+    static std::atomic<void*> seen{nullptr};
+    EXPECT_EQ(dpsThreadCreate([](void* argument) -> void* { return seen = argument, nullptr; }, &mutex), 0);
+    while (seen != &mutex) std::this_thread::yield();
+}
