@@ -1,0 +1,318 @@
+// The command-line host from end to end: real trees, a store in a folder of its own, the shipped binary in a shell.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tsmconnector.h"
+
+namespace {
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+std::string Content(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class Tsmctl : public testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tsmctl-test-XXXXXX";
+        root = mkdtemp(pattern);
+        std::ofstream(root / "dsm.opt") << "STOREDIR " << (root / "store").native() << "\nBACKDELETE YES\n";
+        fs::create_directories(root / "work");
+        setenv("TSMCTL_CONFIG", (root / "dsm.opt").c_str(), 1);
+        setenv("TSMCTL_PASSWORD", "secret", 1);
+        setenv("TSMCTL_NODE", "node", 1);
+        unsetenv("TSMCTL_FILESPACE");
+    }
+    void TearDown() override {
+        if (HasFailure()) return;
+        fs::permissions(root, fs::perms::owner_all);
+        fs::remove_all(root);
+    }
+
+    // Runs lines of shell in the work folder; "tsmctl" is the binary. No terminal is in reach.
+    Outcome Run(const std::string& script) {
+        std::ofstream(root / "script") << "T='" TSMCTL_BINARY "'; tsmctl() { \"$T\" \"$@\"; }\n" << script << '\n';
+        const std::string command =
+            "cd '" + (root / "work").native() + "' && setsid -w bash ../script >../out 2>../err </dev/null";
+        const int status = std::system(command.c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Content(root / "out"), Content(root / "err")};
+    }
+
+    void Expect(const std::string& script, int status, const std::string& out = "", const std::string& err = "") {
+        SCOPED_TRACE(script);
+        const Outcome outcome = Run(script);
+        EXPECT_EQ(outcome.status, status) << outcome.out << outcome.err;
+        EXPECT_NE(outcome.out.find(out), std::string::npos) << outcome.out;
+        EXPECT_NE(outcome.err.find(err), std::string::npos) << outcome.err;
+    }
+
+    fs::path root;
+};
+
+// Objects that another host stored, in its own way.
+class OtherHost {
+public:
+    explicit OtherHost(const fs::path& root) {
+        EXPECT_EQ(TsmInitApi(Text(root / "dsm.opt"), nullptr, nullptr, nullptr), 0);
+        handle = TsmOpenSession(Text("node"), nullptr, Text("secret"), nullptr, nullptr, nullptr, Text("/"));
+        EXPECT_GT(handle, 0);
+        EXPECT_EQ(TsmConnectToFileSpace(handle, Text("tsmctl")), 0);
+    }
+    ~OtherHost() { TsmReleaseApi(); }
+
+    void Put(const std::string& path, const std::string& name, const std::string& info, std::string data) {
+        auto* const bytes = reinterpret_cast<unsigned char*>(data.data());
+        EXPECT_EQ(TsmBeginBackupEx(handle, Text(path), Text(name), 1, info.empty() ? nullptr : Text(info), nullptr), 0);
+        EXPECT_EQ(TsmSendData(handle, bytes, static_cast<int>(data.size())), 0);
+        EXPECT_EQ(TsmEndBackup(handle), 0) << path << ' ' << name;
+    }
+
+private:
+    char* Text(const std::string& text) {
+        kept.push_back(std::make_unique<std::string>(text));
+        return kept.back()->data();
+    }
+    std::vector<std::unique_ptr<std::string>> kept;
+    int handle = 0;
+};
+
+const char* const makeTree = R"(
+mkdir -p tree/sub/deep tree/empty tree/closed
+printf hello > tree/file; : > tree/nothing; head -c 3145729 /dev/urandom > tree/sub/big
+ln -s nowhere tree/dangling; ln -s sub tree/tosub
+for name in 'a*b?' '100%' '%41' 'back\slash' $'new\nline' $'\377\376' ' sp ace'; do echo "$name" > "tree/sub/deep/$name"; done
+mkdir 'tree/sub/%5C*'; echo x > 'tree/sub/%5C*/x'; mkfifo tree/pipe
+chmod 4751 tree/sub/deep/100%; chmod 0400 tree/file; touch -d '1969-12-31 23:59:58.25 UTC' tree/sub/big
+touch -d '2001-02-03 04:05:06.123456789' tree/file tree/empty; touch -hd '2002-02-02 02:02:02.5' tree/dangling
+chmod 0550 tree/closed; chmod 2751 tree/sub; touch -d '2003-03-03 03:03:03.000000001' tree/sub tree)";
+
+const char* const compare = R"(
+look() { (cd "$1" && find . ! -type p ! -name 100% -printf '%p %y %m %T@ %l %s\n' | sort); }
+diff <(look tree) <(look out/tree) && diff -r --no-dereference -x pipe tree out/tree)";
+
+class Jobs : public Tsmctl, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Jobs, ATreeComesBackAsItWas) {
+    const std::string jobs = GetParam();
+    Expect(makeTree, 0);
+    Expect("tsmctl backup tree --to /some/place " + jobs, 0, "", "tree/pipe: warning");
+    Expect("tsmctl verify tree --to some/place/ -q " + jobs, 0);
+    Expect("tsmctl restore some/place/tree --to out " + jobs, 0, "", "without its set-user-id");
+    Expect(compare, 0);
+    Expect("stat -c %a 'out/tree/sub/deep/100%'; find out -name '.tsmctl*'", 0, "751\n");
+    Expect("cd tree/sub/.. && tsmctl verify . --to some/place -q && tsmctl verify ../tree/ --to some/place -q", 0);
+}
+INSTANTIATE_TEST_SUITE_P(All, Jobs, testing::Values("-j 1", "-j 4"));
+
+TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
+    Run("mkdir -p a/x b/x; tsmctl -q backup a b");
+    for (const char* const arguments : {"",
+                                        "frobnicate",
+                                        "backup",
+                                        "backup a/x b/x",
+                                        "backup ''",
+                                        "backup / a",
+                                        "backup -",
+                                        "backup a --as n",
+                                        "backup a -j 0",
+                                        "backup a -j 65",
+                                        "backup a --size 3",
+                                        "backup a --to ../b",
+                                        "restore a --at yesterday",
+                                        "restore ''",
+                                        "restore a --at '2024-02-30 00:00:00'",
+                                        "restore a --at '2024-02-03 24:00:00'",
+                                        "list --at '2024-01-01'",
+                                        "list --type link",
+                                        "delete ''",
+                                        "delete /",
+                                        "delete 'a*/x'",
+                                        "delete --recursive a",
+                                        "rename a a/",
+                                        "rename a a/b",
+                                        "rename / a",
+                                        "delete-filespace tsmctl"}) {
+        Expect(std::string("tsmctl ") + arguments, 2, "", "tsmctl: ");
+    }
+    Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
+    Expect("tsmctl list --json | wc -l", 0, "4");
+}
+
+TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
+    Expect(
+        "echo 1 > one; echo 2 > two; mkdir deep; cd deep; n=$(printf %0200d 0); for i in 1 2 3 4 5; do mkdir $n; cd "
+        "$n; done; "
+        "echo > ok; mkdir $n; : > $n/far; name=$(printf '%%%.0s' {1..90}); echo > $name",
+        0);
+    Expect("tsmctl backup one none two", 1, "", "tsmctl: none: ");
+    Expect("tsmctl backup deep", 1, "", "too long");
+    Expect("tsmctl list | grep -c -e one -e two -e ok", 0, "3");
+    Expect("TSMCTL_PASSWORD=wrong tsmctl list", 1, "", "cannot sign on: DSM_RC_AUTH_FAILURE (-137)");
+    Expect("tsmctl restore nothing", 1, "", "DSM_RC_ABORT_NO_MATCH (-2)");
+    Expect("tsmctl backup one --class NONE", 1, "", "tsmctl: one: ");
+    Expect("tsmctl list one > /dev/full", 1, "", "standard output");
+    Expect("tsmctl restore one --to - > /dev/full", 1, "", "cannot write");
+    if (Content("/sys/kernel/mm/transparent_hugepage/enabled").empty()) GTEST_SKIP() << "no file that reads short";
+    Expect("tsmctl backup /sys/kernel/mm/transparent_hugepage/enabled", 1, "", "not stored");
+    Expect("tsmctl list enabled", 1, "", "not found");
+}
+
+TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
+    Expect("mkdir d; echo new > d/f; ln -s x d/l; tsmctl -q backup d; echo old > d/f; ln -sfn y d/l", 0);
+    Expect("tsmctl restore d", 1, "", "exists already");
+    Expect("cat d/f; readlink d/l; ls -A d | wc -l", 0, "old\ny\n2\n");
+    Expect("tsmctl restore d --force && cat d/f && readlink d/l", 0, "new\nx\n");
+    Expect("mkdir -p o/f o2; tsmctl restore d/f --to o --force", 1, "", "a directory of this name");
+    Expect("ln -s ../o2 o/d; tsmctl restore d --to o --force", 1, "", "d is in the way");
+    Expect("ls -A o2; tsmctl restore / --to o3 -q && cat o3/d/f", 0, "new\n");
+}
+
+TEST_F(Tsmctl, StandardInputAndOutput) {
+    Expect("head -c 2500000 /dev/urandom > data; cat data | tsmctl backup - --as dumps/a", 0);
+    Expect("tsmctl restore dumps/a --to - | cmp - data && tsmctl verify - --as dumps/a < data", 0);
+    Expect("echo more | cat data - | tsmctl verify - --as dumps/a", 1, "longer here");
+    Expect("tsmctl backup - --as b --size 0 < /dev/null && tsmctl restore b && stat -c '%s %a' b", 0, "0 600\n");
+    for (const char* const size : {"2499999", "2500001"}) {
+        Expect(std::string("tsmctl backup - --as c --size ") + size + " < data", 1, "", "not stored");
+    }
+    Expect("tsmctl list c", 1);
+}
+
+TEST_F(Tsmctl, VerifyNamesEachDifference) {
+    Expect("mkdir t; echo abc > t/f; ln -s a t/l; echo 1 > t/g; tsmctl -q backup t; cp -a t orig", 0);
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"touch -r t/f r; printf abd > t/f; touch -r r t/f", "content differs from byte 2"},
+        {"echo 4 >> t/f; touch -r orig/f t/f", "longer here"},
+        {"chmod 0611 t/f", "mode 0611 here"},
+        {"touch -d @5.5 t/f", "modification time 5.500000000 here"},
+        {"rm t/f", "t/f: is stored and not here"},
+        {"echo > t/new", "t/new: is not stored"},
+        {"ln -sfn b t/l; touch -hr orig/l t/l", "link to b here, to a stored"},
+        {"rm t/f; mkdir t/f", "directory here, file stored"},
+        {"rm t/f; mkfifo t/f", "special file here, file stored"}};
+    for (const auto& [change, line] : cases) {
+        Expect("rm -rf t r; cp -a orig t; tsmctl -q verify t", 0);
+        Expect(std::string(change) + "; tsmctl -q verify t", 1, line);
+    }
+}
+
+TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
+    fs::create_directories(root / "outside");
+    {
+        OtherHost host(root);
+        host.Put("t/evil", "f", "", "bad");
+        host.Put("t", "evil2", "tsmctl1 l 0777 1.000000000 " + std::to_string((root / "outside").native().size()),
+                 (root / "outside").native());
+        host.Put("t", "evil", "tsmctl1 l 0777 1.000000000 2", "..");
+        host.Put("t/evil2", "f", "", "bad");
+        host.Put("t", "..", "", "bad");
+        host.Put("t/..", "up", "", "bad");
+        host.Put("t", "a/b", "", "bad");
+        host.Put("t", "short", "tsmctl1 f 0644 1.000000000 9", "eight...");
+        host.Put("t", "st*r", "", "wild");
+        host.Put("u", "x*", "", "wrong");
+        host.Put("u", "xy", "", "right");
+        host.Put("u", "fine", "hello", "other");
+    }
+    Expect("umask 022; tsmctl restore t --to out", 1, "", "cannot be that of a file here");
+    Expect("tsmctl restore t --to out --force; find out ../outside .. -maxdepth 1 -name f -o -name up -o -name short",
+           0);
+    EXPECT_TRUE(fs::is_empty(root / "outside"));
+    EXPECT_FALSE(fs::exists(root / "work/out/f") || fs::exists(root / "work/out/t/short") ||
+                 fs::exists(root / "work/up"));
+    Expect("cat 'out/t/st*r'", 0, "wild");
+    Expect("tsmctl restore 'u/x*'", 1, "", "other names as well");
+    Expect("tsmctl restore u/fine -q && stat -c %a fine && cat fine", 0, "644\nother");
+    Expect("tsmctl delete --literal 'u/x*'", 1, "", "other names as well");
+    Expect("tsmctl delete --recursive --yes u", 1, "removed u/fine\nremoved u/xy\n", "other names as well");
+    Expect("tsmctl list --literal 'u/x*' --json", 0, R"("path":"u/x*","kind":"file","size":1,"mode":null)");
+}
+
+TEST_F(Tsmctl, MomentsAndVersions) {
+    Expect(
+        "echo one > f; tsmctl -q backup f; sleep 1.1; date '+%F %T' > at; sleep 1.1; echo two > f; tsmctl -q backup f",
+        0);
+    Expect("tsmctl restore f --to - --at \"$(cat at)\"; tsmctl restore f --to -", 0, "one\ntwo\n");
+    Expect("tsmctl list f --all-versions | wc -l; tsmctl list f | wc -l; tsmctl list --at '2001-1-1 0:0:0' | wc -l", 0,
+           "2\n1\n0\n");
+    Expect("tsmctl delete f && tsmctl list f --all-versions | wc -l", 0, "removed f\n2\n");
+    Expect("tsmctl delete f", 1, "", "not found");
+    Expect("tsmctl delete f --all-versions; tsmctl list --all-versions", 0, "removed f (2 versions)\n");
+}
+
+TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
+    Expect(
+        "mkdir -p p/d/e 'p/s*r' q; touch p/d/e/f p/d/g 'p/s*r/x' p/1.a p/2.a p/1.b 'p/%' 'p/*' q/f; tsmctl -q backup p "
+        "q",
+        0);
+    Expect("tsmctl delete p/d", 1, "", "use --recursive");
+    Expect("tsmctl delete 'p/*.a'", 2, "", "without --yes");
+    Expect("tsmctl delete 'p/*.a' --yes; tsmctl list p | grep -c '[ab]$'", 0, "removed p/1.a\nremoved p/2.a\n1\n");
+    Expect("tsmctl delete --literal 'p/*' && tsmctl delete 'p/%'", 0, "removed p/*\nremoved p/%\n");
+    Expect("tsmctl delete q/f", 0, "removed q\nremoved q/f\n");
+    Expect("tsmctl delete --recursive --yes p/d p/none", 1,
+           "removed p/d\nremoved p/d/e\nremoved p/d/e/f\nremoved p/d/g\n");
+    Expect("tsmctl list --json | grep -c path", 0, "4\n");
+    Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl list --all-versions | wc -l", 0,
+           "0\n");
+}
+
+TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
+    Expect(makeTree, 0);
+    Expect("tsmctl -q backup tree --to a/b; mkdir keep; chmod 0700 keep; tsmctl -q backup keep --to a", 0);
+    Expect("tsmctl rename a/b/tree a/keep/tree", 0, "renamed a/b/tree to a/keep/tree");
+    Expect("tsmctl -q verify tree --to a/keep; tsmctl list a --json | grep '\"a/keep\"'; tsmctl list a/b", 1,
+           R"("mode":"0700")");
+    Expect(
+        "tsmctl rename a/keep tree && tsmctl -q verify tree --to tree && tsmctl rename tree/tree new && tsmctl rename "
+        "new tree",
+        0);
+    Expect(
+        "tsmctl -q verify tree && tsmctl rename tree/file tree/sub/deep/file && tsmctl restore tree/sub/deep/file --to "
+        "-",
+        0, "hello");
+    Expect("tsmctl rename tree/sub/deep/file tree/sub/big", 2, "", "without --yes");
+    Expect("tsmctl rename tree/nothing tree/sub", 1, "", "not empty");
+    Expect("tsmctl rename tree/sub tree/nothing/sub", 1, "", "not a directory");
+    Expect("tsmctl rename tree/sub/deep/file tree/sub/big --yes && tsmctl restore tree/sub/big --to -", 0, "hello",
+           "is replaced");
+    Expect("tsmctl rename tree/none x", 1, "", "not found");
+    Expect("mkdir lone; echo > lone/f; chmod 0700 lone; tsmctl -q backup lone; tsmctl -q rename lone/f lone/new/f", 0);
+    Expect("tsmctl list lone --json | grep '\"lone\"'", 0, R"("mode":"0700")");
+}
+
+TEST_F(Tsmctl, ServerCommands) {
+    Expect(
+        "echo 1 > f; tsmctl -q backup f --filespace two; tsmctl -q backup f; tsmctl filespaces | sort | tr '\\n' ' '",
+        0, "tsmctl two ");
+    Expect("tsmctl grant OTHER && tsmctl classes --json", 0, R"({"class":")");
+    Expect("tsmctl delete-filespace two --yes && tsmctl filespaces --json", 0, "{\"filespace\":\"tsmctl\"}\n");
+    Expect("tsmctl delete-filespace two --yes", 1, "", "cannot delete the filespace");
+}
+
+TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
+    Expect("$T backup - --as s < <(sleep 10) & sleep 0.5; kill -INT $!; wait $!", 130, "", "stopped");
+    Expect(
+        "truncate -s 256M big; tsmctl -q backup big; mkdir out; $T restore big --to out & "
+        "until ls -A out | grep -q tsmctl || ! kill -0 $!; do :; done; kill -INT $!; wait $!",
+        130);
+    EXPECT_TRUE(fs::is_empty(root / "work/out"));
+    Expect("tsmctl list s", 1, "", "not found");
+}
+}  // namespace

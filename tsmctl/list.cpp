@@ -1,0 +1,76 @@
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "errors.h"
+#include "listing.h"
+
+namespace {
+// Plain ASCII that stands for exactly these bytes.
+std::string Exact(const std::string& bytes) {
+    std::string text;
+    for (const char c : bytes)
+        text += c > 0x20 && c < 0x7f && c != '%' ? std::string(1, c)
+                                                 : fmt::format("%{:02X}", static_cast<unsigned char>(c));
+    return text;
+}
+
+std::string JsonLine(const StoredObject& object) {
+    nlohmann::ordered_json line;
+    line["path"] = object.Shown();
+    line["kind"] = KindName(object.GetKind());
+    line["size"] = nullptr;
+    line["mode"] = nullptr;
+    line["mtime"] = nullptr;
+    if (object.Size()) line["size"] = *object.Size();
+    if (object.info) {
+        line["mode"] = ModeText(object.info->mode);
+        line["mtime"] = TimeText(object.info->mtime);
+    }
+    line["backupDate"] = object.date;
+    line["filespace"] = object.fileSpace;
+    line["info"] = object.text;
+    line["storedName"] = Exact(object.path + "/" + object.name);
+    return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+void PrintTable(Report& report, const std::vector<StoredObject>& objects) {
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const auto sizeText = [&](const StoredObject& object) -> std::string {
+        if (!object.Size() || object.directory) return "-";
+        return terminal ? HumanSize(static_cast<double>(*object.Size())) : std::to_string(*object.Size());
+    };
+    size_t width = 4;
+    for (const StoredObject& object : objects) width = std::max(width, sizeText(object).size());
+    if (terminal)
+        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  path", "kind", "mode", "size", width, "stored"));
+    for (const StoredObject& object : objects) {
+        const std::string mode = object.info ? ModeText(object.info->mode) : "-";
+        const std::string path = terminal ? Printable(object.Shown()) : object.Shown();
+        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {}  ", KindName(object.GetKind()), mode, sizeText(object), width,
+                                object.date) +
+                    path);
+    }
+}
+}  // namespace
+
+void RunList(Context& context) {
+    const Options& options = context.options;
+    const std::string typed = options.paths.empty() ? "/" : options.paths[0];
+    if (typed.empty()) throw UsageError("an empty path");
+    const NamePattern pattern(ParsePath(typed), !options.literal);
+    Selection selection;
+    selection.allVersions = options.allVersions;
+    selection.at = options.at;
+    selection.objectType = options.type == "dir" ? 1 : options.type == "file" ? 2 : 0;
+    Session session(context.connection);
+    const auto objects = List(session, pattern, Scope::Tree, selection);
+    if (objects.empty() && !pattern.IsRoot() && !pattern.IsWild() && selection.objectType == 0) {
+        context.report.Failed(typed, CodeText("not found", -2));
+    }
+    if (!options.json) return PrintTable(context.report, objects);
+    for (const StoredObject& object : objects) context.report.Line(JsonLine(object));
+}

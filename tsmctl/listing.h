@@ -1,0 +1,45 @@
+// The server's inventory, copied out of the library.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "connection.h"
+#include "info.h"
+#include "names.h"
+
+struct StoredObject {
+    std::string path;  // high-level name as stored
+    std::string name;  // low-level name as stored, without its delimiter
+    long long announced = 0;
+    std::string date;
+    std::string text;
+    std::string fileSpace;
+    bool directory = false;
+    std::optional<Info> info;  // when the text is ours and fits the object
+
+    Parts StoredParts() const;
+    Parts PlainParts() const;
+    std::string Shown() const { return Join(PlainParts()); }
+    Kind GetKind() const;
+    std::optional<long long> Size() const;
+};
+
+enum class Scope { Self, Tree };
+
+struct Selection {
+    bool allVersions = false;
+    std::string at = {};
+    int objectType = 0;
+};
+
+// Every object that the pattern names, with Tree also all that lies below; the root has a Tree only. Ordered by plain
+// name and date.
+std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection);
+
+// Makes sure that the library reads just this object by its name, which may hold bytes that the library gives a
+// meaning to. Throws Failure where it would not.
+void RequireReadable(Session& session, const StoredObject& object, const std::string& at);
+// The same before a change: stricter, since directories on the way may be removed by their names.
+void RequireChangeable(Session& session, const StoredObject& object);

@@ -1,0 +1,164 @@
+#include "names.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "errors.h"
+
+namespace {
+constexpr std::string_view specialBytes = "%\\*?";
+constexpr size_t maxPath = 1024;
+constexpr size_t maxName = 255;
+
+// * matches any run of characters, ? one; linear in memory, backs up to the last * only.
+bool WildcardMatch(std::string_view pattern, std::string_view text) {
+    size_t p = 0;
+    size_t t = 0;
+    size_t star = std::string_view::npos;
+    size_t resume = 0;
+    while (t < text.size()) {
+        if (p < pattern.size() && pattern[p] == '*') {
+            star = p++;
+            resume = t;
+        } else if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
+            ++p;
+            ++t;
+        } else if (star != std::string_view::npos) {
+            p = star + 1;
+            t = ++resume;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of('*', p) == std::string_view::npos;
+}
+
+std::string ServerPattern(std::string_view part) {
+    std::string pattern;
+    for (const char c : part) {
+        const bool special = specialBytes.find(c) != std::string_view::npos;
+        if (!special) {
+            pattern += c;
+        } else if (pattern.empty() || pattern.back() != '*') {
+            pattern += '*';
+        }
+    }
+    return pattern;
+}
+}  // namespace
+
+std::string Escape(std::string_view plain) {
+    std::string stored;
+    for (const char c : plain) {
+        if (specialBytes.find(c) == std::string_view::npos) {
+            stored += c;
+        } else {
+            stored += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+        }
+    }
+    return stored;
+}
+
+std::string Unescape(std::string_view stored) {
+    std::string plain;
+    for (size_t i = 0; i < stored.size(); ++i) {
+        const std::string_view rest = stored.substr(i, 3);
+        const auto same = [&](char c) { return rest == Escape({&c, 1}); };
+        const auto found =
+            rest[0] == '%' ? std::find_if(specialBytes.begin(), specialBytes.end(), same) : specialBytes.end();
+        plain += found == specialBytes.end() ? stored[i] : *found;
+        i += found == specialBytes.end() ? 0 : 2;
+    }
+    return plain;
+}
+
+bool HasWildcard(std::string_view text) {
+    return text.find_first_of("*?") != std::string_view::npos;
+}
+
+Parts SplitAtSlash(std::string_view text) {
+    Parts parts;
+    size_t start = 0;
+    for (size_t end = 0; end != std::string_view::npos; start = end + 1) {
+        end = text.find('/', start);
+        parts.emplace_back(text.substr(start, end == std::string_view::npos ? end : end - start));
+    }
+    return parts;
+}
+
+std::string Join(const Parts& parts) {
+    return fmt::format("{}", fmt::join(parts, "/"));
+}
+
+Parts ParsePath(std::string_view typed) {
+    Parts parts = SplitAtSlash(typed);
+    parts.erase(std::remove(parts.begin(), parts.end(), ""), parts.end());
+    for (const std::string& part : parts) {
+        if (part == "." || part == "..") {
+            throw UsageError(fmt::format("{}: an object path cannot hold \".\" or \"..\"", Printable(typed)));
+        }
+    }
+    return parts;
+}
+
+bool StartsWith(const Parts& parts, const Parts& head) {
+    return parts.size() >= head.size() && std::equal(head.begin(), head.end(), parts.begin());
+}
+
+Parts Append(Parts head, const Parts& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+std::string Printable(std::string_view text) {
+    std::string shown(text);
+    std::replace_if(
+        shown.begin(), shown.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return shown;
+}
+
+StoredName ToStored(const Parts& parts) {
+    Parts stored;
+    for (const std::string& part : parts) stored.push_back(Escape(part));
+    return ToStoredRaw(std::move(stored));
+}
+
+StoredName ToStoredRaw(Parts parts) {
+    for (const std::string& part : parts) {
+        if (part.size() > maxName) {
+            throw Failure(fmt::format("name too long: {} bytes when stored, {} fit", part.size(), maxName));
+        }
+    }
+    StoredName stored;
+    stored.name = std::move(parts.back());
+    parts.pop_back();
+    for (const std::string& part : parts) stored.path += "/" + part;
+    if (stored.path.size() > maxPath) {
+        throw Failure(fmt::format("path too long: {} bytes when stored, {} fit", stored.path.size(), maxPath));
+    }
+    return stored;
+}
+
+NamePattern::NamePattern(Parts plainParts, bool wild) : parts(std::move(plainParts)), wildcards(wild) {}
+
+bool NamePattern::IsWild() const {
+    return wildcards && std::any_of(parts.begin(), parts.end(), [](const auto& part) { return HasWildcard(part); });
+}
+
+bool NamePattern::Matches(const Parts& plain) const {
+    if (plain.size() < parts.size()) return false;
+    return std::equal(parts.begin(), parts.end(), plain.begin(), [this](const auto& pattern, const auto& part) {
+        return wildcards ? WildcardMatch(pattern, part) : pattern == part;
+    });
+}
+
+std::string NamePattern::ServerPath(size_t count) const {
+    std::string path;
+    for (size_t i = 0; i < count; ++i) path += "/" + ServerPattern(parts[i]);
+    return path;
+}
+
+std::string NamePattern::ServerName() const {
+    return ServerPattern(parts.back());
+}

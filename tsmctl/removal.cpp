@@ -1,0 +1,170 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "commands.h"
+#include "errors.h"
+#include "listing.h"
+#include "parallel.h"
+#include "terminal.h"
+#include "tsmconnector.h"
+
+namespace {
+// As shown, which gives the order of the report, and exactly as stored.
+using Key = std::pair<Parts, std::string>;
+
+Key KeyOf(const StoredObject& object) {
+    return {object.PlainParts(), object.path + "/" + object.name};
+}
+
+class Remover {
+public:
+    Remover(Context& owner, Session& signedOn) : context(owner), session(signedOn) {}
+
+    // Adds what the path selects, or throws Failure.
+    void Select(const NamePattern& pattern) {
+        const Options& options = context.options;
+        Selection active;
+        Selection chosen;
+        chosen.allVersions = options.allVersions;
+        chosen.at = options.at;
+        const auto standing = List(session, pattern, Scope::Tree, active);
+        const auto candidates = List(session, pattern, Scope::Tree, chosen);
+        const auto below = [&](const StoredObject& object) { return object.PlainParts().size() > pattern.Depth(); };
+        if (!options.recursive) {
+            for (const StoredObject& object : standing) {
+                if (below(object)) throw Failure("is a directory that holds " + object.Shown() + " (use --recursive)");
+            }
+        }
+        bool found = false;
+        for (const StoredObject& object : candidates) {
+            if (!options.recursive && below(object)) continue;
+            found = true;
+            if (Attempt(context.report, object.Shown(), [&] { RequireChangeable(session, object); })) {
+                objects.emplace(KeyOf(object), object);
+            } else {
+                kept.push_back(object.StoredParts());
+            }
+        }
+        if (!found) throw Failure(CodeText("not found", -2));
+        patterns.push_back(pattern);
+    }
+
+    size_t Count() const { return objects.size(); }
+
+    void Remove() {
+        const auto before = Records();
+        // A directory goes when nothing is left in it, so the deepest names come first, and files before directories.
+        std::vector<const StoredObject*> order;
+        for (const auto& entry : objects) order.push_back(&entry.second);
+        std::sort(order.begin(), order.end(), [](const StoredObject* a, const StoredObject* b) {
+            return std::make_pair(a->directory, b->StoredParts().size()) <
+                   std::make_pair(b->directory, a->StoredParts().size());
+        });
+        for (const StoredObject* object : order) {
+            if (PendingSignal() != 0) break;
+            const Parts parts = object->StoredParts();
+            if (std::any_of(kept.begin(), kept.end(), [&](const Parts& p) { return StartsWith(p, parts); })) continue;
+            if (!Attempt(context.report, object->Shown(), [&] { RemoveOne(*object); })) kept.push_back(parts);
+        }
+        Announce(before, Records());
+    }
+
+private:
+    struct Record {
+        long long versions = 0;
+        Kind kind = Kind::File;
+    };
+    using RecordMap = std::map<Key, Record>;
+
+    void RemoveOne(const StoredObject& object) {
+        session.Check("cannot delete", TsmDelete(session.Handle(), Text(object.path), Text(object.name),
+                                                 context.options.allVersions ? 1 : 0, TextOrNull(context.options.at)));
+    }
+
+    // What is stored in reach of this deletion, which may also take emptied directories on the way up.
+    RecordMap Records() {
+        Selection selection;
+        selection.allVersions = context.options.allVersions;
+        RecordMap records;
+        std::set<Parts> ancestors;
+        for (const NamePattern& pattern : patterns) {
+            for (size_t depth = 1; depth < pattern.Depth(); ++depth) {
+                ancestors.emplace(pattern.Plain().begin(),
+                                  pattern.Plain().begin() + static_cast<std::ptrdiff_t>(depth));
+            }
+            Add(records, List(session, pattern, Scope::Tree, selection));
+        }
+        for (const Parts& parts : ancestors) {
+            Add(records, List(session, NamePattern(parts, false), Scope::Self, selection));
+        }
+        return records;
+    }
+
+    // Two patterns may list the same object, which counts once.
+    static void Add(RecordMap& records, const std::vector<StoredObject>& list) {
+        RecordMap found;
+        for (const StoredObject& object : list) {
+            Record& record = found[KeyOf(object)];
+            record = {record.versions + 1, object.GetKind()};
+        }
+        records.merge(found);
+    }
+
+    void Announce(const RecordMap& before, const RecordMap& after) {
+        for (const auto& [key, record] : before) {
+            const auto rest = after.find(key);
+            const long long gone = record.versions - (rest == after.end() ? 0 : rest->second.versions);
+            if (gone > 0) {
+                const std::string versions =
+                    context.options.allVersions ? fmt::format(" ({} version{})", gone, gone == 1 ? "" : "s") : "";
+                context.report.Line("removed " + Join(key.first) + versions);
+                context.report.Count(record.kind);
+            }
+        }
+        for (const auto& entry : objects) {
+            const auto was = before.find(entry.first);
+            const auto is = after.find(entry.first);
+            const bool stays = was != before.end() && is != after.end() && is->second.versions >= was->second.versions;
+            const bool told = std::count(kept.begin(), kept.end(), entry.second.StoredParts()) > 0;
+            if (stays && !told && PendingSignal() == 0) context.report.Failed(entry.second.Shown(), "is still there");
+        }
+    }
+
+    Context& context;
+    Session& session;
+    std::vector<NamePattern> patterns;
+    std::map<Key, StoredObject> objects;
+    std::vector<Parts> kept;  // reported already; the directories above them stay
+};
+
+NamePattern PatternOf(const std::string& typed, const Options& options) {
+    const Parts parts = ParsePath(typed);
+    if (typed.empty()) throw UsageError("an empty path deletes nothing; the top is /");
+    if (parts.empty() && !options.recursive) throw UsageError("/: deleting everything takes --recursive");
+    if (!parts.empty() && NamePattern(Parts(parts.begin(), parts.end() - 1), !options.literal).IsWild()) {
+        throw UsageError(typed + ": wildcards stand in the last part only (--literal takes them as they are)");
+    }
+    return {parts, !options.literal};
+}
+}  // namespace
+
+void RunDelete(Context& context) {
+    std::vector<NamePattern> patterns;
+    for (const std::string& typed : context.options.paths) patterns.push_back(PatternOf(typed, context.options));
+    Session session(context.connection);
+    session.Handle();
+    Remover remover(context, session);
+    for (size_t i = 0; i < patterns.size(); ++i) {
+        Attempt(context.report, context.options.paths[i], [&] { remover.Select(patterns[i]); });
+    }
+    const std::string question = fmt::format("delete {} objects", remover.Count());
+    if (remover.Count() > 1 && !Confirmed(context.options.yes, question, "yes")) {
+        throw Failure("not confirmed, nothing deleted");
+    }
+    if (remover.Count() > 0) remover.Remove();
+    CheckInterrupt();
+    context.report.Summary("delete");
+}

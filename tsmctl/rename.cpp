@@ -1,0 +1,201 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "commands.h"
+#include "errors.h"
+#include "listing.h"
+#include "parallel.h"
+#include "terminal.h"
+#include "transfer.h"
+#include "tsmconnector.h"
+
+namespace {
+struct Move {
+    StoredObject from;  // one of the versions; all of them move
+    StoredName to;
+    Parts toParts;  // as stored
+    bool active = false;
+};
+
+std::string FullName(const std::string& path, const std::string& name) {
+    return path + "/" + name;
+}
+
+// Renaming a directory means renaming object by object, since the server knows no trees. The directory objects go
+// first, each before what it holds: they find their new place free, and the objects that follow find their directory.
+class Renamer {
+public:
+    Renamer(Context& owner, Session& signedOn, Parts oldParts, Parts newParts)
+        : context(owner), session(signedOn), from(std::move(oldParts)), to(std::move(newParts)) {}
+
+    void Run() {
+        PlanMoves();
+        CheckTarget();
+        const auto ancestors = Ancestors();
+        for (const Move& move : moves) {
+            if (PendingSignal() != 0) break;
+            const bool done = Attempt(context.report, move.from.Shown(), [&] { Rename(move); });
+            // Objects that follow would make this directory anew, without its mode and time.
+            if (!done && move.from.directory) break;
+        }
+        KeepAncestors(ancestors);
+        Confirm();
+        CheckInterrupt();
+    }
+
+private:
+    void PlanMoves() {
+        Selection all;
+        all.allVersions = true;
+        std::map<std::string, Move> byName;
+        std::set<std::string> targets;
+        Parts newStored;
+        for (const std::string& part : to) newStored.push_back(Escape(part));
+        for (const StoredObject& object : List(session, NamePattern(from, false), Scope::Tree, all)) {
+            const std::string name = FullName(object.path, object.name);
+            const auto known = byName.find(name);
+            if (known != byName.end()) {
+                if (known->second.from.directory != object.directory) {
+                    throw Failure(object.Shown() + " has versions of two kinds; renaming would lose one of them");
+                }
+                continue;
+            }
+            RequireChangeable(session, object);
+            if (HasWildcard(object.name)) throw Failure(object.Shown() + ": its name cannot be renamed safely");
+            const Parts stored = object.StoredParts();
+            const Parts rest(stored.begin() + static_cast<std::ptrdiff_t>(from.size()), stored.end());
+            const Parts target = Append(newStored, rest);
+            if (!targets.insert(Join(target)).second) throw Failure(object.Shown() + ": shares its new name");
+            byName.emplace(name, Move{object, ToStoredRaw(target), target, false});
+        }
+        if (byName.empty()) throw Failure(CodeText("not found", -2));
+        for (const StoredObject& object : List(session, NamePattern(from, false), Scope::Tree, {})) {
+            byName.at(FullName(object.path, object.name)).active = true;
+        }
+        for (auto& entry : byName) moves.push_back(std::move(entry.second));
+        std::stable_sort(moves.begin(), moves.end(), [](const Move& a, const Move& b) {
+            return std::make_pair(!a.from.directory, a.toParts.size()) <
+                   std::make_pair(!b.from.directory, b.toParts.size());
+        });
+    }
+
+    // Refuses what would mix two trees, and asks before anything stored is lost.
+    void CheckTarget() {
+        for (const StoredObject& object : List(session, NamePattern(to, false), Scope::Tree, {})) {
+            if (object.PlainParts().size() > to.size()) throw Failure(Join(to) + " is a directory that is not empty");
+        }
+        for (size_t depth = 1; depth < to.size(); ++depth) {
+            const Parts above(to.begin(), to.begin() + static_cast<std::ptrdiff_t>(depth));
+            for (const StoredObject& object : List(session, NamePattern(above, false), Scope::Self, {})) {
+                if (!object.directory) throw Failure(object.Shown() + " is not a directory");
+            }
+        }
+        Selection all;
+        all.allVersions = true;
+        std::set<std::string> taken;
+        for (const StoredObject& object : List(session, NamePattern(to, false), Scope::Tree, all)) {
+            taken.insert(FullName(object.path, object.name));
+        }
+        size_t replaced = 0;
+        for (const Move& move : moves) {
+            if (taken.count(FullName(move.to.path, move.to.name)) == 0) continue;
+            ++replaced;
+            context.report.Warn(Unescape(Join(move.toParts)), "is taken; every version stored there is replaced");
+        }
+        const std::string question = fmt::format("replace {} objects", replaced);
+        if (replaced > 0 && !Confirmed(context.options.yes, question, "yes")) {
+            throw Failure("not confirmed, nothing renamed");
+        }
+    }
+
+    void Rename(const Move& move) {
+        session.Check("cannot rename", TsmRenameBackup(session.Handle(), move.from.path.c_str(), move.from.name.c_str(),
+                                                       move.to.path.c_str(), move.to.name.c_str()));
+    }
+
+    // The directory objects above both names. The library may remove one that is empty for a moment, and makes it
+    // anew without its info.
+    std::vector<StoredObject> Ancestors() {
+        std::set<Parts> above;
+        for (const Parts& parts : {from, to}) {
+            for (size_t depth = 1; depth < parts.size(); ++depth) {
+                above.emplace(parts.begin(), parts.begin() + static_cast<std::ptrdiff_t>(depth));
+            }
+        }
+        std::vector<StoredObject> found;
+        for (const Parts& parts : above) {
+            for (StoredObject& object : List(session, NamePattern(parts, false), Scope::Self, {})) {
+                if (object.info) found.push_back(std::move(object));
+            }
+        }
+        return found;
+    }
+
+    // Also after a signal, which Attempt would heed.
+    void KeepAncestors(const std::vector<StoredObject>& ancestors) {
+        for (const StoredObject& directory : ancestors) {
+            try {
+                KeepAncestor(directory);
+            } catch (const Failure& failure) {
+                context.report.Failed(directory.Shown(), failure.what());
+            }
+        }
+    }
+
+    void KeepAncestor(const StoredObject& directory) {
+        const NamePattern pattern(directory.PlainParts(), false);
+        const auto now = List(session, pattern, Scope::Self, {});
+        const bool kept = std::any_of(now.begin(), now.end(), [](const auto& object) { return bool(object.info); });
+        // One that holds nothing any more goes for good.
+        if (kept || (now.empty() && List(session, pattern, Scope::Tree, {}).empty())) return;
+        Upload(session, {directory.path, directory.name}, 0, *directory.info, "").Commit();
+    }
+
+    // The library's 0 is no proof: what counts is where the objects are now.
+    void Confirm() {
+        std::set<std::string> stored;
+        std::set<std::string> active;
+        for (const bool everything : {true, false}) {
+            Selection selection;
+            selection.allVersions = everything;
+            for (const StoredObject& object : List(session, NamePattern(to, false), Scope::Tree, selection)) {
+                (everything ? stored : active).insert(FullName(object.path, object.name));
+            }
+        }
+        size_t there = 0;
+        for (const Move& move : moves) {
+            const std::string name = FullName(move.to.path, move.to.name);
+            if ((move.active ? active : stored).count(name) == 0) {
+                if (PendingSignal() == 0) context.report.Failed(move.from.Shown(), "is not at its new name");
+                continue;
+            }
+            ++there;
+            context.report.Count(move.from.GetKind());
+        }
+        if (there > 0)
+            context.report.Line(
+                fmt::format("renamed {} to {} ({} of {} objects)", Join(from), Join(to), there, moves.size()));
+    }
+
+    Context& context;
+    Session& session;
+    const Parts from;
+    const Parts to;
+    std::vector<Move> moves;
+};
+}  // namespace
+
+void RunRename(Context& context) {
+    const Parts from = ParsePath(context.options.paths[0]);
+    const Parts to = ParsePath(context.options.paths[1]);
+    if (from.empty() || to.empty()) throw UsageError("the top cannot be renamed, nor be a new name");
+    if (from == to) throw UsageError("both names are the same");
+    if (StartsWith(to, from)) throw UsageError("the new name lies inside the old one");
+    ToStored(to);
+    Session session(context.connection);
+    Attempt(context.report, Join(from), [&] { Renamer(context, session, from, to).Run(); });
+    context.report.Summary("rename");
+}

@@ -1,0 +1,118 @@
+#include "report.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+
+#include "names.h"
+
+std::string HumanSize(double bytes) {
+    const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
+    size_t unit = 0;
+    for (; bytes >= 1024 && unit + 1 < std::size(units); ++unit) bytes /= 1024;
+    return unit == 0 ? fmt::format("{:.0f} B", bytes) : fmt::format("{:.1f} {}", bytes, units[unit]);
+}
+
+Report::Report(bool isQuiet) : quiet(isQuiet), bar(!isQuiet && isatty(STDERR_FILENO) == 1) {}
+
+void Report::Say(const std::string& text) {
+    Erase();
+    const std::string line = "tsmctl: " + text + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+void Report::Failed(std::string_view subject, std::string_view text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++failures;
+    Say(fmt::format("{}: {}", Printable(subject), Printable(text)));
+}
+
+void Report::Warn(std::string_view subject, std::string_view text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    Say(fmt::format("{}: warning: {}", Printable(subject), Printable(text)));
+}
+
+void Report::Line(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    Erase();
+    std::fwrite((text + "\n").data(), 1, text.size() + 1, stdout);
+}
+
+void Report::Differs(const std::string& text) {
+    Line(text);
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++differences;
+}
+
+void Report::ExpectBytes(long long total) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    totalBytes = total;
+}
+
+void Report::Advance(size_t count) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    bytes += static_cast<long long>(count);
+    Draw();
+}
+
+void Report::Count(Kind kind) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++counts[kind];
+    Draw();
+}
+
+double Report::Seconds() const {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+void Report::Draw() {
+    const auto now = Clock::now();
+    if (!bar || bytes == 0 || now - drawn < std::chrono::milliseconds(100)) return;
+    drawn = now;
+    onScreen = true;
+    const double rate = static_cast<double>(bytes) / Seconds();
+    std::string line = fmt::format("{}  {}/s", HumanSize(static_cast<double>(bytes)), HumanSize(rate));
+    if (totalBytes > 0) {
+        const double part = std::min(1.0, static_cast<double>(bytes) / static_cast<double>(totalBytes));
+        const auto marks = static_cast<size_t>(part * 24);
+        const auto left = rate > 0 ? static_cast<long>(static_cast<double>(totalBytes - bytes) / rate) : 0L;
+        line = fmt::format("[{}{}] {:3.0f}%  {} of {}  {}/s  {}:{:02} left", std::string(marks, '#'),
+                           std::string(24 - marks, '-'), part * 100, HumanSize(static_cast<double>(bytes)),
+                           HumanSize(static_cast<double>(totalBytes)), HumanSize(rate), std::max(left, 0L) / 60,
+                           std::max(left, 0L) % 60);
+    }
+    fmt::print(stderr, "\r{}\033[K", line);
+}
+
+void Report::Erase() {
+    if (onScreen) std::fputs("\r\033[K", stderr);
+    onScreen = false;
+}
+
+void Report::Summary(const std::string& command) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    Erase();
+    if (quiet) return;
+    std::string text = command + ":";
+    for (const auto& [kind, count] : counts) {
+        const char* const plural = kind == Kind::Directory ? "directories" : nullptr;
+        text += count == 1 || plural ? fmt::format(" {} {},", count, count == 1 ? KindName(kind) : plural)
+                                     : fmt::format(" {} {}s,", count, KindName(kind));
+    }
+    if (bytes > 0) text += fmt::format(" {} bytes", bytes);
+    text += fmt::format(" in {:.2f} s", Seconds());
+    if (differences > 0) text += fmt::format(", {} differences", differences);
+    if (failures > 0) text += fmt::format(", {} failed", failures);
+    Say(text);
+}
+
+bool Report::AllDone() {
+    const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (!written) Failed("standard output", "cannot write");
+    const std::lock_guard<std::mutex> lock(mutex);
+    Erase();
+    return failures == 0 && differences == 0;
+}

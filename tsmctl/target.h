@@ -1,0 +1,47 @@
+// The folder that a restore writes into. Nothing leaves it: every step goes through an open directory and no symbolic
+// link on the way is followed, whether the restore made it or found it.
+#pragma once
+
+#include <string>
+
+#include "info.h"
+#include "local.h"
+
+class TargetFolder {
+public:
+    // Creates the folder where it is missing. The folder itself may be reached through links.
+    explicit TargetFolder(const std::string& path);
+
+    // Opens a directory below; creates what is missing of it, the last level with the mode.
+    UniqueFd Open(const Parts& parts, mode_t mode = 0777) const;
+
+private:
+    UniqueFd root;
+};
+
+// Throws Failure for a part that no file can be called, or that leads elsewhere.
+void RequireSafe(const Parts& parts);
+
+// A file that has its own name only when Publish has been called; until then it has a temporary one, and it is
+// removed when the object ends.
+class NewEntry {
+public:
+    // directory outlives the entry. Throws Failure where the name is taken and may not be replaced.
+    NewEntry(const UniqueFd& directory, std::string name, bool replace);
+    ~NewEntry();
+    NewEntry(const NewEntry&) = delete;
+    NewEntry& operator=(const NewEntry&) = delete;
+
+    int CreateFile();
+    void CreateLink(const std::string& target);
+    // Without an info, a file gets the other mode.
+    void Publish(const std::optional<Info>& info, mode_t otherMode);
+
+private:
+    const UniqueFd& directory;
+    const std::string name;
+    const std::string temporary;
+    const bool replace;
+    UniqueFd file;
+    bool exists = false;
+};
