@@ -32,24 +32,26 @@ bool CopyField(char (&field)[FieldSize], const char* text) {
     return true;
 }
 
-// Calls operation on the session of handle, outside the lock.
-template <class... Parameters, class Result, class... Arguments>
-Result Forward(pthread_mutex_t& mutex, const std::map<int, TsmSession*>& sessions, int handle,
-               Result (TsmSession::*operation)(Parameters...), Arguments&&... arguments) {
-    TsmSession* session = nullptr;
-    {
-        const Lock lock(mutex);
-        const auto found = sessions.find(handle);
-        if (found != sessions.end()) session = found->second;
-    }
-    if (session == nullptr) return -DSM_RC_INVALID_DS_HANDLE;
-    return (session->*operation)(arguments...);
-}
-
 }  // namespace
 
 TsmApi::TsmApi() = default;
 TsmApi::~TsmApi() = default;
+
+template <class... Parameters, class Result, class... Arguments>
+Result TsmApi::Forward(int handle, Result (TsmSession::*operation)(Parameters...), Arguments&&... arguments) {
+    TsmSession* session;
+    {
+        const Lock lock(mutex);
+        if (recent == nullptr || recentHandle != handle) {
+            const auto found = sessions.find(handle);
+            if (found == sessions.end()) return -DSM_RC_INVALID_DS_HANDLE;
+            recent = found->second;
+            recentHandle = handle;
+        }
+        session = recent;
+    }
+    return (session->*operation)(arguments...);
+}
 
 int TsmApi::InitTsmApi(char* configFile, char* logDir, char* apiDir, char* applicationTypeArg) {
     if (dpsMutexInit(&mutex) != 0) std::exit(0);
@@ -93,6 +95,7 @@ int TsmApi::OpenSession(char* nodeName, char* ownerName, char* password, char* o
         // The API gave the handle out anew: whatever stands under it is no session any more.
         const auto stale = sessions.find(handle);
         if (stale != sessions.end()) {
+            recent = nullptr;
             delete stale->second;
             sessions.erase(stale);
         }
@@ -107,6 +110,7 @@ int TsmApi::CloseSession(int handle) {
     const Lock lock(mutex);
     const auto found = sessions.find(handle);
     if (found == sessions.end()) return 0;
+    recent = nullptr;
     const int result = found->second->CloseSession();
     delete found->second;
     sessions.erase(found);
@@ -121,6 +125,7 @@ int TsmApi::ReleaseTsmApi() {
             delete entry.second;
         }
         sessions.clear();
+        recent = nullptr;
     }
     dpsMutexDestroy(&mutex);
     delete[] applicationType;
@@ -130,76 +135,76 @@ int TsmApi::ReleaseTsmApi() {
 }
 
 int TsmApi::ConnectToFileSpace(int handle, char* name) {
-    return Forward(mutex, sessions, handle, &TsmSession::ConnectToFileSpace, name);
+    return Forward(handle, &TsmSession::ConnectToFileSpace, name);
 }
 
 int TsmApi::GetFileSpaces(int handle, char**& list) {
-    return Forward(mutex, sessions, handle, &TsmSession::GetFileSpaces, list);
+    return Forward(handle, &TsmSession::GetFileSpaces, list);
 }
 
 int TsmApi::EndGetFileSpaces(int handle) {
-    return Forward(mutex, sessions, handle, &TsmSession::EndGetFileSpaces);
+    return Forward(handle, &TsmSession::EndGetFileSpaces);
 }
 
 int TsmApi::DeleteFileSpace(int handle, char* name) {
-    return Forward(mutex, sessions, handle, &TsmSession::DeleteFileSpace, name);
+    return Forward(handle, &TsmSession::DeleteFileSpace, name);
 }
 
 int TsmApi::SetAccess(int handle, char* node, char* fileSpace, char* unused) {
-    return Forward(mutex, sessions, handle, &TsmSession::SetAccess, node, fileSpace, unused);
+    return Forward(handle, &TsmSession::SetAccess, node, fileSpace, unused);
 }
 
 int TsmApi::GetMgmtClasses(int handle, char**& list) {
-    return Forward(mutex, sessions, handle, &TsmSession::GetMgmtClasses, list);
+    return Forward(handle, &TsmSession::GetMgmtClasses, list);
 }
 
 int TsmApi::EndGetMgmtClasses(int handle) {
-    return Forward(mutex, sessions, handle, &TsmSession::EndGetMgmtClasses);
+    return Forward(handle, &TsmSession::EndGetMgmtClasses);
 }
 
 int TsmApi::BeginBackup(int handle, char* path, char* name, long long size, char* objInfo, char* mgmtClass) {
-    return Forward(mutex, sessions, handle, &TsmSession::BeginBackup, path, name, size, objInfo, mgmtClass);
+    return Forward(handle, &TsmSession::BeginBackup, path, name, size, objInfo, mgmtClass);
 }
 
 int TsmApi::SendData(int handle, unsigned char* buffer, int length) {
-    return Forward(mutex, sessions, handle, &TsmSession::SendData, buffer, length);
+    return Forward(handle, &TsmSession::SendData, buffer, length);
 }
 
 int TsmApi::EndBackup(int handle) {
-    return Forward(mutex, sessions, handle, &TsmSession::EndBackup);
+    return Forward(handle, &TsmSession::EndBackup);
 }
 
 int TsmApi::GetBackupInfo(int handle, char* path, char* name, bool activeOnly, int objectType, TsmObject*& objects) {
-    return Forward<char*, char*, bool, int, TsmObject*&>(mutex, sessions, handle, &TsmSession::GetBackupInfo, path,
-                                                         name, activeOnly, objectType, objects);
+    return Forward<char*, char*, bool, int, TsmObject*&>(handle, &TsmSession::GetBackupInfo, path, name, activeOnly,
+                                                         objectType, objects);
 }
 
 int TsmApi::GetBackupInfo(int handle, char* path, char* name, char* pointInTime, int objectType, TsmObject*& objects) {
-    return Forward<char*, char*, char*, int, TsmObject*&>(mutex, sessions, handle, &TsmSession::GetBackupInfo, path,
-                                                          name, pointInTime, objectType, objects);
+    return Forward<char*, char*, char*, int, TsmObject*&>(handle, &TsmSession::GetBackupInfo, path, name, pointInTime,
+                                                          objectType, objects);
 }
 
 int TsmApi::EndGetBackupInfo(int handle) {
-    return Forward(mutex, sessions, handle, &TsmSession::EndGetBackupInfo);
+    return Forward(handle, &TsmSession::EndGetBackupInfo);
 }
 
 long long TsmApi::BeginRestore(int handle, char* path, char* name, char* pointInTime) {
-    return Forward(mutex, sessions, handle, &TsmSession::BeginRestore, path, name, pointInTime);
+    return Forward(handle, &TsmSession::BeginRestore, path, name, pointInTime);
 }
 
 int TsmApi::GetData(int handle, unsigned char*& buffer, int size) {
-    return Forward(mutex, sessions, handle, &TsmSession::GetData, buffer, size);
+    return Forward(handle, &TsmSession::GetData, buffer, size);
 }
 
 int TsmApi::EndRestore(int handle) {
-    return Forward(mutex, sessions, handle, &TsmSession::EndRestore);
+    return Forward(handle, &TsmSession::EndRestore);
 }
 
 int TsmApi::Delete(int handle, char* path, char* name, bool allVersions, char* pointInTime) {
-    return Forward(mutex, sessions, handle, &TsmSession::Delete, path, name, allVersions, pointInTime);
+    return Forward(handle, &TsmSession::Delete, path, name, allVersions, pointInTime);
 }
 
 int TsmApi::RenameBackup(int handle, const char* oldPath, const char* oldName, const char* newPath,
                          const char* newName) {
-    return Forward(mutex, sessions, handle, &TsmSession::RenameBackup, oldPath, oldName, newPath, newName);
+    return Forward(handle, &TsmSession::RenameBackup, oldPath, oldName, newPath, newName);
 }

@@ -53,6 +53,10 @@ public:
     int RenameBackup(int handle, const char* oldPath, const char* oldName, const char* newPath, const char* newName);
 
 private:
+    // Calls operation on the session of handle, outside the lock.
+    template <class... Parameters, class Result, class... Arguments>
+    Result Forward(int handle, Result (TsmSession::*operation)(Parameters...), Arguments&&... arguments);
+
     friend int ::TsmInitApi(char* configFile, char* logDir, char* apiDir, char* applicationType);
 
     pthread_mutex_t mutex;                // from InitTsmApi to ReleaseTsmApi
@@ -60,6 +64,8 @@ private:
     dsmApiVersionEx apiVersion = {};      // handed to every sign-on
     char* applicationType = nullptr;      // owned; null: the sessions' default
     bool initialised = false;             // InitTsmApi went through
+    TsmSession* recent = nullptr;         // what was looked up last, with its handle; null: look it up
+    int recentHandle = 0;
 };
 
 #endif

@@ -21,7 +21,7 @@
  *     -2014  no such session: unknown handle, or the library not initialised
  *     -2041  called in the wrong order
  *     -2061  no filespace connected (TsmConnectToFileSpace)
- *     -2120  a text too long for its field
+ *     -2120  a text too long for its field (a rename's, with its time, later)
  *   and in the middle of an operation:
  *     -102   no memory
  *     -1     the API contradicted itself
@@ -41,8 +41,8 @@
  *   of a path is dropped and one at its start is added where it is missing, so
  *   "a/b", "/a/b" and "a/b/" are the same path; "" and "/" are the top of the
  *   filespace. With the delimiter in front, a path takes up to 1024 bytes, a
- *   name (and each directory of the path of a backup) up to 256, that is 255
- *   bytes of the host's own.
+ *   name (and each directory of a path to back up or rename to) up to 256, that
+ *   is 255 bytes of the host's own.
  *   Names are treated in two ways. A backup and a restore take the name as it
  *   is and put the delimiter in front: "/x" becomes "//x", and "a\b" keeps its
  *   backslash. Listings, deletions and renames treat the name like a path, so
@@ -53,7 +53,8 @@
  *   "year-month-day hour:minute:second" in the server's local time, leading
  *   zeros optional, parts left off at the end are 0. TsmObject.backupDate has
  *   this form. A text that is no moment is not refused: what cannot be read is
- *   0, and a moment of zeros means every version. Check what users typed.
+ *   0, and a moment of zeros means none: listings and restores then take every
+ *   version. Check what users typed.
  *
  * Flags
  *   An int that is a flag means yes exactly when it is 1.
@@ -198,9 +199,10 @@ TSM_API int TsmEndGetMgmtClasses(int handle);
 /* ------------------------------------------------------------- backup */
 
 /*
- * Opens an object for writing, in a transaction of its own, and creates the
- * directory objects of its path that are missing. After 0, call TsmSendData as
- * often as needed and then TsmEndBackup; nothing is stored before that.
+ * Creates the directory objects of the path that are missing, each for good at
+ * once, and opens an object for writing in a transaction of its own. After 0,
+ * call TsmSendData as often as needed and then TsmEndBackup; the object is not
+ * stored before that.
  *   size  expected bytes. 0 stores a directory object, which takes no data: to
  *         store an empty file, announce another size and send nothing. A
  *         negative size comes back as the negative result of TsmBeginRestore.
@@ -227,15 +229,18 @@ TSM_API int TsmBeginBackupEx(int handle, char* path, char* name, long long size,
  * Sends length bytes as the next part of the open object. The buffer is only
  * read and is free again on return; the library copies it once, so a call
  * takes length bytes of memory.
- * Returns 0 when the API took all of it, or a negative code. After a failure
- * close the session: TsmEndBackup could commit what was sent so far as if it
+ * Returns 0 when the API took all of it (or gave the transaction up without a
+ * reason: TsmEndBackup then fails), or a negative code. After a failure close
+ * the session: TsmEndBackup could commit what was sent so far as if it
  * were the whole object.
  */
 TSM_API int TsmSendData(int handle, unsigned char* buffer, int length);
 
 /*
  * Ends the open object and commits it. After 0 it is stored for good and
- * visible to all; after a negative value it is not stored.
+ * visible to all; after a negative value it is not stored. The result is that
+ * of the commit: where the API failed to end the object but committed all the
+ * same, it is 0, and only a listing tells.
  */
 TSM_API int TsmEndBackup(int handle);
 
@@ -317,8 +322,9 @@ TSM_API int TsmEndRestore(int handle);
  * Releases the session's inventory.
  * Returns 0, also when nothing matched, or a negative code at the first
  * failure (-2302 for a transaction that the server refused); what was deleted
- * before it stays deleted. After a failed deletion its transaction may be open:
- * call TsmEndBackup or close the session.
+ * before it stays deleted. A transaction may be left open, after a failure and,
+ * where the climb failed, also after 0: when the next call answers -2041, call
+ * TsmEndBackup or close the session.
  */
 TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char* pointInTime);
 
@@ -334,8 +340,9 @@ TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char*
  * Releases the session's inventory.
  * Returns 0, -2 when nothing is stored under the old name, or a negative code.
  * 0 is also what a transaction that the server gave up without a reason leaves:
- * list the new name to be sure. After a failure a transaction may be open: call
- * TsmEndBackup or close the session.
+ * list the new name to be sure. With a taken new name, the path takes 25 bytes
+ * less and the name too (-2120 otherwise, before anything is deleted). A
+ * transaction may be left open as by TsmDelete.
  */
 TSM_API int TsmRenameBackup(int handle, const char* oldPath, const char* oldName, const char* newPath,
                             const char* newName);

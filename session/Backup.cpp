@@ -4,14 +4,13 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
 
+#include "session/Inventory.h"
 #include "session/NameList.h"
 #include "session/ObjectName.h"
 #include "session/Result.h"
 #include "session/TsmSession.h"
 #include "util/Helpers.h"
-#include "util/StringUtil.h"
 
 namespace {
 
@@ -36,50 +35,43 @@ int Commit(TsmSession& session, dsUint32_t handle, const char* failed, const cha
 
 }  // namespace
 
-int SplitLevels(const std::string& path, const char* delimiter, std::vector<Level>& levels) {
-    const std::vector<std::string> parts = StringUtil::Split(path, delimiter[0]);
-    if (parts.size() < 2) return 0;
-    std::string hl = parts[0];
-    for (std::size_t i = 1; i < parts.size(); ++i) {
-        const std::string ll = delimiter + parts[i];
-        if (!Fits(hl, ll)) return -DSM_RC_STRING_TOO_LONG;
-        levels.push_back({hl, ll});
-        hl += ll;
-    }
-    return 0;
+int CheckLevels(std::string_view path, std::string_view delimiter) {
+    if (delimiter.size() == 1 && path.size() <= DSM_MAX_LL_LENGTH) return 0;  // no level is longer than the path
+    return ForEachLevel(path, delimiter, [](std::string_view hl, std::string_view ll) {
+        return Fits(hl, ll) ? 0 : -DSM_RC_STRING_TOO_LONG;
+    });
 }
 
 int TsmSession::BeginBackup(char* path, char* name, long long size, char* objInfo, char* mgmtClass) {
     if (path == nullptr || name == nullptr) return -DSM_RC_NULL_OBJNAME;
     return NoThrow([&] {
-        std::string directory = Rooted(path, dirDelimiter);
-        const std::string hl = EmptyRoot(directory, dirDelimiter);
-        const std::string ll = std::string(dirDelimiter) + name;
+        const std::string_view delimiter = dirDelimiter;
+        std::string directory = Rooted(path, delimiter).Text();
+        const char* hl = directory == delimiter ? "" : directory.c_str();
+        const std::string ll = Under(name, delimiter).Text();
         // Whatever would be refused is refused before the first directory object is created.
-        dsmObjName checked;
-        if (const int refused = FillObjectName(checked, fileSpaceName, hl, ll, DSM_OBJ_FILE)) return refused;
+        if (const int refused = CheckObjectName(fileSpaceName, hl, ll)) return refused;
         if (objInfo != nullptr && std::strlen(objInfo) > maxObjInfoLength) return -DSM_RC_STRING_TOO_LONG;
         if (const int failure = _BackupDirectories(directory.data(), mgmtClass)) return failure;
-        return _BeginBackup(hl.c_str(), ll.c_str(), size, objInfo, mgmtClass);
+        return _BeginBackup(hl, ll.c_str(), size, objInfo, mgmtClass);
     });
 }
 
 int TsmSession::_BackupDirectories(char* path, char* mgmtClass) {
     return NoThrow([&] {
-        std::vector<Level> levels;
-        if (const int refused = SplitLevels(path, dirDelimiter, levels)) return refused;
-        for (Level& level : levels) {
-            TsmObject* objects = nullptr;
-            const int found = GetBackupInfo(level.hl.data(), level.ll.data(), true, TSM_OBJECTS_DIRECTORIES, objects);
+        const std::string_view delimiter = dirDelimiter;
+        if (const int refused = CheckLevels(path, delimiter)) return refused;
+        return ForEachLevel(path, delimiter, [&](std::string_view hl, std::string_view ll) {
+            const int found = CountObjects({handle, fileSpaceName}, AsWritten(HighLevelPattern(hl, delimiter)),
+                                           AsWritten(Rooted(ll, delimiter)), true, TSM_OBJECTS_DIRECTORIES);
             EndGetBackupInfo();
             if (found < 0) return found;
-            if (found > 0) continue;
-            if (const int failure = _BeginBackup(level.hl.c_str(), level.ll.c_str(), 0, nullptr, mgmtClass)) {
-                return failure;
-            }
-            if (const int failure = EndBackup()) return failure;
-        }
-        return 0;
+            if (found > 0) return 0;
+            const std::string above(hl);
+            const std::string name(ll);
+            if (const int failure = _BeginBackup(above.c_str(), name.c_str(), 0, nullptr, mgmtClass)) return failure;
+            return EndBackup();
+        });
     });
 }
 

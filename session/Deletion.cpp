@@ -3,9 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "session/ObjectName.h"
-#include "session/Query.h"
-#include "session/Result.h"
+#include "session/Inventory.h"
 #include "session/TsmSession.h"
 #include "util/StringUtil.h"
 
@@ -38,11 +36,11 @@ int Remove(dsUint32_t handle, Entry& entry, dsUint16_t& reason) {
     return NegatedReason(reason);
 }
 
-// Finds the objects and removes them in the server's order. Returns 0 when all are gone or none was found, and the
-// directory may then be looked at; hl receives its high-level name.
+// Finds the objects and removes them in the server's order. Returns 0 when all are gone, none was found or the
+// query broke off, and the directory may then be looked at; hl receives its high-level name.
 int RemoveMatching(dsUint32_t handle, const char* fs, const char* delimiter, const char* path, const char* name,
                    bool allVersions, const char* pointInTime, std::string& hl) {
-    hl = HighLevelPattern(path, delimiter);
+    hl = HighLevelPattern(path, delimiter).Text();
     dsmObjName pattern;
     if (const int refused = FillObjectName(pattern, fs, hl, LowLevelPattern(name, delimiter), DSM_OBJ_ANY_TYPE)) {
         return refused;
@@ -86,8 +84,8 @@ void TsmSession::_DeleteOrphanDirectories(char* path, bool allVersions) {
     NoThrow([&] {
         std::string directory = path;
         while (!directory.empty()) {
-            TsmObject* objects = nullptr;
-            const int found = GetBackupInfo(directory.data(), nullptr, true, TSM_OBJECTS_ANY, objects);
+            const int found = CountObjects({handle, fileSpaceName}, HighLevelPattern(directory, dirDelimiter),
+                                           LowLevelPattern(nullptr, dirDelimiter), true, TSM_OBJECTS_ANY);
             EndGetBackupInfo();
             if (found != 0) break;
             std::vector<std::string> parts = StringUtil::Split(directory, dirDelimiter[0]);
@@ -101,8 +99,8 @@ void TsmSession::_DeleteOrphanDirectories(char* path, bool allVersions) {
                                above) != 0) {
                 break;
             }
-            // A delimiter that repeats its first character can lead back to the same directory.
-            if (above.size() >= directory.size()) break;
+            // A delimiter of several characters can lead back to as many levels as there were, and so on for ever.
+            if (StringUtil::Split(above, dirDelimiter[0]).size() > parts.size()) break;
             directory = above;
         }
         return 0;

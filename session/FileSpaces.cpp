@@ -12,7 +12,7 @@ static_assert(sizeof(qryRespFSData) == 1672, "the API's headers are not those of
 int TsmSession::ConnectToFileSpace(char* name) {
     if (name == nullptr) return -DSM_RC_NULL_OBJNAME;
     return NoThrow([&] {
-        const std::string full = RewriteSeparators(std::string(dirDelimiter) + name, dirDelimiter);
+        const std::string full = Rewritten(Under(name, dirDelimiter), dirDelimiter).Text();
         if (full.size() > DSM_MAX_FSNAME_LENGTH) return -DSM_RC_STRING_TOO_LONG;
         char* copy = CopyText(full.data(), full.size());
         delete[] fileSpaceName;
@@ -67,7 +67,7 @@ int TsmSession::EndGetFileSpaces() {
 int TsmSession::DeleteFileSpace(char* name) {
     if (name == nullptr) return -DSM_RC_NULL_OBJNAME;
     return NoThrow([&] {
-        std::string full = std::string(dirDelimiter) + name;
+        std::string full = Under(name, dirDelimiter).Text();
         if (full.size() > DSM_MAX_FSNAME_LENGTH) return -DSM_RC_STRING_TOO_LONG;
         return Negated(dsmDeleteFS(handle, full.data(), DSM_REPOS_ALL));
     });

@@ -1,13 +1,12 @@
 // The backup inventory: a query's answers as an array of records.
+#include "session/Inventory.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
-#include "session/ObjectName.h"
-#include "session/Query.h"
-#include "session/Result.h"
 #include "session/TsmSession.h"
 #include "util/Helpers.h"
 
@@ -22,13 +21,17 @@ void CopyField(char (&field)[FieldSize], const char (&source)[SourceSize], std::
     if (length > skip) std::memcpy(field, source + skip, std::min(length - skip, FieldSize - 1));
 }
 
+bool IsFile(const qryRespBackupData& found) {
+    return found.objName.objType != DSM_OBJ_DIRECTORY;
+}
+
 void FillRecord(TsmObject& record, const qryRespBackupData& found) {
     std::memset(&record, 0, sizeof record);
     CopyField(record.highLevelName, found.objName.hl);
     CopyField(record.lowLevelName, found.objName.ll);
     CopyField(record.objectInfo, found.objInfo);
     record.size = Helpers::GetSizeFromStruct(found.sizeEstimate);
-    record.isFile = found.objName.objType == DSM_OBJ_DIRECTORY ? 0 : 1;
+    record.isFile = IsFile(found) ? 1 : 0;
     CopyField(record.fileSpace, found.objName.fs, 1);
     const dsmDate& date = found.insDate;
     char text[32];  // longer than any date that the fields can hold
@@ -70,6 +73,17 @@ private:
 
 }  // namespace
 
+int CountObjects(const Place& place, const NamePart& hl, const NamePart& ll, bool activeOnly, int objectType,
+                 bool* firstIsFile) {
+    int count = 0;
+    const int failure = RunInventory(
+        place, hl, ll, activeOnly, nullptr, objectType, [] {},
+        [&](const qryRespBackupData& found) {
+            if (count++ == 0 && firstIsFile != nullptr) *firstIsFile = IsFile(found);
+        });
+    return failure != 0 ? failure : count;
+}
+
 int TsmSession::GetBackupInfo(char* path, char* name, bool activeOnly, int objectType, TsmObject*& objects) {
     return _GetBackupInfo(path, name, activeOnly, nullptr, objectType, objects);
 }
@@ -82,25 +96,12 @@ int TsmSession::_GetBackupInfo(char* path, char* name, bool activeOnly, char* po
                                TsmObject*& objects) {
     if (path == nullptr) return -DSM_RC_NULL_OBJNAME;
     return NoThrow([&] {
-        const dsUint8_t objType = objectType == TSM_OBJECTS_ANY           ? DSM_OBJ_ANY_TYPE
-                                  : objectType == TSM_OBJECTS_DIRECTORIES ? DSM_OBJ_DIRECTORY
-                                                                          : DSM_OBJ_FILE;
-        dsmObjName pattern;
-        if (const int refused = FillObjectName(pattern, fileSpaceName, HighLevelPattern(path, dirDelimiter),
-                                               LowLevelPattern(name, dirDelimiter), objType)) {
-            return refused;
-        }
-        const bool current = activeOnly && pointInTime == nullptr;
-        qryBackupData query = BackupQuery(pattern, current ? DSM_ACTIVE : DSM_ANY_MATCH, pointInTime);
-        qryRespBackupData response;
-        Prepare(response);
-        if (const dsInt16_t rc = dsmBeginQuery(handle, qtBackup, &query)) return Negated(rc);
-        objects = nullptr;
         Records records;
-        const dsInt16_t end = ForEachResponse(
-            handle, response, [&](const qryRespBackupData& found) { FillRecord(records.Add(), found); });
-        if (end != DSM_RC_FINISHED && end != DSM_RC_ABORT_NO_MATCH) return NegatedUnexpected(end);
-        if (const dsInt16_t rc = dsmEndQuery(handle)) return Negated(rc);
+        const int failure = RunInventory(
+            {handle, fileSpaceName}, HighLevelPattern(path, dirDelimiter), LowLevelPattern(name, dirDelimiter),
+            activeOnly, pointInTime, objectType, [&] { objects = nullptr; },
+            [&](const qryRespBackupData& found) { FillRecord(records.Add(), found); });
+        if (failure != 0) return failure;
         if (records.Count() == 0) return 0;
         const int count = static_cast<int>(records.Count());
         TsmObject* found = records.Release();

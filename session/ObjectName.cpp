@@ -1,52 +1,83 @@
 #include "session/ObjectName.h"
 
-#include <algorithm>
 #include <cstring>
 
-#include "util/StringUtil.h"
+#include "util/Text.h"
 
-std::string RewriteSeparators(std::string text, const char* delimiter) {
-    if (std::strcmp(delimiter, "/") == 0) {
-        std::replace(text.begin(), text.end(), '\\', '/');
-    } else if (std::strcmp(delimiter, "\\") == 0) {
-        std::replace(text.begin(), text.end(), '/', '\\');
+namespace {
+
+// The slash that is read as the delimiter; NUL when the delimiter is no slash.
+char OtherSlash(std::string_view delimiter) {
+    if (delimiter.size() != 1) return '\0';
+    return delimiter[0] == '/' ? '\\' : delimiter[0] == '\\' ? '/' : '\0';
+}
+
+}  // namespace
+
+void NamePart::Write(char* out) const {
+    std::memcpy(out, front.data(), front.size());
+    out += front.size();
+    std::memcpy(out, text.data(), text.size());
+    if (other == '\0') return;
+    for (char* const end = out + text.size(); out < end; *out++ = delimiter) {
+        out = static_cast<char*>(std::memchr(out, other, static_cast<std::size_t>(end - out)));
+        if (out == nullptr) return;
     }
-    return text;
 }
 
-std::string Rooted(const char* text, const char* delimiter) {
-    std::string name = RewriteSeparators(text, delimiter);
-    if (StringUtil::StringEndsWith(name, delimiter)) name.pop_back();
-    if (!StringUtil::StringStartsWith(name, delimiter)) name.insert(0, delimiter);
+std::string NamePart::Text() const {
+    std::string name(Size(), '\0');
+    Write(name.data());
     return name;
 }
 
-std::string EmptyRoot(std::string name, const char* delimiter) {
-    if (name == delimiter) name.clear();
-    return name;
+NamePart Rewritten(NamePart part, std::string_view delimiter) {
+    part.other = OtherSlash(delimiter);
+    part.delimiter = delimiter[0];
+    return part;
 }
 
-std::string HighLevelPattern(const char* path, const char* delimiter) {
-    return std::strcmp(path, "*") == 0 ? path : HighLevelName(path, delimiter);
+NamePart Rooted(std::string_view text, std::string_view delimiter) {
+    const char other = OtherSlash(delimiter);
+    const auto isOther = [&](std::size_t at) { return other != '\0' && text[at] == other; };
+    if (EndsWith(text, delimiter) || (!text.empty() && isOther(text.size() - 1))) text.remove_suffix(1);
+    const bool starts = StartsWith(text, delimiter) || (!text.empty() && isOther(0));
+    return Rewritten({starts ? std::string_view() : delimiter, text}, delimiter);
 }
 
-std::string LowLevelPattern(const char* name, const char* delimiter) {
+NamePart Under(std::string_view text, std::string_view delimiter) {
+    return {delimiter, text};
+}
+
+NamePart HighLevelName(std::string_view path, std::string_view delimiter) {
+    const NamePart name = Rooted(path, delimiter);
+    return name.Size() == delimiter.size() ? NamePart("") : name;
+}
+
+NamePart HighLevelPattern(std::string_view path, std::string_view delimiter) {
+    return path == "*" ? NamePart(path) : HighLevelName(path, delimiter);
+}
+
+NamePart LowLevelPattern(const char* name, std::string_view delimiter) {
     if (name != nullptr) return Rooted(name, delimiter);
-    return std::strcmp(delimiter, "\\") == 0 ? "\\*" : "/*";
+    return delimiter == "\\" ? "\\*" : "/*";
 }
 
-bool Fits(const std::string& hl, const std::string& ll) {
-    return hl.size() <= DSM_MAX_HL_LENGTH && ll.size() <= DSM_MAX_LL_LENGTH;
+bool Fits(const NamePart& hl, const NamePart& ll) {
+    return hl.Size() <= DSM_MAX_HL_LENGTH && ll.Size() <= DSM_MAX_LL_LENGTH;
 }
 
-int FillObjectName(dsmObjName& name, const char* fs, const std::string& hl, const std::string& ll, dsUint8_t objType) {
+int CheckObjectName(const char* fs, const NamePart& hl, const NamePart& ll) {
     if (fs == nullptr) return -DSM_RC_FS_NOT_REGISTERED;
-    const std::size_t fsLength = std::strlen(fs);
-    if (fsLength > DSM_MAX_FSNAME_LENGTH || !Fits(hl, ll)) return -DSM_RC_STRING_TOO_LONG;
-    name = dsmObjName{};
-    std::memcpy(name.fs, fs, fsLength);
-    std::memcpy(name.hl, hl.data(), hl.size());
-    std::memcpy(name.ll, ll.data(), ll.size());
+    return std::strlen(fs) <= DSM_MAX_FSNAME_LENGTH && Fits(hl, ll) ? 0 : -DSM_RC_STRING_TOO_LONG;
+}
+
+int FillObjectName(dsmObjName& name, const char* fs, const NamePart& hl, const NamePart& ll, dsUint8_t objType) {
+    if (const int refused = CheckObjectName(fs, hl, ll)) return refused;
+    std::memset(&name, 0, sizeof name);
+    std::strcpy(name.fs, fs);
+    hl.Write(name.hl);
+    ll.Write(name.ll);
     name.objType = objType;
     return 0;
 }

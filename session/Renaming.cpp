@@ -5,6 +5,7 @@
 #include <string>
 
 #include "session/Backup.h"
+#include "session/Inventory.h"
 #include "session/ObjectName.h"
 #include "session/Result.h"
 #include "session/TsmSession.h"
@@ -52,24 +53,20 @@ int TsmSession::RenameBackup(const char* oldPath, const char* oldName, const cha
         return -DSM_RC_NULL_OBJNAME;
     }
     return NoThrow([&] {
-        Name from{HighLevelName(oldPath, dirDelimiter), Rooted(oldName, dirDelimiter)};
-        Name to{HighLevelName(newPath, dirDelimiter), Rooted(newName, dirDelimiter)};
-        dsmObjName checked;
+        Name from{HighLevelName(oldPath, dirDelimiter).Text(), Rooted(oldName, dirDelimiter).Text()};
+        Name to{HighLevelName(newPath, dirDelimiter).Text(), Rooted(newName, dirDelimiter).Text()};
         for (const Name& name : {from, to}) {
-            if (const int refused = FillObjectName(checked, fileSpaceName, name.hl, name.ll, DSM_OBJ_FILE)) {
-                return refused;
-            }
+            if (const int refused = CheckObjectName(fileSpaceName, name.hl, name.ll)) return refused;
         }
-        std::vector<Level> levels;
-        if (const int refused = SplitLevels(to.hl, dirDelimiter, levels)) return refused;
+        if (const int refused = CheckLevels(to.hl, dirDelimiter)) return refused;
 
-        // How many objects a name holds (negative: the query failed), and whether the first one is a file.
+        // How many versions a name holds (negative: the query failed), and whether the first one is a file.
         const auto look = [&](const char* path, const char* name, bool& isFile) {
-            TsmObject* objects = nullptr;
-            const int found =
-                GetBackupInfo(const_cast<char*>(path), const_cast<char*>(name), false, TSM_OBJECTS_ANY, objects);
-            isFile = found <= 0 || objects[0].isFile != 0;
+            bool first = true;
+            const int found = CountObjects({handle, fileSpaceName}, HighLevelPattern(path, dirDelimiter),
+                                           Rooted(name, dirDelimiter), false, TSM_OBJECTS_ANY, &first);
             EndGetBackupInfo();
+            isFile = found <= 0 || first;
             return found;
         };
         bool oldIsFile;

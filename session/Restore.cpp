@@ -29,7 +29,7 @@ long long TsmSession::BeginRestore(char* path, char* name, char* pointInTime) {
     return NoThrow([&]() -> long long {
         dsmObjName pattern;
         if (const int refused = FillObjectName(pattern, fileSpaceName, HighLevelName(path, dirDelimiter),
-                                               std::string(dirDelimiter) + name, DSM_OBJ_FILE)) {
+                                               Under(name, dirDelimiter), DSM_OBJ_FILE)) {
             return refused;
         }
         qryBackupData query = BackupQuery(pattern, pointInTime == nullptr ? DSM_ACTIVE : DSM_ANY_MATCH, pointInTime);

@@ -24,8 +24,8 @@ protected:
         if (tsmApi != nullptr) TsmReleaseApi();
     }
     int Open(const char* delimiter, dsUint32_t handle = 7) {
+        EXPECT_EQ(api.Taken(), Lines{}) << "calls that nobody looked at";
         api.nextHandle = handle;
-        api.Taken();
         const int opened = TsmOpenSession(C("NODE"), nullptr, C("secret"), nullptr, nullptr, nullptr, C(delimiter));
         EXPECT_EQ(api.TakenNames(), Lines{"dsmInitEx"}) << "and nothing else";
         return opened;

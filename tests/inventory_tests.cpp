@@ -59,6 +59,8 @@ TEST_F(Library, BuildsQueryNames) {
         {"\\", "dir/sub", nullptr, 1, 0, "'\\vm' '\\dir\\sub' '\\*' type=255 state=1"},
         {":", "a/b\\c", nullptr, 1, 0, "':vm' ':a/b\\c' '/*' type=255 state=1"},
         {"ab", "xab", "y", 1, 0, "'abvm' 'abxa' 'aby' type=255 state=1"},
+        {"ab", "", "/", 1, 0, "'abvm' '' 'ab/' type=255 state=1"},
+        {"ab", "c", "", 1, 0, "'abvm' 'abc' 'ab' type=255 state=1"},
     };
     for (const auto& c : cases) {
         const int session = Connect(c.delimiter);
@@ -73,6 +75,8 @@ TEST_F(Library, BuildsQueryNames) {
     const std::pair<const char*, const char*> moments[] = {{"2021-03-07 09:05:00", "255 at=2021.3.7.9.5.0"},
                                                            {"2021-3-7 9:5:0", "255 at=2021.3.7.9.5.0"},
                                                            {"2021-03-07", "255 at=2021.3.7.0.0.0"},
+                                                           {"20210307", "255 at=2021.0.0.0.0.0"},
+                                                           {"2021-3-789 9:5:0", "255 at=2021.3.78.9.0.0"},
                                                            {"soon", "255 at=0.0.0.0.0.0"},
                                                            {nullptr, "1 at=0.0.0.0.0.0"}};
     const int session = Connect();
@@ -136,6 +140,10 @@ TEST_F(Library, GivesRecordsWithAnExactLayout) {
     EXPECT_EQ(TsmGetBackupInfo(session, C("*"), nullptr, 0, 0, &none), 0);
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(objects[3].isFile, 1);
+    api.Finds({plain}, 11);
+    none = objects;
+    EXPECT_EQ(TsmGetBackupInfo(session, C("*"), nullptr, 0, 0, &none), -11);
+    EXPECT_EQ(objects[3].isFile, 1) << "nor does one that fails";
     api.Taken();
     EXPECT_EQ(TsmEndGetBackupInfoPointInTime(session), 0);
     EXPECT_EQ(TsmEndGetBackupInfo(session), 0);

@@ -83,6 +83,7 @@ TEST_F(Library, KeepsSessionsByHandle) {
 
     // A handle that the API gives out anew replaces the session, which is not signed off.
     EXPECT_EQ(TsmConnectToFileSpace(2, C("old")), 0);
+    api.Taken();
     EXPECT_EQ(Open("/", 2), 2);
     TsmObject* objects;
     EXPECT_EQ(TsmGetBackupInfo(2, C("a"), C("b"), 1, 0, &objects), -2061);
@@ -91,6 +92,7 @@ TEST_F(Library, KeepsSessionsByHandle) {
     api.nextHandle = 9;
     EXPECT_EQ(TsmCloseSession(3), 2) << "the code of the sign-off, not negated";
     EXPECT_EQ(TsmCloseSession(3), 0);
+    EXPECT_EQ(api.Taken(), Lines{"dsmTerminate h=3"});
     EXPECT_EQ(Open("/", 5), 5);
     api.nextHandle = 9;
     EXPECT_EQ(TsmReleaseApi(), 0);

@@ -72,7 +72,7 @@ extern "C" void* realloc(void* block, std::size_t size) noexcept {
 
 TEST(Memory, EveryFailedAllocationIsAResult) {
     ApiDouble& api = ApiDouble::Get();
-    const std::string path = "a/rather/long/path/that/no/string/keeps/in/itself";
+    const std::string path = "keep/a/component-that-no-string-keeps-in-itself/and/a/long/path";
     char* p = C(path.c_str());
     const Found object{"/vm", "/a", "/f"};
     int session = 0;
@@ -152,7 +152,7 @@ TEST(Memory, EveryFailedAllocationIsAResult) {
             EXPECT_EQ(TsmBeginBackup(session, C("d"), C("again"), 1), 0) << "the session is still of use";
             EXPECT_EQ(TsmCloseSession(session), 0);
         } while (failed);
-        EXPECT_GT(nth, 1) << "nothing was ever allocated";
+        EXPECT_EQ(nth > 1, operation.name != std::string("restore")) << "what allocates at all";
     }
     TsmReleaseApi();
 }

@@ -78,6 +78,9 @@ TEST_F(Library, DeletesAndClimbs) {
         EXPECT_EQ(TsmDelete(other, C(n.path), C(n.name), 0, nullptr), 0);
         EXPECT_EQ(api.Taken(), n.calls);
     }
+    // A delimiter of several characters loses a level for each, if not a character.
+    EXPECT_EQ(TsmDelete(Connect("ab"), C("abxabyabzabw"), C("f"), 0, nullptr), 0);
+    EXPECT_EQ(api.TakenNames().size(), 3u * 9u);
     EXPECT_EQ(TsmDelete(Connect(), C(""), C("f"), 1, C("2021-3-7")), 0);
     EXPECT_EQ(api.Taken().at(0), "dsmBeginQuery q=1 v=2 '/vm' '' '/f' type=255 state=255 at=2021.3.7.0.0.0");
 }
@@ -101,7 +104,9 @@ TEST_F(Library, AnswersFailedDeletions) {
         {121, {{"dsmDeleteObj", {{0}, {157}}}}, -157, asked + removed + Lines{"dsmBeginTxn", "dsmDeleteObj"}},
         {121, {{"dsmEndTxn", {{2302, 106}}}}, -2302, asked + removed},
         {121, {{"dsmEndTxn", {{0, 40000}}}}, -40000, asked + removed},
-        // A climb that fails on its way is nobody's failure.
+        {0, {{"dsmBeginQuery", {{0}, {9}}}}, 0, asked + Lines{"dsmBeginQuery"}},
+        // A climb that fails on its way is nobody's failure, and ends there.
+        {121, {{"dsmBeginTxn", {{0}, {0}, {7}}}}, 0, asked + removed + removed + asked + asked + Lines{"dsmBeginTxn"}},
         {121, {{"dsmBeginQuery", {{0}, {0}, {8}}}}, 0, asked + removed + removed + asked + Lines{"dsmBeginQuery"}},
         {121, {{"dsmEndQuery", {{0}, {8}}}}, 0, asked + removed + removed + asked},
     };
@@ -109,6 +114,10 @@ TEST_F(Library, AnswersFailedDeletions) {
         const int session = Connect();
         api.sets.clear();
         api.Finds(two, c.end);
+        if (c.answers.count("dsmBeginTxn") != 0) {
+            api.Finds({});
+            api.Finds({Object("", "/a", 3, DSM_OBJ_DIRECTORY)});
+        }
         for (const auto& [function, answers] : c.answers) api.Answers(function, answers);
         EXPECT_EQ(TsmDelete(session, C("a"), nullptr, 0, nullptr), c.result);
         EXPECT_EQ(api.TakenNames(), c.calls);
@@ -155,6 +164,15 @@ TEST_F(Library, RenamesToAFreeName) {
     EXPECT_EQ(calls.at(1), Query("'\\vm' '' '\\c\\d'", 255));
     EXPECT_EQ(calls.at(3), Renamed("'\\vm' '\\a\\b' '\\f' type=1", "'' '\\c\\d'").at(1));
 
+    // What follows the rename may fail: its deletion and its directories.
+    for (const char* function : {"dsmBeginQuery", "dsmEndQuery"}) {
+        api.sets.clear();
+        api.Finds({Object("/old", "/f", 1)});
+        api.Answers(function, {{0}, {0}, {5}, {0}, {5}, {5}});
+        EXPECT_EQ(TsmRenameBackup(Connect(), "old", "f", "new", "f"), 0);
+        api.Taken();
+        api.Answers(function, {});
+    }
     api.sets.clear();
     EXPECT_EQ(TsmRenameBackup(Connect(), "old", "f", "new", "f"), -2);
     EXPECT_EQ(api.Taken(), Asked("'/vm' '/old' '/f'", 255)) << "the new name is not looked at";
@@ -204,6 +222,7 @@ TEST_F(Library, MovesATakenNameAside) {
         {{0}, {157}, {0, 5}, 0, 3, false},    {{0}, {157}, {2302, 40000}, -40000, 3, false},
         {{0}, {157}, {2302, 0}, 0, 3, false}, {{0}, {0}, {2302, 12}, -12, 3, false},
         {{0}, {0}, {2302, 0}, 0, 3, false},   {{0}, {0}, {0, 0}, 0, 3, true},
+        {{0}, {0}, {0, 5}, 0, 3, true},  // the return code alone counts
     };
     for (const bool first : {true, false}) {
         for (const auto& o : outcomes) {
@@ -247,12 +266,22 @@ TEST_F(Library, RefusesRenamesBeforeAnythingIsDeleted) {
 
     // Names that fit, but not with the time behind them, are refused only where the new name is taken.
     Connect();
-    const std::string almost = name.substr(0, 255);
-    for (const auto& [newPath, newName] : {std::pair<std::string, std::string>{deep, "g"}, {"n", almost}}) {
+    const struct {
+        std::string path, name;
+        bool fits;
+    } limits[] = {{deep, "g", false},
+                  {deep.substr(0, 999) + "d", "g", false},
+                  {deep.substr(0, 999), "g", true},
+                  {"n", name.substr(0, 231), false},
+                  {"n", name.substr(0, 230), true}};
+    for (const auto& [newPath, newName, fits] : limits) {
+        api.sets.clear();
         api.Finds({Object("/o", "/f", 1)});
         api.Finds({Object("/n", "/g", 2)});
-        EXPECT_EQ(TsmRenameBackup(session, "o", "f", newPath.c_str(), newName.c_str()), -2120);
-        EXPECT_EQ(api.TakenNames().size(), 6u);
+        EXPECT_EQ(TsmRenameBackup(session, "o", "f", newPath.c_str(), newName.c_str()), fits ? 0 : -2120);
+        EXPECT_EQ(api.TakenNames().size() == 6, !fits);
+        if (fits) continue;
+        api.sets.clear();
         api.Finds({Object("/o", "/f", 1)});
         EXPECT_EQ(TsmRenameBackup(session, "o", "f", newPath.c_str(), newName.c_str()), 0);
         api.Taken();

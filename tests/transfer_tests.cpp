@@ -49,6 +49,12 @@ TEST_F(Library, BacksUpAnObjectUnderItsDirectories) {
         EXPECT_EQ(TsmBeginBackup(session, C(top), C("d"), 0), 0);
         EXPECT_EQ(api.Taken(), Announcement("'/vm' '' '/d' type=2", "0:0 compressed=0 info='' length=1 mc=null"));
     }
+    // The name is used as it is.
+    for (const char* name : {"x\\y", "/f", "f/", ""}) {
+        EXPECT_EQ(TsmBeginBackup(session, C(""), C(name), 1), 0);
+        EXPECT_EQ(api.Taken(), Announcement("'/vm' '' '/" + std::string(name) + "' type=1",
+                                            "0:1 compressed=0 info='' length=1 mc=null"));
+    }
     // An empty part is a level of its own, whose look-up has its trailing delimiter dropped like any path.
     EXPECT_EQ(TsmBeginBackup(session, C("/a//b"), C("f"), 1), 0);
     EXPECT_EQ(api.Taken(), DirectoryCheck("", "/a") + create("", "/a", "null") + DirectoryCheck("/a", "/") +
@@ -161,6 +167,8 @@ TEST_F(Library, AnswersFailedSendingAndCommitting) {
     EXPECT_EQ(TsmSendData(session, nullptr, 0), 0);
     api.takes = {2, 3, 1};
     EXPECT_EQ(TsmSendData(session, data, 6), 0);
+    EXPECT_NE(api.lastSent, reinterpret_cast<char*>(data)) << "the caller's buffer stays with the caller";
+    EXPECT_NE(api.lastSent, reinterpret_cast<char*>(data + 5));
     EXPECT_EQ(api.Taken(), (Lines{"dsmSendData v=3 '' length=0", "dsmSendData v=3 'abcdef' length=6",
                                   "dsmSendData v=3 'cdef' length=4", "dsmSendData v=3 'f' length=1"}));
     api.takes = {2, 0};
@@ -258,6 +266,13 @@ TEST_F(Library, AnswersFailedRestores) {
     auto* buffer = reinterpret_cast<unsigned char*>(room.data());
     EXPECT_EQ(TsmGetData(session, &buffer, 1), 0) << "an object without bytes";
     EXPECT_EQ(api.Taken(), Lines{});
+    api.Finds({empty});
+    api.Answers("dsmGetObj", {{121}});
+    api.Answers("dsmEndGetObj", {{4}});
+    EXPECT_EQ(TsmBeginRestore(session, C("d"), C("f"), nullptr), -4);
+    api.Taken();
+    EXPECT_EQ(TsmGetData(session, &buffer, 1), -1) << "the stream has not ended";
+    EXPECT_EQ(api.TakenNames(), Lines{"dsmGetData"});
 
     api.Finds({empty});
     api.Answers("dsmGetObj", {{2200}});

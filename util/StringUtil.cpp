@@ -1,24 +1,25 @@
 #include "util/StringUtil.h"
 
-#include <cstring>
-#include <sstream>
+#include "util/Text.h"
 
 StringUtil::StringUtil() {}
 StringUtil::~StringUtil() {}
 
 bool StringUtil::StringStartsWith(std::string text, std::string prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
+    return StartsWith(text, prefix);
 }
 
 bool StringUtil::StringEndsWith(std::string text, std::string suffix) {
-    if (text.empty() || suffix.empty() || suffix.size() > text.size()) return false;
-    return std::strncmp(text.c_str() + (text.size() - suffix.size()), suffix.c_str(), suffix.size()) == 0;
+    return EndsWith(text, suffix);
 }
 
 std::vector<std::string>& StringUtil::Split(const std::string& text, char delimiter, std::vector<std::string>& fields) {
-    std::stringstream stream(text);
-    std::string field;
-    while (std::getline(stream, field, delimiter)) fields.push_back(field);
+    // Every delimiter ends a field; what stands behind the last one is a field when it is not empty.
+    std::size_t begin = 0;
+    for (std::size_t end; (end = text.find(delimiter, begin)) != text.npos; begin = end + 1) {
+        fields.push_back(text.substr(begin, end - begin));
+    }
+    if (begin < text.size()) fields.push_back(text.substr(begin));
     return fields;
 }
 

@@ -254,6 +254,7 @@ dsInt16_t dsmSendObj(dsUint32_t handle, dsmSendType type, void* sendBuff, dsmObj
 dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
     const ApiDouble::Inside inside;
     const std::string offered(block->bufferPtr, block->bufferLen);
+    Api().lastSent = block->bufferPtr;
     if (block->bufferPtr != Api().firstPass) {
         Api().firstPass = block->bufferPtr;
         Api().firstPassLength = block->bufferLen;
