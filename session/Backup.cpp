@@ -61,9 +61,14 @@ int TsmSession::_BackupDirectories(char* path, char* mgmtClass) {
     return NoThrow([&] {
         const std::string_view delimiter = dirDelimiter;
         if (const int refused = CheckLevels(path, delimiter)) return refused;
+        dsmObjName pattern;
+        if (const int refused = FillObjectName(pattern, fileSpaceName, "", "", DSM_OBJ_DIRECTORY)) return refused;
         return ForEachLevel(path, delimiter, [&](std::string_view hl, std::string_view ll) {
-            const int found = CountObjects({handle, fileSpaceName}, AsWritten(HighLevelPattern(hl, delimiter)),
-                                           AsWritten(Rooted(ll, delimiter)), true, TSM_OBJECTS_DIRECTORIES);
+            if (const int refused = RefillObjectName(pattern, AsWritten(HighLevelName(hl, delimiter)),
+                                                     AsWritten(Rooted(ll, delimiter)))) {
+                return refused;
+            }
+            const int found = CountObjects(handle, pattern, true);
             EndGetBackupInfo();
             if (found < 0) return found;
             if (found > 0) return 0;

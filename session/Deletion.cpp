@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "session/Inventory.h"
+#include "session/ObjectName.h"
 #include "session/TsmSession.h"
 #include "util/StringUtil.h"
 
@@ -84,8 +85,12 @@ void TsmSession::_DeleteOrphanDirectories(char* path, bool allVersions) {
     NoThrow([&] {
         std::string directory = path;
         while (!directory.empty()) {
-            const int found = CountObjects({handle, fileSpaceName}, HighLevelPattern(directory, dirDelimiter),
-                                           LowLevelPattern(nullptr, dirDelimiter), true, TSM_OBJECTS_ANY);
+            dsmObjName content;
+            if (FillObjectName(content, fileSpaceName, HighLevelPattern(directory, dirDelimiter),
+                               LowLevelPattern(nullptr, dirDelimiter), DSM_OBJ_ANY_TYPE) != 0) {
+                break;
+            }
+            const int found = CountObjects(handle, content, true);
             EndGetBackupInfo();
             if (found != 0) break;
             std::vector<std::string> parts = StringUtil::Split(directory, dirDelimiter[0]);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "session/ObjectName.h"
 #include "session/TsmSession.h"
 #include "util/Helpers.h"
 
@@ -73,11 +74,10 @@ private:
 
 }  // namespace
 
-int CountObjects(const Place& place, const NamePart& hl, const NamePart& ll, bool activeOnly, int objectType,
-                 bool* firstIsFile) {
+int CountObjects(dsUint32_t handle, dsmObjName& pattern, bool activeOnly, bool* firstIsFile) {
     int count = 0;
     const int failure = RunInventory(
-        place, hl, ll, activeOnly, nullptr, objectType, [] {},
+        handle, pattern, activeOnly, nullptr, [] {},
         [&](const qryRespBackupData& found) {
             if (count++ == 0 && firstIsFile != nullptr) *firstIsFile = IsFile(found);
         });
@@ -96,10 +96,17 @@ int TsmSession::_GetBackupInfo(char* path, char* name, bool activeOnly, char* po
                                TsmObject*& objects) {
     if (path == nullptr) return -DSM_RC_NULL_OBJNAME;
     return NoThrow([&] {
+        const dsUint8_t objType = objectType == TSM_OBJECTS_ANY           ? DSM_OBJ_ANY_TYPE
+                                  : objectType == TSM_OBJECTS_DIRECTORIES ? DSM_OBJ_DIRECTORY
+                                                                          : DSM_OBJ_FILE;
+        dsmObjName pattern;
+        if (const int refused = FillObjectName(pattern, fileSpaceName, HighLevelPattern(path, dirDelimiter),
+                                               LowLevelPattern(name, dirDelimiter), objType)) {
+            return refused;
+        }
         Records records;
         const int failure = RunInventory(
-            {handle, fileSpaceName}, HighLevelPattern(path, dirDelimiter), LowLevelPattern(name, dirDelimiter),
-            activeOnly, pointInTime, objectType, [&] { objects = nullptr; },
+            handle, pattern, activeOnly, pointInTime, [&] { objects = nullptr; },
             [&](const qryRespBackupData& found) { FillRecord(records.Add(), found); });
         if (failure != 0) return failure;
         if (records.Count() == 0) return 0;

@@ -12,6 +12,12 @@ char OtherSlash(std::string_view delimiter) {
     return delimiter[0] == '/' ? '\\' : delimiter[0] == '\\' ? '/' : '\0';
 }
 
+// Writes another text over the one in a field, and zeros over what was longer.
+void Refill(char* field, const NamePart& part) {
+    part.Write(field);
+    for (char* rest = field + part.Size(); *rest != '\0'; ++rest) *rest = '\0';
+}
+
 }  // namespace
 
 void NamePart::Write(char* out) const {
@@ -79,5 +85,12 @@ int FillObjectName(dsmObjName& name, const char* fs, const NamePart& hl, const N
     hl.Write(name.hl);
     ll.Write(name.ll);
     name.objType = objType;
+    return 0;
+}
+
+int RefillObjectName(dsmObjName& name, const NamePart& hl, const NamePart& ll) {
+    if (!Fits(hl, ll)) return -DSM_RC_STRING_TOO_LONG;
+    Refill(name.hl, hl);
+    Refill(name.ll, ll);
     return 0;
 }

@@ -58,4 +58,7 @@ int CheckObjectName(const char* fs, const NamePart& hl, const NamePart& ll);
 // The same, and fills name when it fits.
 int FillObjectName(dsmObjName& name, const char* fs, const NamePart& hl, const NamePart& ll, dsUint8_t objType);
 
+// Gives a filled name other parts; what else it holds stays. Returns 0, or -2120 when they do not fit.
+int RefillObjectName(dsmObjName& name, const NamePart& hl, const NamePart& ll);
+
 #endif

@@ -63,8 +63,10 @@ int TsmSession::RenameBackup(const char* oldPath, const char* oldName, const cha
         // How many versions a name holds (negative: the query failed), and whether the first one is a file.
         const auto look = [&](const char* path, const char* name, bool& isFile) {
             bool first = true;
-            const int found = CountObjects({handle, fileSpaceName}, HighLevelPattern(path, dirDelimiter),
-                                           Rooted(name, dirDelimiter), false, TSM_OBJECTS_ANY, &first);
+            dsmObjName pattern;
+            int found = FillObjectName(pattern, fileSpaceName, HighLevelPattern(path, dirDelimiter),
+                                       Rooted(name, dirDelimiter), DSM_OBJ_ANY_TYPE);
+            if (found == 0) found = CountObjects(handle, pattern, false, &first);
             EndGetBackupInfo();
             isFile = found <= 0 || first;
             return found;

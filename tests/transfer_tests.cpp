@@ -85,6 +85,11 @@ TEST_F(Library, RefusesBackupsBeforeAnyCall) {
     for (const auto& c : cases) {
         EXPECT_EQ(TsmBeginBackupEx(session, C(c.path), C(c.name), 1, C(c.info), nullptr), c.result);
     }
+    // A delimiter so long that the names of the levels do not fit.
+    const std::string delimiter(200, '/');
+    api.Taken();
+    EXPECT_EQ(TsmBeginBackup(Connect(delimiter.c_str()), C("//x"), C("n"), 1), -2120);
+    EXPECT_EQ(api.Taken(), Lines{});
     EXPECT_EQ(TsmSendData(session, nullptr, 1), -2009);
     EXPECT_EQ(TsmSendData(session, reinterpret_cast<unsigned char*>(C("x")), -1), -109);
     EXPECT_EQ(TsmBeginBackup(Open("/"), C("a"), C("n"), 1), -2061);
