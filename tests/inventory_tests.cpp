@@ -52,6 +52,7 @@ TEST_F(Library, BuildsQueryNames) {
     } cases[] = {
         {"/", "dir/sub/", "a.bin", 1, 2, "'/vm' '/dir/sub' '/a.bin' type=1 state=1"},
         {"/", "dir\\sub\\", "x\\y/", 0, 0, "'/vm' '/dir/sub' '/x/y' type=255 state=255"},
+        {"/", "\\dir", "\\f", 1, 0, "'/vm' '/dir' '/f' type=255 state=1"},
         {"/", "dir//", "*", 2, 1, "'/vm' '/dir/' '/*' type=2 state=255"},
         {"/", "", "", -1, 3, "'/vm' '' '/' type=1 state=255"},
         {"/", "/", "/", 1, -1, "'/vm' '' '/' type=1 state=1"},
