@@ -21,9 +21,8 @@ void Refill(char* field, const NamePart& part) {
 }  // namespace
 
 void NamePart::Write(char* out) const {
-    std::memcpy(out, front.data(), front.size());
-    out += front.size();
-    std::memcpy(out, text.data(), text.size());
+    out += front.copy(out, front.size());
+    text.copy(out, text.size());
     if (other == '\0') return;
     for (char* const end = out + text.size(); out < end; *out++ = delimiter) {
         out = static_cast<char*>(std::memchr(out, other, static_cast<std::size_t>(end - out)));

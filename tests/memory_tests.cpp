@@ -152,7 +152,9 @@ TEST(Memory, EveryFailedAllocationIsAResult) {
             EXPECT_EQ(TsmBeginBackup(session, C("d"), C("again"), 1), 0) << "the session is still of use";
             EXPECT_EQ(TsmCloseSession(session), 0);
         } while (failed);
-        EXPECT_EQ(nth > 1, operation.name != std::string("restore")) << "what allocates at all";
+        const bool allocates = operation.name != std::string("restore") &&
+                               !(SANITIZER_INSIDE && operation.name == std::string("inventory"));
+        EXPECT_EQ(nth > 1, allocates);
     }
     TsmReleaseApi();
 }
