@@ -17,4 +17,12 @@ if [ "${3:-}" = exact ]; then
         grep -vE '^(libstdc\+\+\.so\.6|libm\.so\.6|libgcc_s\.so\.1|libc\.so\.6|libpthread\.so\.0|ld-linux.*)$' >"$work/needed" || true
     echo libApiTSM64.so | diff -u - "$work/needed"
 fi
+# Parameters, results and the record, as a dump of the bare-named functions holds them (abi.xml beside the symbols).
+if command -v abidiff >/dev/null; then
+    { echo '[abi_whitelist]'; grep '^Tsm' "$2" | sed 's/^/  /'; } >"$work/functions"
+    printf '[suppress_variable]\n  name = tsmApi\n' >"$work/others"
+    abidiff --kmi-whitelist "$work/functions" --suppressions "$work/others" "$(dirname "$2")/abi.xml" "$library"
+else
+    echo "abidiff is not installed: types not compared"
+fi
 echo "symbols, name and needed libraries are as listed"
