@@ -136,6 +136,8 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
                                         "backup a --to ../b",
                                         "restore a --at yesterday",
                                         "restore ''",
+                                        "restore a --to ''",
+                                        "list --filespace ''",
                                         "restore a --at '2024-02-30 00:00:00'",
                                         "restore a --at '2024-02-03 24:00:00'",
                                         "list --at '2024-01-01'",
@@ -150,6 +152,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
                                         "delete-filespace tsmctl"}) {
         Expect(std::string("tsmctl ") + arguments, 2, "", "tsmctl: ");
     }
+    Expect("tsmctl -q frobnicate a", 2, "", "no such command: frobnicate");
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
     Expect("tsmctl list --json | wc -l", 0, "4");
 }
@@ -174,10 +177,12 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
 }
 
 TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
-    Expect("mkdir d; echo new > d/f; ln -s x d/l; tsmctl -q backup d; echo old > d/f; ln -sfn y d/l", 0);
+    Expect("umask 022; mkdir d; echo new > d/f; ln -s x d/l; tsmctl -q backup d; echo old > d/f; ln -sfn y d/l", 0);
     Expect("tsmctl restore d", 1, "", "exists already");
     Expect("cat d/f; readlink d/l; ls -A d | wc -l", 0, "old\ny\n2\n");
     Expect("tsmctl restore d --force && cat d/f && readlink d/l", 0, "new\nx\n");
+    Expect("rm d/*; chmod 0711 d; tsmctl -q restore d && stat -c %a d; tsmctl -q restore d --force; stat -c %a d", 0,
+           "711\n755\n");
     Expect("mkdir -p o/f o2; tsmctl restore d/f --to o --force", 1, "", "a directory of this name");
     Expect("ln -s ../o2 o/d; tsmctl restore d --to o --force", 1, "", "d is in the way");
     Expect("ls -A o2; tsmctl restore / --to o3 -q && cat o3/d/f", 0, "new\n");
@@ -251,9 +256,24 @@ TEST_F(Tsmctl, MomentsAndVersions) {
     Expect("tsmctl restore f --to - --at \"$(cat at)\"; tsmctl restore f --to -", 0, "one\ntwo\n");
     Expect("tsmctl list f --all-versions | wc -l; tsmctl list f | wc -l; tsmctl list --at '2001-1-1 0:0:0' | wc -l", 0,
            "2\n1\n0\n");
+    Expect("tsmctl delete f --at \"$(cat at)\"", 1, "", "this version is not active");
     Expect("tsmctl delete f && tsmctl list f --all-versions | wc -l", 0, "removed f\n2\n");
     Expect("tsmctl delete f", 1, "", "not found");
     Expect("tsmctl delete f --all-versions; tsmctl list --all-versions", 0, "removed f (2 versions)\n");
+}
+
+TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
+    Expect("echo i > x; tsmctl -q backup x; rm x; mkdir x; echo b > x/b; echo c > x/c", 0);
+    Expect("sleep 1.1; date '+%F %T' > at; tsmctl backup x", 0, "", "a file of this name is stored");
+    Expect("tsmctl restore x --to dir; cat dir/x/b", 0, "b\n", "the file is skipped");
+    for (const char* const command : {"delete x/b --all-versions", "delete x/b", "rename x/b y", "rename at x/at"}) {
+        Expect(std::string("tsmctl ") + command, 1, "", "directory above (x)");
+    }
+    Expect("tsmctl list x --all-versions | wc -l; tsmctl restore x --to -", 0, "4\ni\n");
+    Expect("mv x z; echo new > x; sleep 1.1; tsmctl backup x", 0, "", "a directory of this name is stored");
+    Expect("tsmctl restore x --to file; cat file/x", 0, "new\n", "the directory, with all that it holds, is skipped");
+    Expect("tsmctl delete x/b x --recursive --all-versions --yes && tsmctl list --all-versions | wc -l", 0,
+           "removed x/b (1 version)\n");
 }
 
 TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
@@ -289,7 +309,7 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
         0, "hello");
     Expect("tsmctl rename tree/sub/deep/file tree/sub/big", 2, "", "without --yes");
     Expect("tsmctl rename tree/nothing tree/sub", 1, "", "not empty");
-    Expect("tsmctl rename tree/sub tree/nothing/sub", 1, "", "not a directory");
+    Expect("tsmctl rename tree/sub tree/nothing/sub", 1, "", "directory above (tree/nothing)");
     Expect("tsmctl rename tree/sub/deep/file tree/sub/big --yes && tsmctl restore tree/sub/big --to -", 0, "hello",
            "is replaced");
     Expect("tsmctl rename tree/none x", 1, "", "not found");

@@ -9,6 +9,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "listing.h"
 #include "parallel.h"
 #include "transfer.h"
 
@@ -45,7 +46,7 @@ public:
         Upload upload(session, ToStored(object), Announced(info.size), info, context.options.mgmtClass);
         const long long sent = Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX));
         if (info.size && (sent < *info.size || MoreIn(STDIN_FILENO))) {
-            throw Failure(fmt::format("standard input does not have the {} bytes of --size; not stored", *info.size));
+            throw Failure(fmt::format("does not have the {} bytes of --size; not stored", *info.size));
         }
         upload.Commit();
         context.report.Count(Kind::Stream);
@@ -109,11 +110,25 @@ private:
     Buffer& buffer;
 };
 
+// The server keeps a file and a directory of one name apart: the new kind does not replace the old one.
+void WarnOfOtherKind(Context& context, Session& session, const std::string& subject, const Parts& name,
+                     bool directory) {
+    for (const StoredObject& object : List(session, NamePattern(name, false), Scope::Self, {})) {
+        if (object.directory == directory) continue;
+        const char* const kind = directory ? "file" : "directory";
+        context.report.Warn(subject,
+                            fmt::format("a {} of this name is stored and stays; restore takes the newer", kind));
+    }
+}
+
 void StoreTrees(Context& context, Session& session, Buffer& buffer) {
     std::vector<LocalItem> items;
     std::vector<std::string> unreadable;
     for (const Landing& landing : MapPaths(context.options.paths, context.options.to)) {
+        const size_t own = items.size();
         Scan(landing, context.report, items, unreadable);
+        if (landing.top || items.size() == own || items[own].info.kind == Kind::Other) continue;
+        WarnOfOtherKind(context, session, landing.local, landing.object, items[own].info.kind == Kind::Directory);
     }
     long long bytes = 0;
     for (const LocalItem& item : items) {
@@ -149,7 +164,10 @@ void RunBackup(Context& context) {
     } else {
         const Parts object = Append(ParsePath(context.options.to), ParsePath(context.options.as));
         context.report.ExpectBytes(context.options.size.value_or(0));
-        Attempt(context.report, "standard input", [&] { Sender(context, session, buffer).StoreStream(object); });
+        Attempt(context.report, "standard input", [&] {
+            WarnOfOtherKind(context, session, Join(object), object, false);
+            Sender(context, session, buffer).StoreStream(object);
+        });
     }
     context.report.Summary("backup");
 }

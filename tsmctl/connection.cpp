@@ -34,7 +34,10 @@ Connection::Connection(const Options& chosen) : options(chosen), password(Passwo
     if (result != 0) {
         TsmReleaseApi();
         explicit_bzero(password.data(), password.size());
-        throw Failure(CodeText("cannot set up the client API", result));
+        const std::string file = options.config.empty() ? "the default options file" : "options file " + options.config;
+        const std::string log = options.logDir.empty() ? "give --log-dir DIR to have the reason logged there"
+                                                       : "the reason is in " + options.logDir + "/dsierror.log";
+        throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + "; " + log);
     }
 }
 

@@ -4,13 +4,14 @@
 #include <stdexcept>
 #include <string>
 
-// One object, or the whole command, could not be done: exit status 1.
+// One object, or the whole command, could not be done or was declined: exit status 1.
 class Failure : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// The command line does not make sense, or a confirmation is missing: exit status 2, nothing was changed.
+// The command line does not make sense, or a question has no terminal to be asked on (--yes was not given): exit status
+// 2, no object was changed.
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

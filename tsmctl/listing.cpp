@@ -144,3 +144,24 @@ void RequireChangeable(Session& session, const StoredObject& object) {
     if (!PathSurvives(object.path) || HasWildcard(object.path) || rewritten) throw Failure(ambiguous);
     if (HasWildcard(object.name)) RequireOnlyMatch(session, object, "", true);
 }
+
+void FilesAbove::Refuse(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo) {
+    for (size_t depth = 1; depth < object.size(); ++depth) {
+        for (const StoredObject& file :
+             FilesAt(Parts(object.begin(), object.begin() + static_cast<std::ptrdiff_t>(depth)))) {
+            if (mayGo(file)) continue;
+            throw Failure(fmt::format("a file is stored under the name of a directory above ({}); it would be lost",
+                                      file.Shown()));
+        }
+    }
+}
+
+const std::vector<StoredObject>& FilesAbove::FilesAt(const Parts& directory) {
+    const auto [place, added] = known.try_emplace(directory);
+    if (added) {
+        for (StoredObject& object : List(session, NamePattern(directory, false), Scope::Self, selection)) {
+            if (!object.directory) place->second.push_back(std::move(object));
+        }
+    }
+    return place->second;
+}

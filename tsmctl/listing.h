@@ -1,6 +1,8 @@
 // The server's inventory, copied out of the library.
 #pragma once
 
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -43,3 +45,19 @@ std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Sco
 void RequireReadable(Session& session, const StoredObject& object, const std::string& at);
 // The same before a change: stricter, since directories on the way may be removed by their names.
 void RequireChangeable(Session& session, const StoredObject& object);
+
+// The library removes emptied directories by name, and a file of such a name with them. Asks about each directory once.
+class FilesAbove {
+public:
+    FilesAbove(Session& signedOn, Selection limits) : session(signedOn), selection(std::move(limits)) {}
+
+    // Throws Failure where a file, unless it may go, bears the name of a directory above the object (plain parts).
+    void Refuse(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo);
+
+private:
+    const std::vector<StoredObject>& FilesAt(const Parts& directory);
+
+    Session& session;
+    const Selection selection;
+    std::map<Parts, std::vector<StoredObject>> known;
+};

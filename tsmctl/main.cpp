@@ -74,6 +74,10 @@ public:
     // The function of the command that was typed. Throws CLI::ParseError and UsageError.
     std::function<void(Context&)> Parse(int argc, char** argv) {
         app.parse(argc, argv);
+        if (options.filespace.empty()) throw UsageError("--filespace needs a name");
+        if (app.get_subcommand("restore")->count("--to") > 0 && options.to.empty()) {
+            throw UsageError("restore --to needs a folder, or - for standard output");
+        }
         const bool input = std::find(options.paths.begin(), options.paths.end(), "-") != options.paths.end();
         const bool transfers = app.got_subcommand("backup") || app.got_subcommand("verify");
         if (transfers && input != !options.as.empty()) throw UsageError("- and --as NAME belong together");
@@ -89,7 +93,9 @@ public:
 
     int Explain(const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
-        fmt::print(stderr, "tsmctl: {}\n", error.what());
+        const auto rest = app.remaining();
+        const bool unknown = app.get_subcommands().empty() && !rest.empty() && rest[0].compare(0, 1, "-") != 0;
+        fmt::print(stderr, "tsmctl: {}\n", unknown ? "no such command: " + Printable(rest[0]) : error.what());
         return 2;
     }
 
@@ -149,7 +155,9 @@ private:
             ->capture_default_str()
             ->check(CLI::IsMember({"any", "dir", "file"}));
         list->add_flag("--json", options.json, "one JSON object a line");
-        CLI::App* const remove = Add("delete", "Delete objects", "delete --recursive nightly/doc", RunDelete);
+        CLI::App* const remove =
+            Add("delete", "Delete objects; without --all-versions only the active version goes, also with --at",
+                "delete --recursive nightly/doc", RunDelete);
         AddPaths(remove, "PATH", "object path, its last part may hold * and ?", -1)->required();
         remove->add_flag("--recursive", options.recursive, "with all that lies below");
         remove->add_flag("--yes", options.yes, "do not ask");

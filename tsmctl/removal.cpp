@@ -44,12 +44,32 @@ public:
             found = true;
             if (Attempt(context.report, object.Shown(), [&] { RequireChangeable(session, object); })) {
                 objects.emplace(KeyOf(object), object);
+                if (!object.directory) files.insert(KeyOf(object));
             } else {
                 kept.push_back(object.StoredParts());
             }
         }
         if (!found) throw Failure(CodeText("not found", -2));
         patterns.push_back(pattern);
+    }
+
+    // When all is selected: leaves out what would take a file with it that nobody named, or what has no active version.
+    void Narrow() {
+        Selection selection;
+        selection.allVersions = context.options.allVersions;
+        FilesAbove above(session, selection);
+        const auto mayGo = [&](const StoredObject& file) { return files.count(KeyOf(file)) > 0; };
+        const auto before = ActiveAtOnly() ? Records() : RecordMap();
+        for (auto entry = objects.begin(); entry != objects.end();) {
+            const StoredObject& object = entry->second;
+            const bool gone = ActiveAtOnly() && before.count(entry->first) == 0;
+            const bool safe = Attempt(context.report, object.Shown(), [&] {
+                if (gone) throw Failure(notActive);
+                above.Refuse(object.PlainParts(), mayGo);
+            });
+            if (!safe && !gone) kept.push_back(object.StoredParts());
+            entry = safe ? std::next(entry) : objects.erase(entry);
+        }
     }
 
     size_t Count() const { return objects.size(); }
@@ -78,6 +98,10 @@ private:
         Kind kind = Kind::File;
     };
     using RecordMap = std::map<Key, Record>;
+
+    static constexpr const char* notActive = "this version is not active; add --all-versions";
+
+    bool ActiveAtOnly() const { return !context.options.at.empty() && !context.options.allVersions; }
 
     void RemoveOne(const StoredObject& object) {
         session.Check("cannot delete", TsmDelete(session.Handle(), Text(object.path), Text(object.name),
@@ -129,7 +153,8 @@ private:
             const auto is = after.find(entry.first);
             const bool stays = was != before.end() && is != after.end() && is->second.versions >= was->second.versions;
             const bool told = std::count(kept.begin(), kept.end(), entry.second.StoredParts()) > 0;
-            if (stays && !told && PendingSignal() == 0) context.report.Failed(entry.second.Shown(), "is still there");
+            if (!stays || told || PendingSignal() != 0) continue;
+            context.report.Failed(entry.second.Shown(), ActiveAtOnly() ? notActive : "is still there");
         }
     }
 
@@ -137,6 +162,7 @@ private:
     Session& session;
     std::vector<NamePattern> patterns;
     std::map<Key, StoredObject> objects;
+    std::set<Key> files;      // of one name with a directory, objects holds just one
     std::vector<Parts> kept;  // reported already; the directories above them stay
 };
 
@@ -160,6 +186,7 @@ void RunDelete(Context& context) {
     for (size_t i = 0; i < patterns.size(); ++i) {
         Attempt(context.report, context.options.paths[i], [&] { remover.Select(patterns[i]); });
     }
+    remover.Narrow();
     const std::string question = fmt::format("delete {} objects", remover.Count());
     if (remover.Count() > 1 && !Confirmed(context.options.yes, question, "yes")) {
         throw Failure("not confirmed, nothing deleted");

@@ -32,6 +32,7 @@ public:
         : context(owner), session(signedOn), from(std::move(oldParts)), to(std::move(newParts)) {}
 
     void Run() {
+        CheckAncestors();
         PlanMoves();
         CheckTarget();
         const auto ancestors = Ancestors();
@@ -47,6 +48,15 @@ public:
     }
 
 private:
+    void CheckAncestors() {
+        Selection all;
+        all.allVersions = true;
+        FilesAbove above(session, all);
+        for (const Parts& parts : {from, to}) {
+            above.Refuse(parts, [](const StoredObject&) { return false; });
+        }
+    }
+
     void PlanMoves() {
         Selection all;
         all.allVersions = true;
@@ -86,12 +96,6 @@ private:
     void CheckTarget() {
         for (const StoredObject& object : List(session, NamePattern(to, false), Scope::Tree, {})) {
             if (object.PlainParts().size() > to.size()) throw Failure(Join(to) + " is a directory that is not empty");
-        }
-        for (size_t depth = 1; depth < to.size(); ++depth) {
-            const Parts above(to.begin(), to.begin() + static_cast<std::ptrdiff_t>(depth));
-            for (const StoredObject& object : List(session, NamePattern(above, false), Scope::Self, {})) {
-                if (!object.directory) throw Failure(object.Shown() + " is not a directory");
-            }
         }
         Selection all;
         all.allVersions = true;

@@ -6,7 +6,8 @@
 #include <cerrno>
 #include <iterator>
 #include <map>
-#include <utility>
+#include <set>
+#include <tuple>
 
 #include "commands.h"
 #include "errors.h"
@@ -31,12 +32,15 @@ public:
         defaultMode = 0666 & ~mask;
     }
 
-    void MakeDirectory(const Wanted& wanted) { folder.Open(wanted.local, wanted.object.info ? 0700 : 0777); }
+    void MakeDirectory(const Wanted& wanted) {
+        const bool made = folder.Make(wanted.local, wanted.object.info ? 0700 : 0777);
+        if (!made && !context.options.force) untouched.insert(wanted.local);
+    }
 
     // After all that the directory holds is in place, since that changes its time and its mode may forbid it.
     void FinishDirectory(const Wanted& wanted) {
         context.report.Count(Kind::Directory);
-        if (!wanted.object.info) return;
+        if (!wanted.object.info || untouched.count(wanted.local) > 0) return;
         const UniqueFd directory = folder.Open(wanted.local);
         const timespec times[2] = {{0, UTIME_OMIT}, wanted.object.info->mtime};
         if (fchmod(directory.Get(), wanted.object.info->mode) != 0) FailLocal("cannot set the mode", errno);
@@ -79,29 +83,52 @@ public:
 private:
     Context& context;
     TargetFolder folder;
+    std::set<Parts> untouched;  // directories that were here already keep their mode and time
     mode_t defaultMode;
 };
 
-// Two stored names can stand for one local name, when another host stored it in a way of its own: ours comes first.
+// Of two objects with one local name. Two stored names can stand for it, when another host stored it in a way of its
+// own: ours comes first. A stored name can hold a file and a directory: the newer is what was there last.
 std::vector<Wanted> Plan(Context& context, const std::vector<StoredObject>& objects, size_t above) {
     const auto ours = [](const StoredObject& object) {
         const Parts stored = object.StoredParts();
         return std::all_of(stored.begin(), stored.end(),
                            [](const auto& part) { return Escape(Unescape(part)) == part; });
     };
+    const auto comesFirst = [&](const StoredObject& object, const StoredObject& rival) {
+        if (object.StoredParts() != rival.StoredParts()) return ours(object);
+        return std::tie(object.date, object.directory) > std::tie(rival.date, rival.directory);
+    };
     std::map<Parts, const StoredObject*> byName;
+    std::set<Parts> filesFirst;  // in the place of a directory, which goes with all that it holds
     for (const StoredObject& object : objects) {
         Attempt(context.report, object.Shown(), [&] {
             const Parts plain = object.PlainParts();
             const Parts local(plain.begin() + static_cast<std::ptrdiff_t>(above), plain.end());
             RequireSafe(local);
             const StoredObject*& place = byName[local];
-            const StoredObject* const rival = std::exchange(place, ours(object) || !place ? &object : place);
-            if (rival) throw Failure("another object has the same name here; only one of them is restored");
+            const StoredObject* skipped = place;
+            if (!place || comesFirst(object, *place)) {
+                place = &object;
+            } else {
+                skipped = &object;
+            }
+            if (!skipped) return;
+            if (skipped->directory && !place->directory) filesFirst.insert(local);
+            throw Failure(skipped->directory == place->directory
+                              ? "another object has the same name here; only one of them is restored"
+                              : fmt::format("is stored as a file and as a directory; the {} is skipped",
+                                            skipped->directory ? "directory, with all that it holds," : "file"));
         });
     }
     std::vector<Wanted> plan;
-    for (const auto& [local, object] : byName) plan.push_back({*object, local});
+    for (const auto& entry : byName) {
+        const Parts& name = entry.first;
+        const bool skipped = std::any_of(filesFirst.begin(), filesFirst.end(), [&](const Parts& file) {
+            return name.size() > file.size() && StartsWith(name, file);
+        });
+        if (!skipped) plan.push_back({*entry.second, name});
+    }
     return plan;
 }
 
@@ -132,7 +159,7 @@ void RestoreToOutput(Context& context, Session& session, const std::vector<Store
     std::vector<StoredObject> files;
     std::copy_if(objects.begin(), objects.end(), std::back_inserter(files),
                  [&](const auto& object) { return object.PlainParts().size() == depth && !object.directory; });
-    if (files.size() != 1) throw Failure(context.options.paths[0] + ": is not one file or stream");
+    if (files.size() != 1) throw Failure("is not one file or stream");
     Buffer buffer(pieceSize);
     Download download(session, files[0], context.options.at);
     context.report.ExpectBytes(files[0].Size().value_or(0));

@@ -30,10 +30,10 @@ TargetFolder::TargetFolder(const std::string& path) {
     if (root.Get() < 0) FailLocal(path + ": cannot open", errno);
 }
 
-UniqueFd TargetFolder::Open(const Parts& parts, mode_t mode) const {
+UniqueFd TargetFolder::Open(const Parts& parts) const {
     UniqueFd current(fcntl(root.Get(), F_DUPFD_CLOEXEC, 0));
     for (const std::string& part : parts) {
-        if (mkdirat(current.Get(), part.c_str(), &part == &parts.back() ? mode : 0777) != 0 && errno != EEXIST) {
+        if (mkdirat(current.Get(), part.c_str(), 0777) != 0 && errno != EEXIST) {
             FailLocal("cannot create the directory " + part, errno);
         }
         UniqueFd next(openat(current.Get(), part.c_str(), directoryFlags));
@@ -42,6 +42,14 @@ UniqueFd TargetFolder::Open(const Parts& parts, mode_t mode) const {
     }
     if (current.Get() < 0) FailLocal("cannot open", errno);
     return current;
+}
+
+bool TargetFolder::Make(Parts parts, mode_t mode) const {
+    const Parts whole = parts;
+    parts.pop_back();
+    const bool made = mkdirat(Open(parts).Get(), whole.back().c_str(), mode) == 0;
+    Open(whole);  // also tells what is in the way
+    return made;
 }
 
 void RequireSafe(const Parts& parts) {

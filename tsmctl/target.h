@@ -12,8 +12,10 @@ public:
     // Creates the folder where it is missing. The folder itself may be reached through links.
     explicit TargetFolder(const std::string& path);
 
-    // Opens a directory below; creates what is missing of it, the last level with the mode.
-    UniqueFd Open(const Parts& parts, mode_t mode = 0777) const;
+    // Opens a directory below; creates what is missing of it.
+    UniqueFd Open(const Parts& parts) const;
+    // The same, the last level with the mode. False when it existed.
+    bool Make(Parts parts, mode_t mode) const;
 
 private:
     UniqueFd root;
