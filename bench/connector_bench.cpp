@@ -185,7 +185,7 @@ void CallThroughHandle(benchmark::State& state) {
 // As many threads as the argument says, each sending pieces of 32 KiB on a handle of its own. The time is that of
 // one call, all threads counted.
 void Threads(benchmark::State& state) {
-    constexpr int calls = 20000;
+    constexpr int calls = 200000;
     for (auto _ : state) {
         std::vector<std::thread> threads;
         for (long t = 0; t < state.range(0); ++t) {

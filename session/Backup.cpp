@@ -64,8 +64,9 @@ int TsmSession::_BackupDirectories(char* path, char* mgmtClass) {
         dsmObjName pattern;
         if (const int refused = FillObjectName(pattern, fileSpaceName, "", "", DSM_OBJ_DIRECTORY)) return refused;
         return ForEachLevel(path, delimiter, [&](std::string_view hl, std::string_view ll) {
-            if (const int refused = RefillObjectName(pattern, AsWritten(HighLevelName(hl, delimiter)),
-                                                     AsWritten(Rooted(ll, delimiter)))) {
+            // With a delimiter of one character a level's name is rooted as it stands.
+            const NamePart name = delimiter.size() == 1 ? NamePart(ll) : AsWritten(Rooted(ll, delimiter));
+            if (const int refused = RefillObjectName(pattern, AsWritten(HighLevelName(hl, delimiter)), name)) {
                 return refused;
             }
             const int found = CountObjects(handle, pattern, true);
@@ -73,8 +74,8 @@ int TsmSession::_BackupDirectories(char* path, char* mgmtClass) {
             if (found < 0) return found;
             if (found > 0) return 0;
             const std::string above(hl);
-            const std::string name(ll);
-            if (const int failure = _BeginBackup(above.c_str(), name.c_str(), 0, nullptr, mgmtClass)) return failure;
+            const std::string last(ll);
+            if (const int failure = _BeginBackup(above.c_str(), last.c_str(), 0, nullptr, mgmtClass)) return failure;
             return EndBackup();
         });
     });
