@@ -49,7 +49,7 @@ NamePart HighLevelPattern(std::string_view path, std::string_view delimiter);
 // The low-level name of a name, which may be a pattern; null stands for every name.
 NamePart LowLevelPattern(const char* name, std::string_view delimiter);
 
-// True when the parts fit the fields of an object name.
+// True when both fit the fields of an object name.
 bool Fits(const NamePart& hl, const NamePart& ll);
 
 // Returns 0, -2061 without a filespace or -2120 when a text does not fit.

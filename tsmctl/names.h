@@ -29,7 +29,7 @@ struct StoredName {
     std::string path;  // "/a/b", empty at the top
     std::string name;
 };
-// Throws Failure where the stored form is too long. The parts are plain, there is at least one.
+// Throws Failure where the stored form is too long. The components are plain, there is at least one.
 StoredName ToStored(const Parts& parts);
 // The same of parts that are stored bytes already.
 StoredName ToStoredRaw(Parts parts);
