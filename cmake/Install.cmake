@@ -1,0 +1,17 @@
+# What hosts are built with. Libraries and programs are installed where they are made.
+include(CMakePackageConfigHelpers)
+set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tsmconnector)
+
+install(FILES ${PROJECT_SOURCE_DIR}/api/tsmconnector.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tsmconnectorConfig.cmake.in tsmconnectorConfig.cmake
+  INSTALL_DESTINATION ${config_folder} PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR
+  NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+write_basic_package_version_file(tsmconnectorConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tsmconnectorConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/tsmconnectorConfigVersion.cmake
+  DESTINATION ${config_folder} COMPONENT development)
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/tsmconnector.pc.in tsmconnector.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tsmconnector.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
