@@ -8,9 +8,11 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "standin/testcontrol.h"
 #include "tsmconnector.h"
 
 namespace {
@@ -149,10 +151,13 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
                                         "rename a a/",
                                         "rename a a/b",
                                         "rename / a",
-                                        "delete-filespace tsmctl"}) {
+                                        "delete-filespace tsmctl",
+                                        "--frobnicate",
+                                        "completion bash"}) {
         Expect(std::string("tsmctl ") + arguments, 2, "", "tsmctl: ");
     }
     Expect("tsmctl -q frobnicate a", 2, "", "no such command: frobnicate");
+    Expect("tsmctl --help > /dev/full", 1, "", "standard output");
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
     Expect("tsmctl list --json | wc -l", 0, "4");
 }
@@ -317,6 +322,36 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect("tsmctl list lone --json | grep '\"lone\"'", 0, R"("mode":"0700")");
 }
 
+// Each as it stands in the help, in the order of the help, on a store that holds what they name.
+TEST_F(Tsmctl, TheExamplesOfTheHelpWork) {
+    const std::string commands = Run("tsmctl --help | sed -n '/^Commands:/,/^$/s/^  \\([a-z-]*\\) .*/\\1/p'").out;
+    ASSERT_NE(commands.find("backup\n"), std::string::npos);
+    std::istringstream lines(commands);
+    for (std::string command; std::getline(lines, command);) {
+        fs::remove_all(root / "store");
+        fs::remove_all(root / "work");
+        fs::create_directories(root / "work/docs");
+        standinSetClock("2024-01-01 00:00:00");
+        {
+            OtherHost host(root);
+            host.Put("nightly/docs", "a.txt", "", "old");
+        }
+        standinSetClock(nullptr);
+        Expect(
+            "echo a > docs/a.txt; echo b > docs/b.txt; tar -c docs | tsmctl -q backup - --as dumps/docs.tar; tsmctl -q "
+            "backup docs --filespace old-host",
+            0);
+        Expect("set -o pipefail; tsmctl " + command + R"( --help | sed -n '/^Examples:/,/^$/s/^  //p' > ../examples
+            [ -s ../examples ] || exit 9
+            while read -r line; do
+                tsmctl -q backup docs --to nightly < /dev/null
+                eval "$line" < /dev/null > result || { echo "failed: $line" >&2; exit 9; }
+                [[ $line != 'tsmctl list'* || -s result ]] || { echo "nothing found: $line" >&2; exit 9; }
+            done < ../examples)",
+               0);
+    }
+}
+
 TEST_F(Tsmctl, ServerCommands) {
     Expect(
         "echo 1 > f; tsmctl -q backup f --filespace two; tsmctl -q backup f; tsmctl filespaces | sort | tr '\\n' ' '",
@@ -327,11 +362,13 @@ TEST_F(Tsmctl, ServerCommands) {
 }
 
 TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
-    Expect("$T backup - --as s < <(sleep 10) & sleep 0.5; kill -INT $!; wait $!", 130, "", "stopped");
+    Expect("$T backup - --as s < <(sleep 10) & sleep 0.5; kill $!; wait $!", 143, "", "stopped");
+    Expect("nohup $T backup - --as n < <(sleep 1; echo n) & sleep 0.5; kill -HUP $!; wait $! && tsmctl list n", 0,
+           "n\n");
     Expect(
         "truncate -s 256M big; tsmctl -q backup big; mkdir out; $T restore big --to out & "
-        "until ls -A out | grep -q tsmctl || ! kill -0 $!; do :; done; kill -INT $!; wait $!",
-        130);
+        "until ls -A out | grep -q tsmctl || ! kill -0 $!; do :; done; kill $!; wait $!",
+        143);
     EXPECT_TRUE(fs::is_empty(root / "work/out"));
     Expect("tsmctl list s", 1, "", "not found");
 }

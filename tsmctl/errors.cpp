@@ -60,11 +60,16 @@ void FailLocal(const std::string& what, int error) {
 }
 
 // Calls are restarted, so that no signal breaks into the client API; what may wait for long polls (local.cpp).
+// What the caller ignores, as nohup does, stays ignored.
 void CatchSignals() {
     struct sigaction action = {};
     action.sa_handler = OnSignal;
     action.sa_flags = SA_RESTART;
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction inherited = {};
+        sigaction(number, nullptr, &inherited);
+        if (inherited.sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
+    }
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
 }

@@ -68,6 +68,7 @@ void RunList(Context& context) {
     selection.objectType = options.type == "dir" ? 1 : options.type == "file" ? 2 : 0;
     Session session(context.connection);
     const auto objects = List(session, pattern, Scope::Tree, selection);
+    CheckInterrupt();
     if (objects.empty() && !pattern.IsRoot() && !pattern.IsWild() && selection.objectType == 0) {
         context.report.Failed(typed, CodeText("not found", -2));
     }

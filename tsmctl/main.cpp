@@ -5,16 +5,21 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <functional>
+#include <memory>
+#include <sstream>
 
 #include "commands.h"
+#include "completion.h"
 #include "errors.h"
+#include "help.h"
 #include "names.h"
 
 namespace {
+using Function = void (*)(Context&);
+
 struct Command {
     CLI::App* app;
-    void (*run)(Context&);
+    Function run;  // null for what needs no server
 };
 
 std::string HostName() {
@@ -42,37 +47,57 @@ std::string CheckMoment(const std::string& text) {
 }
 
 void AddCommonOptions(CLI::App& app, Options& options) {
-    app.set_version_flag("--version", std::string("tsmctl ") + TSMCTL_VERSION);
-    app.add_option("--config", options.config, "options file of the client API")->envname("TSMCTL_CONFIG");
-    app.add_option("--log-dir", options.logDir, "folder for the client API's error log")->envname("TSMCTL_LOG_DIR");
-    app.add_option("--api-dir", options.apiDir, "the client API's installation folder");
-    app.add_option("--node", options.node, "node to sign on as (default: the host name)")->envname("TSMCTL_NODE");
-    app.add_option("--owner", options.owner, "owner name for the sign-on");
-    app.add_option("--filespace", options.filespace, "filespace to work in")
+    app.set_help_flag("-h,--help", "show this help");
+    app.set_version_flag("--version", std::string("tsmctl ") + TSMCTL_VERSION, "show the version");
+    const auto add = [&](const char* name, std::string& value, const char* type, const char* description) {
+        return app.add_option(name, value, description)->type_name(type);
+    };
+    add("--config", options.config, fileType, "options file of the client API")->envname("TSMCTL_CONFIG");
+    add("--log-dir", options.logDir, folderType, "where the client API keeps its error log")->envname("TSMCTL_LOG_DIR");
+    add("--api-dir", options.apiDir, folderType, "where the client API is installed");
+    add("--node", options.node, "NAME", "node to sign on as (default: the host name)")->envname("TSMCTL_NODE");
+    add("--owner", options.owner, "NAME", "owner to sign on as");
+    add("--filespace", options.filespace, "NAME", "filespace to work in")
         ->capture_default_str()
         ->envname("TSMCTL_FILESPACE");
-    app.add_option("--password-file", options.passwordFile,
-                   "file whose first line is the password (else TSMCTL_PASSWORD, else a question)")
+    add("--password-file", options.passwordFile, fileType, "its first line is the password")
         ->envname("TSMCTL_PASSWORD_FILE");
     app.add_flag("-q,--quiet", options.quiet, "no progress, no summary");
+}
+
+// For what needs no server. Returns the exit status.
+int Print(const std::string& text) {
+    Report report(true);
+    report.Line(text.substr(0, text.find_last_not_of('\n') + 1));
+    return report.AllDone() ? 0 : 1;
 }
 
 class CommandLine {
 public:
     explicit CommandLine(Options& target) : options(target) {
+        app.formatter(std::make_shared<HelpFormatter>());
         app.fallthrough();
         app.require_subcommand(1);
         app.footer(
-            "Exit status: 0 all done, 1 something failed, 2 the command line is wrong.\n'tsmctl COMMAND --help' "
-            "tells more about a command.");
+            "Environment:\n"
+            "  A variable in [brackets] stands in for the option. TSMCTL_PASSWORD is the password\n"
+            "  where no file is named; without either, it is asked for on the terminal.\n\n"
+            "Exit status:\n"
+            "  0  all was done, and verify found no difference\n"
+            "  1  something failed or differs, as told in a line each; the rest was done\n"
+            "  2  the command line makes no sense, or nobody could be asked: nothing was changed\n"
+            "  128 and the number of the signal, where one ended it\n\n"
+            "'tsmctl COMMAND --help' gives a command's options and examples, man tsmctl the rest.");
         AddCommonOptions(app, options);
         AddTransfers();
         AddInventory();
         AddServer();
+        Add("completion", "Print the completion for bash",
+            {"tsmctl completion > tsmctl.bash", "source <(tsmctl completion)"}, nullptr);
     }
 
     // The function of the command that was typed. Throws CLI::ParseError and UsageError.
-    std::function<void(Context&)> Parse(int argc, char** argv) {
+    Function Parse(int argc, char** argv) {
         app.parse(argc, argv);
         if (options.filespace.empty()) throw UsageError("--filespace needs a name");
         if (app.get_subcommand("restore")->count("--to") > 0 && options.to.empty()) {
@@ -91,104 +116,139 @@ public:
         throw UsageError("no command");
     }
 
+    std::string Completion() const { return CompletionScript(app); }
+
     int Explain(const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);
-        const auto rest = app.remaining();
-        const bool unknown = app.get_subcommands().empty() && !rest.empty() && rest[0].compare(0, 1, "-") != 0;
-        fmt::print(stderr, "tsmctl: {}\n", unknown ? "no such command: " + Printable(rest[0]) : error.what());
+        if (error.get_exit_code() == 0) {
+            std::ostringstream text;
+            app.exit(error, text);
+            return Print(text.str());
+        }
+        std::string text = error.what();
+        if (const auto rest = app.remaining(); app.get_subcommands().empty()) {
+            if (rest.empty() && error.get_name() == "RequiredError") text = "no command; tsmctl --help lists them";
+            if (!rest.empty()) text = (rest[0][0] == '-' ? "no such option: " : "no such command: ") + rest[0];
+        }
+        fmt::print(stderr, "tsmctl: {}\n", Printable(text));
         return 2;
     }
 
 private:
-    CLI::App* Add(const char* name, const char* description, const char* example, void (*run)(Context&)) {
-        CLI::App* const command = app.add_subcommand(name, description);
-        command->footer(std::string("Example: tsmctl ") + example);
+    CLI::App* Add(const char* name, const char* description, const std::vector<std::string>& examples, Function run) {
+        CLI::App* const command = app.add_subcommand(name, description)->group("Commands");
+        std::string footer = "Examples:\n";
+        for (const std::string& example : examples) footer += "  " + example + "\n";
+        command->footer(footer + "\nThe options of 'tsmctl --help' may stand before or after the command.");
         commands.push_back({command, run});
         return command;
     }
 
-    CLI::Option* AddPaths(CLI::App* command, const char* name, const char* description, int count) {
-        return command->add_option(name, options.paths, description)->expected(count)->allow_extra_args(count < 0);
+    // The type tells whether these are local files.
+    CLI::Option* AddPaths(CLI::App* command, const char* name, const char* type, const char* description, int count) {
+        CLI::Option* const paths = command->add_option(name, options.paths, description)->type_name(type);
+        return paths->expected(count)->allow_extra_args(count < 0);
     }
 
-    void AddAt(CLI::App* command) {
-        command->add_option("--at", options.at, "the versions of this moment, 'YYYY-MM-DD HH:MM:SS' of the server")
-            ->check(CheckMoment);
+    void AddAt(CLI::App* command, const char* description) {
+        command->add_option("--at", options.at, description)->type_name("MOMENT")->check(CheckMoment);
     }
 
     void AddJobs(CLI::App* command) {
-        command->add_option("-j,--jobs", options.jobs, "sessions that work at the same time")
+        command->add_option("-j,--jobs", options.jobs, "sessions at the same time, 1 to 64")
+            ->type_name("NUMBER")
             ->capture_default_str()
             ->check(CLI::Range(1, 64));
     }
 
     void AddTransfers() {
         CLI::App* const backup = Add("backup", "Store files, links and whole trees, or standard input",
-                                     "backup /usr/share/doc --to nightly -j 4\n"
-                                     "         pg_dump db | tsmctl backup - --as dumps/db.sql",
+                                     {"tsmctl backup docs --to nightly -j 4", "tsmctl backup docs/a.txt docs/b.txt",
+                                      "tar -c docs | tsmctl backup - --as dumps/docs.tar"},
                                      RunBackup);
-        AddPaths(backup, "PATH", "what to store, each under its last part; - for standard input", -1)->required();
-        backup->add_option("--class", options.mgmtClass, "management class");
-        backup->add_option("--size", options.size, "bytes of standard input, where known")
+        AddPaths(backup, "PATH", fileType, "what to store, under its last part; - is standard input", -1)->required();
+        backup->add_option("--class", options.mgmtClass, "management class (default: the server's choice)")
+            ->type_name("NAME");
+        backup->add_option("--size", options.size, "of standard input, where it is known")
+            ->type_name("BYTES")
             ->check(CLI::NonNegativeNumber);
-        CLI::App* const verify = Add("verify", "Compare stored objects with the local files, byte for byte",
-                                     "verify /usr/share/doc --to nightly -j 4", RunVerify);
-        AddPaths(verify, "PATH", "what was stored, as it was given to backup", -1)->required();
+        CLI::App* const verify = Add("verify", "Compare what is stored with the local files, byte for byte",
+                                     {"tsmctl verify docs --to nightly -j 4",
+                                      "tsmctl restore dumps/docs.tar --to - | tsmctl verify - --as dumps/docs.tar"},
+                                     RunVerify);
+        AddPaths(verify, "PATH", fileType, "what was stored, as it was given to backup", -1)->required();
         for (CLI::App* const command : {backup, verify}) {
-            command->add_option("--to", options.to, "directory among the objects (default: the top)");
-            command->add_option("--as", options.as, "object path for standard input");
+            command->add_option("--to", options.to, "directory among the objects (default: the top)")
+                ->type_name("PATH");
+            command->add_option("--as", options.as, "object path for standard input, below --to")->type_name("PATH");
             AddJobs(command);
         }
-        CLI::App* const restore = Add("restore", "Bring back one object or a whole tree",
-                                      "restore nightly/doc --to /tmp --at '2024-01-31 23:59:59'", RunRestore);
-        AddPaths(restore, "PATH", "object path; / for everything", 1)->required();
-        restore->add_option("--to", options.to, "folder to restore into (default: .), - for standard output");
+        CLI::App* const restore =
+            Add("restore", "Bring back one object or a whole tree",
+                {"tsmctl restore nightly/docs --to restored -j 4",
+                 "tsmctl restore nightly/docs/a.txt --to january --at '2024-01-31 23:59:59'",
+                 "tsmctl restore dumps/docs.tar --to - | tar -t", "tsmctl restore / --to everything"},
+                RunRestore);
+        AddPaths(restore, "PATH", "OBJECT", "object path; / is everything", 1)->required();
+        restore->add_option("--to", options.to, "where to (default: here); - is standard output")
+            ->type_name(folderType);
         restore->add_flag("--force", options.force, "replace files that exist");
-        AddAt(restore);
+        AddAt(restore, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
         AddJobs(restore);
     }
 
     void AddInventory() {
-        CLI::App* const list = Add("list", "List what is stored", "list 'nightly/doc/*.gz' --json", RunList);
-        AddPaths(list, "PATH", "object path, may hold * and ? (default: everything)", 1);
+        CLI::App* const list =
+            Add("list", "List what is stored",
+                {"tsmctl list", "tsmctl list 'nightly/docs/*.txt'", "tsmctl list nightly/docs --all-versions",
+                 "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
+                RunList);
+        AddPaths(list, "PATH", "OBJECT", "object path, may hold * and ? (default: everything)", 1);
         list->add_option("--type", options.type, "kind of object")
             ->capture_default_str()
             ->check(CLI::IsMember({"any", "dir", "file"}));
         list->add_flag("--json", options.json, "one JSON object a line");
-        CLI::App* const remove =
-            Add("delete", "Delete objects; without --all-versions only the active version goes, also with --at",
-                "delete --recursive nightly/doc", RunDelete);
-        AddPaths(remove, "PATH", "object path, its last part may hold * and ?", -1)->required();
-        remove->add_flag("--recursive", options.recursive, "with all that lies below");
-        remove->add_flag("--yes", options.yes, "do not ask");
-        for (CLI::App* const command : {list, remove}) {
-            command->add_flag("--all-versions", options.allVersions, "inactive versions too");
-            command->add_flag("--literal", options.literal, "take * and ? in PATH as they are");
-            AddAt(command);
-        }
+        list->add_flag("--all-versions", options.allVersions, "inactive versions too");
+        AddAt(list, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
         list->get_option("--at")->excludes("--all-versions");
-        CLI::App* const rename = Add("rename", "Give an object or a tree a new object path",
-                                     "rename nightly/doc archive/doc-2024", RunRename);
-        AddPaths(rename, "OLD NEW", "the object path, and what it becomes", 2)->required();
+        CLI::App* const remove =
+            Add("delete", "Delete objects; older versions stay, unless --all-versions is given",
+                {"tsmctl delete nightly/docs/a.txt", "tsmctl delete 'nightly/docs/*.txt' --yes",
+                 "tsmctl delete nightly/docs --recursive --yes", "tsmctl delete dumps/docs.tar --all-versions"},
+                RunDelete);
+        AddPaths(remove, "PATH", "OBJECT", "object path, its last part may hold * and ?", -1)->required();
+        remove->add_flag("--recursive", options.recursive, "with all that lies below");
+        remove->add_flag("--all-versions", options.allVersions, "every version, for good");
+        AddAt(remove, "only what was current at 'YYYY-MM-DD HH:MM:SS', server time");
+        remove->add_flag("--yes", options.yes, "do not ask before more than one object goes");
+        for (CLI::App* const command : {list, remove}) {
+            command->add_flag("--literal", options.literal, "take * and ? in PATH as they are");
+        }
+        CLI::App* const rename =
+            Add("rename", "Give an object or a tree a new object path, with all its versions",
+                {"tsmctl rename nightly/docs archive/docs-2024", "tsmctl rename dumps/docs.tar dumps/latest.tar --yes"},
+                RunRename);
+        AddPaths(rename, "OLD NEW", "OBJECT", "the object path, and what it becomes", 2)->required();
         rename->add_flag("--yes", options.yes, "replace what is stored at NEW without asking");
     }
 
     void AddServer() {
-        CLI::App* const spaces = Add("filespaces", "List the node's filespaces", "filespaces --json", RunFilespaces);
-        CLI::App* const classes = Add("classes", "List the management classes", "classes", RunClasses);
+        CLI::App* const spaces = Add("filespaces", "List the node's filespaces",
+                                     {"tsmctl filespaces", "tsmctl filespaces --json"}, RunFilespaces);
+        CLI::App* const classes =
+            Add("classes", "List the management classes", {"tsmctl classes", "tsmctl classes --json"}, RunClasses);
         for (CLI::App* const command : {spaces, classes}) {
             command->add_flag("--json", options.json, "one JSON object a line");
         }
-        CLI::App* const remove = Add("delete-filespace", "Delete a filespace with everything in it",
-                                     "delete-filespace old-host --yes", RunDeleteFilespace);
-        AddPaths(remove, "NAME", "the filespace", 1)->required();
+        CLI::App* const remove = Add("delete-filespace", "Delete a filespace with everything in it, for good",
+                                     {"tsmctl delete-filespace old-host --yes"}, RunDeleteFilespace);
+        AddPaths(remove, "NAME", "NAME", "the filespace", 1)->required();
         remove->add_flag("--yes", options.yes, "do not ask");
-        CLI::App* const grant =
-            Add("grant", "Let another node read the filespace", "grant NODE2 --filespace shared", RunGrant);
-        AddPaths(grant, "NODE", "the node that gets access", 1)->required();
+        CLI::App* const grant = Add("grant", "Let another node read the filespace",
+                                    {"tsmctl grant NODE2", "tsmctl grant NODE2 --filespace shared"}, RunGrant);
+        AddPaths(grant, "NODE", "NAME", "the node that gets access", 1)->required();
     }
 
-    CLI::App app{"Stores files on a TSM server and brings them back."};
+    CLI::App app{"Stores files on a TSM server and brings them back.", "tsmctl"};
     Options& options;
     std::vector<Command> commands;
 };
@@ -196,12 +256,13 @@ private:
 int Run(int argc, char** argv) {
     Options options;
     CommandLine commandLine(options);
-    std::function<void(Context&)> command;
+    Function command = nullptr;
     try {
         command = commandLine.Parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return commandLine.Explain(error);
     }
+    if (!command) return Print(commandLine.Completion());
     Report report(options.quiet);
     try {
         const Connection connection(options);

@@ -1,0 +1,180 @@
+"""What tsmctl says of itself: its help, its manual page and its completion agree, and the completion works in bash.
+
+Usage: tsmctl_interface.py TSMCTL SOURCES
+"""
+
+import os
+import pty
+import re
+import select
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+tsmctl, sources = (os.path.abspath(path) for path in sys.argv[1:])
+failures = []
+
+
+def expect(subject, found, wanted):
+    if found != wanted:
+        failures.append(f"{subject}\n  found:  {found}\n  wanted: {wanted}")
+
+
+def run(*arguments):
+    environment = {"PATH": os.environ["PATH"], "TSMCTL_CONFIG": "/nowhere"}
+    done = subprocess.run([tsmctl, *arguments], env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True)
+    expect(f"tsmctl {arguments}", (done.returncode, done.stderr), (0, ""))
+    return done.stdout
+
+
+def section(text, begin, end):
+    found = re.search(begin + r"\n(.*?)(?=" + end + r"|\Z)", text, re.S)
+    return found[1] if found else ""
+
+
+# ---- help and manual page
+
+with open(os.path.join(sources, "tsmctl.1.in"), encoding="utf-8") as file:
+    page = file.read()
+top = run("--help")
+version = re.search(r"^tsmctl \d+\.\d+\.\d+\n$", run("--version"))
+expect("--version", bool(version), True)
+commands = re.findall(r"^  (\S+)", section(top, "Commands:", "\n\n"), re.M)
+helps = {command: run(command, "--help") for command in commands}
+for text in (top, *helps.values()):
+    expect("wide lines of the help", [line for line in text.split("\n") if len(line) > 100], [])
+
+
+def options_of(text):
+    return set(re.findall(r"(?<!\S)--?[a-z-]+", " ".join(
+        re.match(r"  (-\S+)", line)[1].replace(",", " ") for line in section(text, "Options:", "\n\n").split("\n")
+        if line.startswith("  -"))))
+
+
+def options_of_page(text):
+    return {"-" + name for item in re.findall(r"^\.It (Fl .*)", text, re.M) for name in re.findall(r"Fl (\S+)", item)}
+
+
+described = section(page, r"\.Sh COMMANDS", r"\n\.Sh")
+expect("commands of the page", re.findall(r"^\.Ss (\S+)", described, re.M), commands)
+if failures:
+    sys.exit("\n".join(failures))
+for command in commands:
+    part = section("\n" + described, r"\n\.Ss " + command + r"(?: [^\n]*)?", r"\n\.Ss")
+    expect(f"options of {command}", options_of_page(part), options_of(helps[command]) - {"-h", "--help"})
+    arguments = re.search(r"^Usage: tsmctl \S+ \[OPTIONS\](.*)", helps[command], re.M)[1].replace("...", " ...").split()
+    headed = re.search(r"^\.Ss " + command + r"((?: .*)?)$", described, re.M)[1].split()
+    headed = ["[PATH]"] if headed[:1] == ["Op"] else [word for word in headed if word != "Ar"]
+    expect(f"arguments of {command}", headed, arguments)
+expect("common options", options_of_page(section(page, r"\.Sh COMMON OPTIONS", r"\n\.Sh")), options_of(top))
+expect("variables", set(re.findall(r"^\.It Ev (\S+)", page, re.M)), set(re.findall(r"TSMCTL_[A-Z_]+", top)))
+every = options_of(top).union(*map(options_of, helps.values()))
+expect("options that nobody has", {"-" + name for name in re.findall(r"\bFl ([\w-]+)", page)} - every, set())
+for checker in (["mandoc", "-T", "lint", "-W", "warning"], ["groff", "-ww", "-z", "-mandoc", "-T", "utf8"]):
+    if shutil.which(checker[0]):
+        done = subprocess.run([*checker, os.path.join(sources, "tsmctl.1.in")], capture_output=True, text=True)
+        expect(checker[0], done.stdout + done.stderr, "")
+
+
+# ---- completion, as readline carries it out
+
+class Bash:
+    """An interactive bash on a terminal of its own, that writes the line under the cursor to a file at Ctrl-T."""
+
+    def __init__(self, setup):
+        pid, self.terminal = pty.fork()
+        if pid == 0:
+            os.environ.update(PATH=os.path.dirname(tsmctl) + ":" + os.environ["PATH"], TERM="dumb", INPUTRC="/dev/null")
+            os.execvp("bash", ["bash", "--noprofile", "--norc", "-i"])
+        self.send(setup + "\nbind -x '\"\\C-t\": printf \"%s|%s\\n\" \"${READLINE_LINE:0:READLINE_POINT}\" "
+                  "\"${READLINE_LINE:READLINE_POINT}\" >new; mv new line; READLINE_LINE='; touch ready\n")
+        self.wait("ready")
+
+    def send(self, text):
+        os.write(self.terminal, text.encode())
+
+    def wait(self, path):
+        end = time.monotonic() + 60
+        while not os.path.exists(path):
+            if time.monotonic() > end:
+                sys.exit(f"bash does not answer: {path}\n" + "\n".join(failures))
+            if select.select([self.terminal], [], [], 0.005)[0]:
+                os.read(self.terminal, 65536)  # what it shows, which nobody looks at
+        with open(path, encoding="utf-8") as answer:
+            text = answer.read()
+        os.remove(path)
+        return text.rstrip("\n")
+
+    def complete(self, typed):
+        self.send(typed + "\x14")
+        return self.wait("line")
+
+    def close(self):
+        self.send("\x15exit\n")
+        os.close(self.terminal)
+
+
+TAB, ALL, LEFT = "\t", "\x1b*", "\x1b[D"  # Alt-* puts in every completion
+common = sorted(options_of(top) - {"-h", "-q"})
+
+
+def options_with(command):
+    return " ".join(sorted({*common, *options_of(helps.get(command, ""))} - {"-h", "-q", "-j"}))
+
+
+anywhere = [
+    ("tsmctl " + ALL, "tsmctl " + " ".join(sorted(commands)) + " |"),
+    ("tsmctl --" + ALL, f"tsmctl {options_with('')} |"),
+    ("tsmctl li" + TAB, "tsmctl list |"),
+    ("tsmctl --node list re" + ALL, "tsmctl --node list rename restore |"),
+    ("tsmctl --config 'my file' li" + TAB, "tsmctl --config 'my file' list |"),
+    ("tsmctl --config=my\\ file -q li" + TAB, "tsmctl --config=my\\ file -q list |"),
+    ("tsmctl lixx" + LEFT * 2 + TAB, "tsmctl list|xx"),
+    ("tsmctl re list" + LEFT * 5 + ALL, "tsmctl rename restore | list"),
+    ("true; tsmctl li" + TAB, "true; tsmctl list |"),
+    ("tsmctl list --type " + ALL, "tsmctl list --type any dir file |"),
+    ("tsmctl list --type=d" + TAB, "tsmctl list --type=dir |"),
+    ("tsmctl list --type dir --al" + TAB, "tsmctl list --type dir --all-versions |"),
+    ("tsmctl list --type=dir --al" + TAB, "tsmctl list --type=dir --all-versions |"),
+    ("tsmctl list $(touch ran) --al" + TAB, "tsmctl list $(touch ran) --all-versions |"),
+    ("tsmctl backup n" + ALL, "tsmctl backup notes.d notes.txt |"),
+    ("tsmctl backup list n" + ALL, "tsmctl backup list notes.d notes.txt |"),
+    ("tsmctl backup -j4 -- n" + ALL, "tsmctl backup -j4 -- notes.d notes.txt |"),
+    ("tsmctl backup 'my d" + TAB, "tsmctl backup 'my docs'/|"),
+    ("tsmctl backup my\\ docs/" + TAB, "tsmctl backup my\\ docs/in\\ side/|"),
+    ("tsmctl restore x --to n" + ALL, "tsmctl restore x --to notes.d |"),
+    ("tsmctl --log-dir n" + ALL, "tsmctl --log-dir notes.d |"),
+    ("tsmctl --password-file n" + ALL, "tsmctl --password-file notes.d notes.txt |"),
+    ("tsmctl list >n" + ALL, "tsmctl list >notes.d notes.txt |"),
+    *((f"tsmctl {command} --" + ALL, f"tsmctl {command} {options_with(command)} |") for command in commands),
+    *((f"tsmctl {nothing}" + TAB, f"tsmctl {nothing}|") for nothing in (
+        "restore n", "list n", "delete n", "rename n", "grant n", "backup --to n", "backup --as n", "backup -j ",
+        "list --type n", "list --yes=", "backup -- --j", "xyz n")),
+]
+whole_words = [("tsmctl list --type=d" + TAB, "tsmctl list --type=dir |"),
+               ("tsmctl list --type=" + ALL, "tsmctl list --type=any --type=dir --type=file |"),
+               ("tsmctl restore x --to=my" + TAB, "tsmctl restore x --to=my\\ docs |")]
+cut_words = [("tsmctl list --type=" + ALL, "tsmctl list --type=any dir file |"),
+             ("tsmctl restore x --to=my" + TAB, "tsmctl restore x --to=my\\ docs/|")]
+
+with tempfile.TemporaryDirectory() as work:
+    os.chdir(work)
+    os.makedirs("my docs/in side")
+    os.mkdir("notes.d")
+    for name in ("notes.txt", "my file"):
+        open(name, "w", encoding="utf-8").close()
+    installed = f"source '{sources}/completion.bash'"
+    for setup, cases in (("source <(tsmctl completion)", anywhere + cut_words),
+                         (f"COMP_WORDBREAKS=${{COMP_WORDBREAKS//=}}; {installed}", anywhere + whole_words)):
+        bash = Bash(setup)
+        for typed, wanted in cases:
+            expect(f"{setup}: {typed!r}", bash.complete(typed), wanted)
+        bash.close()
+    expect("what a line would have run", os.path.exists("ran"), False)
+    os.chdir("/")
+
+if failures:
+    sys.exit("\n".join(failures))
+print(f"{len(commands)} commands, {len(every)} options, {len(anywhere)} lines to complete")
