@@ -1,0 +1,93 @@
+/*
+ * What the examples share: signing on, signing off, reporting failures and checking names. As C11 and as C++17.
+ * The environment says where to sign on:
+ *   TSM_CONFIG     the client API's options file; where it is not set, the API decides
+ *   TSM_NODE, TSM_PASSWORD, TSM_FILESPACE
+ */
+#ifndef EXAMPLES_HOST_H
+#define EXAMPLES_HOST_H
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <tsmconnector.h>
+
+/* The exit status for a command line that is wrong. */
+static inline int Usage(const char* line) {
+    fprintf(stderr, "usage: %s\n", line);
+    return 2;
+}
+
+/* Reports a call that failed. Returns the exit status for that. */
+static inline int Problem(const char* call, long long result) {
+    fprintf(stderr, "%s failed: %lld%s\n", call, result, result == -2 ? " (nothing is stored under this name)" : "");
+    return EXIT_FAILURE;
+}
+
+/* Backups and restores take names as they are, listings and deletions rewrite them: accepts what both read alike. */
+static inline int NameIsPlain(const char* path, const char* name) {
+    if (strpbrk(path, "*?\\") == NULL && *name != '\0' && strpbrk(name, "*?\\/") == NULL) return 1;
+    fprintf(stderr, "%s %s: no name for one object (wildcards, a backslash, a slash in the name, or no name)\n", path,
+            name);
+    return 0;
+}
+
+/* What standard output still holds back may fail to be written. Returns 0 when all of it was. */
+static inline int FinishOutput(void) {
+    if (fflush(stdout) == 0 && !ferror(stdout)) return 0;
+    perror("standard output");
+    return EXIT_FAILURE;
+}
+
+/* Once in a process, before other threads use the library. Returns 0, or EXIT_FAILURE after reporting why. */
+static inline int StartApi(void) {
+    const int result = TsmInitApi(getenv("TSM_CONFIG"), NULL, NULL, NULL);
+    return result == 0 ? 0 : Problem("TsmInitApi", result);
+}
+
+/* Once, after the last call of every thread, and also when StartApi failed. Returns the exit status. */
+static inline int EndApi(int failed) {
+    const int result = TsmReleaseApi();
+    if (result != 0) failed = Problem("TsmReleaseApi", result);
+    return failed ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+/* Returns a session connected to the filespace, which the caller closes, or 0 after reporting why there is none. */
+static inline int OpenSession(void) {
+    char* const node = getenv("TSM_NODE");
+    char* const password = getenv("TSM_PASSWORD");
+    char* const fileSpace = getenv("TSM_FILESPACE");
+    if (node == NULL || password == NULL || fileSpace == NULL) {
+        fputs("set TSM_NODE, TSM_PASSWORD and TSM_FILESPACE\n", stderr);
+        return 0;
+    }
+    char delimiter[] = "/";
+    const int session = TsmOpenSession(node, NULL, password, NULL, NULL, NULL, delimiter);
+    if (session <= 0) {
+        Problem("TsmOpenSession", session);
+        return 0;
+    }
+    const int result = TsmConnectToFileSpace(session, fileSpace);
+    if (result >= 0) return session;
+    Problem("TsmConnectToFileSpace", result);
+    TsmCloseSession(session);
+    return 0;
+}
+
+/*
+ * A program with one task on one session: the task gets the session and the command line's arguments (ended by a null
+ * pointer) and returns 0 when it is done. The session is closed whatever comes of it, so that the server drops what a
+ * failed task left open. Returns the exit status.
+ */
+static inline int RunTask(int (*task)(int session, char** arguments), char** arguments) {
+    int failed = StartApi();
+    if (!failed) {
+        const int session = OpenSession();
+        failed = session == 0 || task(session, arguments) != 0;
+        const int result = TsmCloseSession(session);
+        if (result != 0) failed = Problem("TsmCloseSession", result);
+    }
+    return EndApi(failed);
+}
+
+#endif

@@ -1,0 +1,89 @@
+// Two threads with a session each: each stores an object of its own and reads it back.
+#include <algorithm>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// The library only reads the texts that it is given.
+char* Text(const std::string& text) {
+    return const_cast<char*>(text.c_str());
+}
+
+void Check(const char* call, long long result) {
+    if (result < 0) throw std::runtime_error(std::string(call) + " failed: " + std::to_string(result));
+}
+
+// Used by one thread. After an exception it is good for nothing but being closed, which drops what was left open.
+class Session {
+public:
+    Session() : handle(OpenSession()) {
+        if (handle == 0) throw std::runtime_error("no session");
+    }
+    ~Session() { TsmCloseSession(handle); }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    void Store(const std::string& path, const std::string& name, Bytes& data) {
+        const auto announced = std::max<long long>(1, static_cast<long long>(data.size()));
+        Check("TsmBeginBackup", TsmBeginBackup(handle, Text(path), Text(name), announced));
+        for (std::size_t at = 0; at < data.size(); at += pieceSize) {
+            const std::size_t length = std::min(pieceSize, data.size() - at);
+            Check("TsmSendData", TsmSendData(handle, &data[at], static_cast<int>(length)));
+        }
+        Check("TsmEndBackup", TsmEndBackup(handle));
+    }
+
+    Bytes Fetch(const std::string& path, const std::string& name) {
+        Bytes room(pieceSize);
+        unsigned char* buffer = room.data();
+        Bytes data;
+        const long long size = TsmBeginRestore(handle, Text(path), Text(name), nullptr);
+        int length = 0;
+        while (size >= 0 && (length = TsmGetData(handle, &buffer, static_cast<int>(pieceSize))) > 0) {
+            data.insert(data.end(), buffer, buffer + length);
+        }
+        const int end = TsmEndRestore(handle);  // after a failure too; then its result does not matter
+        Check("TsmBeginRestore", size);
+        Check("TsmGetData", length);
+        Check("TsmEndRestore", end);
+        return data;
+    }
+
+private:
+    static constexpr std::size_t pieceSize = 256 * 1024;  // a restore needs 32768 at the least
+    const int handle;
+};
+
+// What one thread does from its sign-on to its sign-off. Returns what to say of it.
+std::string StoreAndFetch(const std::string& name, unsigned char fill) {
+    Session session;
+    Bytes data(1000000, fill);
+    session.Store("threads", name, data);
+    if (session.Fetch("threads", name) != data) throw std::runtime_error(name + " came back changed");
+    return name + ": " + std::to_string(data.size()) + " bytes stored and read back";
+}
+
+// Returns 0 when both threads did their work, having waited for both in any case.
+int RunThreads() try {
+    std::future<std::string> results[] = {std::async(std::launch::async, StoreAndFetch, "one", '1'),
+                                          std::async(std::launch::async, StoreAndFetch, "two", '2')};
+    for (std::future<std::string>& result : results) std::puts(result.get().c_str());
+    return FinishOutput();
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main() {
+    const int failed = StartApi();
+    return EndApi(failed ? failed : RunThreads());
+}

@@ -1,0 +1,14 @@
+/* Linked with an example: TSM_FAULT in its environment ("dsmSendData 2 41") makes that call fail. */
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "standin/testcontrol.h"
+
+__attribute__((constructor)) static void Arm(void) {
+    char call[32];
+    unsigned nth;
+    short code;
+    const char* const fault = getenv("TSM_FAULT");
+    if (fault == NULL) return;
+    if (sscanf(fault, "%31s %u %hd", call, &nth, &code) != 3 || standinFail(call, nth, code, 0) != 0) abort();
+}
