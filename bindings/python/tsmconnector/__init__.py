@@ -1,0 +1,14 @@
+"""Backup objects on a TSM server, through libtsmconnector.
+
+    with Api(config="dsm.opt") as api, api.session("MYNODE", password="secret", filespace="vm01") as session:
+        with session.backup("disks/today", "disk.img") as stored:
+            stored.write(b"...")
+        with session.restore("disks/today", "disk.img") as data:
+            data.read()
+"""
+
+from ._errors import NotFoundError, TsmError
+from ._session import Api, Session, StoredObject
+from ._streams import BackupWriter, RestoreReader
+
+__all__ = ["Api", "BackupWriter", "NotFoundError", "RestoreReader", "Session", "StoredObject", "TsmError"]

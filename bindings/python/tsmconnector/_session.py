@@ -1,0 +1,457 @@
+"""The library for one process, and sessions with the server."""
+
+import ctypes
+import os
+import threading
+import warnings
+from contextlib import contextmanager
+from datetime import datetime
+from types import TracebackType
+from typing import Callable, Iterator, List, NamedTuple, Optional, Set, Tuple, Type, Union
+
+from ._errors import NOT_FOUND, WRONG_ORDER, NotFoundError, failure
+from ._library import Names, Objects, TsmObject, load
+from ._streams import BackupWriter, RestoreReader
+from ._texts import Moment, encoded, exact, fresh, moment, optional, parsed, rooted
+
+StrPath = Union[str, "os.PathLike[str]"]
+
+_KINDS = {"any": 0, "directories": 1, "files": 2}
+
+_life = threading.RLock()  # set-up and clean-up run alone; an Api may be collected in either
+_alive = False
+
+
+class StoredObject(NamedTuple):
+    """One stored version of one object."""
+
+    path: str
+    """With its leading delimiter; empty at the top of the filespace."""
+    name: str
+    """As it was given to backup()."""
+    size: int
+    """Bytes, as announced when the object was stored."""
+    stored: str
+    """When, in the server's local time, e.g. "2021-3-7 9:5:1". To be used as `at`, it selects this version."""
+    info: str
+    """The host's own text, its first 254 bytes."""
+    filespace: str
+    is_file: bool
+    """False for a directory object."""
+
+    @property
+    def stored_at(self) -> datetime:
+        """`stored` as a datetime without a time zone. Raises ValueError where the server's text is no moment."""
+        return parsed(self.stored)
+
+
+class Api:
+    """The library, set up for this process. There is one at a time.
+
+    config       the client API's options file; None: its default
+    log_dir      folder for the client API's error log
+    api_dir      the client API's installation folder
+    application  the name under which sessions sign on
+
+    Raises TsmError when the set-up fails (-2041: an Api is open already), ImportError when libtsmconnector cannot be
+    loaded: the environment variable TSMCONNECTOR_LIBRARY names it, else the system's linker finds it.
+    Not to be carried over a fork: in the child it and its sessions raise RuntimeError.
+    """
+
+    def __init__(
+        self,
+        config: Optional[StrPath] = None,
+        log_dir: Optional[StrPath] = None,
+        api_dir: Optional[StrPath] = None,
+        application: Optional[str] = None,
+    ) -> None:
+        global _alive
+        self._closed = self._released = True
+        texts = [optional(text) for text in (config, log_dir, api_dir, application)]
+        self._library = load()
+        self._sessions: Set["Session"] = set()  # those that are not closed
+        self._process = os.getpid()
+        with _life:
+            if _alive:
+                raise failure(WRONG_ORDER, "TsmInitApi")
+            result = self._library.TsmInitApi(*texts)
+            if result == WRONG_ORDER:  # somebody else's, which goes on working
+                raise failure(result, "TsmInitApi")
+            if result != 0:
+                self._library.TsmReleaseApi()
+                raise failure(result, "TsmInitApi")
+            _alive = True
+            self._closed = self._released = False
+
+    def session(
+        self,
+        node: Optional[str] = None,
+        *,
+        password: Optional[str] = None,
+        filespace: Optional[str] = None,
+        owner: Optional[str] = None,
+        user_password: Optional[str] = None,
+        options: Optional[str] = None,
+        delimiter: str = "/",
+    ) -> "Session":
+        """Signs on, and connects to the filespace, which is registered where it is new.
+
+        Credentials may be None where the client API knows them itself. options is an options string for it. delimiter
+        is the slash, "/" or "\\\\", that divides paths on the server. Raises TsmError, e.g. -137 for a wrong password.
+        """
+        if delimiter not in ("/", "\\"):
+            raise ValueError("the delimiter is a slash or a backslash")
+        texts = (node, owner, password, options, None, user_password, delimiter)
+        return Session(self, [optional(text) for text in texts], optional(filespace))
+
+    def close(self) -> None:
+        """Closes all sessions, giving up what they have not committed, and cleans up. Waits for calls under way in
+        other threads. Raises TsmError when the clean-up fails; the Api is closed all the same."""
+        global _alive
+        if not self._here():
+            return
+        self._closed = True
+        sessions = list(self._sessions)
+        for session in sessions:
+            session.close()
+        if any(session._mine() for session in sessions):
+            raise RuntimeError("closed from within a call of one of its sessions; close it again afterwards")
+        with _life:
+            if self._released:
+                return
+            self._released = True
+            result = self._library.TsmReleaseApi()
+            _alive = False
+        if result != 0:
+            raise failure(result, "TsmReleaseApi")
+
+    def _here(self) -> bool:
+        return not self._released and self._process == os.getpid()
+
+    def __enter__(self) -> "Api":
+        if self._closed:
+            raise ValueError("the Api is closed")
+        return self
+
+    def __exit__(
+        self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
+    ) -> None:
+        self.close()
+
+    def __del__(self) -> None:
+        if self._here():
+            self.close()
+            warnings.warn("an Api was not closed", ResourceWarning, source=self)
+
+
+class Session:
+    """A session with the server. Made by Api.session; a context manager.
+
+    An object is named by a path and a name: path "a/b" (also "/a/b", "a/b/", "a\\\\b") and name "disk.img"; the path
+    "" is the top of the filespace. Paths and names are str, kept on the server as os.fsencode gives them.
+
+    Calls from several threads wait for each other. A backup or a restore holds the session until it is over; other
+    calls meanwhile raise RuntimeError. To work in parallel, use a session for each thread.
+
+    Where something fails or is given up in a way that could leave half an operation open, the session signs off, so
+    that the server discards it, and signs on again when it is next used; it keeps the password until it is closed.
+
+    All calls raise ValueError on a closed session, and for texts with a NUL character; TsmError, or its subclass
+    NotFoundError, when the library or the server refuses.
+    """
+
+    # The state of the handle: something may be open on it (_unsettled), and somebody holds that (_holder: a stream, or
+    # a listing that is read). What nobody holds is signed off when the outermost call is left.
+
+    def __init__(self, api: Api, credentials: List[Optional[bytes]], filespace: Optional[bytes]) -> None:
+        self._api = api
+        self._credentials = credentials
+        self._delimiter = credentials[-1] or b"/"
+        self._filespace = filespace
+        self._lock = threading.RLock()
+        self._mine: Callable[[], bool] = getattr(self._lock, "_is_owned")  # as threading.Condition asks
+        self._calling = False
+        self._handle = 0
+        self._holder = 0  # its id
+        self._unsettled = False
+        self._closed = False
+        api._sessions.add(self)
+        try:
+            with self._held():
+                self._check_usable()
+                self._sign_on()
+        except BaseException:
+            self.close()
+            raise
+
+    # ------------------------------------------------------------------ the handle
+
+    @contextmanager
+    def _held(self) -> Iterator[None]:
+        """Other threads wait. A signal handler or a finaliser of this one comes through, and its sign-off is left to
+        the call that it broke into."""
+        outermost = not self._mine()
+        with self._lock:
+            if outermost:
+                self._calling = False
+            try:
+                yield
+            finally:
+                if outermost:
+                    if self._unsettled and not self._holder:
+                        self._sign_off()
+                    if self._closed:
+                        self._sign_off()
+                        self._credentials = []
+                        self._api._sessions.discard(self)
+
+    def _check_usable(self) -> None:
+        if self._closed or self._api._closed:
+            raise ValueError("the session is closed")
+        if not self._api._here():
+            raise RuntimeError("the session belongs to another process")
+
+    def _sign_on(self) -> None:
+        library = self._api._library
+        handle = library.TsmOpenSession(*self._credentials)
+        if handle <= 0:
+            raise failure(handle, "TsmOpenSession")
+        self._handle = handle
+        if self._filespace is not None:
+            result = library.TsmConnectToFileSpace(handle, self._filespace)
+            if result < 0:
+                self._sign_off()
+                raise failure(result, "TsmConnectToFileSpace")
+
+    def _sign_off(self) -> None:
+        # The result is not needed: the handle is gone and what was not committed is discarded either way.
+        handle, self._handle = self._handle, 0
+        self._holder = 0
+        self._unsettled = False
+        if handle != 0 and self._api._here():
+            self._api._library.TsmCloseSession(handle)
+
+    def _call(
+        self, function: str, *arguments: object, holder: Optional[object] = None, then: Optional[object] = None
+    ) -> int:
+        """Calls a function for the holder of the session, which is None where nothing is under way. then holds it
+        afterwards. A call that breaks into another (from a signal handler) is refused."""
+        with self._held():
+            if holder is not None and not self._holds(holder):
+                raise ValueError("the session was closed under the backup or the restore, which is given up")
+            self._check_usable()
+            if self._calling:
+                raise RuntimeError("the session is in the middle of a call")
+            if holder is None and self._holder:
+                raise RuntimeError("a backup or a restore is under way on this session")
+            try:
+                self._calling = True
+                if holder is None:
+                    self._make_ready()
+                result = self._attempt(function, arguments)
+                if result == WRONG_ORDER and holder is None:
+                    # A deletion's tidying, for one, may leave something open that only the next call hears of.
+                    self._make_ready()
+                    result = self._attempt(function, arguments)
+                if result < 0:
+                    raise failure(result, function)
+                self._holder = 0 if then is None else id(then)
+                self._unsettled = then is not None
+                return result
+            finally:
+                self._calling = False
+
+    def _attempt(self, function: str, arguments: Tuple[object, ...]) -> int:
+        library = self._api._library
+        call: Callable[..., int] = getattr(library, function)
+        self._unsettled = True  # for whatever breaks in from here on
+        result = call(self._handle, *arguments)
+        if result == NOT_FOUND and function == "TsmBeginRestore":  # no reason to sign on anew
+            library.TsmEndRestore(self._handle)
+            self._unsettled = False
+        return result
+
+    def _make_ready(self) -> None:
+        if self._unsettled:
+            self._sign_off()
+        if self._handle == 0:
+            self._sign_on()
+
+    def _holds(self, stream: object) -> bool:
+        return self._holder == id(stream)
+
+    def _abandon(self, stream: object) -> bool:
+        """Signs off under a stream that is not over. False when the stream does not hold the session any more."""
+        if not self._holds(stream) or not self._api._here():
+            return False
+        with self._held():
+            held = self._holds(stream)
+            if held:
+                self._holder = 0
+            return held
+
+    @contextmanager
+    def _holding(self, holder: object, function: str, *arguments: object, end: str) -> Iterator[int]:
+        """The result of a function, and the end of what it began unless an exception leaves the block."""
+        with self._held():
+            try:
+                yield self._call(function, *arguments, then=holder)
+                self._call(end, holder=holder)
+            finally:
+                self._abandon(holder)
+
+    def close(self) -> None:
+        """Signs off. What is not committed is discarded by the server. May be called again."""
+        if not self._api._here():
+            return
+        with self._held():
+            self._closed = self._unsettled = True
+            self._holder = 0
+
+    def __enter__(self) -> "Session":
+        self._check_usable()
+        return self
+
+    def __exit__(
+        self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
+    ) -> None:
+        self.close()
+
+    # ------------------------------------------------------------------ filespaces
+
+    def connect(self, filespace: str) -> None:
+        """Chooses the filespace for all that follows, and registers it where it is new."""
+        name = encoded(filespace)
+        with self._held():
+            self._call("TsmConnectToFileSpace", name)
+            self._filespace = name
+
+    def filespaces(self) -> List[str]:
+        """The names of the node's filespaces."""
+        try:
+            return self._names("TsmGetFileSpaces", "TsmEndGetFileSpaces")
+        except NotFoundError:
+            return []
+
+    def delete_filespace(self, name: str) -> None:
+        """Deletes a filespace with every object and version in it, for good. Slashes in its name are not rewritten."""
+        text = encoded(name)
+        with self._held():
+            self._call("TsmDeleteFileSpace", text)
+            connected = self._filespace
+            if connected is not None and rooted(connected, self._delimiter) == self._delimiter + text:
+                self._filespace = None  # a new sign-on would register it again
+
+    def management_classes(self) -> List[str]:
+        """The names of the management classes offered to the node."""
+        return self._names("TsmGetMgmtClasses", "TsmEndGetMgmtClasses")
+
+    def _names(self, function: str, end: str) -> List[str]:
+        names = Names()
+        with self._holding(names, function, ctypes.byref(names), end=end) as count:
+            return [os.fsdecode(names[i] or b"") for i in range(count)]
+
+    # ------------------------------------------------------------------ objects
+
+    def backup(
+        self, path: str, name: str, size: int = 1, info: Optional[str] = None, mgmt_class: Optional[str] = None
+    ) -> BackupWriter:
+        """Stores an object: `with session.backup("a", "f") as file: file.write(data)`.
+
+        The object is begun where the block is entered, stored for good where it ends, and given up by any exception:
+        see BackupWriter. An older version under the name becomes an inactive one.
+        size is the expected number of bytes, at least 1, also for an empty file; listings show it. info is a text
+        stored with the object, up to 65534 bytes. Missing directory objects of the path are made.
+        Raises ValueError for a name that is empty or has a slash or a wildcard in it, and for a wildcard in the path.
+        """
+        if not 1 <= size < 1 << 63:
+            raise ValueError("size is at least 1: announce 1 where it is not known")
+        announced = (exact(path), fresh(name), size, optional(info), optional(mgmt_class))
+        return BackupWriter(self, f"{path}/{name}", *announced)
+
+    def make_directory(
+        self, path: str, name: str, info: Optional[str] = None, mgmt_class: Optional[str] = None
+    ) -> None:
+        """Stores a directory object. backup() makes those that it needs by itself; this one carries an info."""
+        announced = (exact(path), fresh(name), 0, optional(info), optional(mgmt_class))
+        with self._holding(announced, "TsmBeginBackupEx", *announced, end="TsmEndBackup"):
+            pass
+
+    def restore(self, path: str, name: str, at: Optional[Moment] = None) -> RestoreReader:
+        """Opens an object for reading: the active version, or the one that was current at a moment.
+
+        at is a datetime in the server's local time, without a zone, or a text such as StoredObject.stored.
+        Raises NotFoundError when no such file is stored (directory objects are none), and ValueError for wildcards
+        and for a text that is no moment.
+        """
+        wanted = (exact(path), exact(name), None if at is None else moment(at))
+        return RestoreReader(self, f"{path}/{name}", *wanted)
+
+    def list(
+        self,
+        path: str = "*",
+        name: str = "*",
+        *,
+        versions: bool = False,
+        at: Optional[Moment] = None,
+        kind: str = "any",
+    ) -> List[StoredObject]:
+        """Lists stored objects, in the server's order.
+
+        path is one directory, or "*" for every one; path and name may hold the wildcards * (any run of characters,
+        delimiters too) and ?. versions=True lists inactive versions as well, each a record; at lists what was current
+        at a moment (see restore). kind is "any", "files" or "directories".
+        """
+        if versions and at is not None:
+            raise ValueError("either all versions or those of a moment")
+        if kind not in _KINDS:
+            raise ValueError(f"kind is one of {', '.join(_KINDS)}")
+        objects = Objects()
+        what = (encoded(path), encoded(name))
+        how = (_KINDS[kind], ctypes.byref(objects))
+        function = "TsmGetBackupInfo" if at is None else "TsmGetBackupInfoPointInTime"
+        which = moment(at) if at is not None else 0 if versions else 1
+        with self._holding(objects, function, *what, which, *how, end="TsmEndGetBackupInfo") as count:
+            return [self._record(objects[i]) for i in range(count)]
+
+    def _record(self, found: TsmObject) -> StoredObject:
+        name = found.lowLevelName
+        return StoredObject(
+            path=os.fsdecode(found.highLevelName),
+            name=os.fsdecode(name[1:] if name.startswith(self._delimiter) else name),
+            size=found.size,
+            stored=os.fsdecode(found.backupDate),
+            info=os.fsdecode(found.objectInfo),
+            filespace=os.fsdecode(found.fileSpace),
+            is_file=found.isFile != 0,
+        )
+
+    def delete(self, path: str, name: str, *, all_versions: bool = False) -> None:
+        """Deletes objects, and the directory objects of the path that hold nothing active any more.
+
+        path and name may hold wildcards, as in list(); name "*" is all in the path. The active version becomes
+        inactive, or, with all_versions=True, every version is deleted for good (the node needs permission: -2302).
+        Nothing happens when nothing matches. Raises TsmError at the first failure; what was deleted stays deleted.
+        """
+        self._call("TsmDelete", encoded(path), encoded(name), 1 if all_versions else 0, None)
+
+    def rename(self, old_path: str, old_name: str, new_path: str, new_name: str) -> None:
+        """Renames an object with all its versions. What is stored under the new name is replaced, every version of it.
+
+        Raises NotFoundError when nothing is stored under the old name, and TsmError with code -1 when the server did
+        not carry the rename out. Raises ValueError for wildcards, a new name as backup() refuses it, and a new name
+        that is the old one, as the library reads them ("a/b", "/a/b/" and "a\\\\b" are the same): it would be deleted.
+        """
+        old = (exact(old_path), exact(old_name))
+        new = (exact(new_path), fresh(new_name))
+        if [rooted(text, self._delimiter) for text in old] == [rooted(text, self._delimiter) for text in new]:
+            raise ValueError("the new name is the old one")
+        with self._held():
+            self._call("TsmRenameBackup", *old, *new)
+            # The library answers 0 also where the server gave the transaction up without a reason.
+            left = self.list(old_path, old_name, versions=True, kind="files")
+            if left or not self.list(new_path, new_name, versions=True):
+                raise failure(-1, "TsmRenameBackup")
+
+
+

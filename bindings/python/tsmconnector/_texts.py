@@ -1,0 +1,62 @@
+"""How names and moments are handed to the library, and which of them are refused because it would misread them."""
+
+import os
+import re
+from datetime import datetime
+from typing import Optional, Union
+
+Moment = Union[str, datetime]
+
+_MOMENT = re.compile(r"(\d{4})-(\d{1,2})-(\d{1,2})(?:[ T](\d{1,2})(?::(\d{1,2})(?::(\d{1,2}))?)?)?", re.ASCII)
+
+
+def encoded(text: Union[str, "os.PathLike[str]"]) -> bytes:
+    data = os.fsencode(text)
+    if b"\0" in data:
+        raise ValueError(f"{text!r} has a NUL character in it")
+    return data
+
+
+def optional(text: Union[str, "os.PathLike[str]", None]) -> Optional[bytes]:
+    return None if text is None else encoded(text)
+
+
+def parsed(text: str) -> datetime:
+    """Raises ValueError for a text that is no moment."""
+    match = _MOMENT.fullmatch(text)
+    if match is None:
+        raise ValueError(f"{text!r} is no moment: year-month-day hour:minute:second")
+    year, month, day, hour, minute, second = (int(part or 0) for part in match.groups())
+    return datetime(year, month, day, hour, minute, second)
+
+
+def moment(at: Moment) -> bytes:
+    # What the library cannot read it takes for no moment at all, and then gives every version.
+    when = parsed(at) if isinstance(at, str) else at
+    if not isinstance(when, datetime):
+        raise TypeError(f"a moment is a str or a datetime, not {type(at).__name__}")
+    if when.tzinfo is not None:
+        raise ValueError("a moment is in the server's local time: give a datetime without a time zone")
+    return f"{when.year:04}-{when.month}-{when.day} {when.hour}:{when.minute}:{when.second}".encode()
+
+
+def exact(text: str) -> bytes:
+    """The path or name of one object. Wildcards would match others, whose data a restore or a rename would take."""
+    if "*" in text or "?" in text:
+        raise ValueError(f"{text!r} has a wildcard in it")
+    return encoded(text)
+
+
+def fresh(text: str) -> bytes:
+    """The name of an object to be made: one that listings, deletions and renames will find again."""
+    if not text or "/" in text or "\\" in text:
+        raise ValueError(f"{text!r} is no name: it is empty or has a slash in it")
+    return exact(text)
+
+
+def rooted(text: bytes, delimiter: bytes) -> bytes:
+    """The text as the library reads a path, or the name of a rename."""
+    text = text.replace(b"\\" if delimiter == b"/" else b"/", delimiter)
+    if text.endswith(delimiter):
+        text = text[:-1]
+    return text if text.startswith(delimiter) else delimiter + text
