@@ -1,0 +1,23 @@
+# Run by CPack on what is staged for the packages: adds each one's changelog, and compresses manual pages.
+set(work ${CPACK_TOPLEVEL_DIRECTORY}/changelog)
+file(READ ${CPACK_TSM_CHANGELOG} text)
+string(REGEX MATCH "\n## [^\n]* - ([0-9-]+)\n" heading "${text}")
+execute_process(COMMAND date --utc --rfc-email --date ${CMAKE_MATCH_1} OUTPUT_VARIABLE date COMMAND_ERROR_IS_FATAL ANY)
+string(FIND "${text}" "${heading}" begin)
+string(SUBSTRING "${text}" ${begin} -1 text)
+string(REPLACE "${heading}" "" text "${text}")
+string(REGEX REPLACE "\n## .*" "" text "${text}")
+string(REGEX REPLACE "(^|\n)### [^\n]*\n" "" text "${text}")
+string(REGEX REPLACE "\n( *)([^ \n])" "\n  \\1\\2" text "${text}")
+string(REGEX REPLACE "\n  - " "\n  * " text "${text}")
+file(WRITE ${work} "tsmconnector (${CPACK_PACKAGE_VERSION}) unstable; urgency=medium\n${text}\n"
+  " -- ${CPACK_PACKAGE_CONTACT}  ${date}")
+
+foreach(component ${CPACK_COMPONENTS_ALL})
+  string(TOUPPER ${component} name)
+  set(share ${CPACK_TEMPORARY_DIRECTORY}/${component}${CPACK_PACKAGING_INSTALL_PREFIX}/share)
+  set(doc ${share}/doc/${CPACK_DEBIAN_${name}_PACKAGE_NAME})
+  file(COPY ${work} DESTINATION ${doc})
+  file(GLOB_RECURSE pages ${share}/man/*)
+  execute_process(COMMAND gzip --best --no-name ${doc}/changelog ${pages} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()

@@ -1,0 +1,82 @@
+# The Debian packages, one for each installed component. scripts/package makes them.
+file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md releases REGEX "^## ")
+list(GET releases 0 newest)
+if(NOT newest MATCHES "^## \\[(.+)\\] - ([0-9-]+)$" OR NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
+  message(FATAL_ERROR "The newest entry of CHANGELOG.md is \"${newest}\", and this is version ${PROJECT_VERSION}")
+endif()
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
+
+set(TSM_MAINTAINER "tsmconnector maintainers <tsmconnector@localhost>" CACHE STRING
+  "Name and address that the packages carry")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_CONTACT "${TSM_MAINTAINER}")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_COMPONENTS_ALL library development tool)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# What stands here belongs to no package that could be depended on: the API's library, and our own.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+if(TSM_SDK_DIR)
+  cmake_path(GET sdk_library PARENT_PATH library_folder)
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${library_folder})
+endif()
+
+# control_files(COMPONENT FOLDER FILE...)
+macro(control_files component folder)
+  foreach(file ${ARGN})
+    configure_file(${PROJECT_SOURCE_DIR}/packaging/${folder}/${file} packaging/${folder}/${file} @ONLY)
+    list(APPEND CPACK_DEBIAN_${component}_PACKAGE_CONTROL_EXTRA
+      ${PROJECT_BINARY_DIR}/packaging/${folder}/${file})
+  endforeach()
+endmacro()
+
+set(runtime libtsmconnector${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${runtime})
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SUGGESTS tsm-standin)
+set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "backup objects on a TSM server - library
+Through this library a backup product stores byte streams as backup objects
+on a TSM server, lists them, reads them back, renames and deletes them.
+.
+It needs libApiTSM64.so, the TSM client API, which is no part of Debian:
+install it from the server's vendor. No package stands in for it unasked.")
+
+control_files(LIBRARY libtsmconnector shlibs triggers)
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtsmconnector-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "backup objects on a TSM server - development files
+The header, and what CMake and pkg-config need, to build a program with
+libtsmconnector. The TSM client API is needed to run it, not to build it.")
+
+set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tsmctl)
+set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOL_DESCRIPTION "back up files to a TSM server, from the command line
+tsmctl backs up files, directories and streams as objects on a TSM server,
+lists, restores, verifies, renames and deletes them.
+.
+It needs libApiTSM64.so, the TSM client API, from the server's vendor.")
+
+if(NOT TSM_SDK_DIR)
+  list(APPEND CPACK_COMPONENTS_ALL standin)
+  set(CPACK_DEBIAN_STANDIN_PACKAGE_NAME tsm-standin)
+  set(CPACK_DEBIAN_STANDIN_PACKAGE_SECTION devel)
+  set(CPACK_DEBIAN_STANDIN_DESCRIPTION "stand-in for the TSM client API, for tests
+Stands in for the TSM client API where there is no server. All that is backed
+up goes to a folder of THIS MACHINE: it serves tests and development, and
+saves nothing from the loss of the machine.
+.
+Any other libApiTSM64.so that the dynamic linker knows takes precedence.")
+  control_files(STANDIN tsm-standin postinst prerm triggers)
+endif()
+
+set(CPACK_TSM_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/DebianFiles.cmake)
+include(CPack)
