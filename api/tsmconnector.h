@@ -12,10 +12,11 @@
  *
  * @par Results
  * 0 or a positive value (a handle, a count, a number of bytes) is success, a
- * negative value is failure: the return code of the TSM client API with a
- * minus sign, or the reason for which the server gave a transaction up, with a
- * minus sign. What the library refuses by itself is named in the same
- * vocabulary, before any call reaches the API:
+ * negative value is failure: minus the magnitude of the TSM client API's return
+ * code (one that is itself negative comes back as it is), or the reason for
+ * which the server gave a transaction up, with a minus sign. What the library
+ * refuses by itself is named in the same vocabulary, before any call reaches
+ * the API:
  * - -109: a value out of range
  * - -2000: a null path, name or node
  * - -2009: a null pointer where data or results are to be read or written
@@ -57,12 +58,13 @@
  * of the two slashes, the other one out of names.
  *
  * @par Points in time
- * "year-month-day hour:minute:second" in the server's local time, leading
- * zeros optional, parts left off at the end are 0. TsmObject::backupDate has
- * this form, without leading zeros, so that it does not sort by time. A text
- * that is no moment is not refused: what cannot be read is 0, and a moment of
- * zeros means none: listings and restores then take every version. Check what
- * users typed.
+ * A moment is a text "year-month-day hour:minute:second" in the server's local
+ * time, leading zeros optional, parts left off at the end are 0.
+ * TsmObject::backupDate has this form, without leading zeros, so that it does
+ * not sort by time. A text that is no moment is not refused: what cannot be
+ * read is 0, and a moment of zeros means none: listings and restores then take
+ * every version, deletions what they take without a moment. Check what users
+ * typed.
  *
  * @par Flags
  * An int that is a flag means yes exactly when it is 1.
@@ -90,7 +92,7 @@ extern "C" {
 
 /**
  * @defgroup tsm_lifecycle Life cycle
- * @brief Initialising the library, signing on and off. General rules: tsmconnector.h.
+ * @brief Initialising the library, signing on and off. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
@@ -162,7 +164,7 @@ TSM_API int TsmCloseSession(int handle);
 
 /**
  * @defgroup tsm_filespaces Filespaces
- * @brief Choosing, listing and deleting filespaces. General rules: tsmconnector.h.
+ * @brief Choosing, listing and deleting filespaces. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
@@ -220,7 +222,7 @@ TSM_API int TsmDeleteFileSpace(int handle, char* name);
 
 /**
  * @defgroup tsm_classes Management classes
- * @brief Listing the management classes. General rules: tsmconnector.h.
+ * @brief Listing the management classes. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
@@ -244,7 +246,7 @@ TSM_API int TsmEndGetMgmtClasses(int handle);
 
 /**
  * @defgroup tsm_backup Backup
- * @brief Storing an object. General rules: tsmconnector.h.
+ * @brief Storing an object. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
@@ -257,9 +259,10 @@ TSM_API int TsmEndGetMgmtClasses(int handle);
  * name keeps the older version as an inactive one. Releases the session's
  * inventory (TsmGetBackupInfo()).
  *
- * After a failure the transaction may still be open: call TsmEndBackup() (its
- * result does not matter, nothing is stored) or close the session, before the
- * session is used for anything else.
+ * After a failure the transaction may still be open: close the session, or call
+ * TsmEndBackup() (its result does not matter, nothing is stored), before the
+ * session is used for anything else. After -2041 close it: an object that was
+ * opened earlier is still open, and TsmEndBackup() would commit it as it is.
  *
  * @param handle the session
  * @param path the directory
@@ -316,7 +319,7 @@ TSM_API int TsmEndBackup(int handle);
 
 /**
  * @defgroup tsm_inventory Inventory
- * @brief Listing what is stored. General rules: tsmconnector.h.
+ * @brief Listing what is stored. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
@@ -399,7 +402,7 @@ TSM_API int TsmEndGetBackupInfoPointInTime(int handle);
 
 /**
  * @defgroup tsm_restore Restore
- * @brief Reading an object back. General rules: tsmconnector.h.
+ * @brief Reading an object back. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
@@ -444,7 +447,7 @@ TSM_API int TsmEndRestore(int handle);
 
 /**
  * @defgroup tsm_removal Deletion and renaming
- * @brief Taking objects away, or giving them a new name. General rules: tsmconnector.h.
+ * @brief Taking objects away, or giving them a new name. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
@@ -452,13 +455,16 @@ TSM_API int TsmEndRestore(int handle);
  * @brief Deletes objects, one transaction each, and then the directory objects
  * of the path that hold nothing active any more, climbing towards the top.
  *
- * The climb removes by name: where a file bears the name of an emptied
- * directory, that file goes as well, and wildcards in the path match. Releases
+ * A name stands for both kinds, a file and a directory object. Objects below a
+ * deleted directory object stay where they are: to delete the tree "a", list
+ * the paths "a" and "a/" with a wildcard behind it, and delete the files one by
+ * one. The climb removes by name: where a file bears the name of an emptied
+ * directory, that file goes as well. Wildcards in the path match in the climb too: with the path "*" and
+ * nothing active left, every object at the top of the filespace goes. Releases
  * the session's inventory.
  *
  * A transaction may be left open, after a failure and, where the climb failed,
- * also after 0: when the next call answers -2041, call TsmEndBackup() or close
- * the session.
+ * also after 0: close the session when the next call answers -2041.
  *
  * @param handle the session
  * @param path the directory; "*" for every directory
@@ -467,10 +473,11 @@ TSM_API int TsmEndRestore(int handle);
  * @param allVersions flag: every version, for good (the node needs permission
  *        for that); otherwise the active version becomes inactive
  * @param pointInTime null, or a moment: of those versions, only what was current
- *        then is deleted
- * @return 0, also when nothing matched, or a negative code at the first failure
- * (-2302 for a transaction that the server refused); what was deleted before it
- * stays deleted.
+ *        then is deleted. A text that is no moment deletes as null does.
+ * @return 0, also when nothing matched or when the search broke off before
+ * anything was deleted (list to be sure), or a negative code at the first
+ * failure (-2302 for a transaction that the server refused, whatever the
+ * reason); what was deleted before it stays deleted.
  */
 TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char* pointInTime);
 
@@ -498,8 +505,9 @@ TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char*
  * @param newName the name it gets
  * @return 0, -2 when nothing is stored under the old name, or a negative code.
  * 0 is also what a transaction that the server gave up without a reason leaves:
- * it is renamed when nothing is listed under the old name any more, and
- * something under the new one.
+ * the object is renamed when no object of its kind is listed under the old name
+ * any more, and one is under the new name. Deleting what remains may have
+ * failed unnoticed, as where the node may not delete for good.
  */
 TSM_API int TsmRenameBackup(int handle, const char* oldPath, const char* oldName, const char* newPath,
                             const char* newName);
@@ -513,12 +521,17 @@ TSM_API int TsmRenameBackup(int handle, const char* oldPath, const char* oldName
 
 /**
  * @defgroup tsm_cpp For C++ hosts
- * @brief What has C++ linkage: access for other nodes, and thread primitives. General rules: tsmconnector.h.
+ * @brief What has C++ linkage. Include tsmconnector.h, which holds the general rules.
  * @{
  */
 
 /**
- * @brief Lets another node read the backups of a filespace.
+ * @brief Gives another node access to backups in a filespace.
+ *
+ * The rule covers the high-level name of one backslash with any low-level name,
+ * whatever the session's delimiter is. The library has no call to read another
+ * node's filespace.
+ *
  * @param handle the session
  * @param node the node that gets access
  * @param fileSpace the filespace's full name on the server, leading delimiter

@@ -7,7 +7,7 @@ static int DeleteEach(int session, TsmObject* objects, int count) {
         char* const path = objects[i].highLevelName;
         char* const name = objects[i].lowLevelName;
         /* Another host's name may hold what matches more than itself. */
-        if (!NameIsPlain(path, name + 1)) {
+        if (!NameIsPlain(path, name + 1) || CheckKinds(session, path, name + 1, 1) != 0) {
             failed = EXIT_FAILURE;
             continue;
         }
@@ -15,6 +15,9 @@ static int DeleteEach(int session, TsmObject* objects, int count) {
         const int result = TsmDelete(session, path, name, 0, NULL);
         /* A transaction may be left open: nothing more with this session. */
         if (result < 0) return Problem("TsmDelete", result);
+        /* 0 is also the result when the library's own search failed. */
+        const int left = Count(session, path, name, 1, TSM_OBJECTS_FILES);
+        if (left != 0) return left < 0 ? EXIT_FAILURE : Refuse(path, name, "is still there");
         printf("deleted %s%s\n", path, name);
     }
     return FinishOutput() || failed;

@@ -2,11 +2,11 @@
 #include <tsmconnector.h>
 
 int main(void) {
-    if (TsmInitApi("dsm.opt", NULL, NULL, NULL) != 0) return 1;
+    int failed = TsmInitApi("dsm.opt", NULL, NULL, NULL) != 0;
     int session = TsmOpenSession("MYNODE", NULL, "secret", NULL, NULL, NULL, "/");
-    int failed = session <= 0 || TsmConnectToFileSpace(session, "vm01") != 0 ||
-                 TsmBeginBackup(session, "disks/today", "greeting", 5) != 0 ||
-                 TsmSendData(session, (unsigned char *)"hello", 5) != 0 || TsmEndBackup(session) != 0;
+    failed = failed || session <= 0 || TsmConnectToFileSpace(session, "vm01") != 0 ||
+             TsmBeginBackup(session, "disks/today", "greeting", 5) != 0 ||
+             TsmSendData(session, (unsigned char*)"hello", 5) != 0 || TsmEndBackup(session) != 0;
     printf(failed ? "not stored\n" : "stored\n");
     return TsmReleaseApi() != 0 || failed;
 }

@@ -74,6 +74,39 @@ static inline int OpenSession(void) {
     return 0;
 }
 
+static inline int Refuse(const char* path, const char* name, const char* why) {
+    fprintf(stderr, "%s %s: %s\n", path, name, why);
+    return EXIT_FAILURE;
+}
+
+/* Returns how many versions a name holds, or -1 after reporting why that is not known. */
+static inline int Count(int session, char* path, char* name, int activeOnly, int objectType) {
+    TsmObject* objects = NULL;
+    const int count = TsmGetBackupInfo(session, path, name, activeOnly, objectType, &objects);
+    if (count < 0) Problem("TsmGetBackupInfo", count);
+    TsmEndGetBackupInfo(session);
+    return count < 0 ? -1 : count;
+}
+
+/*
+ * Deleting and renaming go by name: a directory object that bears the file's name would go with it, and so would a file
+ * that bears the name of a directory above which is left empty. Returns 0 where there is none of them, or EXIT_FAILURE
+ * after reporting what is in the way.
+ */
+static inline int CheckKinds(int session, const char* path, const char* name, int activeOnly) {
+    char level[1300]; /* more than a path and a name can have */
+    if (snprintf(level, sizeof level, "/%s/%s", path, name) >= (int)sizeof level) return Refuse(path, name, "too long");
+    int wrong = TSM_OBJECTS_DIRECTORIES;
+    for (char* slash; (slash = strrchr(level, '/')) != NULL; wrong = TSM_OBJECTS_FILES) {
+        *slash = '\0';
+        if (slash[1] == '\0') continue;
+        const int count = Count(session, level, slash + 1, activeOnly, wrong);
+        if (count < 0) return EXIT_FAILURE;
+        if (count > 0) return Refuse(level, slash + 1, wrong == TSM_OBJECTS_FILES ? "is a file" : "is a directory");
+    }
+    return 0;
+}
+
 /*
  * A program with one task on one session: the task gets the session and the command line's arguments (ended by a null
  * pointer) and returns 0 when it is done. The session is closed whatever comes of it, so that the server drops what a

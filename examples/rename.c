@@ -1,36 +1,20 @@
 /* Gives a file another name, with all its versions. */
 #include "host.h"
 
-/* Returns how many versions a name holds, or -1 after reporting why that is not known. */
-static int Count(int session, char* path, char* name, int objectType) {
-    TsmObject* objects = NULL;
-    const int count = TsmGetBackupInfo(session, path, name, 0, objectType, &objects);
-    if (count < 0) Problem("TsmGetBackupInfo", count);
-    TsmEndGetBackupInfo(session);
-    return count < 0 ? -1 : count;
-}
-
-static int Refuse(const char* path, const char* name, const char* why) {
-    fprintf(stderr, "%s %s: %s\n", path, name, why);
-    return EXIT_FAILURE;
-}
-
 static int Rename(int session, char** arguments) {
     char* const oldPath = arguments[0];
     char* const oldName = arguments[1];
     char* const newPath = arguments[2];
     char* const newName = arguments[3];
-    /* What is in a directory would stay behind, without it. */
-    const int directories = Count(session, oldPath, oldName, TSM_OBJECTS_DIRECTORIES);
-    if (directories != 0) return directories < 0 ? EXIT_FAILURE : Refuse(oldPath, oldName, "is a directory");
+    if (CheckKinds(session, oldPath, oldName, 0) != 0) return EXIT_FAILURE;
     /* A renaming begins with deleting every version under the new name. */
-    const int taken = Count(session, newPath, newName, TSM_OBJECTS_ANY);
+    const int taken = Count(session, newPath, newName, 0, TSM_OBJECTS_ANY);
     if (taken != 0) return taken < 0 ? EXIT_FAILURE : Refuse(newPath, newName, "is taken");
 
     const int result = TsmRenameBackup(session, oldPath, oldName, newPath, newName);
     if (result < 0) return Problem("TsmRenameBackup", result);
     /* 0 is also the result when the server gave up without a reason. */
-    const int renamed = Count(session, newPath, newName, TSM_OBJECTS_FILES);
+    const int renamed = Count(session, newPath, newName, 0, TSM_OBJECTS_FILES);
     return renamed > 0 ? 0 : renamed < 0 ? EXIT_FAILURE : Refuse(newPath, newName, "the server did not rename");
 }
 

@@ -24,7 +24,6 @@ import tempfile
 
 root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 skipped = 77  # to CTest
-shown_files = {"README.md": {"c": "examples/first.c"}}  # what a document shows of the project
 strict = ["-Wall", "-Wextra", "-Werror", "-pthread"]
 compilers = {"c": ["cc", "-std=c11", *strict], "cpp": ["c++", "-std=c++17", *strict]}
 
@@ -108,9 +107,6 @@ def compare(blocks, output, what):
 
 def run_program(kind, blocks):
     source = write(os.path.join(scratch, f"{os.path.basename(arguments.document)}.{kind}"), in_place(blocks))
-    shown = shown_files.get(arguments.document, {}).get(kind)
-    if shown and open(os.path.join(root, shown), encoding="utf-8").read() != text_of(blocks):
-        fail(f"{blocks[0].line}: differs from {shown}")
     if kind == "python":
         environment.update(PYTHONPATH=os.path.join(project, "bindings/python"),
                            TSMCONNECTOR_LIBRARY=os.path.join(arguments.build, "lib/libtsmconnector.so"))

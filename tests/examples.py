@@ -92,6 +92,8 @@ expect(["restore", "disks/today", "a.img", "2001-02-03 04:05:06"], status=1, sai
 for name, *size in [("empty",), ("nothing", "0")]:
     expect(["backup", "", name, *size])
     expect(["restore", "/", name])
+expect(["backup", "", "kinds"])
+expect(["backup", "kinds", "inside"])
 expect(["list", "/disks"], out=f"{versions('/disks/today/')[0]:19} {0:12} /disks/today/\n".encode())
 
 # What cannot be read, sent or written. Nothing comes of it, not even a directory when the very first byte is missing.
@@ -107,6 +109,7 @@ with open("/dev/full", "wb") as full:
     for call, nth in [("dsmInitEx", 1), ("dsmRegisterFS", 1), ("dsmSendObj", 1), ("dsmSendData", 2), ("dsmEndTxn", 1)]:
         expect_fault(["backup", "disks/today", "a.img"], call, nth, "Tsm\\w+" + code)
     expect_fault(["delete", "disks/today", "a.img"], "dsmDeleteObj", 1, "TsmDelete" + code)
+    expect_fault(["delete", "", "empty"], "dsmGetNextQObj", 5, ".*is still there\n")
     expect_fault(["restore", "disks/today", "a.img", moments[0]], "dsmGetData", 2, "TsmGetData" + code)
     expect_fault(["rename", "disks/today", "a.img", "", "b"], "dsmRenameObj", 1, "TsmRenameBackup" + code)
     # The server gives up without a reason, which the library takes for a success.
@@ -125,6 +128,9 @@ for arguments, said in [
     (["rename", "disks/today", "b.img", "disks/today", "c.img"], not_found),
     (["rename", "disks/today", "a.img", "", "empty"], ".*is taken\n"),
     (["rename", "disks", "today", "disks", "tomorrow"], ".*is a directory\n"),
+    (["delete", "", "kinds"], ".*kinds: is a directory\n"),
+    (["delete", "kinds", "inside"], ".*kinds: is a file\n"),
+    (["rename", "/kinds/", "inside", "", "new"], ".*kinds: is a file\n"),
 ]:
     expect(arguments, status=1, said=said)
 for arguments, said in [
