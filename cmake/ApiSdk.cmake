@@ -10,7 +10,7 @@ set(headers dsmapitd.h dsmapifp.h dsmrc.h)
 set(never_found ${headers})
 set(split "")
 set(include_folder "")
-file(GLOB_RECURSE found "${sdk}/dsmapitd.h" "${sdk}/dsmapifp.h" "${sdk}/dsmrc.h")
+file(GLOB_RECURSE found FOLLOW_SYMLINKS "${sdk}/dsmapitd.h" "${sdk}/dsmapifp.h" "${sdk}/dsmrc.h")
 foreach(header ${found})
   cmake_path(GET header PARENT_PATH folder)
   cmake_path(GET header FILENAME name)
@@ -30,12 +30,20 @@ if(NOT include_folder)
     "${split}")
 endif()
 
-file(GLOB_RECURSE libraries "${sdk}/libApiTSM64.so")
+file(GLOB_RECURSE libraries FOLLOW_SYMLINKS "${sdk}/libApiTSM64.so")
+foreach(file ${libraries})
+  if(NOT EXISTS "${file}") # a link to nothing
+    list(REMOVE_ITEM libraries "${file}")
+  endif()
+endforeach()
 if(NOT libraries)
   message(FATAL_ERROR "TSM_SDK_DIR: libApiTSM64.so not found in or below ${sdk}")
 endif()
 list(GET libraries 0 sdk_library)
 message(STATUS "Client API: ${sdk_library}, headers in ${include_folder}")
+
+# What the API's library itself needs may be known at run time only.
+add_link_options(-Wl,--allow-shlib-undefined)
 
 # Where its library has no SONAME, linking it by its path would leave that path in what is linked.
 add_library(ApiTSM64 SHARED IMPORTED GLOBAL)

@@ -12,6 +12,15 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tsmconnectorConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/tsmconnectorConfigVersion.cmake
   DESTINATION ${config_folder} COMPONENT development)
 
-configure_file(${CMAKE_CURRENT_LIST_DIR}/tsmconnector.pc.in tsmconnector.pc @ONLY)
+# Written when it is installed: the prefix may be another one by then.
+install(CODE "
+  set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+  set(libdir \"${CMAKE_INSTALL_LIBDIR}\")
+  set(includedir \"${CMAKE_INSTALL_INCLUDEDIR}\")
+  foreach(folder libdir includedir)
+    cmake_path(ABSOLUTE_PATH \${folder} BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\")
+  endforeach()
+  configure_file(\"${CMAKE_CURRENT_LIST_DIR}/tsmconnector.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/tsmconnector.pc\" @ONLY)"
+  COMPONENT development)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tsmconnector.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

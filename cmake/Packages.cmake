@@ -1,8 +1,8 @@
 # The Debian packages, one for each installed component. scripts/package makes them.
-file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md releases REGEX "^## ")
+file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md releases REGEX "^## \\[[0-9]")
 list(GET releases 0 newest)
 if(NOT newest MATCHES "^## \\[(.+)\\] - ([0-9-]+)$" OR NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
-  message(FATAL_ERROR "The newest entry of CHANGELOG.md is \"${newest}\", and this is version ${PROJECT_VERSION}")
+  message(FATAL_ERROR "The newest release of CHANGELOG.md is \"${newest}\", and this is version ${PROJECT_VERSION}")
 endif()
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 
@@ -15,6 +15,8 @@ set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_COMPONENTS_ALL library development tool)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
+# Installed as if to the prefix, which stands in files.
+set(CPACK_SET_DESTDIR ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -25,15 +27,6 @@ if(TSM_SDK_DIR)
   cmake_path(GET sdk_library PARENT_PATH library_folder)
   list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${library_folder})
 endif()
-
-# control_files(COMPONENT FOLDER FILE...)
-macro(control_files component folder)
-  foreach(file ${ARGN})
-    configure_file(${PROJECT_SOURCE_DIR}/packaging/${folder}/${file} packaging/${folder}/${file} @ONLY)
-    list(APPEND CPACK_DEBIAN_${component}_PACKAGE_CONTROL_EXTRA
-      ${PROJECT_BINARY_DIR}/packaging/${folder}/${file})
-  endforeach()
-endmacro()
 
 set(runtime libtsmconnector${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${runtime})
@@ -46,7 +39,8 @@ on a TSM server, lists them, reads them back, renames and deletes them.
 It needs libApiTSM64.so, the TSM client API, which is no part of Debian:
 install it from the server's vendor. No package stands in for it unasked.")
 
-control_files(LIBRARY libtsmconnector shlibs triggers)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtsmconnector-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -74,7 +68,10 @@ up goes to a folder of THIS MACHINE: it serves tests and development, and
 saves nothing from the loss of the machine.
 .
 Any other libApiTSM64.so that the dynamic linker knows takes precedence.")
-  control_files(STANDIN tsm-standin postinst prerm triggers)
+  foreach(file postinst prerm triggers)
+    configure_file(${PROJECT_SOURCE_DIR}/packaging/tsm-standin/${file} packaging/${file} @ONLY)
+    list(APPEND CPACK_DEBIAN_STANDIN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packaging/${file})
+  endforeach()
 endif()
 
 set(CPACK_TSM_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)

@@ -146,6 +146,7 @@ anywhere = [
     ("tsmctl backup my\\ docs/" + TAB, "tsmctl backup my\\ docs/in\\ side/|"),
     ("tsmctl restore x --to n" + ALL, "tsmctl restore x --to notes.d |"),
     ("tsmctl --log-dir n" + ALL, "tsmctl --log-dir notes.d |"),
+    ("tsmctl list --log-dir n" + ALL, "tsmctl list --log-dir notes.d |"),
     ("tsmctl --password-file n" + ALL, "tsmctl --password-file notes.d notes.txt |"),
     ("tsmctl list >n" + ALL, "tsmctl list >notes.d notes.txt |"),
     *((f"tsmctl {command} --" + ALL, f"tsmctl {command} {options_with(command)} |") for command in commands),
@@ -165,7 +166,7 @@ with tempfile.TemporaryDirectory() as work:
     os.mkdir("notes.d")
     for name in ("notes.txt", "my file"):
         open(name, "w", encoding="utf-8").close()
-    installed = f"source '{sources}/completion.bash'"
+    installed = f"set -u; source '{sources}/completion.bash'"
     for setup, cases in (("source <(tsmctl completion)", anywhere + cut_words),
                          (f"COMP_WORDBREAKS=${{COMP_WORDBREAKS//=}}; {installed}", anywhere + whole_words)):
         bash = Bash(setup)

@@ -13,7 +13,6 @@ constexpr const char* function = R"bash(
 _tsmctl() {
     local cur=$2 command=tsmctl option='' plain='' prefix='' word values
     COMPREPLY=()
-    [[ ${COMP_WORDS[COMP_CWORD]} == = ]] && cur=
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if [[ $option ]]; then
             [[ $word == = ]] || option=
@@ -40,7 +39,7 @@ _tsmctl() {
     elif [[ $command == tsmctl ]]; then
         values=$_tsmctl_commands
     else
-        values=${_tsmctl_values[$command]}
+        values=${_tsmctl_values[$command]-}
     fi
     case $values$prefix in
         FILE) compopt -o bashdefault -o default ;;
