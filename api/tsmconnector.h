@@ -18,7 +18,7 @@
  * refuses by itself is named in the same vocabulary, before any call reaches
  * the API:
  * - -109: a value out of range
- * - -2000: a null path, name or node
+ * - -2000: a null path, name or filespace, or node to give access to
  * - -2009: a null pointer where data or results are to be read or written
  * - -2014: no such session: unknown handle, or the library not initialised
  * - -2041: called in the wrong order
@@ -102,7 +102,8 @@ extern "C" {
  * When no mutex can be created the process ends with exit status 0.
  *
  * @param configFile the API's options file, or null
- * @param logDir folder for the API's error log "dsierror.log", or null
+ * @param logDir folder for the API's error log "dsierror.log", or null. It has
+ *        to exist.
  * @param apiDir the API's installation folder, or null
  * @param applicationType the name under which sessions sign on, or null for
  *        the default
@@ -133,7 +134,7 @@ TSM_API int TsmReleaseApi(void);
  *
  * Passwords are wiped from the library's memory when the session ends.
  *
- * @param nodeName the node's name, or null
+ * @param nodeName the node's name, or null where the API knows it by itself
  * @param ownerName the owner's name, or null
  * @param password the node's password, or null
  * @param options an options string for the API, or null
@@ -156,7 +157,8 @@ TSM_API int TsmOpenSession(char* nodeName, char* ownerName, char* password, char
  *
  * @param handle the session; one that is not open is no failure
  * @return 0, also for a handle that is not open; otherwise the sign-off's
- * return code as it is (as a rule positive).
+ * return code as it is (as a rule positive); -2014 when the library is not
+ * initialised.
  */
 TSM_API int TsmCloseSession(int handle);
 
@@ -175,8 +177,10 @@ TSM_API int TsmCloseSession(int handle);
  * May be called again to change over.
  *
  * @param handle the session
- * @param name the filespace. Slashes in it are rewritten as in paths. With the
- *        delimiter that is put in front of it, it takes up to 1024 bytes.
+ * @param name the filespace. The other slash in it is rewritten as in paths;
+ *        unlike in a path, a delimiter at its start or end counts: "vm01" and
+ *        "/vm01" are two filespaces. With the delimiter that is put in front of
+ *        it, it takes up to 1024 bytes.
  * @return 0 or a negative code. When the server refuses the registration the
  * new name is chosen all the same; a name that the library refuses (-2000,
  * -2120, -102) leaves the session with the filespace it had.
@@ -432,7 +436,8 @@ TSM_API long long TsmBeginRestore(int handle, char* path, char* name, char* poin
  *        changed
  * @param size wanted bytes at most; anything below 32768 counts as 32768, so
  *        the memory must have room for max(size, 32768) bytes
- * @return the number of bytes placed, 0 after the last one, or a negative code.
+ * @return the number of bytes placed, 0 after the last one (and from then on,
+ * until the next TsmBeginRestore()), or a negative code.
  */
 TSM_API int TsmGetData(int handle, unsigned char** buffer, int size);
 
@@ -488,13 +493,14 @@ TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char*
  * where the server refuses that, it is moved aside, to the new path and name
  * with the time appended to both. Whatever remains under the old name is
  * deleted, empty directory objects of the old path go, those of the new path
- * are created. Renaming an object to its own name therefore deletes it. Of a
- * name that holds both a file and a directory object, the kind that the server
- * lists first is renamed, and the other is what remains and is deleted.
- * Wildcards are taken as they are by the renaming and match in the deletions
- * before and after it: keep them out of all four. Objects below a renamed
- * directory object stay where they are. Releases the session's inventory. A transaction may be left open as by
- * TsmDelete().
+ * are created. Renaming an object to its own name, or to the name of a directory
+ * above it, therefore deletes it. Of a name that holds both a file and a
+ * directory object, the kind that the server lists first is renamed, and the
+ * other is what remains and is deleted. Wildcards are taken as they are by the
+ * renaming and match in the deletions before and after it, and a path with two
+ * delimiters in a row is read differently by some of these steps: keep both
+ * out. Objects below a renamed directory object stay where they are. Releases
+ * the session's inventory. A transaction may be left open as by TsmDelete().
  *
  * @param handle the session
  * @param oldPath the directory of the object

@@ -2,7 +2,7 @@
 #include <tsmconnector.h>
 
 int main(void) {
-    int failed = TsmInitApi("dsm.opt", NULL, NULL, NULL) != 0;
+    int failed = TsmInitApi("dsm.opt", ".", NULL, NULL) != 0;
     int session = TsmOpenSession("MYNODE", NULL, "secret", NULL, NULL, NULL, "/");
     failed = failed || session <= 0 || TsmConnectToFileSpace(session, "vm01") != 0 ||
              TsmBeginBackup(session, "disks/today", "greeting", 5) != 0 ||

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <memory>
 #include <sstream>
@@ -39,10 +40,14 @@ protected:
         setenv("TSMCTL_CONFIG", (root / "dsm.opt").c_str(), 1);
         setenv("TSMCTL_PASSWORD", "secret", 1);
         setenv("TSMCTL_NODE", "node", 1);
+        setenv("TSMCTL_LOG_DIR", root.c_str(), 1);
         unsetenv("TSMCTL_FILESPACE");
     }
     void TearDown() override {
-        if (HasFailure()) return;
+        if (HasFailure()) {
+            std::cout << root << '\n' << Content(root / "dsierror.log");
+            return;
+        }
         fs::permissions(root, fs::perms::owner_all);
         fs::remove_all(root);
     }
