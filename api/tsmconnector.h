@@ -23,7 +23,8 @@
  * - -2014: no such session: unknown handle, or the library not initialised
  * - -2041: called in the wrong order
  * - -2061: no filespace connected (TsmConnectToFileSpace())
- * - -2120: a text too long for its field (a rename's, with its time, later)
+ * - -2120: a text too long for its field (a rename to a taken
+ *   name is refused after its first queries)
  *
  * @par
  * and in the middle of an operation:
@@ -212,8 +213,8 @@ TSM_API int TsmEndGetFileSpaces(int handle);
 /**
  * @brief Deletes a filespace with every object and version in it, for good.
  *
- * A session that has chosen this filespace is to choose another one, or the
- * same anew.
+ * A session that has chosen this filespace must call TsmConnectToFileSpace()
+ * again before it goes on.
  *
  * @param handle the session
  * @param name the filespace; the delimiter is put in front of it, slashes are
@@ -463,10 +464,12 @@ TSM_API int TsmEndRestore(int handle);
  * A name stands for both kinds, a file and a directory object. Objects below a
  * deleted directory object stay where they are: to delete the tree "a", list
  * the paths "a" and "a/" with a wildcard behind it, and delete the files one by
- * one. The climb removes by name: where a file bears the name of an emptied
- * directory, that file goes as well. Wildcards in the path match in the climb too: with the path "*" and
- * nothing active left, every object at the top of the filespace goes. Releases
- * the session's inventory.
+ * one. The climb runs when nothing matched too, and removes by name: where a
+ * file bears the name of a directory of the path that holds nothing active, or
+ * that does not exist, that file goes. Wildcards in the path match in the climb:
+ * with the path "disk*" and nothing active left in such directories, everything
+ * beside them that matches goes, a file "disk.img" too. Releases the session's
+ * inventory.
  *
  * A transaction may be left open, after a failure and, where the climb failed,
  * also after 0: close the session when the next call answers -2041.
@@ -491,7 +494,9 @@ TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char*
  *
  * What is stored under the new name is deleted first, every version of it;
  * where the server refuses that, it is moved aside, to the new path and name
- * with the time appended to both. Whatever remains under the old name is
+ * with the time appended to both (at the top of the filespace its path is then
+ * the time without a delimiter, which only a listing of "*" finds and no restore
+ * does). Whatever remains under the old name is
  * deleted, empty directory objects of the old path go, those of the new path
  * are created. Renaming an object to its own name, or to the name of a directory
  * above it, therefore deletes it. Of a name that holds both a file and a
@@ -510,7 +515,7 @@ TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char*
  *        anything is deleted)
  * @param newName the name it gets
  * @return 0, -2 when nothing is stored under the old name, or a negative code.
- * 0 is also what a transaction that the server gave up without a reason leaves:
+ * The result is also 0 when the server gave the transaction up without a reason:
  * the object is renamed when no object of its kind is listed under the old name
  * any more, and one is under the new name. Deleting what remains may have
  * failed unnoticed, as where the node may not delete for good.

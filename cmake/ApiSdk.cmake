@@ -4,13 +4,15 @@ if(NOT IS_DIRECTORY "${TSM_SDK_DIR}")
   message(FATAL_ERROR "TSM_SDK_DIR: there is no folder ${TSM_SDK_DIR}")
 endif()
 file(REAL_PATH "${TSM_SDK_DIR}" sdk)
+string(REGEX REPLACE "([][*?])" "[\\1]" sdk_pattern "${sdk}")
 
 # Headers of one version belong together: all of them must stand in one folder.
 set(headers dsmapitd.h dsmapifp.h dsmrc.h)
 set(never_found ${headers})
 set(split "")
 set(include_folder "")
-file(GLOB_RECURSE found FOLLOW_SYMLINKS "${sdk}/dsmapitd.h" "${sdk}/dsmapifp.h" "${sdk}/dsmrc.h")
+file(GLOB_RECURSE found FOLLOW_SYMLINKS
+  "${sdk_pattern}/dsmapitd.h" "${sdk_pattern}/dsmapifp.h" "${sdk_pattern}/dsmrc.h")
 foreach(header ${found})
   cmake_path(GET header PARENT_PATH folder)
   cmake_path(GET header FILENAME name)
@@ -30,7 +32,7 @@ if(NOT include_folder)
     "${split}")
 endif()
 
-file(GLOB_RECURSE libraries FOLLOW_SYMLINKS "${sdk}/libApiTSM64.so")
+file(GLOB_RECURSE libraries FOLLOW_SYMLINKS "${sdk_pattern}/libApiTSM64.so")
 foreach(file ${libraries})
   if(NOT EXISTS "${file}") # a link to nothing
     list(REMOVE_ITEM libraries "${file}")

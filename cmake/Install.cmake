@@ -17,8 +17,9 @@ install(CODE "
   set(PROJECT_VERSION \"${PROJECT_VERSION}\")
   set(libdir \"${CMAKE_INSTALL_LIBDIR}\")
   set(includedir \"${CMAKE_INSTALL_INCLUDEDIR}\")
+  cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
   foreach(folder libdir includedir)
-    cmake_path(ABSOLUTE_PATH \${folder} BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\")
+    cmake_path(ABSOLUTE_PATH \${folder} BASE_DIRECTORY \"\${prefix}\")
   endforeach()
   configure_file(\"${CMAKE_CURRENT_LIST_DIR}/tsmconnector.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/tsmconnector.pc\" @ONLY)"
   COMPONENT development)

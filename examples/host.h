@@ -26,9 +26,11 @@ static inline int Problem(const char* call, long long result) {
 
 /* Backups and restores take names as they are, listings and deletions rewrite them: accepts what both read alike. */
 static inline int NameIsPlain(const char* path, const char* name) {
-    if (strpbrk(path, "*?\\") == NULL && *name != '\0' && strpbrk(name, "*?\\/") == NULL) return 1;
-    fprintf(stderr, "%s %s: no name for one object (wildcards, a backslash, a slash in the name, or no name)\n", path,
-            name);
+    if (strpbrk(path, "*?\\") == NULL && strstr(path, "//") == NULL && *name != '\0' && strpbrk(name, "*?\\/") == NULL)
+        return 1;
+    fprintf(stderr,
+            "%s %s: no name for one object (wildcards, a backslash, a slash in the name, two in a row, or no name)\n",
+            path, name);
     return 0;
 }
 
@@ -95,6 +97,7 @@ static inline int Count(int session, char* path, char* name, int activeOnly, int
  */
 static inline int CheckKinds(int session, const char* path, const char* name, int activeOnly) {
     char level[1300]; /* more than a path and a name can have */
+    if (*path == '/') ++path;
     if (snprintf(level, sizeof level, "/%s/%s", path, name) >= (int)sizeof level) return Refuse(path, name, "too long");
     int wrong = TSM_OBJECTS_DIRECTORIES;
     for (char* slash; (slash = strrchr(level, '/')) != NULL; wrong = TSM_OBJECTS_FILES) {

@@ -94,6 +94,8 @@ for name, *size in [("empty",), ("nothing", "0")]:
     expect(["restore", "/", name])
 expect(["backup", "", "kinds"])
 expect(["backup", "kinds", "inside"])
+expect(["backup", "deep/kinds", "file"])
+expect(["backup", "deep", "kinds"])
 expect(["list", "/disks"], out=f"{versions('/disks/today/')[0]:19} {0:12} /disks/today/\n".encode())
 
 # What cannot be read, sent or written. Nothing comes of it, not even a directory when the very first byte is missing.
@@ -131,6 +133,9 @@ for arguments, said in [
     (["delete", "", "kinds"], ".*kinds: is a directory\n"),
     (["delete", "kinds", "inside"], ".*kinds: is a file\n"),
     (["rename", "/kinds/", "inside", "", "new"], ".*kinds: is a file\n"),
+    (["rename", "/deep/kinds", "file", "", "new"], "/deep kinds: is a file\n"),
+    (["delete", "deep/kinds", "file"], "/deep kinds: is a file\n"),
+    (["delete", "deep", "kinds"], "/deep kinds: is a directory\n"),
 ]:
     expect(arguments, status=1, said=said)
 for arguments, said in [
@@ -139,6 +144,7 @@ for arguments, said in [
     (["backup", "disks", "x", "12 bytes"], usage),
     (["backup", "disks", "x/y"], no_name),
     (["backup", "di*ks", "x"], no_name),
+    (["rename", "disks//today", "a.img", "", "x"], no_name),
     (["backup", "disks", ""], no_name),
     (["restore", "disks/today", "a.*"], no_name),
     (["restore", "disks/today", "a.img", "yesterday"], usage),
