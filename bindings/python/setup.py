@@ -9,12 +9,11 @@ from pathlib import Path
 from setuptools import setup
 
 here = Path(__file__).resolve().parent
-source = here / "PKG-INFO"  # in an archive of this folder alone
-if not source.exists():
-    source = here.parents[1] / "CMakeLists.txt"
-version = re.search(r"^(?:Version:|project\(tsmconnector VERSION) ([0-9.]+)", source.read_text("utf-8"), re.MULTILINE)
+sources = (here / "PKG-INFO", here / "../../CMakeLists.txt")  # the first one in an archive of this folder alone
+text = "".join(source.read_text("utf-8") for source in sources if source.exists())
+version = re.search(r"^(?:Version:|project\(tsmconnector VERSION) ([0-9.]+)", text, re.MULTILINE)
 if version is None:
-    raise SystemExit(f"no version in {source}")
+    raise SystemExit("no version: install from bindings/python in the project, not from a copy of that folder")
 
 scratch = tempfile.mkdtemp(prefix="tsmconnector-build-")
 atexit.register(shutil.rmtree, scratch, ignore_errors=True)

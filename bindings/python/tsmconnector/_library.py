@@ -49,6 +49,7 @@ _ARGUMENTS = {
 
 def load() -> ctypes.CDLL:
     """Loads the library and declares its functions. Raises ImportError when it cannot be loaded."""
+    # 1: the major version of the interface declared above, whatever the package's own version is.
     name = os.environ.get("TSMCONNECTOR_LIBRARY") or "libtsmconnector.so.1"
     try:
         library = ctypes.CDLL(name)

@@ -1,25 +1,49 @@
 """The library for one process, and sessions with the server."""
 
 import ctypes
+import functools
+import operator
 import os
 import threading
 import warnings
-from contextlib import contextmanager
 from datetime import datetime
 from types import TracebackType
-from typing import Callable, Iterator, List, NamedTuple, Optional, Set, Tuple, Type, Union
+from typing import Any, Callable, List, NamedTuple, Optional, Set, Tuple, Type, TypeVar, Union, cast
 
 from ._errors import NOT_FOUND, WRONG_ORDER, NotFoundError, failure
 from ._library import Names, Objects, TsmObject, load
 from ._streams import BackupWriter, RestoreReader
-from ._texts import Moment, encoded, exact, fresh, moment, optional, parsed, rooted
+from ._texts import Moment, directory, encoded, exact, moment, optional, parsed, plain, rewritten
 
 StrPath = Union[str, "os.PathLike[str]"]
+_Item = TypeVar("_Item")
+_Method = TypeVar("_Method", bound=Callable[..., Any])
 
 _KINDS = {"any": 0, "directories": 1, "files": 2}
 
 _life = threading.RLock()  # set-up and clean-up run alone; an Api may be collected in either
-_alive = False
+_alive = 0  # the process of the Api that is open
+
+
+def _exclusive(method: _Method) -> _Method:
+    """A method of a session during which other threads wait. A signal handler or a finaliser of this one comes
+    through, and its sign-off is left to the method that it broke into."""
+
+    @functools.wraps(method)
+    def locked(self: "Session", *arguments: Any, **more: Any) -> Any:
+        if self._api._process != os.getpid():  # where nobody may be left to let go of the lock
+            raise RuntimeError("the session belongs to another process")
+        outermost = not self._mine()
+        with self._lock:
+            try:
+                if outermost:
+                    self._calling = False
+                return method(self, *arguments, **more)
+            finally:
+                if outermost:
+                    self._settle()
+
+    return cast(_Method, locked)
 
 
 class StoredObject(NamedTuple):
@@ -71,16 +95,18 @@ class Api:
         self._library = load()
         self._sessions: Set["Session"] = set()  # those that are not closed
         self._process = os.getpid()
+        if _alive not in (0, self._process):
+            raise RuntimeError("an Api was open at the fork of this process")
         with _life:
             if _alive:
                 raise failure(WRONG_ORDER, "TsmInitApi")
+            _alive = self._process
             result = self._library.TsmInitApi(*texts)
-            if result == WRONG_ORDER:  # somebody else's, which goes on working
-                raise failure(result, "TsmInitApi")
             if result != 0:
-                self._library.TsmReleaseApi()
+                _alive = 0
+                if result != WRONG_ORDER:  # which is somebody else's, and goes on working
+                    self._library.TsmReleaseApi()
                 raise failure(result, "TsmInitApi")
-            _alive = True
             self._closed = self._released = False
 
     def session(
@@ -121,7 +147,7 @@ class Api:
                 return
             self._released = True
             result = self._library.TsmReleaseApi()
-            _alive = False
+            _alive = 0
         if result != 0:
             raise failure(result, "TsmReleaseApi")
 
@@ -147,8 +173,9 @@ class Api:
 class Session:
     """A session with the server. Made by Api.session; a context manager.
 
-    An object is named by a path and a name: path "a/b" (also "/a/b", "a/b/", "a\\\\b") and name "disk.img"; the path
-    "" is the top of the filespace. Paths and names are str, kept on the server as os.fsencode gives them.
+    An object is named by a path and a name: path "a/b" (also "/a/b", "a/b/") and name "disk.img"; the path "" is the
+    top of the filespace. Paths and names are str, kept on the server as os.fsencode gives them. Where they name one
+    object, wildcards, empty components and the other slash in a path raise ValueError, and so does any slash in a name.
 
     Calls from several threads wait for each other. A backup or a restore holds the session until it is over; other
     calls meanwhile raise RuntimeError. To work in parallel, use a session for each thread.
@@ -177,39 +204,28 @@ class Session:
         self._closed = False
         api._sessions.add(self)
         try:
-            with self._held():
-                self._check_usable()
-                self._sign_on()
+            self._exclusively(self._make_ready)
         except BaseException:
             self.close()
             raise
 
     # ------------------------------------------------------------------ the handle
 
-    @contextmanager
-    def _held(self) -> Iterator[None]:
-        """Other threads wait. A signal handler or a finaliser of this one comes through, and its sign-off is left to
-        the call that it broke into."""
-        outermost = not self._mine()
-        with self._lock:
-            if outermost:
-                self._calling = False
-            try:
-                yield
-            finally:
-                if outermost:
-                    if self._unsettled and not self._holder:
-                        self._sign_off()
-                    if self._closed:
-                        self._sign_off()
-                        self._credentials = []
-                        self._api._sessions.discard(self)
+    @_exclusive
+    def _exclusively(self, work: Callable[..., _Item], *arguments: object) -> _Item:
+        return work(*arguments)
+
+    def _settle(self) -> None:
+        if self._unsettled and not self._holder:
+            self._sign_off()
+        if self._closed:
+            self._sign_off()
+            self._credentials = []
+            self._api._sessions.discard(self)
 
     def _check_usable(self) -> None:
         if self._closed or self._api._closed:
             raise ValueError("the session is closed")
-        if not self._api._here():
-            raise RuntimeError("the session belongs to another process")
 
     def _sign_on(self) -> None:
         library = self._api._library
@@ -231,35 +247,35 @@ class Session:
         if handle != 0 and self._api._here():
             self._api._library.TsmCloseSession(handle)
 
+    @_exclusive
     def _call(
         self, function: str, *arguments: object, holder: Optional[object] = None, then: Optional[object] = None
     ) -> int:
         """Calls a function for the holder of the session, which is None where nothing is under way. then holds it
         afterwards. A call that breaks into another (from a signal handler) is refused."""
-        with self._held():
-            if holder is not None and not self._holds(holder):
-                raise ValueError("the session was closed under the backup or the restore, which is given up")
-            self._check_usable()
-            if self._calling:
-                raise RuntimeError("the session is in the middle of a call")
-            if holder is None and self._holder:
-                raise RuntimeError("a backup or a restore is under way on this session")
-            try:
-                self._calling = True
-                if holder is None:
-                    self._make_ready()
+        if holder is not None and not self._holds(holder):
+            raise ValueError("the session was closed under the backup or the restore, which is given up")
+        if self._calling:
+            raise RuntimeError("the session is in the middle of a call")
+        if holder is None and self._holder:
+            raise RuntimeError("a backup or a restore is under way on this session")
+        try:
+            self._calling = True
+            if holder is None:
+                self._make_ready()
+            result = self._attempt(function, arguments)
+            if result == WRONG_ORDER and function == "TsmGetBackupInfo":
+                # What the tidying of a deletion or a rename leaves open, only the listing behind it hears of. Nothing
+                # else is called again: it could have begun.
+                self._make_ready()
                 result = self._attempt(function, arguments)
-                if result == WRONG_ORDER and holder is None:
-                    # A deletion's tidying, for one, may leave something open that only the next call hears of.
-                    self._make_ready()
-                    result = self._attempt(function, arguments)
-                if result < 0:
-                    raise failure(result, function)
-                self._holder = 0 if then is None else id(then)
-                self._unsettled = then is not None
-                return result
-            finally:
-                self._calling = False
+            if result < 0:
+                raise failure(result, function)
+            self._holder = 0 if then is None else id(then)
+            self._unsettled = then is not None
+            return result
+        finally:
+            self._calling = False
 
     def _attempt(self, function: str, arguments: Tuple[object, ...]) -> int:
         library = self._api._library
@@ -272,6 +288,7 @@ class Session:
         return result
 
     def _make_ready(self) -> None:
+        self._check_usable()
         if self._unsettled:
             self._sign_off()
         if self._handle == 0:
@@ -282,32 +299,37 @@ class Session:
 
     def _abandon(self, stream: object) -> bool:
         """Signs off under a stream that is not over. False when the stream does not hold the session any more."""
-        if not self._holds(stream) or not self._api._here():
-            return False
-        with self._held():
-            held = self._holds(stream)
-            if held:
-                self._holder = 0
-            return held
+        return self._holds(stream) and self._api._here() and self._let_go(stream)
 
-    @contextmanager
-    def _holding(self, holder: object, function: str, *arguments: object, end: str) -> Iterator[int]:
-        """The result of a function, and the end of what it began unless an exception leaves the block."""
-        with self._held():
-            try:
-                yield self._call(function, *arguments, then=holder)
-                self._call(end, holder=holder)
-            finally:
-                self._abandon(holder)
+    @_exclusive
+    def _let_go(self, stream: object) -> bool:
+        held = self._holds(stream)
+        if held:
+            self._holder = 0
+        return held
+
+    @_exclusive
+    def _collect(
+        self, holder: object, function: str, *arguments: object, end: str, item: Callable[[int], _Item]
+    ) -> List[_Item]:
+        """What a function hands out, item by item, and the end of it."""
+        try:
+            items = [item(i) for i in range(self._call(function, *arguments, then=holder))]
+            self._call(end, holder=holder)
+            return items
+        finally:
+            self._abandon(holder)
 
     def close(self) -> None:
         """Signs off. What is not committed is discarded by the server. May be called again."""
-        if not self._api._here():
-            return
-        with self._held():
-            self._closed = self._unsettled = True
-            self._holder = 0
+        if self._api._here():
+            self._exclusively(self._end)
 
+    def _end(self) -> None:
+        self._closed = self._unsettled = True
+        self._holder = 0
+
+    @_exclusive
     def __enter__(self) -> "Session":
         self._check_usable()
         return self
@@ -319,12 +341,12 @@ class Session:
 
     # ------------------------------------------------------------------ filespaces
 
+    @_exclusive
     def connect(self, filespace: str) -> None:
         """Chooses the filespace for all that follows, and registers it where it is new."""
         name = encoded(filespace)
-        with self._held():
-            self._call("TsmConnectToFileSpace", name)
-            self._filespace = name
+        self._call("TsmConnectToFileSpace", name)
+        self._filespace = name
 
     def filespaces(self) -> List[str]:
         """The names of the node's filespaces."""
@@ -333,14 +355,14 @@ class Session:
         except NotFoundError:
             return []
 
+    @_exclusive
     def delete_filespace(self, name: str) -> None:
         """Deletes a filespace with every object and version in it, for good. Slashes in its name are not rewritten."""
         text = encoded(name)
-        with self._held():
-            self._call("TsmDeleteFileSpace", text)
-            connected = self._filespace
-            if connected is not None and rooted(connected, self._delimiter) == self._delimiter + text:
-                self._filespace = None  # a new sign-on would register it again
+        self._call("TsmDeleteFileSpace", text)
+        connected = self._filespace
+        if connected is not None and rewritten(connected, self._delimiter) == text:
+            self._filespace = None  # a new sign-on would register it again
 
     def management_classes(self) -> List[str]:
         """The names of the management classes offered to the node."""
@@ -348,8 +370,9 @@ class Session:
 
     def _names(self, function: str, end: str) -> List[str]:
         names = Names()
-        with self._holding(names, function, ctypes.byref(names), end=end) as count:
-            return [os.fsdecode(names[i] or b"") for i in range(count)]
+        return self._collect(
+            names, function, ctypes.byref(names), end=end, item=lambda i: os.fsdecode(names[i] or b"")
+        )
 
     # ------------------------------------------------------------------ objects
 
@@ -362,29 +385,30 @@ class Session:
         see BackupWriter. An older version under the name becomes an inactive one.
         size is the expected number of bytes, at least 1, also for an empty file; listings show it. info is a text
         stored with the object, up to 65534 bytes. Missing directory objects of the path are made.
-        Raises ValueError for a name that is empty or has a slash or a wildcard in it, and for a wildcard in the path.
         """
-        if not 1 <= size < 1 << 63:
+        if not 1 <= operator.index(size) < 1 << 63:
             raise ValueError("size is at least 1: announce 1 where it is not known")
-        announced = (exact(path), fresh(name), size, optional(info), optional(mgmt_class))
+        announced = (self._directory(path), plain(name), size, optional(info), optional(mgmt_class))
         return BackupWriter(self, f"{path}/{name}", *announced)
+
+    def _directory(self, path: str) -> bytes:
+        return directory(path, self._delimiter)
 
     def make_directory(
         self, path: str, name: str, info: Optional[str] = None, mgmt_class: Optional[str] = None
     ) -> None:
         """Stores a directory object. backup() makes those that it needs by itself; this one carries an info."""
-        announced = (exact(path), fresh(name), 0, optional(info), optional(mgmt_class))
-        with self._holding(announced, "TsmBeginBackupEx", *announced, end="TsmEndBackup"):
-            pass
+        announced = (self._directory(path), plain(name), 0, optional(info), optional(mgmt_class))
+        self._collect(announced, "TsmBeginBackupEx", *announced, end="TsmEndBackup", item=int)
 
     def restore(self, path: str, name: str, at: Optional[Moment] = None) -> RestoreReader:
         """Opens an object for reading: the active version, or the one that was current at a moment.
 
         at is a datetime in the server's local time, without a zone, or a text such as StoredObject.stored.
-        Raises NotFoundError when no such file is stored (directory objects are none), and ValueError for wildcards
-        and for a text that is no moment.
+        Raises NotFoundError when no such file is stored (directory objects are none), and ValueError for a text that
+        is no moment. The name may have slashes in it, as other hosts store them.
         """
-        wanted = (exact(path), exact(name), None if at is None else moment(at))
+        wanted = (self._directory(path), exact(name), None if at is None else moment(at))
         return RestoreReader(self, f"{path}/{name}", *wanted)
 
     def list(
@@ -404,15 +428,18 @@ class Session:
         """
         if versions and at is not None:
             raise ValueError("either all versions or those of a moment")
+        which: Union[bytes, int] = moment(at) if at is not None else 0 if versions else 1
+        return self._find(encoded(path), encoded(name), which, kind)
+
+    def _find(self, path: bytes, name: bytes, which: Union[bytes, int], kind: str = "any") -> List[StoredObject]:
         if kind not in _KINDS:
             raise ValueError(f"kind is one of {', '.join(_KINDS)}")
         objects = Objects()
-        what = (encoded(path), encoded(name))
-        how = (_KINDS[kind], ctypes.byref(objects))
-        function = "TsmGetBackupInfo" if at is None else "TsmGetBackupInfoPointInTime"
-        which = moment(at) if at is not None else 0 if versions else 1
-        with self._holding(objects, function, *what, which, *how, end="TsmEndGetBackupInfo") as count:
-            return [self._record(objects[i]) for i in range(count)]
+        function = "TsmGetBackupInfoPointInTime" if isinstance(which, bytes) else "TsmGetBackupInfo"
+        arguments = (path, name, which, _KINDS[kind], ctypes.byref(objects))
+        return self._collect(
+            objects, function, *arguments, end="TsmEndGetBackupInfo", item=lambda i: self._record(objects[i])
+        )
 
     def _record(self, found: TsmObject) -> StoredObject:
         name = found.lowLevelName
@@ -426,32 +453,56 @@ class Session:
             is_file=found.isFile != 0,
         )
 
-    def delete(self, path: str, name: str, *, all_versions: bool = False) -> None:
-        """Deletes objects, and the directory objects of the path that hold nothing active any more.
+    @_exclusive
+    def delete(self, path: str, name: str, *, all_versions: bool = False, kind: str = "files") -> None:
+        """Deletes an object, and the directory objects of its path that hold nothing active any more.
 
-        path and name may hold wildcards, as in list(); name "*" is all in the path. The active version becomes
-        inactive, or, with all_versions=True, every version is deleted for good (the node needs permission: -2302).
-        Nothing happens when nothing matches. Raises TsmError at the first failure; what was deleted stays deleted.
+        The active version becomes inactive, or, with all_versions=True, every version is deleted for good (the node
+        needs permission: -2302). Nothing happens when nothing is stored under the name. What lies below a directory
+        object stays: to delete a tree, list() it and delete the files one by one.
+
+        The library deletes by name, whatever bears it. ValueError is raised instead where that would take more than
+        kind ("files", "directories" or "any") allows under this name, and where a file bears the name of a directory
+        of the path. TsmError with code -1: the object is still there.
         """
-        self._call("TsmDelete", encoded(path), encoded(name), 1 if all_versions else 0, None)
+        what = (self._directory(path), plain(name))
+        which = 0 if all_versions else 1
+        found = self._find(*what, which)
+        if found != self._find(*what, which, kind):
+            raise ValueError(f"under {name!r} more is stored than {kind}: with kind='any' all of it goes")
+        if not found:
+            return
+        self._check_above(what[0], which)
+        self._call("TsmDelete", *what, 1 if all_versions else 0, None)
+        if self._find(*what, which):  # the library answers 0 also where its search broke off
+            raise failure(-1, "TsmDelete")
 
+    @_exclusive
     def rename(self, old_path: str, old_name: str, new_path: str, new_name: str) -> None:
         """Renames an object with all its versions. What is stored under the new name is replaced, every version of it.
 
         Raises NotFoundError when nothing is stored under the old name, and TsmError with code -1 when the server did
-        not carry the rename out. Raises ValueError for wildcards, a new name as backup() refuses it, and a new name
-        that is the old one, as the library reads them ("a/b", "/a/b/" and "a\\\\b" are the same): it would be deleted.
+        not carry the rename out. Raises ValueError where the library would delete what is to be kept: when one of the
+        names is the other, or that of a directory of the other's path; when the names are held by files and
+        directory objects both; and when a file bears the name of a directory of one of the paths.
         """
-        old = (exact(old_path), exact(old_name))
-        new = (exact(new_path), fresh(new_name))
-        if [rooted(text, self._delimiter) for text in old] == [rooted(text, self._delimiter) for text in new]:
-            raise ValueError("the new name is the old one")
-        with self._held():
-            self._call("TsmRenameBackup", *old, *new)
-            # The library answers 0 also where the server gave the transaction up without a reason.
-            left = self.list(old_path, old_name, versions=True, kind="files")
-            if left or not self.list(new_path, new_name, versions=True):
-                raise failure(-1, "TsmRenameBackup")
+        old = (self._directory(old_path), plain(old_name))
+        new = (self._directory(new_path), plain(new_name))
+        first, second = sorted((self._delimiter.join((*name, b"")) for name in (old, new)), key=len)
+        if second.startswith(first):
+            raise ValueError("the new name is the old one, or one of them is above the other")
+        if len({found.is_file for name in (old, new) for found in self._find(*name, 0)}) > 1:
+            raise ValueError("the names are held by files and directory objects both")
+        for path, _ in (old, new):
+            self._check_above(path, 0)
+        self._call("TsmRenameBackup", *old, *new)
+        # The library answers 0 also where the server gave the transaction up without a reason.
+        if self._find(*old, 0) or not self._find(*new, 0):
+            raise failure(-1, "TsmRenameBackup")
 
-
-
+    def _check_above(self, path: bytes, which: int) -> None:
+        """Raises ValueError where a file would go with a directory of the path that is left empty."""
+        while path:
+            path, _, name = path.rpartition(self._delimiter)
+            if self._find(path, name, which, "files"):
+                raise ValueError(f"a file has the name of the directory {os.fsdecode(path + self._delimiter + name)}")

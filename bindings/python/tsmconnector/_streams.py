@@ -1,11 +1,11 @@
 """An object being written, and one being read, as binary files."""
 
 import ctypes
+import functools
 import io
 import warnings
-from contextlib import contextmanager
 from types import TracebackType
-from typing import TYPE_CHECKING, Iterator, Optional, Type, Union
+from typing import TYPE_CHECKING, Any, Callable, Optional, Type, TypeVar, Union, cast
 
 if TYPE_CHECKING:
     from _typeshed import ReadableBuffer, WriteableBuffer
@@ -13,6 +13,24 @@ if TYPE_CHECKING:
     from ._session import Session
 
 _CHUNK = 1 << 20  # the library copies what it is given, so a call's bytes are kept few
+_Method = TypeVar("_Method", bound=Callable[..., Any])
+
+
+def _moving(method: _Method) -> _Method:
+    """Whatever breaks into the method ends the transfer, which could not be taken up again at the right byte."""
+
+    @functools.wraps(method)
+    def guarded(self: "_Stream", *arguments: Any) -> Any:
+        try:
+            if self._failure is not None:
+                raise self._failure
+            return self._session._exclusively(method, self, *arguments)
+        except BaseException as error:
+            self._failure = error
+            self._session._abandon(self)
+            raise
+
+    return cast(_Method, guarded)
 
 
 class _Stream(io.RawIOBase):
@@ -23,19 +41,6 @@ class _Stream(io.RawIOBase):
         self._label = label
         self._moved = 0
         self._failure: Optional[BaseException] = None
-
-    @contextmanager
-    def _moving(self) -> Iterator[None]:
-        """Whatever breaks into the block ends the transfer, which could not be taken up again at the right byte."""
-        with self._session._held():
-            if self._failure is not None:
-                raise self._failure
-            try:
-                yield
-            except BaseException as error:
-                self._failure = error
-                self._session._abandon(self)
-                raise
 
     def _check_open(self) -> None:
         if self.closed:
@@ -90,21 +95,25 @@ class BackupWriter(_Stream):
     ) -> None:
         try:
             if kind is None:
-                with self._moving():
-                    self._session._call("TsmEndBackup", holder=self)
+                self._commit()
         finally:
             self._session._abandon(self)
             self.close()
 
+    @_moving
+    def _commit(self) -> None:
+        self._session._call("TsmEndBackup", holder=self)
+
     def writable(self) -> bool:
         return self._entered
 
+    @_moving
     def write(self, data: "ReadableBuffer") -> int:
         """Sends all of data and returns its length in bytes."""
         self._check_open()
         if not self._entered:
             raise io.UnsupportedOperation("a backup is written inside its `with` block")
-        with memoryview(data) as view, view.cast("B") as rest, self._moving():
+        with memoryview(data) as view, view.cast("B") as rest:
             for start in range(0, len(rest), _CHUNK):
                 part = bytes(rest[start : start + _CHUNK])
                 self._session._call("TsmSendData", part, len(part), holder=self, then=self)
@@ -133,10 +142,11 @@ class RestoreReader(_Stream):
     def readable(self) -> bool:
         return True
 
+    @_moving
     def readinto(self, buffer: "WriteableBuffer") -> int:
         """Fills the buffer, as far as there is data, and returns the number of bytes."""
         self._check_open()
-        with memoryview(buffer) as view, view.cast("B") as target, self._moving():
+        with memoryview(buffer) as view, view.cast("B") as target:
             done = 0
             while done < len(target) and self._fill():
                 part = self._view[self._at : min(self._end, self._at + len(target) - done)]

@@ -10,15 +10,16 @@ Moment = Union[str, datetime]
 _MOMENT = re.compile(r"(\d{4})-(\d{1,2})-(\d{1,2})(?:[ T](\d{1,2})(?::(\d{1,2})(?::(\d{1,2}))?)?)?", re.ASCII)
 
 
-def encoded(text: Union[str, "os.PathLike[str]"]) -> bytes:
-    data = os.fsencode(text)
-    if b"\0" in data:
+def encoded(text: str) -> bytes:
+    if not isinstance(text, str):
+        raise TypeError(f"{text!r} is no str")
+    if "\0" in text:
         raise ValueError(f"{text!r} has a NUL character in it")
-    return data
+    return os.fsencode(text)
 
 
 def optional(text: Union[str, "os.PathLike[str]", None]) -> Optional[bytes]:
-    return None if text is None else encoded(text)
+    return None if text is None else encoded(os.fspath(text))
 
 
 def parsed(text: str) -> datetime:
@@ -42,21 +43,41 @@ def moment(at: Moment) -> bytes:
 
 def exact(text: str) -> bytes:
     """The path or name of one object. Wildcards would match others, whose data a restore or a rename would take."""
+    data = encoded(text)
     if "*" in text or "?" in text:
         raise ValueError(f"{text!r} has a wildcard in it")
-    return encoded(text)
+    return data
 
 
-def fresh(text: str) -> bytes:
-    """The name of an object to be made: one that listings, deletions and renames will find again."""
-    if not text or "/" in text or "\\" in text:
-        raise ValueError(f"{text!r} is no name: it is empty or has a slash in it")
-    return exact(text)
+def plain(name: str) -> bytes:
+    """A name that all functions of the library read alike: listings, deletions and renames rewrite slashes in names."""
+    data = exact(name)
+    if not name or "/" in name or "\\" in name:
+        raise ValueError(f"{name!r} is no name: it is empty or has a slash in it")
+    return data
+
+
+def directory(path: str, delimiter: bytes) -> bytes:
+    """A path as the server keeps it. Empty components are read in two ways, and the other slash as the delimiter."""
+    data = exact(path)
+    text = rooted(data, delimiter)
+    if _other(delimiter) in data or (text != delimiter and b"" in text[1:].split(delimiter)):
+        raise ValueError(f"{path!r} has an empty component or the other slash in it")
+    return b"" if text == delimiter else text
+
+
+def rewritten(text: bytes, delimiter: bytes) -> bytes:
+    """The text as the library reads the name of a filespace."""
+    return text.replace(_other(delimiter), delimiter)
 
 
 def rooted(text: bytes, delimiter: bytes) -> bytes:
-    """The text as the library reads a path, or the name of a rename."""
-    text = text.replace(b"\\" if delimiter == b"/" else b"/", delimiter)
+    """The text as the library reads a path."""
+    text = rewritten(text, delimiter)
     if text.endswith(delimiter):
         text = text[:-1]
     return text if text.startswith(delimiter) else delimiter + text
+
+
+def _other(delimiter: bytes) -> bytes:
+    return b"\\" if delimiter == b"/" else b"/"
