@@ -173,7 +173,12 @@ class Binding(unittest.TestCase):
         refused(delete, "a/b", "f", all_versions=True)  # an older version of the file a would go
         delete("a/b", "f")
         self.assertEqual((self.names(), self.names(versions=True)), (["/c/g"], ["/a", "/a/b/f", "/c/g"]))
+        self.store("c", "x", b"6")
+        refused(rename, "a/b", "f", "c", "x")  # only inactive versions, over an active one
+        fail("dsmBeginQuery", 6)  # the library's own look at the old name
         self.code(-2, rename, "c", "none", "c", "x")
+        STANDIN.standinReset()
+        delete("c", "x", all_versions=True)
         fail("dsmRenameObj", code=157)  # given up without a reason, of which the library knows nothing
         fail("dsmEndTxn", code=0)
         self.code(-1, rename, "c", "g", "d", "h")
@@ -298,6 +303,9 @@ writer.__exit__(None, None, None)
             fail("dsmGetData")
             for _ in range(2):
                 self.code(-11, file.read)
+        with self.session.restore("d", "f") as file:
+            fail("dsmGetData", code=2200)  # a piece without bytes
+            self.assertEqual(len(file.read() or b""), 3_000_000)
         fail("dsmGetNextQObj")
         self.code(-11, self.session.list)
         fail("dsmDeleteObj")

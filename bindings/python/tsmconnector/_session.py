@@ -345,8 +345,12 @@ class Session:
     def connect(self, filespace: str) -> None:
         """Chooses the filespace for all that follows, and registers it where it is new."""
         name = encoded(filespace)
-        self._call("TsmConnectToFileSpace", name)
-        self._filespace = name
+        try:
+            self._call("TsmConnectToFileSpace", name)
+            self._filespace = name
+        except BaseException:
+            self._unsettled = True  # in one filespace or the other
+            raise
 
     def filespaces(self) -> List[str]:
         """The names of the node's filespaces."""
@@ -484,15 +488,22 @@ class Session:
         Raises NotFoundError when nothing is stored under the old name, and TsmError with code -1 when the server did
         not carry the rename out. Raises ValueError where the library would delete what is to be kept: when one of the
         names is the other, or that of a directory of the other's path; when the names are held by files and
-        directory objects both; and when a file bears the name of a directory of one of the paths.
+        directory objects both; when a file bears the name of a directory of one of the paths; and when inactive versions
+        alone would replace an active one. After a TsmError list both names: what was stored under the new one may be
+        gone already, and with the operation TsmGetBackupInfo the rename may have gone through.
         """
         old = (self._directory(old_path), plain(old_name))
         new = (self._directory(new_path), plain(new_name))
         first, second = sorted((self._delimiter.join((*name, b"")) for name in (old, new)), key=len)
         if second.startswith(first):
             raise ValueError("the new name is the old one, or one of them is above the other")
-        if len({found.is_file for name in (old, new) for found in self._find(*name, 0)}) > 1:
+        found = self._find(*old, 0)
+        if not found:  # the library goes on where its own search fails
+            raise failure(NOT_FOUND, "TsmRenameBackup")
+        if len({each.is_file for each in found + self._find(*new, 0)}) > 1:
             raise ValueError("the names are held by files and directory objects both")
+        if self._find(*new, 1) and not self._find(*old, 1):
+            raise ValueError("the old name holds inactive versions only, and would replace an active one")
         for path, _ in (old, new):
             self._check_above(path, 0)
         self._call("TsmRenameBackup", *old, *new)

@@ -52,7 +52,7 @@ def exact(text: str) -> bytes:
 def plain(name: str) -> bytes:
     """A name that all functions of the library read alike: listings, deletions and renames rewrite slashes in names."""
     data = exact(name)
-    if not name or "/" in name or "\\" in name:
+    if not data or b"/" in data or b"\\" in data:  # in some encodings a part of other characters
         raise ValueError(f"{name!r} is no name: it is empty or has a slash in it")
     return data
 
