@@ -227,7 +227,9 @@ private:
             Add("rename", "Give an object or a tree a new object path, with all its versions",
                 {"tsmctl rename nightly/docs archive/docs-2024", "tsmctl rename dumps/docs.tar dumps/latest.tar --yes"},
                 RunRename);
-        AddPaths(rename, "OLD NEW", "OBJECT", "the object path, and what it becomes", 2)->required();
+        // Names of positionals hold no blank: newer versions of CLI11 refuse one.
+        rename->add_option("OLD", options.oldPath, "the object path")->type_name("OBJECT")->required();
+        rename->add_option("NEW", options.newPath, "what it becomes")->type_name("OBJECT")->required();
         rename->add_flag("--yes", options.yes, "replace what is stored at NEW without asking");
     }
 

@@ -16,6 +16,8 @@ struct Options {
     bool quiet = false;
 
     std::vector<std::string> paths;
+    std::string oldPath;
+    std::string newPath;
     std::string to;
     std::string as;
     std::optional<long long> size;
