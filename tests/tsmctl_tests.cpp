@@ -9,6 +9,7 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -33,8 +34,8 @@ std::string Content(const fs::path& path) {
 class Tsmctl : public testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/tsmctl-test-XXXXXX";
-        root = mkdtemp(pattern);
+        std::string pattern = fs::temp_directory_path() / "tsmctl-test-XXXXXX";
+        root = mkdtemp(pattern.data());
         std::ofstream(root / "dsm.opt") << "STOREDIR " << (root / "store").native() << "\nBACKDELETE YES\n";
         fs::create_directories(root / "work");
         setenv("TSMCTL_CONFIG", (root / "dsm.opt").c_str(), 1);
@@ -61,12 +62,15 @@ protected:
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Content(root / "out"), Content(root / "err")};
     }
 
+    // out and err are parts of what is written; without an err, nothing but summaries may be.
     void Expect(const std::string& script, int status, const std::string& out = "", const std::string& err = "") {
         SCOPED_TRACE(script);
         const Outcome outcome = Run(script);
         EXPECT_EQ(outcome.status, status) << outcome.out << outcome.err;
         EXPECT_NE(outcome.out.find(out), std::string::npos) << outcome.out;
         EXPECT_NE(outcome.err.find(err), std::string::npos) << outcome.err;
+        static const std::regex summary("tsmctl: [a-z]+:( [0-9]+ [a-z ]+,)*( [0-9]+ bytes)? in [0-9.]+ s(, .*)?\n");
+        EXPECT_EQ(err.empty() ? std::regex_replace(outcome.err, summary, "") : "", "");
     }
 
     fs::path root;
@@ -110,7 +114,7 @@ touch -d '2001-02-03 04:05:06.123456789' tree/file tree/empty; touch -hd '2002-0
 chmod 0550 tree/closed; chmod 2751 tree/sub; touch -d '2003-03-03 03:03:03.000000001' tree/sub tree)";
 
 const char* const compare = R"(
-look() { (cd "$1" && find . ! -type p ! -name 100% -printf '%p %y %m %T@ %l %s\n' | sort); }
+look() { (cd "$1" && find . ! -type p ! -name 100% -printf '%p %y %m %T@ %l\n' | sort); }
 diff <(look tree) <(look out/tree) && diff -r --no-dereference -x pipe tree out/tree)";
 
 class Jobs : public Tsmctl, public testing::WithParamInterface<const char*> {};
@@ -176,7 +180,7 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
     Expect("tsmctl backup one none two", 1, "", "tsmctl: none: ");
     Expect("tsmctl backup deep", 1, "", "too long");
     Expect("tsmctl list | grep -c -e one -e two -e ok", 0, "3");
-    Expect("TSMCTL_PASSWORD=wrong tsmctl list", 1, "", "cannot sign on: DSM_RC_AUTH_FAILURE (-137)");
+    Expect("TSMCTL_PASSWORD=wrong tsmctl list", 1, "", "sign on as node node: DSM_RC_AUTH_FAILURE (-137), wrong");
     Expect("tsmctl restore nothing", 1, "", "DSM_RC_ABORT_NO_MATCH (-2)");
     Expect("tsmctl backup one --class NONE", 1, "", "tsmctl: one: ");
     Expect("tsmctl list one > /dev/full", 1, "", "standard output");
@@ -184,6 +188,18 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
     if (Content("/sys/kernel/mm/transparent_hugepage/enabled").empty()) GTEST_SKIP() << "no file that reads short";
     Expect("tsmctl backup /sys/kernel/mm/transparent_hugepage/enabled", 1, "", "not stored");
     Expect("tsmctl list enabled", 1, "", "not found");
+}
+
+TEST_F(Tsmctl, WhatTheApiRefusesIsExplained) {
+    const std::string fullStore = "head -c 3M /dev/zero > big; trap '' XFSZ; ulimit -f 1000; tsmctl -q backup big";
+    Expect(fullStore, 1, "", "(-1), the server failed, as with storage that is full");
+    Expect(fullStore, 1, "", "tsmctl: the client API's log has more: " + (root / "dsierror.log").native());
+    Expect("export XDG_STATE_HOME=$PWD/state; unset TSMCTL_LOG_DIR; umask 0; " + fullStore, 1, "",
+           "state/tsmctl/dsierr");
+    Expect("stat -c %a state state/tsmctl", 0, "700\n700\n");
+    Expect("export XDG_STATE_HOME=/dev/null; unset TSMCTL_LOG_DIR; tsmctl list -q", 0);
+    Expect("tsmctl list --log-dir /nope", 1, "", "cannot keep the log in /nope: No such file or directory\n");
+    Expect("tsmctl list --config none", 1, "", "options file none: DSM_RC_INVALID_PARM (-109), a value");
 }
 
 TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
@@ -206,7 +222,7 @@ TEST_F(Tsmctl, StandardInputAndOutput) {
     for (const char* const size : {"2499999", "2500001"}) {
         Expect(std::string("tsmctl backup - --as c --size ") + size + " < data", 1, "", "not stored");
     }
-    Expect("tsmctl list c", 1);
+    Expect("tsmctl list c", 1, "", "not found");
 }
 
 TEST_F(Tsmctl, VerifyNamesEachDifference) {
@@ -247,7 +263,7 @@ TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
     }
     Expect("umask 022; tsmctl restore t --to out", 1, "", "cannot be that of a file here");
     Expect("tsmctl restore t --to out --force; find out ../outside .. -maxdepth 1 -name f -o -name up -o -name short",
-           0);
+           0, "", "8 bytes received, the object has 9");
     EXPECT_TRUE(fs::is_empty(root / "outside"));
     EXPECT_FALSE(fs::exists(root / "work/out/f") || fs::exists(root / "work/out/t/short") ||
                  fs::exists(root / "work/up"));
@@ -297,7 +313,7 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect("tsmctl delete --literal 'p/*' && tsmctl delete 'p/%'", 0, "removed p/*\nremoved p/%\n");
     Expect("tsmctl delete q/f", 0, "removed q\nremoved q/f\n");
     Expect("tsmctl delete --recursive --yes p/d p/none", 1,
-           "removed p/d\nremoved p/d/e\nremoved p/d/e/f\nremoved p/d/g\n");
+           "removed p/d\nremoved p/d/e\nremoved p/d/e/f\nremoved p/d/g\n", "p/none: not found");
     Expect("tsmctl list --json | grep -c path", 0, "4\n");
     Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl list --all-versions | wc -l", 0,
            "0\n");
@@ -305,10 +321,11 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
 
 TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect(makeTree, 0);
-    Expect("tsmctl -q backup tree --to a/b; mkdir keep; chmod 0700 keep; tsmctl -q backup keep --to a", 0);
+    Expect("tsmctl -q backup tree --to a/b; mkdir keep; chmod 0700 keep; tsmctl -q backup keep --to a", 0, "",
+           "tree/pipe: warning");
     Expect("tsmctl rename a/b/tree a/keep/tree", 0, "renamed a/b/tree to a/keep/tree");
     Expect("tsmctl -q verify tree --to a/keep; tsmctl list a --json | grep '\"a/keep\"'; tsmctl list a/b", 1,
-           R"("mode":"0700")");
+           R"("mode":"0700")", "a/b: not found");
     Expect(
         "tsmctl rename a/keep tree && tsmctl -q verify tree --to tree && tsmctl rename tree/tree new && tsmctl rename "
         "new tree",
@@ -373,7 +390,7 @@ TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
     Expect(
         "truncate -s 256M big; tsmctl -q backup big; mkdir out; $T restore big --to out & "
         "until ls -A out | grep -q tsmctl || ! kill -0 $!; do :; done; kill $!; wait $!",
-        143);
+        143, "", "stopped");
     EXPECT_TRUE(fs::is_empty(root / "work/out"));
     Expect("tsmctl list s", 1, "", "not found");
 }

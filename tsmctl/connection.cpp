@@ -35,9 +35,8 @@ Connection::Connection(const Options& chosen) : options(chosen), password(Passwo
         TsmReleaseApi();
         explicit_bzero(password.data(), password.size());
         const std::string file = options.config.empty() ? "the default options file" : "options file " + options.config;
-        const std::string log = options.logDir.empty() ? "give --log-dir DIR to have the reason logged there"
-                                                       : "the reason is in " + options.logDir + "/dsierror.log";
-        throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + "; " + log);
+        const char* const log = options.logDir.empty() ? "; --log-dir FOLDER keeps a log of the reasons" : "";
+        throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + log);
     }
 }
 
@@ -60,9 +59,10 @@ int Session::Handle() {
                             nullptr, nullptr, delimiter);
     if (handle <= 0) {
         const int result = std::exchange(handle, 0);
-        throw Failure(CodeText("cannot sign on", result));
+        throw Failure(CodeText("cannot sign on as node " + options.node, result));
     }
-    if (filespace) Check("cannot connect to the filespace", TsmConnectToFileSpace(handle, Text(options.filespace)));
+    const std::string what = "cannot connect to the filespace " + options.filespace;
+    if (filespace) Check(what.c_str(), TsmConnectToFileSpace(handle, Text(options.filespace)));
     return handle;
 }
 

@@ -12,6 +12,7 @@
 #include "completion.h"
 #include "errors.h"
 #include "help.h"
+#include "log.h"
 #include "names.h"
 
 namespace {
@@ -265,17 +266,22 @@ int Run(int argc, char** argv) {
         return commandLine.Explain(error);
     }
     if (!command) return Print(commandLine.Completion());
+    options.logDir = LogFolder(options.logDir);
+    const LogWatch log(options.logDir);
     Report report(options.quiet);
+    bool done = true;
     try {
         const Connection connection(options);
         Context context = {options, connection, report};
         command(context);
     } catch (const Failure& failure) {
         fmt::print(stderr, "tsmctl: {}\n", Printable(failure.what()));
-        report.AllDone();
-        return 1;
+        done = false;
     }
-    return report.AllDone() ? 0 : 1;
+    done = report.AllDone() && done;
+    if (!done && log.Changed())
+        fmt::print(stderr, "tsmctl: the client API's log has more: {}\n", Printable(log.Path()));
+    return done ? 0 : 1;
 }
 }  // namespace
 
