@@ -66,8 +66,11 @@ for command in commands:
     expect(f"options of {command}", options_of_page(part), options_of(helps[command]) - {"-h", "--help"})
     arguments = re.search(r"^Usage: tsmctl \S+ \[OPTIONS\](.*)", helps[command], re.M)[1].replace("...", " ...").split()
     headed = re.search(r"^\.Ss " + command + r"((?: .*)?)$", described, re.M)[1].split()
-    headed = ["[PATH]"] if headed[:1] == ["Op"] else [word for word in headed if word != "Ar"]
+    optional = headed[:1] == ["Op"]
+    headed = [f"[{word}]" if optional else word for word in headed if word not in ("Op", "Ar")]
     expect(f"arguments of {command}", headed, arguments)
+    expect(f"help {command}", run("help", command), helps[command])
+expect("help", run("help"), top)
 expect("common options", options_of_page(section(page, r"\.Sh COMMON OPTIONS", r"\n\.Sh")), options_of(top))
 expect("variables", set(re.findall(r"^\.It Ev (\S+)", page, re.M)), set(re.findall(r"TSMCTL_[A-Z_]+", top)))
 every = options_of(top).union(*map(options_of, helps.values()))
@@ -139,6 +142,7 @@ anywhere = [
     ("tsmctl list --type dir --al" + TAB, "tsmctl list --type dir --all-versions |"),
     ("tsmctl list --type=dir --al" + TAB, "tsmctl list --type=dir --all-versions |"),
     ("tsmctl list $(touch ran) --al" + TAB, "tsmctl list $(touch ran) --all-versions |"),
+    ("tsmctl help li" + TAB, "tsmctl help list |"),
     ("tsmctl backup n" + ALL, "tsmctl backup notes.d notes.txt |"),
     ("tsmctl backup list n" + ALL, "tsmctl backup list notes.d notes.txt |"),
     ("tsmctl backup -j4 -- n" + ALL, "tsmctl backup -j4 -- notes.d notes.txt |"),

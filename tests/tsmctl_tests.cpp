@@ -165,10 +165,24 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
                                         "completion bash"}) {
         Expect(std::string("tsmctl ") + arguments, 2, "", "tsmctl: ");
     }
-    Expect("tsmctl -q frobnicate a", 2, "", "no such command: frobnicate");
+    const std::vector<std::pair<const char*, const char*>> told = {
+        {"-q frobnicate a", "no such command: frobnicate (see 'tsmctl help')"},
+        {"backpu a", "no such command: backpu; did you mean backup?"},
+        {"restore a --forse", "no such option: --forse; did you mean --force? (see 'tsmctl help restore')"},
+        {"--force restore a", "--force stands behind the command"},
+        {"rename a", "NEW is missing: its new object path"},
+        {"list a b", "unexpected argument: b"},
+        {"backup a --jobs", "--jobs needs a value, NUMBER: sessions"},
+        {"list --node a --node b", "--node is given more than once"},
+        {"list --json=no", "--json takes no value"},
+        {"backup - --as n --size $(printf 9%.0s {1..300})", "0 to 9223372036854775807 is needed, not '9999999"},
+        {"backup - --as n --size 0x10", "not '0x10'"},
+        {"help lst", "did you mean list?"}};
+    for (const auto& [arguments, text] : told) Expect(std::string("tsmctl ") + arguments, 2, "", text);
+    Expect("tsmctl backup - --as n --size 010 <<< 123456789 && tsmctl list n -q", 0, "stream     0600    10 ");
     Expect("tsmctl --help > /dev/full", 1, "", "standard output");
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
-    Expect("tsmctl list --json | wc -l", 0, "4");
+    Expect("tsmctl list --json | wc -l", 0, "5");
 }
 
 TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {

@@ -1,15 +1,7 @@
 #include "help.h"
 
-#include <algorithm>
-
 std::string ValueOf(const CLI::Option& option) {
-    if (option.get_expected_max() == 0) return "";
-    const std::string type = option.get_type_name();  // "TEXT:{any,dir,file}" where a check names the set
-    const size_t set = type.find('{');
-    if (set == std::string::npos) return type.substr(0, type.find(':'));
-    std::string values = type.substr(set + 1, type.find('}') - set - 1);
-    std::replace(values.begin(), values.end(), ',', '|');
-    return values;
+    return option.get_expected_max() == 0 ? "" : option.get_type_name();
 }
 
 HelpFormatter::HelpFormatter() {

@@ -3,8 +3,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
+#include <climits>
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <sstream>
 
@@ -14,6 +17,7 @@
 #include "help.h"
 #include "log.h"
 #include "names.h"
+#include "usage.h"
 
 namespace {
 using Function = void (*)(Context&);
@@ -88,13 +92,20 @@ public:
             "  1  something failed or differs, as told in a line each; the rest was done\n"
             "  2  the command line makes no sense, or nobody could be asked: nothing was changed\n"
             "  128 and the number of the signal, where one ended it\n\n"
-            "'tsmctl COMMAND --help' gives a command's options and examples, man tsmctl the rest.");
+            "'tsmctl help COMMAND' gives a command's options and examples, man tsmctl the rest.");
         AddCommonOptions(app, options);
         AddTransfers();
         AddInventory();
         AddServer();
         Add("completion", "Print the completion for bash",
             {"tsmctl completion > tsmctl.bash", "source <(tsmctl completion)"}, nullptr);
+        CLI::App* const help =
+            Add("help", "Show this help, or that of a command", {"tsmctl help", "tsmctl help backup"}, nullptr);
+        std::vector<std::string> names;
+        for (const Command& command : commands) names.push_back(command.app->get_name());
+        AddChoice(help, "COMMAND", options.topic, "the command", names);
+        for (const Command& command : commands) RefuseValuesOfFlags(*command.app);
+        RefuseValuesOfFlags(app);
     }
 
     // The function of the command that was typed. Throws CLI::ParseError and UsageError.
@@ -117,7 +128,13 @@ public:
         throw UsageError("no command");
     }
 
-    std::string Completion() const { return CompletionScript(app); }
+    // What the commands without a server print.
+    std::string Text() const {
+        if (app.got_subcommand("completion")) return CompletionScript(app);
+        const CLI::App* const about = options.topic.empty() ? &app : app.get_subcommand(options.topic);
+        const std::string name = options.topic.empty() ? "tsmctl" : "tsmctl " + options.topic;
+        return app.get_formatter()->make_help(about, name, CLI::AppFormatMode::Normal);
+    }
 
     int Explain(const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
@@ -125,12 +142,7 @@ public:
             app.exit(error, text);
             return Print(text.str());
         }
-        std::string text = error.what();
-        if (const auto rest = app.remaining(); app.get_subcommands().empty()) {
-            if (rest.empty() && error.get_name() == "RequiredError") text = "no command; tsmctl --help lists them";
-            if (!rest.empty()) text = (rest[0][0] == '-' ? "no such option: " : "no such command: ") + rest[0];
-        }
-        fmt::print(stderr, "tsmctl: {}\n", Printable(text));
+        fmt::print(stderr, "tsmctl: {}\n", Printable(UsageText(app, error)));
         return 2;
     }
 
@@ -154,11 +166,48 @@ private:
         command->add_option("--at", options.at, description)->type_name("MOMENT")->check(CheckMoment);
     }
 
+    // Decimal only. What CLI11 reads as a number may also be octal, and is cut down where it is too large.
+    static CLI::Option* AddNumber(CLI::App* command, const char* name, const char* type, const char* description,
+                                  long long least, long long most, const std::function<void(long long)>& take) {
+        const auto parse = [](const std::string& text) {
+            long long number = -1;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+            return error == std::errc() && end == text.data() + text.size() ? number : -1;
+        };
+        const auto check = [=](const std::string& text) -> std::string {
+            if (parse(text) >= least && parse(text) <= most) return "";
+            const std::string typed = text.size() > 40 ? text.substr(0, 40) + "..." : text;
+            return fmt::format("a whole number from {} to {} is needed, not '{}'", least, most, typed);
+        };
+        return command->add_option_function<std::string>(name, [=](const std::string& text) { take(parse(text)); })
+            ->description(description)
+            ->type_name(type)
+            ->check(check);
+    }
+
+    static void RefuseValuesOfFlags(CLI::App& command) {
+        for (CLI::Option* option :
+             command.get_options([](const CLI::Option* o) { return o->get_expected_max() == 0; })) {
+            option->disable_flag_override();
+        }
+    }
+
     void AddJobs(CLI::App* command) {
-        command->add_option("-j,--jobs", options.jobs, "sessions at the same time, 1 to 64")
-            ->type_name("NUMBER")
-            ->capture_default_str()
-            ->check(CLI::Range(1, 64));
+        AddNumber(command, "-j,--jobs", "NUMBER", "sessions at the same time, 1 to 64", 1, 64,
+                  [this](long long number) { options.jobs = static_cast<int>(number); })
+            ->default_str(std::to_string(options.jobs));
+    }
+
+    static CLI::Option* AddChoice(CLI::App* command, const char* name, std::string& value, const char* description,
+                                  const std::vector<std::string>& choices) {
+        const auto check = [choices](const std::string& text) -> std::string {
+            if (std::count(choices.begin(), choices.end(), text) > 0) return "";
+            return fmt::format("one of {} is needed, not '{}'", fmt::join(choices, ", "), text) +
+                   Suggestion(text, choices);
+        };
+        return command->add_option(name, value, description)
+            ->type_name(fmt::format("{}", fmt::join(choices, "|")))
+            ->check(check);
     }
 
     void AddTransfers() {
@@ -169,9 +218,8 @@ private:
         AddPaths(backup, "PATH", fileType, "what to store, under its last part; - is standard input", -1)->required();
         backup->add_option("--class", options.mgmtClass, "management class (default: the server's choice)")
             ->type_name("NAME");
-        backup->add_option("--size", options.size, "of standard input, where it is known")
-            ->type_name("BYTES")
-            ->check(CLI::NonNegativeNumber);
+        AddNumber(backup, "--size", "BYTES", "of standard input, where it is known", 0, LLONG_MAX,
+                  [this](long long number) { options.size = number; });
         CLI::App* const verify = Add("verify", "Compare what is stored with the local files, byte for byte",
                                      {"tsmctl verify docs --to nightly -j 4",
                                       "tsmctl restore dumps/docs.tar --to - | tsmctl verify - --as dumps/docs.tar"},
@@ -204,9 +252,7 @@ private:
                  "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
                 RunList);
         AddPaths(list, "PATH", "OBJECT", "object path, may hold * and ? (default: everything)", 1);
-        list->add_option("--type", options.type, "kind of object")
-            ->capture_default_str()
-            ->check(CLI::IsMember({"any", "dir", "file"}));
+        AddChoice(list, "--type", options.type, "kind of object", {"any", "dir", "file"})->capture_default_str();
         list->add_flag("--json", options.json, "one JSON object a line");
         list->add_flag("--all-versions", options.allVersions, "inactive versions too");
         AddAt(list, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
@@ -230,7 +276,7 @@ private:
                 RunRename);
         // Names of positionals hold no blank: newer versions of CLI11 refuse one.
         rename->add_option("OLD", options.oldPath, "the object path")->type_name("OBJECT")->required();
-        rename->add_option("NEW", options.newPath, "what it becomes")->type_name("OBJECT")->required();
+        rename->add_option("NEW", options.newPath, "its new object path")->type_name("OBJECT")->required();
         rename->add_flag("--yes", options.yes, "replace what is stored at NEW without asking");
     }
 
@@ -265,7 +311,7 @@ int Run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return commandLine.Explain(error);
     }
-    if (!command) return Print(commandLine.Completion());
+    if (!command) return Print(commandLine.Text());
     options.logDir = LogFolder(options.logDir);
     const LogWatch log(options.logDir);
     Report report(options.quiet);

@@ -18,6 +18,7 @@ struct Options {
     std::vector<std::string> paths;
     std::string oldPath;
     std::string newPath;
+    std::string topic;
     std::string to;
     std::string as;
     std::optional<long long> size;
