@@ -3,14 +3,17 @@
 Usage: tsmctl_interface.py TSMCTL SOURCES
 """
 
+import fcntl
 import os
 import pty
 import re
 import select
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 
 tsmctl, sources = (os.path.abspath(path) for path in sys.argv[1:])
@@ -179,6 +182,39 @@ with tempfile.TemporaryDirectory() as work:
         bash.close()
     expect("what a line would have run", os.path.exists("ran"), False)
     os.chdir("/")
+
+
+# ---- progress, on terminals of several widths
+
+def progress(columns, size):
+    """The lines that a backup draws over each other, up to the end of its input."""
+    shown, terminal = pty.openpty()
+    fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 25, columns, 0, 0))
+    with tempfile.TemporaryDirectory() as work:
+        environment = {"TSM_STANDIN_STORE": work, "HOME": work, "TSMCTL_PASSWORD": "secret"}
+        with subprocess.Popen([tsmctl, "backup", "-", "--as", "x", "--size", str(size)], env=environment,
+                              stdin=subprocess.PIPE, stderr=terminal) as child:
+            os.close(terminal)
+            drawn = ""
+            while drawn.count("\r") < 3:
+                child.stdin.write(bytes(1 << 20))
+                child.stdin.flush()
+                if select.select([shown], [], [], 0.15)[0]:
+                    drawn += os.read(shown, 65536).decode()
+            child.stdin.close()
+            while "tsmctl: backup:" not in drawn:
+                drawn += os.read(shown, 65536).decode()
+    os.close(shown)
+    return drawn.split("tsmctl:")[0].split("\r")[1:]
+
+
+for columns, form in ((8, r" +\d+%"), (30, r" +\d+%  \S+ .iB/s  0:\d\d left"), (60, r" +\d+%  \S+ .iB of 95.4 MiB  .* left"),
+                      (100, r"\[[#-]{24}\]  +\d+%  \S+ .iB of .* left")):
+    lines = progress(columns, 10 ** 8)
+    wiped = lines[-2:] == [" " * len(lines[-3].rstrip()), ""]
+    expect(f"progress in {columns} columns: {lines}", (bool(re.fullmatch(form, lines[0].rstrip())), wiped,
+                                                       max(map(len, lines)) < columns), (True, True, True))
+expect("a time left that means nothing", "left" in "".join(progress(100, 10 ** 18)), False)
 
 if failures:
     sys.exit("\n".join(failures))

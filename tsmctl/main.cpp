@@ -315,19 +315,16 @@ int Run(int argc, char** argv) {
     options.logDir = LogFolder(options.logDir);
     const LogWatch log(options.logDir);
     Report report(options.quiet);
-    bool done = true;
     try {
         const Connection connection(options);
         Context context = {options, connection, report};
         command(context);
     } catch (const Failure& failure) {
-        fmt::print(stderr, "tsmctl: {}\n", Printable(failure.what()));
-        done = false;
+        report.Failed(failure.what());
     }
-    done = report.AllDone() && done;
-    if (!done && log.Changed())
-        fmt::print(stderr, "tsmctl: the client API's log has more: {}\n", Printable(log.Path()));
-    return done ? 0 : 1;
+    if (report.AllDone()) return 0;
+    if (log.Changed()) fmt::print(stderr, "tsmctl: the client API's log has more: {}\n", Printable(log.Path()));
+    return 1;
 }
 }  // namespace
 

@@ -13,9 +13,16 @@
 class Report {
 public:
     explicit Report(bool quiet);
+    ~Report();
+    Report(const Report&) = delete;
+    Report& operator=(const Report&) = delete;
 
     void Failed(std::string_view subject, std::string_view text);
+    // The same for the command as a whole.
+    void Failed(std::string_view text);
     void Warn(std::string_view subject, std::string_view text);
+    // What is neither a failure nor a result; not said where the user wants quiet.
+    void Note(std::string_view text);
     // A line of the result, exactly as it is.
     void Line(const std::string& text);
     // The same, for a result that makes the command fail.
@@ -31,6 +38,7 @@ public:
 
 private:
     void Say(const std::string& text);
+    std::string TimeLeft(double rate) const;
     void Draw();
     void Erase();
 
@@ -42,7 +50,7 @@ private:
     const Clock::time_point start = Clock::now();
     std::mutex mutex;
     Clock::time_point drawn = start;
-    bool onScreen = false;
+    size_t onScreen = 0;  // characters of the progress line
     long long bytes = 0;
     long long totalBytes = 0;
     long long failures = 0;
