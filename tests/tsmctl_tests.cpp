@@ -245,7 +245,7 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
         {"touch -r t/f r; printf abd > t/f; touch -r r t/f", "content differs from byte 2"},
         {"echo 4 >> t/f; touch -r orig/f t/f", "longer here"},
         {"chmod 0611 t/f", "mode 0611 here"},
-        {"touch -d @5.5 t/f", "modification time 5.500000000 here"},
+        {"touch -d @5.5 t/f; export TZ=XXX-3", "modification time 1970-01-01 03:00:05.500000000 +0300 here, 2"},
         {"rm t/f", "t/f: is stored and not here"},
         {"echo > t/new", "t/new: is not stored"},
         {"ln -sfn b t/l; touch -hr orig/l t/l", "link to b here, to a stored"},
@@ -284,6 +284,9 @@ TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
     Expect("cat 'out/t/st*r'", 0, "wild");
     Expect("tsmctl restore 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl restore u/fine -q && stat -c %a fine && cat fine", 0, "644\nother");
+    Expect("tsmctl -q verify fine --to u && printf otter > fine; tsmctl -q verify fine --to u", 1,
+           "fine: content differs from byte 2 on\n");
+    Expect("mkdir u; echo > 'u/x*'; tsmctl -q verify u", 1, "u/fine: is stored and not here", "other names as well");
     Expect("tsmctl delete --literal 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl delete --recursive --yes u", 1, "removed u/fine\nremoved u/xy\n", "other names as well");
     Expect("tsmctl list --literal 'u/x*' --json", 0, R"("path":"u/x*","kind":"file","size":1,"mode":null)");
@@ -295,11 +298,25 @@ TEST_F(Tsmctl, MomentsAndVersions) {
         0);
     Expect("tsmctl restore f --to - --at \"$(cat at)\"; tsmctl restore f --to -", 0, "one\ntwo\n");
     Expect("tsmctl list f --all-versions | wc -l; tsmctl list f | wc -l; tsmctl list --at '2001-1-1 0:0:0' | wc -l", 0,
-           "2\n1\n0\n");
+           "2\n1\n0\n", "tsmctl: nothing to list in filespace tsmctl of node node\n");
+    Expect("tsmctl list f --all-versions --json | grep -o '\"active\":[a-z]*'; tsmctl list f --all-versions", 0,
+           "\"active\":false\n\"active\":true\nfile       0644     4  ");
+    Expect("tsmctl list f --all-versions | cut -c 45-", 0, "inactive  f\nactive    f\n");
+    Expect("tsmctl list f --at \"$(cat at)\" --json | grep -c '\"active\":false'; tsmctl list f --json", 0,
+           "1\n{\"path\":\"f\",\"kind\":\"file\",\"size\":4,");
     Expect("tsmctl delete f --at \"$(cat at)\"", 1, "", "this version is not active");
     Expect("tsmctl delete f && tsmctl list f --all-versions | wc -l", 0, "removed f\n2\n");
     Expect("tsmctl delete f", 1, "", "not found");
-    Expect("tsmctl delete f --all-versions; tsmctl list --all-versions", 0, "removed f (2 versions)\n");
+    Expect("tsmctl delete f --all-versions; tsmctl -q list --all-versions", 0, "removed f (2 versions)\n");
+}
+
+TEST_F(Tsmctl, ListingsAreInTheOrderOfTheNames) {
+    Expect("mkdir -p d/a; printf 123 > d/a/z; printf 12345 > d/a.b; : > d/0; ln -s xyz d/l; tsmctl -q backup d", 0);
+    Expect("head -c 1234567 /dev/zero | tsmctl -q backup - --as s --size 1234567; echo | tsmctl -q backup - --as u", 0);
+    Expect("tsmctl list | while read -r kind mode size day time path; do echo $kind $size $path; done", 0,
+           "directory - d\nfile 0 d/0\ndirectory - d/a\nfile 3 d/a/z\nfile 5 d/a.b\nlink 3 d/l\n"
+           "stream 1234567 s\nstream - u\n");
+    Expect("tsmctl list 'd/a*' --type file | cut -c 16-21,43-", 0, "     3  d/a/z\n     5  d/a.b\n");
 }
 
 TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
@@ -312,7 +329,7 @@ TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
     Expect("tsmctl list x --all-versions | wc -l; tsmctl restore x --to -", 0, "4\ni\n");
     Expect("mv x z; echo new > x; sleep 1.1; tsmctl backup x", 0, "", "a directory of this name is stored");
     Expect("tsmctl restore x --to file; cat file/x", 0, "new\n", "the directory, with all that it holds, is skipped");
-    Expect("tsmctl delete x/b x --recursive --all-versions --yes && tsmctl list --all-versions | wc -l", 0,
+    Expect("tsmctl delete x/b x --recursive --all-versions --yes && tsmctl list -q --all-versions | wc -l", 0,
            "removed x/b (1 version)\n");
 }
 
@@ -329,7 +346,7 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect("tsmctl delete --recursive --yes p/d p/none", 1,
            "removed p/d\nremoved p/d/e\nremoved p/d/e/f\nremoved p/d/g\n", "p/none: not found");
     Expect("tsmctl list --json | grep -c path", 0, "4\n");
-    Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl list --all-versions | wc -l", 0,
+    Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl -q list --all-versions | wc -l", 0,
            "0\n");
 }
 

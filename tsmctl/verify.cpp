@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <map>
 #include <set>
 
@@ -12,6 +13,18 @@
 #include "transfer.h"
 
 namespace {
+// For people, in the local time zone.
+std::string LocalTime(const timespec& time) {
+    std::tm local = {};
+    char date[64];
+    char zone[16];
+    if (!localtime_r(&time.tv_sec, &local) || std::strftime(date, sizeof date, "%F %T", &local) == 0) {
+        return TimeText(time);
+    }
+    std::strftime(zone, sizeof zone, "%z", &local);
+    return fmt::format("{}.{:09} {}", date, time.tv_nsec, zone);
+}
+
 // Names a difference as a result, and counts it as what it is: something that is not as it should be.
 class Verifier {
 public:
@@ -62,11 +75,15 @@ public:
 
 private:
     void CompareInfo(const LocalItem& item, const Info& stored) {
-        const auto check = [&](const char* what, const std::string& here, const std::string& there) {
-            if (here != there) Differs(item.local, fmt::format("{} {} here, {} stored", what, here, there));
+        const auto differs = [&](const char* what, const std::string& here, const std::string& there) {
+            Differs(item.local, fmt::format("{} {} here, {} stored", what, here, there));
         };
-        check("mode", ModeText(item.info.mode), ModeText(stored.mode));
-        check("modification time", TimeText(item.info.mtime), TimeText(stored.mtime));
+        if (item.info.mode != stored.mode) differs("mode", ModeText(item.info.mode), ModeText(stored.mode));
+        const timespec& here = item.info.mtime;
+        const timespec& there = stored.mtime;
+        if (here.tv_sec != there.tv_sec || here.tv_nsec != there.tv_nsec) {
+            differs("modification time", LocalTime(here), LocalTime(there));
+        }
     }
 
     void CompareLink(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
