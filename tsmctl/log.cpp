@@ -1,6 +1,7 @@
 #include "log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,16 +50,9 @@ std::string LogFolder(const std::string& wanted) {
     return mine && MayWriteTo(own.native()) ? own.native() : "";
 }
 
-LogWatch::LogWatch(const std::string& folder) : path(FileIn(folder)), before(Now()) {}
+LogWatch::LogWatch(const std::string& folder) : path(FileIn(folder)), before(Size()) {}
 
-bool LogWatch::Changed() const {
-    const struct stat now = Now();
-    return now.st_size != before.st_size || now.st_mtim.tv_sec != before.st_mtim.tv_sec ||
-           now.st_mtim.tv_nsec != before.st_mtim.tv_nsec;
-}
-
-struct stat LogWatch::Now() const {
+off_t LogWatch::Size() const {
     struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) status = {};
-    return status;
+    return stat(path.c_str(), &status) == 0 ? status.st_size : 0;
 }

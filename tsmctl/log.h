@@ -1,7 +1,7 @@
 // The client API's error log, which has the reasons behind many a failure.
 #pragma once
 
-#include <sys/stat.h>
+#include <sys/types.h>
 
 #include <string>
 
@@ -15,11 +15,11 @@ public:
     explicit LogWatch(const std::string& folder);
 
     const std::string& Path() const { return path; }
-    bool Changed() const;
+    bool Changed() const { return Size() != before; }
 
 private:
-    struct stat Now() const;
+    off_t Size() const;
 
     const std::string path;
-    const struct stat before;
+    const off_t before;
 };
