@@ -148,7 +148,7 @@ public:
 
 private:
     CLI::App* Add(const char* name, const char* description, const std::vector<std::string>& examples, Function run) {
-        CLI::App* const command = app.add_subcommand(name, description)->group("Commands");
+        CLI::App* const command = app.add_subcommand(name, description);
         std::string footer = "Examples:\n";
         for (const std::string& example : examples) footer += "  " + example + "\n";
         command->footer(footer + "\nThe options of 'tsmctl --help' may stand before or after the command.");
