@@ -125,12 +125,12 @@ void Report::Draw() {
     const auto fits = std::find_if(lines.begin(), lines.end(), [&](const auto& line) { return line.size() <= room; });
     if (fits == lines.end()) return;
     // Blanks wipe what stood there, since not every terminal knows a sequence for it.
-    fmt::print(stderr, "\r{:<{}}", *fits, std::min(onScreen, room));
+    std::fputs(fmt::format("\r{:<{}}", *fits, std::min(onScreen, room)).c_str(), stderr);
     onScreen = fits->size();
 }
 
 void Report::Erase() {
-    if (onScreen > 0) fmt::print(stderr, "\r{:{}}\r", "", std::min(onScreen, Room()));
+    if (onScreen > 0) std::fputs(fmt::format("\r{:{}}\r", "", std::min(onScreen, Room())).c_str(), stderr);
     onScreen = 0;
 }
 
