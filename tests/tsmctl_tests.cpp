@@ -156,6 +156,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
                                         "rename a a/",
                                         "rename a a/b",
                                         "rename / a",
+                                        "rename a /",
                                         "delete-filespace tsmctl",
                                         "--frobnicate",
                                         "completion bash"}) {
@@ -163,6 +164,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     }
     Expect("tsmctl -q frobnicate a", 2, "", "no such command: frobnicate");
     Expect("tsmctl --help > /dev/full", 1, "", "standard output");
+    Expect("tsmctl frobnicate 2> /dev/full", 2);
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
     Expect("tsmctl list --json | wc -l", 0, "4");
 }
@@ -301,6 +303,24 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect("tsmctl list --json | grep -c path", 0, "4\n");
     Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl list --all-versions | wc -l", 0,
            "0\n");
+}
+
+TEST_F(Tsmctl, NamesForgeNoLines) {
+    const std::string name = "a\nremoved all\x1b[2J\x7f\xc2\x9b\x9b\xe2\x80\xae\xe9\xc3\xa9";
+    const std::string shown = "a?removed all?[2J????\xe9\xc3\xa9";
+    std::string raw = name;
+    raw[1] = '?';
+    setenv("N", name.c_str(), 1);
+    setenv("TSMCTL_FILESPACE", name.c_str(), 1);
+    Expect("mkdir d; touch \"d/$N\" d/x; tsmctl -q backup d; tsmctl list \"d/$N\"; tsmctl filespaces", 0,
+           "  d/" + raw + "\n" + raw + "\n");
+    Expect("tsmctl restore d --to .", 1, "", "tsmctl: d/" + shown + ": exists already");
+    Expect("rm d/a*; tsmctl verify d", 1, "d/" + shown + ": is stored");
+    Expect("tsmctl rename \"d/$N\" y; tsmctl rename y \"d/$N\"; tsmctl grant \"$N\"", 0,
+           "renamed d/" + shown + " to y (1 of 1 objects)\nrenamed y to d/" + shown + " (1 of 1 objects)\ngranted " +
+               shown + " access to filespace " + shown + "\n");
+    Expect("tsmctl delete \"d/$N\"; tsmctl delete-filespace --yes \"$N\"", 0,
+           "removed d/" + shown + "\ndeleted filespace " + shown + "\n");
 }
 
 TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {

@@ -18,7 +18,7 @@ std::string Exact(const std::string& bytes) {
     return text;
 }
 
-std::string JsonLine(const StoredObject& object) {
+nlohmann::ordered_json JsonOf(const StoredObject& object) {
     nlohmann::ordered_json line;
     line["path"] = object.Shown();
     line["kind"] = KindName(object.GetKind());
@@ -34,7 +34,7 @@ std::string JsonLine(const StoredObject& object) {
     line["filespace"] = object.fileSpace;
     line["info"] = object.text;
     line["storedName"] = Exact(object.path + "/" + object.name);
-    return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return line;
 }
 
 void PrintTable(Report& report, const std::vector<StoredObject>& objects) {
@@ -49,10 +49,9 @@ void PrintTable(Report& report, const std::vector<StoredObject>& objects) {
         report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  path", "kind", "mode", "size", width, "stored"));
     for (const StoredObject& object : objects) {
         const std::string mode = object.info ? ModeText(object.info->mode) : "-";
-        const std::string path = terminal ? Printable(object.Shown()) : object.Shown();
-        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {}  ", KindName(object.GetKind()), mode, sizeText(object), width,
-                                object.date) +
-                    path);
+        report.Entry(fmt::format("{:<9}  {:>4}  {:>{}}  {}  ", KindName(object.GetKind()), mode, sizeText(object),
+                                 width, object.date) +
+                     object.Shown());
     }
 }
 }  // namespace
@@ -73,5 +72,5 @@ void RunList(Context& context) {
         context.report.Failed(typed, CodeText("not found", -2));
     }
     if (!options.json) return PrintTable(context.report, objects);
-    for (const StoredObject& object : objects) context.report.Line(JsonLine(object));
+    for (const StoredObject& object : objects) context.report.Json(JsonOf(object));
 }

@@ -75,7 +75,7 @@ std::vector<Landing> MapPaths(const std::vector<std::string>& paths, const std::
         Landing landing = {real, head, real == "/"};
         if (!landing.top) landing.object.push_back(SplitAtSlash(real).back());
         if (!taken.insert(landing.object).second) {
-            throw UsageError(fmt::format("{}: lands on a name that another path has", Printable(path)));
+            throw UsageError(path + ": lands on a name that another path has");
         }
         landings.push_back(std::move(landing));
     }

@@ -67,9 +67,8 @@ void AddCommonOptions(CLI::App& app, Options& options) {
 
 // For what needs no server. Returns the exit status.
 int Print(const std::string& text) {
-    Report report(true);
-    report.Line(text.substr(0, text.find_last_not_of('\n') + 1));
-    return report.AllDone() ? 0 : 1;
+    std::puts(text.substr(0, text.find_last_not_of('\n') + 1).c_str());
+    return Report(true).AllDone() ? 0 : 1;
 }
 
 class CommandLine {
@@ -129,7 +128,7 @@ public:
             if (rest.empty() && error.get_name() == "RequiredError") text = "no command; tsmctl --help lists them";
             if (!rest.empty()) text = (rest[0][0] == '-' ? "no such option: " : "no such command: ") + rest[0];
         }
-        fmt::print(stderr, "tsmctl: {}\n", Printable(text));
+        Tell(text);
         return 2;
     }
 
@@ -269,7 +268,7 @@ int Run(int argc, char** argv) {
         Context context = {options, connection, report};
         command(context);
     } catch (const Failure& failure) {
-        fmt::print(stderr, "tsmctl: {}\n", Printable(failure.what()));
+        Tell(failure.what());
         report.AllDone();
         return 1;
     }
@@ -281,12 +280,12 @@ int main(int argc, char** argv) try {
     CatchSignals();
     return Run(argc, argv);
 } catch (const Interrupted&) {
-    fmt::print(stderr, "tsmctl: stopped by a signal\n");
+    Tell("stopped by a signal");
     return 128 + PendingSignal();
 } catch (const UsageError& error) {
-    fmt::print(stderr, "tsmctl: {}\n", Printable(error.what()));
+    Tell(error.what());
     return 2;
 } catch (const std::exception& error) {
-    fmt::print(stderr, "tsmctl: {}\n", Printable(error.what()));
+    Tell(error.what());
     return 1;
 }

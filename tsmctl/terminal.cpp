@@ -7,6 +7,7 @@
 
 #include "errors.h"
 #include "local.h"
+#include "names.h"
 
 namespace {
 class NoEcho {
@@ -53,6 +54,6 @@ bool Confirmed(bool yes, const std::string& question, const std::string& answer)
     if (yes) return true;
     if (isatty(STDIN_FILENO) != 1)
         throw UsageError(question + ": refused without --yes (there is no terminal to ask on)");
-    fmt::print(stderr, "{}? Type \"{}\" to go on: ", question, answer);
+    fmt::print(stderr, "{}? Type \"{}\" to go on: ", Printable(question), Printable(answer));
     return ReadLine(STDIN_FILENO) == answer;
 }

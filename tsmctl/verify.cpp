@@ -17,9 +17,7 @@ class Verifier {
 public:
     explicit Verifier(Context& owner) : context(owner) {}
 
-    void Differs(const std::string& subject, const std::string& text) {
-        context.report.Differs(fmt::format("{}: {}", Printable(subject), text));
-    }
+    void Differs(const std::string& subject, const std::string& text) { context.report.Differs(subject + ": " + text); }
 
     void Compare(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const Kind stored = object.GetKind();
@@ -80,7 +78,7 @@ private:
         download.Finish();
         context.report.Advance(here.size());
         if (here != there) {
-            Differs(item.local, fmt::format("link to {} here, to {} stored", Printable(here), Printable(there)));
+            Differs(item.local, fmt::format("link to {} here, to {} stored", here, there));
         }
     }
 
