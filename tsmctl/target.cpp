@@ -85,8 +85,7 @@ void NewEntry::CreateLink(const std::string& target) {
 }
 
 void NewEntry::Publish(const std::optional<Info>& info, mode_t otherMode) {
-    // The owner is not kept, so the right to act as the owner is not either.
-    const mode_t mode = info ? info->mode & ~static_cast<mode_t>(S_ISUID | S_ISGID) : otherMode;
+    const mode_t mode = info ? info->mode & ~setIds : otherMode;
     if (file.Get() >= 0 && fchmod(file.Get(), mode) != 0) {
         FailLocal("cannot set the mode", errno);
     }
