@@ -30,6 +30,12 @@ std::string Content(const fs::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+const char* const helpers = R"(
+tsmctl() { "$T" "$@"; }
+faulty() { TSM_FAULT=$1 "${T%/*}/faulty_tsmctl" "${@:2}"; }
+low() { [ $UID != 0 ] || set -- setpriv --bounding-set=-dac_override,-dac_read_search "$@"; "$@"; }
+)";
+
 class Tsmctl : public testing::Test {
 protected:
     void SetUp() override {
@@ -52,9 +58,10 @@ protected:
         fs::remove_all(root);
     }
 
-    // Runs lines of shell in the work folder; "tsmctl" is the binary. No terminal is in reach.
+    // Runs lines of shell in the work folder; "tsmctl" is the binary, "faulty" lets a call of the API fail, and "low"
+    // runs what follows without root's way past the modes. No terminal is in reach.
     Outcome Run(const std::string& script) {
-        std::ofstream(root / "script") << "T='" TSMCTL_BINARY "'; tsmctl() { \"$T\" \"$@\"; }\n" << script << '\n';
+        std::ofstream(root / "script") << "T='" TSMCTL_BINARY "'" << helpers << script << '\n';
         const std::string command =
             "cd '" + (root / "work").native() + "' && setsid -w bash ../script >../out 2>../err </dev/null";
         const int status = std::system(command.c_str());
@@ -186,9 +193,24 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
     Expect("tsmctl backup one --class NONE", 1, "", "tsmctl: one: ");
     Expect("tsmctl list one > /dev/full", 1, "", "standard output");
     Expect("tsmctl restore one --to - > /dev/full", 1, "", "cannot write");
+    Expect(
+        "mkfifo pipe; tsmctl backup pipe /proc/version", 1, "",
+        "tsmctl: pipe: is neither a file nor a link nor a directory\ntsmctl: /proc/version: holds more than its size");
+    Expect("mkdir -p u/shut; touch u/f u/shut/f; tsmctl -q backup u; chmod 0 u/shut", 0);
+    Expect("low $T verify -q u 2>&1 | sed 's/ .* / /'", 0, "tsmctl: denied\nu/shut: stored\n");
+    Expect("low $T backup u", 1, "", "2 directories, 1 file,");
     if (Content("/sys/kernel/mm/transparent_hugepage/enabled").empty()) GTEST_SKIP() << "no file that reads short";
     Expect("tsmctl backup /sys/kernel/mm/transparent_hugepage/enabled", 1, "", "not stored");
     Expect("tsmctl list enabled", 1, "", "not found");
+}
+
+// The pipe for its warnings is full until the folder has changed.
+TEST_F(Tsmctl, NothingLeadsOutOfTheTreeDuringABackup) {
+    Expect(
+        R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log t/pipes/$(printf %0200d 0){1..400}
+        tsmctl backup t 2> log & exec 3< log; read -r <&3; mv t/sub was; ln -s ../outside t/sub; cat <&3; wait $!)",
+        1, "tsmctl: t/sub/f: sub is in the way");
+    Expect("tsmctl list t/sub/f", 1, "", "not found");
 }
 
 TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
@@ -206,12 +228,16 @@ TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
 TEST_F(Tsmctl, StandardInputAndOutput) {
     Expect("head -c 2500000 /dev/urandom > data; cat data | tsmctl backup - --as dumps/a", 0);
     Expect("tsmctl restore dumps/a --to - | cmp - data && tsmctl verify - --as dumps/a < data", 0);
+    Expect("faulty 'dsmGetData 2 2200' restore dumps/a --to - | cmp - data", 0);
+    Expect("faulty 'dsmGetData 2 2200' verify - --as dumps/a < data", 0);
+    Expect("tsmctl backup - --as closed <&-", 1, "", "cannot read");
+    Expect("tsmctl restore dumps/a --to - >&-", 1, "", "cannot write");
     Expect("echo more | cat data - | tsmctl verify - --as dumps/a", 1, "longer here");
     Expect("tsmctl backup - --as b --size 0 < /dev/null && tsmctl restore b && stat -c '%s %a' b", 0, "0 600\n");
     for (const char* const size : {"2499999", "2500001"}) {
         Expect(std::string("tsmctl backup - --as c --size ") + size + " < data", 1, "", "not stored");
     }
-    Expect("tsmctl list c", 1);
+    Expect("tsmctl list c || tsmctl list closed", 1);
 }
 
 TEST_F(Tsmctl, VerifyNamesEachDifference) {
@@ -272,7 +298,8 @@ TEST_F(Tsmctl, MomentsAndVersions) {
     Expect("tsmctl list f --all-versions | wc -l; tsmctl list f | wc -l; tsmctl list --at '2001-1-1 0:0:0' | wc -l", 0,
            "2\n1\n0\n");
     Expect("tsmctl delete f --at \"$(cat at)\"", 1, "", "this version is not active");
-    Expect("tsmctl delete f && tsmctl list f --all-versions | wc -l", 0, "removed f\n2\n");
+    Expect("tsmctl delete f --at \"$(date -d '1 hour' '+%F %T')\" && tsmctl list f --all-versions | wc -l", 0,
+           "removed f\n2\n");
     Expect("tsmctl delete f", 1, "", "not found");
     Expect("tsmctl delete f --all-versions; tsmctl list --all-versions", 0, "removed f (2 versions)\n");
 }
@@ -346,6 +373,7 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect("tsmctl rename tree/sub/deep/file tree/sub/big --yes && tsmctl restore tree/sub/big --to -", 0, "hello",
            "is replaced");
     Expect("tsmctl rename tree/none x", 1, "", "not found");
+    Expect("faulty 'dsmRenameObj 1 0' rename tree/sub/big x", 1, "", "tree/sub/big: is not at its new name");
     Expect("mkdir lone; echo > lone/f; chmod 0700 lone; tsmctl -q backup lone; tsmctl -q rename lone/f lone/new/f", 0);
     Expect("tsmctl list lone --json | grep '\"lone\"'", 0, R"("mode":"0700")");
 }

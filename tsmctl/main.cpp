@@ -12,6 +12,7 @@
 #include "completion.h"
 #include "errors.h"
 #include "help.h"
+#include "local.h"
 #include "names.h"
 
 namespace {
@@ -277,6 +278,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+    ReserveStandardStreams();
     CatchSignals();
     return Run(argc, argv);
 } catch (const Interrupted&) {

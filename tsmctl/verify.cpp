@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <map>
 #include <set>
 
@@ -30,8 +28,7 @@ public:
         if (stored == Kind::Link) {
             CompareLink(session, buffer, item, object);
         } else if (!object.directory) {
-            const UniqueFd file(open(item.local.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-            if (file.Get() < 0) FailLocal("cannot open", errno);
+            const UniqueFd file = OpenItem(item);
             CompareContent(session, buffer, item.local, object,
                            [&](unsigned char* memory, size_t length) { return ReadFull(file.Get(), memory, length); });
         }
@@ -68,7 +65,7 @@ private:
     }
 
     void CompareLink(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
-        const std::string here = ReadLink(item.local);
+        const std::string here = ReadLink(item);
         std::string there;
         Download download(session, object, "");
         while (const size_t count = download.Next(buffer)) {
