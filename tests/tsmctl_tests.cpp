@@ -176,6 +176,13 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     Expect("tsmctl --help > /dev/full", 1, "", "standard output");
     Expect("tsmctl frobnicate 2> /dev/full", 2);
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
+    Expect("TSMCTL_PASSWORD= tsmctl --node new list", 2, "", "password is empty");
+    Expect("umask 077; : > pw; tsmctl --password-file pw --node new list", 2, "", "password is empty");
+    Expect("printf 'a\\0b' > pw; tsmctl --password-file pw --node new list", 2, "", "holds a byte 0");
+    Expect(
+        "printf 'secret\\r\nmore' > pw; tsmctl -q --password-file pw list a && chmod 644 pw && tsmctl -q "
+        "--password-file pw list a 2>&1 | head -1",
+        0, "pw: warning: other users can read");
     Expect("tsmctl list --json | wc -l", 0, "4");
 }
 

@@ -55,6 +55,13 @@ void WriteAll(int fd, const void* memory, size_t length) {
     }
 }
 
+std::string ReadLine(int fd) {
+    std::string line;
+    char c = 0;
+    while (ReadFull(fd, &c, 1) == 1 && c != '\n') line += c;
+    return line;
+}
+
 void ReserveStandardStreams() {
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(stream, F_GETFD) < 0) open("/", O_PATH);  // the lowest number that is free

@@ -33,6 +33,8 @@ private:
 // Reads until length bytes are there or the input ends; gives up at a signal.
 size_t ReadFull(int fd, void* memory, size_t length);
 void WriteAll(int fd, const void* memory, size_t length);
+// Up to a line break, which is left out, or the end.
+std::string ReadLine(int fd);
 
 // Takes the numbers of standard streams that are closed, so that no file gets them: using such a stream fails.
 void ReserveStandardStreams();
