@@ -1,4 +1,4 @@
-/* Linked with an example: TSM_FAULT in its environment ("dsmSendData 2 41") makes that call fail. */
+/* Linked with a host: TSM_FAULT in its environment ("dsmSendData 2 41") makes that call fail. */
 #include <stdio.h>
 #include <stdlib.h>
 

@@ -4,6 +4,7 @@ Usage: tsmctl_interface.py TSMCTL SOURCES
 """
 
 import fcntl
+import json
 import os
 import pty
 import re
@@ -215,6 +216,50 @@ for columns, form in ((8, r" +\d+%"), (30, r" +\d+%  \S+ .iB/s  0:\d\d left"), (
     expect(f"progress in {columns} columns: {lines}", (bool(re.fullmatch(form, lines[0].rstrip())), wiped,
                                                        max(map(len, lines)) < columns), (True, True, True))
 expect("a time left that means nothing", "left" in "".join(progress(100, 10 ** 18)), False)
+
+
+# ---- the terminal: questions, and what it is shown
+
+def on_terminal(environment, *arguments, typed=""):
+    """The exit status, what was shown, and whether the terminal echoes: at the question, and at the end."""
+    pid, terminal = pty.fork()
+    if pid == 0:
+        os.execve(tsmctl, [tsmctl, *arguments], environment)
+    shown, echo = b"", []
+    while True:
+        try:
+            shown += os.read(terminal, 65536)
+        except OSError:
+            break
+        if typed and shown.endswith(b": "):
+            echo.append(bool(termios.tcgetattr(terminal)[3] & termios.ECHO))
+            os.write(terminal, typed.encode())
+            typed = ""
+    echo.append(bool(termios.tcgetattr(terminal)[3] & termios.ECHO))
+    os.close(terminal)
+    return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), shown.decode(errors="replace"), echo
+
+
+with tempfile.TemporaryDirectory() as work:
+    with open(os.path.join(work, "dsm.opt"), "w", encoding="utf-8") as file:
+        file.write(f"STOREDIR {work}/store\n")
+    asked = {"TSMCTL_CONFIG": file.name, "TSMCTL_NODE": "node", "HOME": work}
+    known = {**asked, "TSMCTL_PASSWORD": "secret"}
+    expect("sign-on", on_terminal(known, "filespaces"), (0, "", [True]))
+    for typed, status, answer in (("sec\x1a\x1cret\n", 0, "node: \r\n"), ("\n", 2, "password is empty"),
+                                  ("se\x03", 130, "stopped"), ("wrong\n", 1, "AUTH_FAILURE")):
+        status_found, shown, echo = on_terminal(asked, "filespaces", typed=typed)
+        expect(f"typed {typed!r}", (status_found, answer in shown, "secret" in shown, echo),
+               (status, True, False, [False, True]))
+    forged = "a\nb\x9bé\x1b"
+    expect("a new filespace", on_terminal(known, "--filespace", forged, "list")[0], 0)
+    for answer, status, said in (("a\n", 1, "not confirmed"), ("two\n", 0, "deleted filespace two")):
+        on_terminal(known, "--filespace", "two", "list")
+        found = on_terminal(known, "delete-filespace", "two", typed=answer)
+        expect("confirmation", (found[0], said in found[1]), (status, True))
+    expect("names", on_terminal(known, "filespaces")[1], "a?b?é?\r\n")
+    expect("--json", on_terminal(known, "filespaces", "--json")[1],
+           json.dumps({"filespace": forged}, separators=(",", ":")) + "\r\n")
 
 if failures:
     sys.exit("\n".join(failures))

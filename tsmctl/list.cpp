@@ -38,7 +38,7 @@ std::vector<bool> Active(Session& session, const NamePattern& pattern, const Sel
     return marks;
 }
 
-std::string JsonLine(const StoredObject& object, bool active) {
+nlohmann::ordered_json JsonOf(const StoredObject& object, bool active) {
     nlohmann::ordered_json line;
     line["path"] = object.Shown();
     line["kind"] = KindName(object.GetKind());
@@ -55,7 +55,7 @@ std::string JsonLine(const StoredObject& object, bool active) {
     line["info"] = object.text;
     line["active"] = active;
     line["storedName"] = Exact(object.path + "/" + object.name);
-    return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return line;
 }
 
 void PrintTable(Report& report, const std::vector<StoredObject>& objects, const std::vector<bool>* active) {
@@ -73,10 +73,9 @@ void PrintTable(Report& report, const std::vector<StoredObject>& objects, const 
         const StoredObject& object = objects[i];
         const char* const version = !active ? "" : (*active)[i] ? "active    " : "inactive  ";
         const std::string mode = object.info ? ModeText(object.info->mode) : "-";
-        const std::string path = terminal ? Printable(object.Shown()) : object.Shown();
-        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {}  {}", KindName(object.GetKind()), mode, sizeText(object),
-                                width, object.date, version) +
-                    path);
+        report.Entry(fmt::format("{:<9}  {:>4}  {:>{}}  {}  {}", KindName(object.GetKind()), mode, sizeText(object),
+                                 width, object.date, version) +
+                     object.Shown());
     }
 }
 }  // namespace
@@ -102,5 +101,5 @@ void RunList(Context& context) {
         context.report.Note("nothing to list " + place);
     }
     if (!options.json) return PrintTable(context.report, objects, options.allVersions ? &active : nullptr);
-    for (size_t i = 0; i < objects.size(); ++i) context.report.Line(JsonLine(objects[i], active[i]));
+    for (size_t i = 0; i < objects.size(); ++i) context.report.Json(JsonOf(objects[i], active[i]));
 }

@@ -15,6 +15,7 @@
 #include "completion.h"
 #include "errors.h"
 #include "help.h"
+#include "local.h"
 #include "log.h"
 #include "names.h"
 #include "usage.h"
@@ -72,9 +73,8 @@ void AddCommonOptions(CLI::App& app, Options& options) {
 
 // For what needs no server. Returns the exit status.
 int Print(const std::string& text) {
-    Report report(true);
-    report.Line(text.substr(0, text.find_last_not_of('\n') + 1));
-    return report.AllDone() ? 0 : 1;
+    std::puts(text.substr(0, text.find_last_not_of('\n') + 1).c_str());
+    return Report(true).AllDone() ? 0 : 1;
 }
 
 class CommandLine {
@@ -142,7 +142,7 @@ public:
             app.exit(error, text);
             return Print(text.str());
         }
-        fmt::print(stderr, "tsmctl: {}\n", Printable(UsageText(app, error)));
+        Tell(UsageText(app, error));
         return 2;
     }
 
@@ -323,21 +323,22 @@ int Run(int argc, char** argv) {
         report.Failed(failure.what());
     }
     if (report.AllDone()) return 0;
-    if (log.Changed()) fmt::print(stderr, "tsmctl: the client API's log has more: {}\n", Printable(log.Path()));
+    if (log.Changed()) Tell("the client API's log has more: " + log.Path());
     return 1;
 }
 }  // namespace
 
 int main(int argc, char** argv) try {
+    ReserveStandardStreams();
     CatchSignals();
     return Run(argc, argv);
 } catch (const Interrupted&) {
-    fmt::print(stderr, "tsmctl: stopped by a signal\n");
+    Tell("stopped by a signal");
     return 128 + PendingSignal();
 } catch (const UsageError& error) {
-    fmt::print(stderr, "tsmctl: {}\n", Printable(error.what()));
+    Tell(error.what());
     return 2;
 } catch (const std::exception& error) {
-    fmt::print(stderr, "tsmctl: {}\n", Printable(error.what()));
+    Tell(error.what());
     return 1;
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "names.h"
@@ -27,7 +28,13 @@ size_t Room() {
 }
 }  // namespace
 
-Report::Report(bool isQuiet) : quiet(isQuiet), bar(!isQuiet && isatty(STDERR_FILENO) == 1) {}
+Report::Report(bool isQuiet)
+    : quiet(isQuiet), bar(!isQuiet && isatty(STDERR_FILENO) == 1), onTerminal(isatty(STDOUT_FILENO) == 1) {}
+
+void Tell(std::string_view text) {
+    const std::string line = "tsmctl: " + Printable(text) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
 
 Report::~Report() {
     Erase();
@@ -35,39 +42,50 @@ Report::~Report() {
 
 void Report::Say(const std::string& text) {
     Erase();
-    const std::string line = "tsmctl: " + text + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    Tell(text);
 }
 
 void Report::Failed(std::string_view subject, std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex);
     ++failures;
-    Say(fmt::format("{}: {}", Printable(subject), Printable(text)));
+    Say(fmt::format("{}: {}", subject, text));
 }
 
 void Report::Failed(std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex);
     ++failures;
-    Say(Printable(text));
+    Say(std::string(text));
 }
 
 void Report::Warn(std::string_view subject, std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex);
-    Say(fmt::format("{}: warning: {}", Printable(subject), Printable(text)));
+    Say(fmt::format("{}: warning: {}", subject, text));
 }
 
 void Report::Note(std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (!quiet) Say(Printable(text));
+    if (!quiet) Say(std::string(text));
 }
 
-void Report::Line(const std::string& text) {
+void Report::Put(const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex);
     Erase();
-    std::fwrite((text + "\n").data(), 1, text.size() + 1, stdout);
+    std::fwrite((line + "\n").data(), 1, line.size() + 1, stdout);
 }
 
-void Report::Differs(const std::string& text) {
+void Report::Line(std::string_view text) {
+    Put(Printable(text));
+}
+
+void Report::Entry(const std::string& text) {
+    Put(onTerminal ? Printable(text) : OneLine(text));
+}
+
+void Report::Json(const nlohmann::ordered_json& value) {
+    Put(value.dump(-1, ' ', onTerminal, nlohmann::ordered_json::error_handler_t::replace));
+}
+
+void Report::Differs(std::string_view text) {
     Line(text);
     const std::lock_guard<std::mutex> lock(mutex);
     ++differences;

@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 #include <map>
 #include <set>
@@ -30,9 +28,7 @@ class Verifier {
 public:
     explicit Verifier(Context& owner) : context(owner) {}
 
-    void Differs(const std::string& subject, const std::string& text) {
-        context.report.Differs(fmt::format("{}: {}", Printable(subject), text));
-    }
+    void Differs(const std::string& subject, const std::string& text) { context.report.Differs(subject + ": " + text); }
 
     void Compare(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const Kind stored = object.GetKind();
@@ -45,8 +41,7 @@ public:
         if (stored == Kind::Link) {
             CompareLink(session, buffer, item, object);
         } else if (!object.directory) {
-            const UniqueFd file(open(item.local.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-            if (file.Get() < 0) FailLocal("cannot open", errno);
+            const UniqueFd file = OpenItem(item);
             CompareContent(session, buffer, item.local, object,
                            [&](unsigned char* memory, size_t length) { return ReadFull(file.Get(), memory, length); });
         }
@@ -87,7 +82,7 @@ private:
     }
 
     void CompareLink(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
-        const std::string here = ReadLink(item.local);
+        const std::string here = ReadLink(item);
         std::string there;
         Download download(session, object, "");
         while (const size_t count = download.Next(buffer)) {
@@ -97,7 +92,7 @@ private:
         download.Finish();
         context.report.Advance(here.size());
         if (here != there) {
-            Differs(item.local, fmt::format("link to {} here, to {} stored", Printable(here), Printable(there)));
+            Differs(item.local, fmt::format("link to {} here, to {} stored", here, there));
         }
     }
 
