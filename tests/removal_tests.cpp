@@ -189,18 +189,17 @@ TEST_F(Library, MovesATakenNameAside) {
     };
     prepare();
     api.Answers("dsmDeleteObj", {{0}, {106}});  // a deletion that fails is passed over
-    std::string before, time, after;
-    const auto now = [] {
-        const std::time_t moment = std::time(nullptr);
-        return std::string(std::ctime(&moment));
-    };
-    before = now();
+    std::string time;
+    tzset();
+    setenv("TZ", "ABC-7", 1);  // as a host may at any time
+    const std::time_t before = std::time(nullptr);
     EXPECT_EQ(TsmRenameBackup(session, "", "f", "b", "g"), 0);
-    after = now();
+    const std::time_t after = std::time(nullptr);
     const Lines calls = api.Taken();
     const std::size_t aside = 14;
     ASSERT_GT(calls.size(), aside + 5);
-    for (const std::string& candidate : {before, after}) {
+    for (const std::time_t& moment : {before, after}) {
+        const std::string candidate = std::ctime(&moment);
         if (calls[aside + 1].find("/b" + candidate + "'") != std::string::npos) time = candidate;
     }
     EXPECT_EQ(time.size(), 25u);

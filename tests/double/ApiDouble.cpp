@@ -135,7 +135,6 @@ dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) 
                                     " options=" + Text(in->options) + " delimiter=" + in->dirDelimiter +
                                     Number("unicode", in->useUnicode));
     if (answer.rc == 0) *handle = Api().nextHandle;
-    Api().lastPassword = in->clientPasswordP != nullptr ? in->clientPasswordP : in->userPasswordP;
     return answer.rc;
 }
 
