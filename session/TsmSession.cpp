@@ -75,8 +75,8 @@ int TsmSession::CloseSession() {
 
 void TsmSession::_CleanUp() {
     // Passwords can stand in the options and the extra text too.
-    for (char** text : {&nodeName, &ownerName, &password, &options, &extraString, &userPassword, &fileSpaceName,
-                        &dirDelimiter}) {
+    for (char** text :
+         {&nodeName, &ownerName, &password, &options, &extraString, &userPassword, &fileSpaceName, &dirDelimiter}) {
         WipeAndFree(*text);
     }
 }
