@@ -10,8 +10,16 @@ std::string Text(const char* text) {
     return text == nullptr ? "null" : "'" + std::string(text) + "'";
 }
 
+// A field that the library filled, with zeros behind its text.
+template <std::size_t Size>
+std::string Field(const char (&field)[Size]) {
+    const std::string text(field, strnlen(field, Size));
+    const bool clean = text.size() < Size && std::all_of(field + text.size(), field + Size, [](char c) { return !c; });
+    return "'" + text + (clean ? "'" : "' unclean");
+}
+
 std::string Text(const dsmObjName* name) {
-    return Text(name->fs) + " " + Text(name->hl) + " " + Text(name->ll) + " type=" + std::to_string(name->objType);
+    return Field(name->fs) + " " + Field(name->hl) + " " + Field(name->ll) + " type=" + std::to_string(name->objType);
 }
 
 std::string Text(const dsStruct64_t& value) {
@@ -39,11 +47,11 @@ std::string H(dsUint32_t handle) {
     return handle == Api().nextHandle ? "" : Number("h", handle);
 }
 
-// Fills a field to the brim, without a terminator, as an unkind server would.
+// Fills a field as an unkind server would: with anything behind the terminator, and to the brim without one.
 template <std::size_t Size>
 void Put(char (&field)[Size], const std::string& text) {
-    std::memset(field, 0, Size);
-    std::memcpy(field, text.data(), std::min(text.size(), Size));
+    std::memset(field, '~', Size);
+    std::memcpy(field, text.c_str(), std::min(text.size() + 1, Size));
 }
 
 void Fill(const DataBlk& block, const Found& found, dsmQueryType type) {
@@ -103,6 +111,18 @@ Answer ApiDouble::Call(const std::string& function, const std::string& arguments
 
 extern "C" {
 
+#define ONLY_A_HANDLE(function)                     \
+    dsInt16_t function(dsUint32_t handle) {         \
+        const ApiDouble::Inside inside;             \
+        return Api().Call(#function, H(handle)).rc; \
+    }
+ONLY_A_HANDLE(dsmTerminate)
+ONLY_A_HANDLE(dsmEndQuery)
+ONLY_A_HANDLE(dsmBeginTxn)
+ONLY_A_HANDLE(dsmEndSendObj)
+ONLY_A_HANDLE(dsmEndGetObj)
+ONLY_A_HANDLE(dsmEndGetData)
+
 void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
     const ApiDouble::Inside inside;
     Api().Call("dsmQueryApiVersionEx", Number("v", version->stVersion));
@@ -138,14 +158,10 @@ dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) 
     return answer.rc;
 }
 
-dsInt16_t dsmTerminate(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmTerminate", H(handle)).rc;
-}
-
 dsInt16_t dsmRCMsg(dsUint32_t, dsInt16_t rc, char* msg) {
     const ApiDouble::Inside inside;
-    std::strcpy(msg, ("message of " + std::to_string(rc)).c_str());
+    std::memset(msg, 'm', DSM_MAX_RC_MSG_LENGTH);  // the longest one
+    std::strcpy(msg + DSM_MAX_RC_MSG_LENGTH - 3, std::to_string(rc).c_str());
     return Api().Call("dsmRCMsg").rc;
 }
 
@@ -155,7 +171,7 @@ dsInt16_t dsmRegisterFS(dsUint32_t handle, regFSData* data) {
     return Api()
         .Call("dsmRegisterFS", H(handle) + Number("v", data->stVersion) + " " + Text(data->fsName) + " " +
                                    Text(data->fsType) + " " + Text(data->occupancy) + " " + Text(data->capacity) + " " +
-                                   Text(attr.fsInfo) + Number("length", attr.fsInfoLength))
+                                   Field(attr.fsInfo) + Number("length", attr.fsInfoLength))
         .rc;
 }
 
@@ -212,22 +228,12 @@ dsInt16_t dsmGetNextQObj(dsUint32_t handle, DataBlk* block) {
     return Api().current.end;
 }
 
-dsInt16_t dsmEndQuery(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndQuery", H(handle)).rc;
-}
-
 dsInt16_t dsmBindMC(dsUint32_t handle, dsmObjName* name, dsmSendType type, mcBindKey* key) {
     const ApiDouble::Inside inside;
     return Api()
         .Call("dsmBindMC", H(handle) + " " + Text(name) + Number("send", type) + Number("v", key->stVersion) +
-                               " mc=" + Text(key->mcName))
+                               " mc=" + Field(key->mcName))
         .rc;
-}
-
-dsInt16_t dsmBeginTxn(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmBeginTxn", H(handle)).rc;
 }
 
 dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
@@ -274,11 +280,6 @@ dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
     return answer.rc;
 }
 
-dsInt16_t dsmEndSendObj(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndSendObj", H(handle)).rc;
-}
-
 dsInt16_t dsmBeginGetData(dsUint32_t handle, dsBool_t mountWait, dsmGetType type, dsmGetList* list) {
     const ApiDouble::Inside inside;
     return Api()
@@ -307,21 +308,13 @@ dsInt16_t dsmGetData(dsUint32_t handle, DataBlk* block) {
     return answer.rc;
 }
 
-dsInt16_t dsmEndGetObj(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndGetObj", H(handle)).rc;
-}
-dsInt16_t dsmEndGetData(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndGetData", H(handle)).rc;
-}
-
 dsInt16_t dsmDeleteObj(dsUint32_t handle, dsmDelType type, dsmDelInfo info) {
     const ApiDouble::Inside inside;
     std::string arguments = H(handle) + Number("del", type);
     if (type == dtBackup) {
-        arguments += Number("v", info.backInfo.stVersion) + " " + Text(info.backInfo.objNameP) +
-                     Number("group", info.backInfo.copyGroup);
+        const dsmObjName& name = *info.backInfo.objNameP;  // the server's own, with what stands behind its texts
+        arguments += Number("v", info.backInfo.stVersion) + " " + Text(name.fs) + " " + Text(name.hl) + " " +
+                     Text(name.ll) + Number("type", name.objType) + Number("group", info.backInfo.copyGroup);
     } else {
         arguments += Number("v", info.backIDInfo.stVersion) + " " + Text(info.backIDInfo.objId);
     }
@@ -333,7 +326,7 @@ dsInt16_t dsmRenameObj(dsmRenameIn_t* in, dsmRenameOut_t* out) {
     return Api()
         .Call("dsmRenameObj", H(in->dsmHandle) + Number("v", in->stVersion) + Number("out", out->stVersion) +
                                   Number("repository", in->repository) + " " + Text(in->objNameP) + " to " +
-                                  Text(in->newHl) + " " + Text(in->newLl) + Number("merge", in->merge) +
+                                  Field(in->newHl) + " " + Field(in->newLl) + Number("merge", in->merge) +
                                   " id=" + Text(in->objId))
         .rc;
 }
