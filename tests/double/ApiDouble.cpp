@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -215,10 +216,12 @@ dsInt16_t dsmBeginQuery(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what
     return answer.rc;
 }
 
-// Only the end of a query is written down, with the size and version of the response buffer.
+// Only the end of a query is written down, with the size and version of the response buffer, which is to be zero.
 dsInt16_t dsmGetNextQObj(dsUint32_t handle, DataBlk* block) {
     const ApiDouble::Inside inside;
+    const std::string_view bytes(block->bufferPtr + sizeof(dsUint16_t), block->bufferLen - sizeof(dsUint16_t));
     if (Api().next < Api().current.found.size()) {
+        if (Api().next == 0 && bytes.find_first_not_of('\0') != bytes.npos) Api().Call("dsmGetNextQObj", " unclean");
         Fill(*block, Api().current.found[Api().next++], Api().queryType);
         return DSM_RC_MORE_DATA;
     }
