@@ -112,10 +112,13 @@ Answer ApiDouble::Call(const std::string& function, const std::string& arguments
 
 extern "C" {
 
-#define ONLY_A_HANDLE(function)                     \
-    dsInt16_t function(dsUint32_t handle) {         \
-        const ApiDouble::Inside inside;             \
-        return Api().Call(#function, H(handle)).rc; \
+// Writes the call down with its arguments and gives its answer.
+#define ANSWER(arguments)           \
+    const ApiDouble::Inside inside; \
+    return Api().Call(__func__, arguments).rc
+#define ONLY_A_HANDLE(function)             \
+    dsInt16_t function(dsUint32_t handle) { \
+        ANSWER(H(handle));                  \
     }
 ONLY_A_HANDLE(dsmTerminate)
 ONLY_A_HANDLE(dsmEndQuery)
@@ -132,17 +135,13 @@ void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
 }
 
 dsInt16_t dsmSetUp(dsBool_t mtFlag, envSetUp* setUp) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmSetUp", Number("mt", mtFlag) + Number("v", setUp->stVersion) + " config=" + Text(setUp->dsmiConfig) +
-                              " dir=" + Text(setUp->dsmiDir) + " log=" + Text(setUp->dsmiLog) + "/" +
-                              Text(setUp->logName) + (setUp->argv == nullptr ? "" : " argv"))
-        .rc;
+    ANSWER(Number("mt", mtFlag) + Number("v", setUp->stVersion) + " config=" + Text(setUp->dsmiConfig) +
+           " dir=" + Text(setUp->dsmiDir) + " log=" + Text(setUp->dsmiLog) + "/" + Text(setUp->logName) +
+           (setUp->argv == nullptr ? "" : " argv"));
 }
 
 dsInt16_t dsmCleanUp(dsBool_t mtFlag) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmCleanUp", Number("mt", mtFlag)).rc;
+    ANSWER(Number("mt", mtFlag));
 }
 
 dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) {
@@ -167,26 +166,17 @@ dsInt16_t dsmRCMsg(dsUint32_t, dsInt16_t rc, char* msg) {
 }
 
 dsInt16_t dsmRegisterFS(dsUint32_t handle, regFSData* data) {
-    const ApiDouble::Inside inside;
-    const dsmUnixFSAttrib& attr = data->fsAttr.unixFSAttr;
-    return Api()
-        .Call("dsmRegisterFS", H(handle) + Number("v", data->stVersion) + " " + Text(data->fsName) + " " +
-                                   Text(data->fsType) + " " + Text(data->occupancy) + " " + Text(data->capacity) + " " +
-                                   Field(attr.fsInfo) + Number("length", attr.fsInfoLength))
-        .rc;
+    ANSWER(H(handle) + Number("v", data->stVersion) + " " + Text(data->fsName) + " " + Text(data->fsType) + " " +
+           Text(data->occupancy) + " " + Text(data->capacity) + " " + Field(data->fsAttr.unixFSAttr.fsInfo) +
+           Number("length", data->fsAttr.unixFSAttr.fsInfoLength));
 }
 
 dsInt16_t dsmDeleteFS(dsUint32_t handle, char* fsName, dsUint8_t repository) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmDeleteFS", H(handle) + " " + Text(fsName) + Number("repository", repository)).rc;
+    ANSWER(H(handle) + " " + Text(fsName) + Number("repository", repository));
 }
 
 dsInt16_t dsmSetAccess(dsUint32_t handle, dsmAccessType type, dsmObjName* name, char* node, char* owner) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmSetAccess",
-              H(handle) + Number("access", type) + " " + Text(name) + " node=" + Text(node) + " owner=" + Text(owner))
-        .rc;
+    ANSWER(H(handle) + Number("access", type) + " " + Text(name) + " node=" + Text(node) + " owner=" + Text(owner));
 }
 
 dsInt16_t dsmBeginQuery(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what) {
@@ -232,11 +222,8 @@ dsInt16_t dsmGetNextQObj(dsUint32_t handle, DataBlk* block) {
 }
 
 dsInt16_t dsmBindMC(dsUint32_t handle, dsmObjName* name, dsmSendType type, mcBindKey* key) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmBindMC", H(handle) + " " + Text(name) + Number("send", type) + Number("v", key->stVersion) +
-                               " mc=" + Field(key->mcName))
-        .rc;
+    ANSWER(H(handle) + " " + Text(name) + Number("send", type) + Number("v", key->stVersion) +
+           " mc=" + Field(key->mcName));
 }
 
 dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
@@ -248,15 +235,11 @@ dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
 
 dsInt16_t dsmSendObj(dsUint32_t handle, dsmSendType type, void* sendBuff, dsmObjName* name, ObjAttr* attr,
                      DataBlk* block) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmSendObj", H(handle) + Number("send", type) + (sendBuff == nullptr ? "" : " buffer") + " " +
-                                Text(name) + Number("v", attr->stVersion) + " owner=" + Text(attr->owner) +
-                                " size=" + Text(attr->sizeEstimate) + Number("compressed", attr->objCompressed) +
-                                " info=" + (attr->objInfoLength > 100 ? "long" : Text(attr->objInfo)) +
-                                Number("length", attr->objInfoLength) + " mc=" + Text(attr->mcNameP) +
-                                (block == nullptr ? "" : " block"))
-        .rc;
+    ANSWER(H(handle) + Number("send", type) + (sendBuff == nullptr ? "" : " buffer") + " " + Text(name) +
+           Number("v", attr->stVersion) + " owner=" + Text(attr->owner) + " size=" + Text(attr->sizeEstimate) +
+           Number("compressed", attr->objCompressed) +
+           " info=" + (attr->objInfoLength > 100 ? "long" : Text(attr->objInfo)) +
+           Number("length", attr->objInfoLength) + " mc=" + Text(attr->mcNameP) + (block == nullptr ? "" : " block"));
 }
 
 dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
@@ -284,17 +267,13 @@ dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
 }
 
 dsInt16_t dsmBeginGetData(dsUint32_t handle, dsBool_t mountWait, dsmGetType type, dsmGetList* list) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmBeginGetData", H(handle) + Number("wait", mountWait) + Number("get", type) +
-                                     Number("v", list->stVersion) + Number("n", list->numObjId) + " " +
-                                     Text(*list->objId) + (list->partialObjData == nullptr ? "" : " partial"))
-        .rc;
+    ANSWER(H(handle) + Number("wait", mountWait) + Number("get", type) + Number("v", list->stVersion) +
+           Number("n", list->numObjId) + " " + Text(*list->objId) +
+           (list->partialObjData == nullptr ? "" : " partial"));
 }
 
 dsInt16_t dsmGetObj(dsUint32_t handle, ObjID* objId, DataBlk* block) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmGetObj", H(handle) + " " + Text(*objId) + (block == nullptr ? "" : " block")).rc;
+    ANSWER(H(handle) + " " + Text(*objId) + (block == nullptr ? "" : " block"));
 }
 
 dsInt16_t dsmGetData(dsUint32_t handle, DataBlk* block) {
@@ -325,13 +304,9 @@ dsInt16_t dsmDeleteObj(dsUint32_t handle, dsmDelType type, dsmDelInfo info) {
 }
 
 dsInt16_t dsmRenameObj(dsmRenameIn_t* in, dsmRenameOut_t* out) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmRenameObj", H(in->dsmHandle) + Number("v", in->stVersion) + Number("out", out->stVersion) +
-                                  Number("repository", in->repository) + " " + Text(in->objNameP) + " to " +
-                                  Field(in->newHl) + " " + Field(in->newLl) + Number("merge", in->merge) +
-                                  " id=" + Text(in->objId))
-        .rc;
+    ANSWER(H(in->dsmHandle) + Number("v", in->stVersion) + Number("out", out->stVersion) +
+           Number("repository", in->repository) + " " + Text(in->objNameP) + " to " + Field(in->newHl) + " " +
+           Field(in->newLl) + Number("merge", in->merge) + " id=" + Text(in->objId));
 }
 
 }  // extern "C"
