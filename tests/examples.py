@@ -110,6 +110,9 @@ with open("/dev/full", "wb") as full:
         os.close(broken)
     for call, nth in [("dsmInitEx", 1), ("dsmRegisterFS", 1), ("dsmSendObj", 1), ("dsmSendData", 2), ("dsmEndTxn", 1)]:
         expect_fault(["backup", "disks/today", "a.img"], call, nth, "Tsm\\w+" + code)
+    # A commit that answers 0 and still gives a reason has failed.
+    expect_fault(["backup", "disks/today", "a.img"], "dsmEndTxn", 1, "TsmEndBackup failed: -9\n", rc="0 9")
+    expect_fault(["delete", "disks/today", "a.img"], "dsmEndTxn", 1, "TsmDelete failed: -9\n", rc="0 9")
     expect_fault(["delete", "disks/today", "a.img"], "dsmDeleteObj", 1, "TsmDelete" + code)
     expect_fault(["delete", "", "empty"], "dsmGetNextQObj", 5, ".*is still there\n")
     expect_fault(["restore", "disks/today", "a.img", moments[0]], "dsmGetData", 2, "TsmGetData" + code)

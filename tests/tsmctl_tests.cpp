@@ -472,6 +472,19 @@ TEST_F(Tsmctl, ServerCommands) {
     Expect("tsmctl delete-filespace two --yes", 1, "", "cannot delete the filespace");
 }
 
+// A commit that answers 0 and still gives a reason has failed.
+TEST_F(Tsmctl, LooksAtTheReasonOfACommit) {
+    Expect("echo kept > f; tsmctl backup f", 0);
+    for (const char* command : {"backup", "delete", "delete --all-versions"}) {
+        Expect("export ASAN_OPTIONS=verify_asan_link_order=0 LD_PRELOAD='" FAULTS
+               "' TSM_FAULT='dsmEndTxn 1 0 11'; "
+               "exec \"$T\" " +
+                   std::string(command) + " f",
+               1, "", "(-11)");
+    }
+    Expect("tsmctl restore f --to -", 0, "kept");
+}
+
 TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
     Expect("$T backup - --as s < <(sleep 10) & sleep 0.5; kill $!; wait $!", 143, "", "stopped");
     Expect("nohup $T backup - --as n < <(sleep 1; echo n) & sleep 0.5; kill -HUP $!; wait $! && tsmctl list n", 0,
