@@ -79,7 +79,7 @@ class Binding(unittest.TestCase):
         (record,) = ElementTree.parse(ROOT / "api/abi.xml").iterfind(".//class-decl[@name='TsmObject']")
         self.assertEqual(ctypes.sizeof(TsmObject), int(record.attrib["size-in-bits"]) // 8)
         layout = [(m[0].attrib["name"], int(m.attrib["layout-offset-in-bits"]) // 8) for m in record.iter("data-member")]
-        self.assertEqual([(name, getattr(TsmObject, name).offset) for name, _ in TsmObject._fields_], layout)
+        self.assertEqual([(field[0], getattr(TsmObject, field[0]).offset) for field in TsmObject._fields_], layout)
 
     def test_round_trips(self) -> None:
         data = os.urandom(5_000_001)
