@@ -1,7 +1,10 @@
 """The binding with the library and the stand-in, which TSMCONNECTOR_LIBRARY names."""
 
 import contextlib
+import copy
 import ctypes
+import dis
+import functools
 import gc
 import io
 import linecache
@@ -323,6 +326,10 @@ writer.__exit__(None, None, None)
         file = other.backup("", "f").__enter__()
         self.store("", "g", b"1")
         reader = self.session.restore("", "g")
+        for owner in (self.api, other, file, reader):
+            duplicate: Any
+            for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
+                self.assertRaises(TypeError, duplicate, owner)
         for _ in range(2):
             self.api.close()
             self.session.close()
@@ -332,9 +339,11 @@ writer.__exit__(None, None, None)
         for use in uses:
             self.assertRaises(ValueError, use)
         reader.close()
-        self.code(-109, tsmconnector.Api, self.folder / "missing.opt")
-        with unittest.mock.patch.dict(os.environ, TSMCONNECTOR_LIBRARY="/none.so"):
-            self.assertRaisesRegex(ImportError, "TSMCONNECTOR_LIBRARY", tsmconnector.Api)
+        error = self.code(-109, tsmconnector.Api, self.folder / "missing.opt", self.folder)
+        self.assertRegex(str(error), f"missing.opt; error log: in {self.folder}$")
+        for missing, advice in ("/none.so", "TSMCONNECTOR_LIBRARY"), ("libApiTSM64.so", "LD_LIBRARY_PATH"):
+            with unittest.mock.patch("ctypes.CDLL", side_effect=OSError(f"{missing}: cannot open shared object file")):
+                self.assertRaisesRegex(ImportError, advice, tsmconnector.Api)
         self.assertEqual(STANDIN.TsmInitApi(os.fsencode(self.config), None, None, None), 0)  # another host's
         self.code(-2041, tsmconnector.Api, self.config)
         self.assertEqual(STANDIN.TsmReleaseApi(), 0)
@@ -346,45 +355,52 @@ writer.__exit__(None, None, None)
         self.assertEqual([o.name for o in self.open().list()], ["g"])
 
     def test_break_ins(self) -> None:
-        """At every line of the binding that an operation runs through, a handler breaks in."""
+        """Wherever Python lets a signal handler in (behind calls, at the start of functions), one breaks in."""
+
+        @functools.lru_cache(None)
+        def gaps(code: Any) -> List[int]:
+            steps = list(dis.get_instructions(code)) if "/tsmconnector/_" in code.co_filename else []
+            return [new.offset for old, new in zip(steps, steps[1:]) if re.match("CALL|RESUME", old.opname)]
 
         def sweep(action: Callable[[], Any], operation: Callable[[], None], check: Callable[[int], None]) -> None:
             for stop in range(1, 10_000):
-                lines = 0
+                passed = 0
 
                 def trace(frame: Any, event: str, _: object) -> Any:
-                    nonlocal lines
-                    if "/tsmconnector/_s" not in frame.f_code.co_filename:
-                        return None
-                    code = linecache.getline(frame.f_code.co_filename, frame.f_lineno).split()
-                    # Python itself lets nothing in where a `with` is left (its line comes again), nor at a `try`.
-                    if event == "line" and code[0] not in ("with", "try:"):
-                        lines += 1
-                        if lines == stop:
+                    nonlocal passed
+                    frame.f_trace_opcodes = True
+                    if event == "opcode" and frame.f_lasti in gaps(frame.f_code):
+                        code = linecache.getline(frame.f_code.co_filename, frame.f_lineno or 1).split()
+                        # Not where a `with` is left (its line comes again); what comes before a `try` is the caller's.
+                        passed += code[0] not in ("with", "try:")
+                        if passed == stop:
+                            passed += 1
                             with contextlib.suppress(RuntimeError, ValueError):
                                 action()
-                    return trace
+                    return trace if gaps(frame.f_code) else None
 
                 sys.settrace(trace)
                 try:
                     operation()
-                except (KeyboardInterrupt, RuntimeError, ValueError):
+                except (KeyboardInterrupt, RuntimeError, ValueError) as error:
+                    self.broken: Any = error  # keeps the frames that it left
                     self.assertFalse(self.session._mine())
                 sys.settrace(None)
                 check(stop)
-                if lines < stop:
+                if passed < stop:
                     self.assertGreater(stop, 30)
                     return
 
         def backup() -> None:
+            with contextlib.suppress(KeyError), self.session.backup("", "f"):
+                raise KeyError  # signs off
             with self.session.backup("", "f") as file:
                 for part in (b"wh", b"ole"):
                     with contextlib.suppress(KeyboardInterrupt):  # but the block's end tells
                         file.write(part)
 
         def whole_or_none(stop: int) -> None:
-            with unittest.mock.patch("warnings.warn"):
-                gc.collect()
+            self.broken = None  # the writer goes with its frames
             if self.names():
                 self.assertEqual(self.fetch("", "f"), b"whole")
             self.session.delete("", "f", all_versions=True)
@@ -401,7 +417,24 @@ writer.__exit__(None, None, None)
             self.assertEqual(calls("dsmInitEx"), calls("dsmTerminate"), stop)
             self.session = self.open()
 
-        with unittest.mock.patch("sys.unraisablehook"):  # of finalisers that are broken into
+        def set_up() -> None:
+            tsmconnector.Api(self.config)  # and forgotten
+            self.api = tsmconnector.Api(self.config)
+            self.open()
+            self.api.close()
+
+        def again(stop: int) -> None:
+            if not self.api._closed:  # before the first step of close()
+                self.api.close()
+            tsmconnector.Api(self.config).close()
+            for begin, end in ("dsmSetUp", "dsmCleanUp"), ("dsmInitEx", "dsmTerminate"):
+                self.assertEqual(calls(begin), calls(end), stop)
+
+        self.api.close()
+        with unittest.mock.patch("sys.unraisablehook", lambda _: None), unittest.mock.patch("warnings.warn"):
+            sweep(lambda: signal.default_int_handler(2, None), set_up, again)
+            self.api = tsmconnector.Api(self.config)
+            self.session = self.open()
             sweep(lambda: signal.default_int_handler(2, None), backup, whole_or_none)
         self.store("", "g", b"1")
         stored = self.session.list(name="g")
