@@ -64,9 +64,9 @@ def broken_input(length):
     return ours
 
 
-def expect_fault(arguments, call, nth, said, rc=41):
+def expect_fault(arguments, call, nth, said="", rc=41, status=1, out=None):
     """With the nth call of a function of the client API failing."""
-    expect([f"faulty_{arguments[0]}", *arguments[1:]], status=1, out=None, said=said, given=bytes(600000),
+    expect([f"faulty_{arguments[0]}", *arguments[1:]], status=status, out=out, said=said, given=bytes(600000),
            changed={"TSM_FAULT": f"{call} {nth} {rc}"})
 
 
@@ -113,6 +113,8 @@ with open("/dev/full", "wb") as full:
     expect_fault(["delete", "disks/today", "a.img"], "dsmDeleteObj", 1, "TsmDelete" + code)
     expect_fault(["delete", "", "empty"], "dsmGetNextQObj", 5, ".*is still there\n")
     expect_fault(["restore", "disks/today", "a.img", moments[0]], "dsmGetData", 2, "TsmGetData" + code)
+    for nth in (1, 2):  # an empty piece
+        expect_fault(["restore", "disks/today", "a.img", moments[0]], "dsmGetData", nth, rc=2200, status=0, out=first)
     expect_fault(["rename", "disks/today", "a.img", "", "b"], "dsmRenameObj", 1, "TsmRenameBackup" + code)
     # The server gives up without a reason, which the library takes for a success.
     expect_fault(["rename", "disks/today", "a.img", "", "b"], "dsmRenameObj", 1, ".*did not rename\n", rc=157)
