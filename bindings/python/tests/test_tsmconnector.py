@@ -254,7 +254,6 @@ class Binding(unittest.TestCase):
     def test_interrupts_and_ends_of_the_process(self) -> None:
         source = f"""
 import os, signal, sys, threading, tsmconnector
-signal.alarm(60)
 signal.signal(signal.SIGINT, signal.default_int_handler)
 api = tsmconnector.Api({str(self.config)!r})
 session = api.session("NODE", password="secret", filespace="vm")
@@ -268,7 +267,6 @@ def fork():
     if os.fork() == 0:
         for use in (session.list, session.__enter__, lambda: writer.write(b"x"), tsmconnector.Api, lambda: os._exit(0)):
             try:
-                signal.alarm(10)
                 print(use(), flush=True)
             except RuntimeError:
                 session.close()
@@ -279,8 +277,7 @@ with session._lock, tsmconnector._session._life:
     thread.join()
 writer.__exit__(None, None, None)
 """
-        ends = ("", "sys.exit(3)", "os._exit(0)", "os.kill(os.getpid(), 2)", "os.kill(os.getpid(), 9)", "1 / 0", fork)
-        for end in ends:
+        for end in ("", "os._exit(0)", "os.kill(os.getpid(), 2)", "1 / 0", fork):
             command = [sys.executable, "-c", source + end, "whole" if end == fork else "f"]
             self.assertEqual(subprocess.run(command, stdout=subprocess.PIPE, stderr=-3).stdout, b"half\n", end)
         self.api = tsmconnector.Api(config=self.config)
@@ -292,10 +289,6 @@ writer.__exit__(None, None, None)
         error = self.code(-137, self.open, password="wrong")
         self.assertEqual((error.name, error.operation), ("DSM_RC_AUTH_FAILURE", "TsmOpenSession"))
         self.assertIn("wrong password (DSM_RC_AUTH_FAILURE, -137)", str(pickle.loads(pickle.dumps(error))))
-        fail("dsmRegisterFS")
-        self.code(-11, self.open)
-        fail("dsmInitEx")
-        self.assertEqual(self.code(-11, self.open).name, "unknown")
         sign_ons = calls("dsmInitEx")
         self.assertRaises(NotFoundError, self.session.restore, "d", "none")
         self.assertEqual((len(self.names()), calls("dsmInitEx")), (1, sign_ons))
@@ -309,16 +302,16 @@ writer.__exit__(None, None, None)
         with self.session.restore("d", "f") as file:
             fail("dsmGetData", code=2200)  # a piece without bytes
             self.assertEqual(len(file.read() or b""), 3_000_000)
-        fail("dsmGetNextQObj")
-        self.code(-11, self.session.list)
-        fail("dsmDeleteObj")
-        self.code(-11, self.session.delete, "d", "f")
+        failures: List[Any] = [
+            ("dsmRegisterFS", self.open), ("dsmInitEx", self.open), ("dsmGetNextQObj", self.session.list),
+            ("dsmDeleteObj", self.session.delete, "d", "f"), ("dsmRegisterFS", self.session.connect, "other")]  # fmt: skip
+        for function, *call in failures:
+            fail(function)
+            self.assertEqual(self.code(-11, *call).name, "unknown")
+        self.assertEqual(self.names(versions=True), ["/d/f"], "still in the old filespace")
         fail("dsmDeleteObj", 2)  # in the tidying: the result is 0, and a transaction stays open
         self.session.delete("d", "f")
         self.assertEqual(self.names(), [])
-        fail("dsmRegisterFS")
-        self.code(-11, self.session.connect, "other")
-        self.assertEqual(self.names(versions=True), ["/d/f"], "still in the old filespace")
 
     def test_closing(self) -> None:
         self.code(-2041, tsmconnector.Api, self.config)
@@ -447,21 +440,12 @@ writer.__exit__(None, None, None)
             with ThreadPoolExecutor(4) as pool:
                 return [type(future.exception()) for future in [pool.submit(work, number) for number in range(4)]]
 
-        def own(number: int) -> None:
-            data = os.urandom(300_000)
-            with self.open() as session:
-                with session.backup(f"t/{number}", "f") as file:
-                    file.write(data)
-                with session.restore(f"t/{number}", "f") as back:
-                    assert back.read() == data
-
-        def shared(number: int) -> None:
+        def shared(_: int) -> None:
             for _ in range(20):
-                assert len(self.session.list("t/*", "f")) == 4
+                assert len(self.session.list("t")) == 1
 
-        self.assertEqual((run(own), run(shared)), ([type(None)] * 4, [type(None)] * 4))
+        self.store("t", "f", b"1")
+        self.assertEqual(run(shared), [type(None)] * 4)
         with self.session.backup("", "f") as file:
             self.assertEqual(run(shared), [RuntimeError] * 4)
             self.assertRaises(RuntimeError, self.session.backup("", "g").__enter__)
-            file.write(b"whole")
-        self.assertEqual(self.fetch("", "f"), b"whole")
