@@ -274,7 +274,7 @@ TEST_F(Tsmctl, StandardInputAndOutput) {
     for (const char* const size : {"2499999", "2500001"}) {
         Expect(std::string("tsmctl backup - --as c --size ") + size + " < data", 1, "", "not stored");
     }
-    Expect("tsmctl list c || tsmctl list closed", 1, "", "not found");
+    Expect("tsmctl list c || tsmctl list closed", 1, "", "tsmctl: closed: not found");
 }
 
 TEST_F(Tsmctl, VerifyNamesEachDifference) {
