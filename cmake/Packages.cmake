@@ -12,7 +12,7 @@ set(TSM_MAINTAINER "tsmconnector maintainers <tsmconnector@localhost>" CACHE STR
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "${TSM_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
-set(CPACK_COMPONENTS_ALL library development tool)
+set(CPACK_COMPONENTS_ALL library development)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 # Installed as if to the prefix, which stands in files.
@@ -24,8 +24,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # What stands here belongs to no package that could be depended on: the API's library, and our own.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 if(TSM_SDK_DIR)
-  cmake_path(GET sdk_library PARENT_PATH library_folder)
-  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${library_folder})
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sdk_folder})
 endif()
 
 set(runtime libtsmconnector${PROJECT_VERSION_MAJOR})
@@ -49,6 +48,9 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "backup objects on a TSM server - devel
 The header, and what CMake and pkg-config need, to build a program with
 libtsmconnector. The TSM client API is needed to run it, not to build it.")
 
+if(TSM_TOOL)
+  list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tsmctl)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")

@@ -28,6 +28,6 @@ test_packages=(binutils libgtest-dev abigail-tools groff-base python3-venv pytho
 build() {
     local folder=$root/build/$1
     shift
-    cmake -S "$root" -B "$folder" -G Ninja --log-level=WARNING "$@" >/dev/null
+    cmake -S "$root" -B "$folder" -G Ninja --log-level=WARNING -DTSM_WERROR=ON "$@" >/dev/null
     cmake --build "$folder" -j "$jobs" -- --quiet
 }
