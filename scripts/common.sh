@@ -24,6 +24,18 @@ need() {
 build_packages=(g++ cmake ninja-build libsqlite3-dev libcrypt-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
 test_packages=(binutils libgtest-dev abigail-tools groff-base python3-venv python3-setuptools python3-wheel mypy)
 
+# copy_sources DIR: what belongs to the project, into a folder that is made
+copy_sources() {
+    mkdir -p "$1"
+    if [ -e "$root/.git" ] && command -v git >/dev/null; then # which may be another user's
+        git -C "$root" -c safe.directory="$root" ls-files -z | while IFS= read -r -d '' file; do
+            [ ! -e "$root/$file" ] || printf '%s\0' "$file"
+        done | tar -C "$root" --null -T - -c
+    else
+        tar -C "$root" --exclude='./build*' --exclude=.git --exclude=__pycache__ -c .
+    fi | tar -C "$1" --no-same-owner -x
+}
+
 # build FOLDER [CMAKE OPTION...]: configures and builds below build/.
 build() {
     local folder=$root/build/$1
