@@ -44,6 +44,9 @@ endif()
 list(GET libraries 0 sdk_library)
 message(STATUS "Client API: ${sdk_library}, headers in ${include_folder}")
 
+cmake_path(GET sdk_library PARENT_PATH sdk_folder)
+list(PREPEND CMAKE_INSTALL_RPATH "${sdk_folder}") # for the build only
+
 # What the API's library itself needs may be known at run time only.
 add_link_options(-Wl,--allow-shlib-undefined)
 

@@ -12,8 +12,10 @@ set(TSM_MAINTAINER "tsmconnector maintainers <tsmconnector@localhost>" CACHE STR
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "${TSM_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
-set(CPACK_COMPONENTS_ALL library development tool)
-set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL library development)
+# What is stripped off goes into packages of its own (NAME-dbgsym).
+set(CPACK_STRIP_FILES OFF)
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 # Installed as if to the prefix, which stands in files.
 set(CPACK_SET_DESTDIR ON)
@@ -21,11 +23,13 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Libraries with a version in their names only, so that the stand-in has none.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # What stands here belongs to no package that could be depended on: the API's library, and our own.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 if(TSM_SDK_DIR)
-  cmake_path(GET sdk_library PARENT_PATH library_folder)
-  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${library_folder})
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sdk_folder})
 endif()
 
 set(runtime libtsmconnector${PROJECT_VERSION_MAJOR})
@@ -39,9 +43,6 @@ on a TSM server, lists them, reads them back, renames and deletes them.
 It needs libApiTSM64.so, the TSM client API, which is no part of Debian:
 install it from the server's vendor. No package stands in for it unasked.")
 
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtsmconnector-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")
@@ -49,6 +50,9 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "backup objects on a TSM server - devel
 The header, and what CMake and pkg-config need, to build a program with
 libtsmconnector. The TSM client API is needed to run it, not to build it.")
 
+if(TSM_TOOL)
+  list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tsmctl)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")

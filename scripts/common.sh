@@ -1,6 +1,12 @@
-# Shared by the scripts: what they need installed, and how they build. Sourced, not run.
+# Shared by the scripts: their help, what they need installed, and how they build. Sourced, not run.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=$(nproc)
+
+# What a script says of itself, before it does anything.
+if [ "${1:-}" = --help ] || [ "${1:-}" = -h ]; then
+    sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
+    exit
+fi
 
 say() { printf '\n== %s\n' "$*"; }
 
@@ -22,12 +28,37 @@ need() {
 }
 
 build_packages=(g++ cmake ninja-build libsqlite3-dev libcrypt-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
-test_packages=(binutils libgtest-dev abigail-tools groff-base python3-venv python3-setuptools python3-wheel mypy)
+test_packages=(binutils libgtest-dev abigail-tools groff-base python3-venv python3-setuptools python3-wheel mypy pkgconf)
+clang_packages=(clang libclang-rt-dev)
+packaging_packages=(binutils doxygen dpkg-dev file)
 
-# build FOLDER [CMAKE OPTION...]: configures and builds below build/.
+# build FOLDER [CMAKE OPTION...]: configures and builds below build/, with ninja's progress on a terminal.
 build() {
-    local folder=$root/build/$1
+    local folder=$root/build/$1 quiet=(-- --quiet)
     shift
-    cmake -S "$root" -B "$folder" -G Ninja --log-level=WARNING "$@" >/dev/null
-    cmake --build "$folder" -j "$jobs" -- --quiet
+    [ ! -t 1 ] || quiet=()
+    cmake -S "$root" -B "$folder" -G Ninja --log-level=WARNING -DTSM_WERROR=ON "$@" >/dev/null
+    cmake --build "$folder" -j "$jobs" "${quiet[@]}"
+}
+
+# run_tests FOLDER [CTEST OPTION...]: the tests of a build; shows those that fail, and on a terminal how far they are.
+run_tests() {
+    local tests=(ctest --test-dir "$root/build/$1" --output-on-failure -j "$jobs" --no-tests=error "${@:2}")
+    if [ -t 1 ]; then
+        "${tests[@]}" --progress
+    else
+        "${tests[@]}" | grep -vE '^ *[0-9]+/[0-9]+ Test .* Passed|^ +Start '
+    fi
+}
+
+# copy_sources DIR: the files that belong to the project, into a folder that is made
+copy_sources() {
+    mkdir -p "$1"
+    if [ -e "$root/.git" ] && command -v git >/dev/null; then # which may be another user's
+        git -C "$root" -c safe.directory="$root" ls-files -z | while IFS= read -r -d '' file; do
+            [ ! -e "$root/$file" ] || printf '%s\0' "$file"
+        done | tar -C "$root" --null -T - -c
+    else
+        tar -C "$root" --exclude='./build*' --exclude=.git --exclude=__pycache__ -c .
+    fi | tar -C "$1" --no-same-owner -x
 }

@@ -10,14 +10,13 @@ What a document's fenced blocks mean:
 Any other kind fails, and so does a block that is indented instead of fenced.
 
 Everything runs in a copy of the project in which build/demo leads to the build under test, and which is the home
-folder too. The environment is what documents suppose: the tools and nothing of the project's variables, but that Python
+folder too; its path has a blank. The environment is what documents suppose: the tools and nothing of the project's variables, but that Python
 programs find the binding and the library.
 """
 
 import argparse
 import os
 import re
-import shutil
 import subprocess
 import sys
 import tempfile
@@ -155,7 +154,8 @@ def make_tools(folder):
 
 def main():
     blocks = read_blocks(open(os.path.join(root, arguments.document), encoding="utf-8").read())
-    shutil.copytree(root, project, ignore=shutil.ignore_patterns("build*", ".git", "__pycache__"))
+    subprocess.run(["bash", "-euo", "pipefail", "-c", 'cd "$0"; . ./scripts/common.sh; copy_sources "$1"', root, project],
+                   check=True)
     os.makedirs(os.path.join(project, "build/demo"))
     for folder in ("bin", "lib"):
         os.symlink(os.path.join(arguments.build, folder), os.path.join(project, "build/demo", folder))
@@ -193,7 +193,7 @@ for option in ("--build", "--cc", "--cxx"):
 parser.add_argument("--sanitize", default="")
 arguments = parser.parse_args()
 with tempfile.TemporaryDirectory() as scratch:
-    project = os.path.join(scratch, "project")
+    project = os.path.join(scratch, "the project")
     keep = {name: value for name, value in os.environ.items() if re.match("LANG|LC_|TZ$|[A-Z]+SAN_OPTIONS", name)}
     tools = [make_tools(os.path.join(scratch, "tools")), os.path.join(arguments.build, "bin"), os.environ["PATH"]]
     environment = {**keep, "HOME": project, "PATH": os.pathsep.join(tools)}
