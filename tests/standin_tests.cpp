@@ -403,7 +403,7 @@ TEST_F(StandIn, BadArguments) {
 TEST_F(StandIn, StreamsOfEverySize) {
     const Host host;
     ASSERT_EQ(host.Register(), 0);
-    for (const std::size_t size : {0U, 1U, 999U, 1000U, 1001U, 2000U, 300000U}) {
+    for (const std::size_t size : {0U, 1U, 999U, 1000U, 1001U, 32768U, 32769U, 300000U}) {
         std::string bytes(size, '\0');
         for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251);
         const dsmObjName name = Name("", "/" + std::to_string(size));
@@ -419,7 +419,7 @@ TEST_F(StandIn, StreamsOfEverySize) {
         EXPECT_EQ(std::string(found[0].objInfo), std::string(1535, 'i'));
         EXPECT_TRUE(host.Get(found[0].objId, 1000) == bytes) << size;
     }
-    EXPECT_EQ(Files("data"), 6U);  // none for the empty object
+    EXPECT_EQ(Files("data"), 2U);  // the others are rows of the catalogue
     EXPECT_EQ(Files("incoming"), 0U);
 }
 
@@ -476,8 +476,9 @@ TEST_F(StandIn, VersionsAndPointsInTime) {
     EXPECT_EQ(host.Delete(name), DSM_RC_ABORT_NO_MATCH);
     clock(40);
     ASSERT_EQ(host.Put(name, "four"), 0);
-    const std::map<int, Texts> moments = {{9, {}},         {10, {"one"}}, {19, {"one"}},   {20, {"three"}},
-                                          {29, {"three"}}, {30, {}},      {40, {"four*"}}, {59, {"four*"}}};
+    const std::map<int, Texts> moments = {{9, {}},       {10, {"one"}},   {19, {"one"}},
+                                          {20, {"two"}}, {21, {"three"}}, {29, {"three"}},
+                                          {30, {}},      {40, {"four*"}}, {59, {"four*"}}};
     for (const auto& [second, texts] : moments) EXPECT_EQ(host.Contents(name, at(second)), texts) << second;
 
     auto all = host.List(name);
@@ -494,7 +495,6 @@ TEST_F(StandIn, VersionsAndPointsInTime) {
     EXPECT_EQ(host.Delete(name), 0);
     EXPECT_EQ(host.DeleteVersion(all[2].objId), 0);
     EXPECT_EQ(host.Contents(name), (Texts{"one"}));
-    EXPECT_EQ(Files("data"), 1U);
 }
 
 TEST_F(StandIn, Renaming) {
@@ -521,17 +521,18 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     const Host host, other;
     ASSERT_EQ(host.Register(), 0);
     const dsmObjName name = Name("/d", "/f");
-    ASSERT_EQ(host.Put(name, "kept"), 0);
+    const std::string large(40000, 'l');
+    ASSERT_EQ(host.Put(name, large), 0);
     EXPECT_EQ(host.DeleteVersion(host.List(name).at(0).objId), DSM_RC_ACCESS_DENIED);
 
     // An object that is complete, and one still open: what is seen from outside, and what each end leaves.
     const auto begin = [&] {
         ASSERT_EQ(dsmBeginTxn(host.handle), 0);
-        host.Begin(Name("/d", "/x"), "new");
+        host.Begin(Name("/d", "/x"), large);
         ASSERT_EQ(dsmEndSendObj(host.handle), 0);
-        host.Begin(Name("/d", "/y"), "new");
+        host.Begin(Name("/d", "/y"), large);
         EXPECT_EQ(Files("incoming"), 2U);
-        EXPECT_EQ(other.Contents(Name("*", "*")), (Texts{"kept*"}));
+        EXPECT_EQ(other.Contents(Name("*", "*")), Texts{large + "*"});
     };
     begin();
     EXPECT_EQ(host.End(DSM_VOTE_ABORT), DSM_RC_ABORT_BY_CLIENT);
@@ -548,7 +549,7 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     EXPECT_EQ(reason, 13);
     begin();
     EXPECT_EQ(dsmTerminate(host.handle), 0);
-    EXPECT_EQ(other.Contents(Name("*", "*")), (Texts{"kept*"}));
+    EXPECT_EQ(other.Contents(Name("*", "*")), Texts{large + "*"});
     EXPECT_EQ(Files("data"), 1U);
     EXPECT_EQ(Files("incoming"), 0U);
 
@@ -556,7 +557,7 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     const Host again;
     std::string filespace = "/fs";
     ASSERT_EQ(dsmBeginTxn(again.handle), 0);
-    again.Begin(name, "new");
+    again.Begin(name, large);
     ASSERT_EQ(dsmEndSendObj(again.handle), 0);
     ASSERT_EQ(dsmDeleteFS(other.handle, filespace.data(), DSM_REPOS_ALL), 0);
     EXPECT_EQ(again.End(), DSM_RC_FS_NOT_REGISTERED);
@@ -602,20 +603,26 @@ TEST_F(StandIn, SessionsInParallel) {
     EXPECT_EQ(host.List(Name("*", "*"), DSM_ACTIVE).size(), 2U);
 }
 
-// Opening a store clears what the dead left, not what others are sending just then.
+// Opening a store puts aside what the dead left, not what others are sending just then, nor what it did not make.
 TEST_F(StandIn, Leftovers) {
     const Host host;
+    const std::string large(40000, 'l'), random = "-0123456789abcdef";
     ASSERT_EQ(host.Register(), 0);
-    ASSERT_EQ(host.Put(Name("/d", "/old"), "old"), 0);
+    ASSERT_EQ(host.Put(Name("/d", "/old"), large), 0);
     ASSERT_EQ(dsmBeginTxn(host.handle), 0);
-    host.Begin(Name("/d", "/new"), "new");
-    for (const char* name : {"incoming/abcdef", "data/0/2", "data/0/7"}) std::ofstream(dir_ / "store" / name) << "left";
+    host.Begin(Name("/d", "/new"), large);
+    const Texts dead = {"incoming/0123456789abcdef", "data/0/2" + random, "data/0/7" + random};
+    const Texts foreign = {"incoming/thesis.txt", "data/0/7-draft", "data/notes", "data/0/008" + random};
+    for (const Texts& names : {dead, foreign}) {
+        for (const std::string& name : names) std::ofstream(dir_ / "store" / name) << "left";
+    }
     ASSERT_EQ(SetUpWith("STOREDIR store\n"), 0);
-    EXPECT_EQ(Files("data"), 1U);
-    EXPECT_EQ(Files("incoming"), 1U);
+    EXPECT_EQ(Files("lost+found"), dead.size());
+    for (const std::string& name : dead) EXPECT_FALSE(fs::exists(dir_ / "store" / name)) << name;
+    for (const std::string& name : foreign) EXPECT_TRUE(fs::exists(dir_ / "store" / name)) << name;
     ASSERT_EQ(dsmEndSendObj(host.handle), 0);
     EXPECT_EQ(host.End(), 0);
-    EXPECT_EQ(host.Contents(Name("*", "*")), (Texts{"new*", "old*"}));
+    EXPECT_EQ(host.Contents(Name("*", "*")), (Texts{large + "*", large + "*"}));
 }
 
 // A process that stores objects dies at any moment: what it saw committed is there, and nothing else is.
