@@ -795,6 +795,7 @@ TEST_F(OnDisk, Layout) {
         fs::remove_all(begun);
         fs::create_directories(begun / "lost+found");
         std::ofstream(begun / (std::strlen(text) < 10 ? "mark.new" : "mark")) << text;
+        if (std::strlen(text) > 10) std::ofstream(begun / "catalogue.db") << "half";
         EXPECT_EQ(SetUpWith("STOREDIR begun\n"), 0) << text;
         EXPECT_EQ(Close(), 0);
     }
@@ -823,7 +824,7 @@ TEST_F(OnDisk, RefusedFolders) {
         {"no mark", [&] { foreign("lost+found/7"); }},
         {"no mark", [&] { foreign("mark.new"); }},
         {"no mark of", [&] { foreign("mark"); }},
-        {"no catalogue", [&] { foreign("catalogue.db"); }},
+        {"no mark", [&] { foreign("catalogue.db"); }},
         {"no mark", [&] { fs::remove(Store() / "mark"); }},
         {"missing or empty", [&] { fs::remove(Store() / "catalogue.db"); }},
         {"missing or empty", [&] { fs::resize_file(Store() / "catalogue.db", 0); }},

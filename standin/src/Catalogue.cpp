@@ -114,6 +114,15 @@ std::int64_t NodeView::NeedFilespace(const std::string& name) const {
     return *id;
 }
 
+bool Catalogue::HasFilespace(const std::string& name) {
+    const unsigned deletions = store_->FilespaceDeletions();
+    if (known_ == name && knownSince_ == deletions) return true;
+    if (!View().FindFilespace(name)) return false;
+    known_ = name;
+    knownSince_ = deletions;
+    return true;
+}
+
 bool Catalogue::Register(const Filespace& filespace) {
     if (View().FindFilespace(filespace.name)) return false;  // spares the write lock
     int added = 0;
@@ -130,6 +139,7 @@ void Catalogue::DeleteFilespace(const std::string& name) {
     View().NeedFilespace(name);
     store_->Submit(Store::Need::None, [&](Change& change) {
         const NodeView view{change.database, node_};
+        change.last = {};
         // No node has the number 0; the name only has to be another one than those of its like.
         change.database.Run("UPDATE filespace SET node = 0, name = CAST(id AS BLOB) WHERE id = ?1",
                             view.NeedFilespace(name));
@@ -265,7 +275,7 @@ public:
     void operator()(NewVersion& version) {
         Database& database = change_.database;
         const ObjectName& name = version.name;
-        const std::int64_t fs = view_.NeedFilespace(name.fs);
+        const std::int64_t fs = NeedFilespace(name.fs);
         // Not before the version began or ended that it follows, whatever the clock says.
         std::int64_t stored = control::Now();
         bool hasActive = false;
@@ -332,9 +342,15 @@ public:
     }
 
 private:
+    std::int64_t NeedFilespace(const std::string& name) {
+        auto& last = change_.last;
+        if (last.node != view_.node || last.name != name) last = {view_.node, view_.NeedFilespace(name), name};
+        return last.id;
+    }
+
     template <class... Values>
-    int RunOn(const ObjectName& name, const std::string& sql, const Values&... values) {
-        return change_.database.Run(sql, view_.NeedFilespace(name.fs), name.hl, name.ll, name.type, values...);
+    int RunOn(const ObjectName& name, const char* sql, const Values&... values) {
+        return change_.database.Run(sql, NeedFilespace(name.fs), name.hl, name.ll, name.type, values...);
     }
 
     Change& change_;

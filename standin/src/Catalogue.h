@@ -127,6 +127,8 @@ public:
     VersionListing List(const VersionFilter& filter);
 
     NodeView View() { return {database_, node_}; }
+    // Remembers the answer, so that another process's deletion is noticed by the commit only.
+    bool HasFilespace(const std::string& name);
     // Data of a version of this node, and their name for messages.
     struct Found {
         StoredData data;
@@ -145,6 +147,8 @@ private:
     const std::shared_ptr<Store> store_;
     Database database_;
     std::int64_t node_ = 0;
+    std::optional<std::string> known_;  // a filespace, since this many deletions of the store
+    unsigned knownSince_ = 0;
 };
 
 }  // namespace standin

@@ -51,13 +51,13 @@ std::string Uri(const std::string& path) {
 }  // namespace
 
 void Statement::GiveBack::operator()(sqlite3_stmt* statement) const {
+    if (!kept) {
+        sqlite3_finalize(statement);
+        return;
+    }
     sqlite3_reset(statement);
     sqlite3_clear_bindings(statement);
-    try {
-        idle->emplace(sqlite3_sql(statement), statement);
-    } catch (const std::bad_alloc&) {
-        sqlite3_finalize(statement);
-    }
+    kept->inUse = false;
 }
 
 void Statement::Bind(int index, std::int64_t value) {
@@ -122,18 +122,22 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
 }
 
 Database::~Database() {
-    for (const auto& [sql, statement] : idle_) sqlite3_finalize(statement);
+    for (const auto& [sql, kept] : kept_) sqlite3_finalize(kept.statement);
 }
 
-Statement Database::Prepared(const std::string& sql) {
-    if (const auto known = idle_.find(sql); known != idle_.end()) {
-        sqlite3_stmt* const statement = known->second;
-        idle_.erase(known);
-        return Statement(statement, idle_);
+Statement Database::Prepared(std::string_view sql) {
+    auto place = kept_.find(sql);
+    if (place == kept_.end() || place->second.inUse) {
+        sqlite3_stmt* statement = nullptr;
+        Check(handle_.get(),
+              sqlite3_prepare_v2(handle_.get(), sql.data(), static_cast<int>(sql.size()), &statement, nullptr));
+        Statement made(statement, nullptr);
+        if (place != kept_.end()) return made;
+        place = kept_.emplace(sql, Statement::Kept{}).first;
+        place->second.statement = made.statement_.release();
     }
-    sqlite3_stmt* statement = nullptr;
-    Check(handle_.get(), sqlite3_prepare_v2(handle_.get(), sql.c_str(), -1, &statement, nullptr));
-    return Statement(statement, idle_);
+    place->second.inUse = true;
+    return Statement(place->second.statement, &place->second);
 }
 
 void Database::NeedInPlace() {

@@ -4,11 +4,11 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 namespace standin {
 
@@ -29,12 +29,16 @@ private:
     void Bind(int index, std::int64_t value);
     void Bind(int index, const std::string& value);
 
-    using Idle = std::unordered_multimap<std::string, sqlite3_stmt*>;
+    // One that the database keeps is given back when this is done with, any other ends.
+    struct Kept {
+        sqlite3_stmt* statement = nullptr;
+        bool inUse = false;
+    };
     struct GiveBack {
-        Idle* idle;
+        Kept* kept;
         void operator()(sqlite3_stmt* statement) const;
     };
-    explicit Statement(sqlite3_stmt* statement, Idle& idle) : statement_(statement, GiveBack{&idle}) {}
+    Statement(sqlite3_stmt* statement, Kept* kept) : statement_(statement, GiveBack{kept}) {}
     std::unique_ptr<sqlite3_stmt, GiveBack> statement_;
 };
 
@@ -53,7 +57,7 @@ public:
 
     // Binds the values to ?1, ?2 and so on. Statements are kept for the next time.
     template <class... Values>
-    Statement Query(const std::string& sql, const Values&... values) {
+    Statement Query(std::string_view sql, const Values&... values) {
         Statement statement = Prepared(sql);
         [[maybe_unused]] int index = 0;
         (statement.Bind(++index, values), ...);
@@ -62,7 +66,7 @@ public:
 
     // Returns how many rows were changed.
     template <class... Values>
-    int Run(const std::string& sql, const Values&... values) {
+    int Run(std::string_view sql, const Values&... values) {
         Statement statement = Query(sql, values...);
         while (statement.Step()) {
         }
@@ -75,9 +79,9 @@ public:
     // The first column of the first row of a query that always has one.
     std::int64_t Number(const char* sql);
 
-    // Within a transaction: writes what was changed so far to the log, so that whatever lay there can never take
-    // effect any more. A process that is killed during its commit may leave its whole transaction there, unseen by
-    // those that live on, but found by the first one to come after them all.
+    // Within a transaction: writes what was changed so far to the log and flushes it, so that whatever lay there can
+    // never take effect any more. A process that is killed during its commit may leave its whole transaction there,
+    // unseen by those that live on, but found by the first one to come after them all.
     void Overwrite();
 
     // A database without page checksums, under a name of its own.
@@ -104,12 +108,12 @@ private:
     struct Close {
         void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
     };
-    Statement Prepared(const std::string& sql);
+    Statement Prepared(std::string_view sql);
 
     std::string path_;
     Mode mode_;
     std::unique_ptr<sqlite3, Close> handle_;
-    Statement::Idle idle_;
+    std::map<std::string, Statement::Kept, std::less<>> kept_;
 };
 
 }  // namespace standin

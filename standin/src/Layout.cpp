@@ -21,6 +21,7 @@ constexpr const char* firstLine = "tsm-standin store\n";
 constexpr int format = 2;
 constexpr std::size_t identityDigits = 32;
 constexpr const char* catalogue = "catalogue.db";
+constexpr const char* oldCatalogue = "catalogue-schema1.db";
 constexpr const char* newMark = "mark.new";
 constexpr off_t reserveSize = 8 << 20;
 
@@ -74,13 +75,13 @@ struct CatalogueHeader {
     std::uint32_t schema = 0, application = 0;
 };
 
-// None: no catalogue, or an empty file. Only looks at the header.
+// None: no catalogue, or an empty file.
 std::optional<CatalogueHeader> HeaderOf(const Folder& root) {
     if (!root.Status(catalogue)) return std::nullopt;
     const std::string bytes = Content(root, catalogue);
     if (bytes.empty()) return std::nullopt;
     if (bytes.size() < 100 || bytes.compare(0, 16, std::string("SQLite format 3\0", 16)) != 0) {
-        throw std::runtime_error(At(root, catalogue) + " is damaged, or no catalogue of a store");
+        return CatalogueHeader{};
     }
     return CatalogueHeader{Number(bytes, 60), Number(bytes, 68)};
 }
@@ -88,7 +89,7 @@ std::optional<CatalogueHeader> HeaderOf(const Folder& root) {
 // Links may lead to somewhere else, and SQLite opens its files by their paths.
 void NeedPlainFiles(const Folder& root) {
     for (const char* name : {"mark", "mark.new", "reserve", "catalogue.db", "catalogue.db-wal", "catalogue.db-shm",
-                             "catalogue.db-journal", "catalogue.new", "catalogue-schema1.db"}) {
+                             "catalogue.db-journal", "catalogue.new", oldCatalogue}) {
         const auto status = root.Status(name);
         if (status && (!S_ISREG(status->st_mode) || status->st_uid != geteuid())) {
             throw std::runtime_error(At(root, name) + " is not a plain file of this user");
@@ -115,6 +116,27 @@ bool IsUnused(const Folder& root) {
 void SetMode(const Folder& root) {
     if ((root.File().Status().st_mode & 07777) != 0700 && fchmod(root.File().Get(), 0700) != 0) {
         ThrowErrno("chmod " + root.Path());
+    }
+}
+
+// Folders there may be new, and flushed by no one.
+void SyncAbove(const Folder& root) {
+    for (fs::path above = fs::path(root.Path()).parent_path();; above = above.parent_path()) {
+        const FileDescriptor folder(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (folder.Get() < 0 || folder.Status().st_uid != geteuid()) return;
+        folder.Sync();
+        if (above == above.parent_path()) return;
+    }
+}
+
+// One that was begun and perhaps never flushed as a whole, of a store in which nothing was stored yet.
+void PutAsideCatalogue(const Folder& root) {
+    for (const char* end : {"", "-wal", "-shm", "-journal"}) {
+        const std::string name = catalogue + std::string(end);
+        if (!root.Status(name)) continue;
+        const std::optional<Folder> lost = LostAndFound(root);
+        if (!lost) throw std::runtime_error(At(root, "lost+found") + " belongs to another user");
+        root.Move(name, *lost, name + "-" + RandomHex(8));
     }
 }
 
@@ -208,17 +230,15 @@ std::string Prepare(const Folder& root, bool readOnly) {
     if (readOnly) throw std::system_error(EROFS, std::generic_category(), root.Path());
     SetMode(root);
     if (!mark) mark = Mark{RandomHex(identityDigits), false};
+    const bool takenOver = root.Status(oldCatalogue) && header && header->schema == format &&
+                           header->application == ApplicationId(mark->identity);
     if (old) {
         TakeOver(root, *mark);
-    } else {
+    } else if (!takenOver) {
+        if (root.Status(oldCatalogue)) throw std::runtime_error(At(root, catalogue) + " is damaged");
         WriteMark(root, *mark);
-        // Above, folders may be new that no one flushed.
-        for (fs::path above = fs::path(root.Path()).parent_path();; above = above.parent_path()) {
-            const FileDescriptor folder(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-            if (folder.Get() < 0 || folder.Status().st_uid != geteuid()) break;
-            folder.Sync();
-            if (above == above.parent_path()) break;
-        }
+        SyncAbove(root);
+        PutAsideCatalogue(root);
         MakeCatalogue(At(root, catalogue), mark->identity);
     }
     MakeFolders(root);
@@ -230,7 +250,10 @@ std::string Prepare(const Folder& root, bool readOnly) {
 
 void MakeCatalogue(const std::string& path, const std::string& identity) {
     // With the mode that the files beside it take over.
-    FileDescriptor(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    {
+        const FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (file.Get() < 0) ThrowErrno("create " + path);
+    }
     Database database(path, Database::Mode::Create);
     {
         Database::Transaction transaction(database);

@@ -4,6 +4,7 @@
 // Failures are std::system_error, and std::runtime_error for data that are not what was stored.
 #pragma once
 
+#define XXH_STATIC_LINKING_ONLY  // the state as a member
 #include <xxhash.h>
 
 #include <cstddef>
@@ -24,12 +25,12 @@ constexpr std::size_t longestFileName = 40;
 
 class Checksum {
 public:
-    Checksum() : state_(XXH3_createState(), &XXH3_freeState) { XXH3_64bits_reset(state_.get()); }
-    void Add(const char* bytes, std::size_t size) { XXH3_64bits_update(state_.get(), bytes, size); }
-    std::int64_t Value() const { return static_cast<std::int64_t>(XXH3_64bits_digest(state_.get())); }
+    Checksum() { XXH3_64bits_reset(&state_); }
+    void Add(const char* bytes, std::size_t size) { XXH3_64bits_update(&state_, bytes, size); }
+    std::int64_t Value() const { return static_cast<std::int64_t>(XXH3_64bits_digest(&state_)); }
 
 private:
-    std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)> state_;
+    XXH3_state_t state_;
 };
 
 // A version's data as the catalogue knows them.

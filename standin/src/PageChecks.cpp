@@ -53,10 +53,19 @@ struct File {
     bool isLog;
     Flushed flushed;  // of the main file
     File* main;       // of the log
+    // Written to the log one piece after the other, and not passed on yet. Nobody reads them before the flush.
+    std::string pending;
+    sqlite3_int64 pendingAt;
 
     // Lies behind this one, in the room that SQLite gave for both.
     sqlite3_file* Real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
     const sqlite3_io_methods& Does() { return *Real()->pMethods; }
+    int PassOn() {
+        if (pending.empty()) return SQLITE_OK;
+        const int rc = Does().xWrite(Real(), pending.data(), static_cast<int>(pending.size()), pendingAt);
+        pending.clear();
+        return rc;
+    }
     bool Get(unsigned char* buffer, int size, sqlite3_int64 offset) {
         return Does().xRead(Real(), buffer, size, offset) == SQLITE_OK;
     }
@@ -155,6 +164,7 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
 int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     File& file = Of(handle);
     const auto* const bytes = static_cast<const unsigned char*>(buffer);
+    if (const int failed = file.PassOn()) return failed;
     const int rc = file.Does().xRead(file.Real(), buffer, size, offset);
     if (file.isLog) return rc != SQLITE_OK || LogReadIsGood(file, bytes, size, offset) ? rc : SQLITE_IOERR_DATA;
     constexpr int smallestPage = 512;
@@ -163,9 +173,24 @@ int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     return rc == SQLITE_OK && size == pageSize && PageIsGood(bytes, offset) ? rc : SQLITE_IOERR_DATA;
 }
 
+// A transaction is many small pieces.
+int WriteLog(File& file, const void* bytes, int size, sqlite3_int64 offset) try {
+    constexpr std::size_t most = 0x1ffff;  // that SQLite writes at a time
+    const bool follows = offset == file.pendingAt + static_cast<sqlite3_int64>(file.pending.size());
+    if (!follows || file.pending.size() + static_cast<std::size_t>(size) > most) {
+        if (const int failed = file.PassOn()) return failed;
+    }
+    if (file.pending.empty()) file.pendingAt = offset;
+    file.pending.append(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
+    return SQLITE_OK;
+} catch (const std::bad_alloc&) {
+    return SQLITE_IOERR_NOMEM;
+}
+
 int Write(sqlite3_file* handle, const void* bytes, int size, sqlite3_int64 offset) {
     File& file = Of(handle);
-    if (file.isLog || size != pageSize) return file.Does().xWrite(file.Real(), bytes, size, offset);
+    if (file.isLog) return WriteLog(file, bytes, size, offset);
+    if (size != pageSize) return file.Does().xWrite(file.Real(), bytes, size, offset);
     unsigned char page[pageSize];
     std::memcpy(page, bytes, pageSize - pageReserve);
     const std::uint64_t sum = PageSum(page, offset);
@@ -177,8 +202,12 @@ int Write(sqlite3_file* handle, const void* bytes, int size, sqlite3_int64 offse
 std::atomic<int> openFiles{0};
 
 int Close(sqlite3_file* handle) {
-    openFiles -= !Of(handle).isLog;
-    return Of(handle).Does().xClose(Of(handle).Real());
+    File& file = Of(handle);
+    openFiles -= !file.isLog;
+    const int passedOn = file.PassOn();
+    const int closed = file.Does().xClose(file.Real());
+    file.~File();
+    return passedOn ? passedOn : closed;
 }
 
 // clang-format off
@@ -187,9 +216,18 @@ const sqlite3_io_methods methods = {
     Close,
     Read,
     Write,
-    [](sqlite3_file* f, sqlite3_int64 size) { return Of(f).Does().xTruncate(Of(f).Real(), size); },
-    [](sqlite3_file* f, int flags) { return Of(f).Does().xSync(Of(f).Real(), flags); },
-    [](sqlite3_file* f, sqlite3_int64* size) { return Of(f).Does().xFileSize(Of(f).Real(), size); },
+    [](sqlite3_file* f, sqlite3_int64 size) {
+        const int failed = Of(f).PassOn();
+        return failed ? failed : Of(f).Does().xTruncate(Of(f).Real(), size);
+    },
+    [](sqlite3_file* f, int flags) {
+        const int failed = Of(f).PassOn();
+        return failed ? failed : Of(f).Does().xSync(Of(f).Real(), flags);
+    },
+    [](sqlite3_file* f, sqlite3_int64* size) {
+        const int failed = Of(f).PassOn();
+        return failed ? failed : Of(f).Does().xFileSize(Of(f).Real(), size);
+    },
     [](sqlite3_file* f, int lock) { return Of(f).Does().xLock(Of(f).Real(), lock); },
     [](sqlite3_file* f, int lock) { return Of(f).Does().xUnlock(Of(f).Real(), lock); },
     [](sqlite3_file* f, int* held) { return Of(f).Does().xCheckReservedLock(Of(f).Real(), held); },
@@ -222,7 +260,10 @@ int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, in
         file.flushed = FlushedFrames(std::string(name) + "-shm");
     }
     const int rc = real->xOpen(real, name, file.Real(), flags, opened);
-    if (!file.Real()->pMethods) return rc;
+    if (!file.Real()->pMethods) {
+        file.~File();
+        return rc;
+    }
     file.base.pMethods = &methods;
     openFiles += !file.isLog;
     return rc;

@@ -418,7 +418,7 @@ dsInt16_t Session::SendObj(dsmSendType type, const dsmObjName* name, const ObjAt
     Require(object.name.type == DSM_OBJ_FILE || object.name.type == DSM_OBJ_DIRECTORY);
     Require(a.objInfo || a.objInfoLength == 0);
     Require(bound_ == object.name, DSM_RC_BAD_CALL_SEQUENCE);
-    Require(catalogue_.View().FindFilespace(object.name.fs).has_value(), DSM_RC_FS_NOT_REGISTERED);
+    Require(catalogue_.HasFilespace(object.name.fs), DSM_RC_FS_NOT_REGISTERED);
     NeedWritable();
     const std::string wanted = Text(a.mcNameP, DSM_MAX_MC_NAME_LENGTH);
     object.mgmtClass = Need(FindClass(wanted), DSM_RC_INVALID_MCNAME).name;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <thread>
 #include <utility>
 
 #include "Layout.h"
@@ -116,6 +117,7 @@ void Store::SweepData() {
 }
 
 void Store::RemoveDeletedFilespaces() noexcept try {
+    ++filespaceDeletions_;
     constexpr std::size_t step = 500;
     for (bool more = true; more;) {
         Submit(Need::None, [&](Change& change) {
@@ -142,24 +144,45 @@ void Store::RemoveDeletedFilespaces() noexcept try {
 
 // ------------------------------------------------------------------ changes
 
+void Store::Waiting::Tell(Turn what) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    turn = what;
+    wake.notify_one();
+}
+
+Store::Waiting::Turn Store::Waiting::Wait() {
+    std::unique_lock<std::mutex> lock(mutex);
+    wake.wait(lock, [this] { return turn != Turn::NotYet; });
+    return turn;
+}
+
 void Store::Submit(Need need, const Work& work) {
     if (readOnly_) throw std::system_error(EROFS, std::generic_category(), root_.Path());
-    Waiting own{work, need, nullptr, false, {}};
+    Waiting own{work, need, nullptr, Waiting::Turn::NotYet, {}, {}};
     std::unique_lock<std::mutex> lock(mutex_);
     queue_.push_back(&own);
-    own.wake.wait(lock, [&] { return own.done || (!carrying_ && queue_.front() == &own); });
-    if (!own.done) {
-        carrying_ = true;
+    const bool first = !std::exchange(carrying_, true);
+    lock.unlock();
+    if (first || own.Wait() == Waiting::Turn::Carries) {
+        lock.lock();
+        // With company about, those who are ready to come get the processor first. Alone, nothing is waited for.
+        if (lastGroup_ > 1 || queue_.size() > 1) {
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+        }
         const Group group = std::exchange(queue_, {});
+        lastGroup_ = group.size();
         lock.unlock();
         Carry(group);
         lock.lock();
-        carrying_ = false;
+        Waiting* const next = queue_.empty() ? nullptr : queue_.front();
+        carrying_ = next != nullptr;
+        lock.unlock();
+        if (next) next->Tell(Waiting::Turn::Carries);
         for (Waiting* const one : group) {
-            one->done = true;
-            if (one != &own) one->wake.notify_one();
+            if (one != &own) one->Tell(Waiting::Turn::IsOver);
         }
-        if (!queue_.empty()) queue_.front()->wake.notify_one();
     }
     if (own.failure) std::rethrow_exception(own.failure);
 }
@@ -208,7 +231,7 @@ void Change::RemoveVersion(std::int64_t id, const std::string& file) {
 void Store::CarryOnce(const Group& group) {
     Database& database = *writer_;
     database.NeedInPlace();
-    Change change{database, data_, 0, {}, {}};
+    Change change{database, data_, 0, {}, {}, {}};
     {
         Database::Transaction transaction(database);
         const std::int64_t firstId = database.Number("SELECT next_id FROM store");

@@ -7,6 +7,7 @@
 //     reserve          room to be given up when the disk is full, so that things can be deleted
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <functional>
@@ -29,6 +30,12 @@ struct Change {
     std::int64_t nextId;
     std::vector<std::string> placed;  // files that have come to data/
     std::set<std::string> garbage;    // files that go once the change lasts; they have rows in garbage too
+
+    // The filespace that was asked for last, which is mostly the next one's too.
+    struct {
+        std::int64_t node = 0, id = 0;
+        std::string name;
+    } last;
 
     void RemoveVersion(std::int64_t id, const std::string& file);
 };
@@ -53,6 +60,8 @@ public:
     // Removes the rows and the data of filespaces that were deleted, in steps that take little room. What it does not
     // come to, the next opening does.
     void RemoveDeletedFilespaces() noexcept;
+    // How often this process has done so.
+    unsigned FilespaceDeletions() const { return filespaceDeletions_; }
 
     bool ReadOnly() const { return readOnly_; }
     const Folder& Root() const { return root_; }
@@ -63,10 +72,15 @@ public:
 
 private:
     struct Waiting {
+        enum class Turn { NotYet, Carries, IsOver };
+        void Tell(Turn what);
+        Turn Wait();
+
         const Work& work;
-        Need need;
+        const Need need;
         std::exception_ptr failure;
-        bool done = false;
+        Turn turn = Turn::NotYet;
+        std::mutex mutex;  // of its own, so that many who wake up do not stand in each other's way
         std::condition_variable wake;
     };
     using Group = std::vector<Waiting*>;
@@ -85,9 +99,12 @@ private:
     std::unique_ptr<Database> writer_;  // the leader's; none in a store that is only read
     std::vector<std::string> inDoubt_;  // placed by commits that failed
 
+    std::atomic<unsigned> filespaceDeletions_{0};
+
     std::mutex mutex_;  // of the queue
     Group queue_;
     bool carrying_ = false;
+    std::size_t lastGroup_ = 0;  // how many the last one were
 };
 
 }  // namespace standin
