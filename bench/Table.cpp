@@ -53,21 +53,22 @@ int RunAndPrint(int argc, char** argv, const std::vector<Row>& rows) {
     benchmark::RunSpecifiedBenchmarks(&gathered);
     bool missed = gathered.failed;
     for (const Row& row : rows) {
-        const auto& of = row.kind == Row::Number ? gathered.values[row.of] : gathered.times[row.of];
-        if (of.empty() || (row.kind != Row::Number && gathered.times[row.against].empty())) continue;
+        const bool counted = row.kind == Row::Number || row.kind == Row::Ratio;
+        const auto& of = counted ? gathered.values[row.of] : gathered.times[row.of];
+        if (of.empty() || (!counted && gathered.times[row.against].empty())) continue;
         const double mine = Gathered::Median(of);
-        const double other = row.kind == Row::Number ? 0 : Gathered::Median(gathered.times[row.against]);
+        const double other = counted ? 0 : Gathered::Median(gathered.times[row.against]);
         const double value = row.kind == Row::Speed    ? other / mine
                              : row.kind == Row::Extra  ? mine - other
                              : row.kind == Row::Factor ? mine / other
                                                        : mine;
-        const bool met = row.kind == Row::Speed ? value >= row.target : value <= row.target;
+        const bool least = row.kind == Row::Speed || row.kind == Row::Ratio;
+        const bool met = least ? value >= row.target : value <= row.target;
         missed = missed || !met;
         std::printf("| %-52s | %9s | %9s | %7.4g%s | %s %g%s | %s |\n", row.work.c_str(),
-                    row.kind == Row::Number ? "" : Time(mine).c_str(),
-                    row.kind == Row::Number ? "" : Time(other).c_str(), value, row.kind == Row::Extra ? " ns" : "",
-                    row.kind == Row::Speed ? "at least" : "at most", row.target, row.kind == Row::Extra ? " ns" : "",
-                    met ? "met" : "MISSED");
+                    counted ? "" : Time(mine).c_str(), counted ? "" : Time(other).c_str(), value,
+                    row.kind == Row::Extra ? " ns" : "", least ? "at least" : "at most", row.target,
+                    row.kind == Row::Extra ? " ns" : "", met ? "met" : "MISSED");
         std::fflush(stdout);
     }
     return missed ? 1 : 0;

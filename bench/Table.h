@@ -12,7 +12,8 @@ struct Row {
         Speed,   // the speed of `of` as a part of that of `against`: at least the target
         Extra,   // nanoseconds that `of` takes longer than `against`: at most the target
         Factor,  // how many times as long `of` takes as `against`: at most the target
-        Number   // the counter "value" of `of` itself: at most the target
+        Number,  // the counter "value" of `of` itself: at most the target
+        Ratio    // the same: at least the target
     };
     std::string work;
     Kind kind;

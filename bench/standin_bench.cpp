@@ -2,13 +2,19 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Table.h"
@@ -22,6 +28,11 @@ namespace {
 constexpr std::size_t pieceSize = 1 << 20;
 constexpr int pieces = 1024;
 fs::path work;
+
+// What a flush of a file is: the disk's, nothing, or one that takes a millisecond.
+enum class Flush { Real, Free, Millisecond };
+std::atomic<Flush> flush{Flush::Real};
+std::atomic<long> flushes{0};
 
 [[noreturn]] void Fail(const char* what, int rc) {
     std::fprintf(stderr, "%s: %d\n", what, rc);
@@ -50,6 +61,17 @@ public:
         setUp.stVersion = 4;
         std::strcpy(setUp.dsmiConfig, (work / "dsm.opt").c_str());
         Must("dsmSetUp", dsmSetUp(bTrue, &setUp));
+        SignOn();
+    }
+    // Another session on it.
+    explicit Store(const Store& first) : folder(first.folder), isFirst(false) { SignOn(); }
+    ~Store() {
+        dsmTerminate(handle);
+        if (isFirst) dsmCleanUp(bTrue);
+        if (folder.filename().string().rfind("stream", 0) == 0) fs::remove_all(folder);
+    }
+
+    void SignOn() {
         char node[] = "BENCH";
         dsmInitExIn_t in = {};
         in.stVersion = 5;
@@ -63,11 +85,6 @@ public:
         data.fsType = type;
         const dsInt16_t rc = dsmRegisterFS(handle, &data);
         if (rc != DSM_RC_FS_ALREADY_REGED) Must("dsmRegisterFS", rc);
-    }
-    ~Store() {
-        dsmTerminate(handle);
-        dsmCleanUp(bTrue);
-        if (folder.filename().string().rfind("stream", 0) == 0) fs::remove_all(folder);
     }
 
     void Begin() { Must("dsmBeginTxn", dsmBeginTxn(handle)); }
@@ -147,6 +164,7 @@ public:
     }
 
     const fs::path folder;
+    const bool isFirst = true;
     dsUint32_t handle = 0;
 };
 
@@ -210,6 +228,90 @@ void StreamFile(benchmark::State& state) {
     fs::remove_all(folder);
 }
 
+// ------------------------------------------------------------ commits
+
+constexpr std::size_t smallSize = 4096;
+constexpr int smallObjects = 1024;
+
+using Clock = std::chrono::steady_clock;
+double Since(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+fs::path NewFolder() {
+    static int round = 0;
+    return "commits-" + std::to_string(++round);
+}
+
+void StoreOne(Store& store, int session, int i) {
+    static const std::vector<char> data = Piece();
+    store.Begin();
+    store.Send(Name("/s" + std::to_string(session), "/f" + std::to_string(i)), data.data(), smallSize, 1);
+    store.Commit();
+}
+
+// Objects of 4 KiB, a transaction each, shared out to sessions on threads of their own. Counts flushes an object.
+void CommitSmall(benchmark::State& state) {
+    const auto sessions = static_cast<int>(state.range(0));
+    Store store(NewFolder());
+    std::vector<std::unique_ptr<Store>> others;
+    for (int i = 0; i < sessions; ++i) others.push_back(std::make_unique<Store>(store));
+    flush = static_cast<Flush>(state.range(1));
+    for (auto _ : state) {
+        flushes = 0;
+        const auto begin = Clock::now();
+        std::vector<std::thread> threads;
+        for (int t = 0; t < sessions; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < smallObjects / sessions; ++i) StoreOne(*others[static_cast<std::size_t>(t)], t, i);
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        state.SetIterationTime(Since(begin));
+        state.counters["value"] = static_cast<double>(flushes) / smallObjects;
+    }
+    flush = Flush::Real;
+    others.clear();
+    fs::remove_all(store.folder);
+}
+
+// One session and SQLite alone, with the same bytes and one insert a commit, in turns; the speed of the first as a
+// part of that of the second.
+void CommitAgainstSqlite(benchmark::State& state) {
+    constexpr int turns = 16, each = 32;
+    Store store(NewFolder());
+    const fs::path path = work / "bare.db";
+    sqlite3* database = nullptr;
+    if (sqlite3_open(path.c_str(), &database) != SQLITE_OK) Fail("open", 0);
+    sqlite3_exec(database, "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; CREATE TABLE o (n TEXT, b BLOB)",
+                 nullptr, nullptr, nullptr);
+    sqlite3_stmt* insert = nullptr;
+    sqlite3_prepare_v2(database, "INSERT INTO o VALUES (?1, ?2)", -1, &insert, nullptr);
+    const std::vector<char> data = Piece();
+    for (auto _ : state) {
+        double mine = 0, bare = 0;
+        for (int turn = 0; turn < turns; ++turn) {
+            auto begin = Clock::now();
+            for (int i = 0; i < each; ++i) StoreOne(store, turn, i);
+            mine += Since(begin);
+            begin = Clock::now();
+            for (int i = 0; i < each; ++i) {
+                const std::string name = "/s" + std::to_string(turn) + "/f" + std::to_string(i);
+                sqlite3_bind_text(insert, 1, name.data(), static_cast<int>(name.size()), SQLITE_STATIC);
+                sqlite3_bind_blob(insert, 2, data.data(), smallSize, SQLITE_STATIC);
+                if (sqlite3_step(insert) != SQLITE_DONE) Fail("insert", 0);
+                sqlite3_reset(insert);
+            }
+            bare += Since(begin);
+        }
+        state.counters["value"] = bare / mine;
+    }
+    sqlite3_finalize(insert);
+    sqlite3_close(database);
+    for (const char* end : {"", "-wal", "-shm"}) fs::remove(path.string() + end);
+    fs::remove_all(store.folder);
+}
+
 // ------------------------------------------------------------ growth
 
 std::string Populated(long objects) {
@@ -255,8 +357,8 @@ void ListSqlite(benchmark::State& state) {
     if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) Fail("open", 0);
     for (auto _ : state) {
         sqlite3_stmt* rows = nullptr;
-        sqlite3_prepare_v2(database, "SELECT * FROM version WHERE ended IS NULL ORDER BY fs, hl, ll, type, id", -1,
-                           &rows, nullptr);
+        sqlite3_prepare_v2(database, "SELECT * FROM object_version WHERE ended IS NULL ORDER BY fs, hl, ll, type, id",
+                           -1, &rows, nullptr);
         long count = 0;
         std::size_t bytes = 0;
         while (sqlite3_step(rows) == SQLITE_ROW) {
@@ -277,7 +379,21 @@ void ListSqlite(benchmark::State& state) {
     sqlite3_close(database);
 }
 
+int Flushed(long call, int file) {
+    ++flushes;
+    if (flush == Flush::Millisecond) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return flush == Flush::Real ? static_cast<int>(syscall(call, file)) : 0;
+}
+
 }  // namespace
+
+// In place of the C library's, for the stand-in and SQLite too.
+extern "C" int fsync(int file) {
+    return Flushed(SYS_fsync, file);
+}
+extern "C" int fdatasync(int file) {
+    return Flushed(SYS_fdatasync, file);
+}
 
 int main(int argc, char** argv) {
     std::string name = (fs::current_path() / "tsm-bench-XXXXXX").string();
@@ -287,6 +403,27 @@ int main(int argc, char** argv) {
     const auto add = [](const char* bench, auto function, long argument) {
         return benchmark::RegisterBenchmark(bench, function)->Arg(argument)->UseRealTime();
     };
+    const auto commits = [](const std::string& bench, long sessions, Flush how) {
+        benchmark::RegisterBenchmark(bench.c_str(), CommitSmall)
+            ->Args({sessions, static_cast<long>(how)})
+            ->UseManualTime()
+            ->Iterations(1);
+    };
+    for (const auto& [how, text, target] :
+         {std::tuple(Flush::Real, "", 0.0), std::tuple(Flush::Free, ", flushes free", 2.0),
+          std::tuple(Flush::Millisecond, ", flushes of 1 ms", 20.0)}) {
+        const std::string one = std::string("commit-1") + text, many = std::string("commit-64") + text;
+        commits(one, 1, how);
+        commits(many, 64, how);
+        if (how == Flush::Real) {
+            rows.push_back({"stand-in: flushes for each object of 4 KiB, 1 session", Row::Number, one, "", 1.1});
+            rows.push_back({"stand-in: the same, 64 sessions", Row::Number, many, "", 0.1});
+        } else {
+            rows.push_back({std::string("stand-in: 64 sessions against 1") + text, Row::Speed, many, one, target});
+        }
+    }
+    benchmark::RegisterBenchmark("commit-bare", CommitAgainstSqlite)->UseRealTime()->Iterations(1);
+    rows.push_back({"stand-in: 1 session, against SQLite's bare inserts", Row::Ratio, "commit-bare", "", 0.7});
     for (const long out : {0L, 1L}) {
         const std::string of = out == 0 ? "stream-in" : "stream-out", against = out == 0 ? "file-in" : "file-out";
         add(of.c_str(), StreamStandin, out)->Iterations(1);

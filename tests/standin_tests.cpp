@@ -1,8 +1,14 @@
 // The stand-in through the client API alone, as its callers see it; plus what it must leave on disk.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +16,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -25,6 +32,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
+
+// What the system calls at the end of this file do.
+std::string fullWhile;  // a file: as long as it is there, SQLite's writes find the disk full
+std::atomic<int> flushes{0}, flushMilliseconds{0};
+std::atomic<bool> failFlush{false};  // the next one
 
 template <std::size_t size>
 void Set(char (&field)[size], const std::string& text) {
@@ -403,7 +415,7 @@ TEST_F(StandIn, BadArguments) {
 TEST_F(StandIn, StreamsOfEverySize) {
     const Host host;
     ASSERT_EQ(host.Register(), 0);
-    for (const std::size_t size : {0U, 1U, 999U, 1000U, 1001U, 2000U, 300000U}) {
+    for (const std::size_t size : {0U, 1U, 999U, 1000U, 1001U, 32768U, 32769U, 300000U}) {
         std::string bytes(size, '\0');
         for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251);
         const dsmObjName name = Name("", "/" + std::to_string(size));
@@ -419,7 +431,7 @@ TEST_F(StandIn, StreamsOfEverySize) {
         EXPECT_EQ(std::string(found[0].objInfo), std::string(1535, 'i'));
         EXPECT_TRUE(host.Get(found[0].objId, 1000) == bytes) << size;
     }
-    EXPECT_EQ(Files("data"), 6U);  // none for the empty object
+    EXPECT_EQ(Files("data"), 2U);  // the others are rows of the catalogue
     EXPECT_EQ(Files("incoming"), 0U);
 }
 
@@ -476,8 +488,9 @@ TEST_F(StandIn, VersionsAndPointsInTime) {
     EXPECT_EQ(host.Delete(name), DSM_RC_ABORT_NO_MATCH);
     clock(40);
     ASSERT_EQ(host.Put(name, "four"), 0);
-    const std::map<int, Texts> moments = {{9, {}},         {10, {"one"}}, {19, {"one"}},   {20, {"three"}},
-                                          {29, {"three"}}, {30, {}},      {40, {"four*"}}, {59, {"four*"}}};
+    const std::map<int, Texts> moments = {{9, {}},       {10, {"one"}},   {19, {"one"}},
+                                          {20, {"two"}}, {21, {"three"}}, {29, {"three"}},
+                                          {30, {}},      {40, {"four*"}}, {59, {"four*"}}};
     for (const auto& [second, texts] : moments) EXPECT_EQ(host.Contents(name, at(second)), texts) << second;
 
     auto all = host.List(name);
@@ -494,7 +507,6 @@ TEST_F(StandIn, VersionsAndPointsInTime) {
     EXPECT_EQ(host.Delete(name), 0);
     EXPECT_EQ(host.DeleteVersion(all[2].objId), 0);
     EXPECT_EQ(host.Contents(name), (Texts{"one"}));
-    EXPECT_EQ(Files("data"), 1U);
 }
 
 TEST_F(StandIn, Renaming) {
@@ -521,17 +533,18 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     const Host host, other;
     ASSERT_EQ(host.Register(), 0);
     const dsmObjName name = Name("/d", "/f");
-    ASSERT_EQ(host.Put(name, "kept"), 0);
+    const std::string large(40000, 'l');
+    ASSERT_EQ(host.Put(name, large), 0);
     EXPECT_EQ(host.DeleteVersion(host.List(name).at(0).objId), DSM_RC_ACCESS_DENIED);
 
     // An object that is complete, and one still open: what is seen from outside, and what each end leaves.
     const auto begin = [&] {
         ASSERT_EQ(dsmBeginTxn(host.handle), 0);
-        host.Begin(Name("/d", "/x"), "new");
+        host.Begin(Name("/d", "/x"), large);
         ASSERT_EQ(dsmEndSendObj(host.handle), 0);
-        host.Begin(Name("/d", "/y"), "new");
+        host.Begin(Name("/d", "/y"), large);
         EXPECT_EQ(Files("incoming"), 2U);
-        EXPECT_EQ(other.Contents(Name("*", "*")), (Texts{"kept*"}));
+        EXPECT_EQ(other.Contents(Name("*", "*")), Texts{large + "*"});
     };
     begin();
     EXPECT_EQ(host.End(DSM_VOTE_ABORT), DSM_RC_ABORT_BY_CLIENT);
@@ -548,7 +561,7 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     EXPECT_EQ(reason, 13);
     begin();
     EXPECT_EQ(dsmTerminate(host.handle), 0);
-    EXPECT_EQ(other.Contents(Name("*", "*")), (Texts{"kept*"}));
+    EXPECT_EQ(other.Contents(Name("*", "*")), Texts{large + "*"});
     EXPECT_EQ(Files("data"), 1U);
     EXPECT_EQ(Files("incoming"), 0U);
 
@@ -556,7 +569,7 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     const Host again;
     std::string filespace = "/fs";
     ASSERT_EQ(dsmBeginTxn(again.handle), 0);
-    again.Begin(name, "new");
+    again.Begin(name, large);
     ASSERT_EQ(dsmEndSendObj(again.handle), 0);
     ASSERT_EQ(dsmDeleteFS(other.handle, filespace.data(), DSM_REPOS_ALL), 0);
     EXPECT_EQ(again.End(), DSM_RC_FS_NOT_REGISTERED);
@@ -602,20 +615,26 @@ TEST_F(StandIn, SessionsInParallel) {
     EXPECT_EQ(host.List(Name("*", "*"), DSM_ACTIVE).size(), 2U);
 }
 
-// Opening a store clears what the dead left, not what others are sending just then.
+// Opening a store puts aside what the dead left, not what others are sending just then, nor what it did not make.
 TEST_F(StandIn, Leftovers) {
     const Host host;
+    const std::string large(40000, 'l'), random = "-0123456789abcdef";
     ASSERT_EQ(host.Register(), 0);
-    ASSERT_EQ(host.Put(Name("/d", "/old"), "old"), 0);
+    ASSERT_EQ(host.Put(Name("/d", "/old"), large), 0);
     ASSERT_EQ(dsmBeginTxn(host.handle), 0);
-    host.Begin(Name("/d", "/new"), "new");
-    for (const char* name : {"incoming/abcdef", "data/0/2", "data/0/7"}) std::ofstream(dir_ / "store" / name) << "left";
+    host.Begin(Name("/d", "/new"), large);
+    const Texts dead = {"incoming/0123456789abcdef", "data/0/2" + random, "data/0/7" + random};
+    const Texts foreign = {"incoming/thesis.txt", "data/0/7-draft", "data/notes", "data/0/008" + random};
+    for (const Texts& names : {dead, foreign}) {
+        for (const std::string& name : names) std::ofstream(dir_ / "store" / name) << "left";
+    }
     ASSERT_EQ(SetUpWith("STOREDIR store\n"), 0);
-    EXPECT_EQ(Files("data"), 1U);
-    EXPECT_EQ(Files("incoming"), 1U);
+    EXPECT_EQ(Files("lost+found"), dead.size());
+    for (const std::string& name : dead) EXPECT_FALSE(fs::exists(dir_ / "store" / name)) << name;
+    for (const std::string& name : foreign) EXPECT_TRUE(fs::exists(dir_ / "store" / name)) << name;
     ASSERT_EQ(dsmEndSendObj(host.handle), 0);
     EXPECT_EQ(host.End(), 0);
-    EXPECT_EQ(host.Contents(Name("*", "*")), (Texts{"new*", "old*"}));
+    EXPECT_EQ(host.Contents(Name("*", "*")), (Texts{large + "*", large + "*"}));
 }
 
 // A process that stores objects dies at any moment: what it saw committed is there, and nothing else is.
@@ -661,4 +680,550 @@ TEST_F(StandIn, KilledWriters) {
     EXPECT_EQ(host.List(Name("*", "*"), DSM_ACTIVE).size(), 3U);
 }
 
+// ------------------------------------------------------------------- on the disk
+
+// A small store as a process left it that was not killed, and what is then done to its folder.
+class OnDisk : public StandIn {
+protected:
+    OnDisk() {
+        const Host host;
+        EXPECT_EQ(host.Register(), 0);
+        for (int i = 0; i < 30; ++i) EXPECT_EQ(host.Put(Name("/d", "/" + std::to_string(i)), Bytes(i)), 0);
+    }
+    static std::string Bytes(int i) { return std::string(static_cast<std::size_t>(i % 10 ? 900 * i : 40000), 'a'); }
+    int Close() const { return dsmCleanUp(bTrue); }
+    int Reopen() const { return SetUpWith("STOREDIR store\n"); }
+    fs::path Store() const { return dir_ / "store"; }
+
+    // Every name below a folder, with the content of files and the target of links.
+    static std::map<std::string, std::string> Tree(const fs::path& top) {
+        std::map<std::string, std::string> tree;
+        for (const auto& e : fs::recursive_directory_iterator(top)) {
+            std::string& content = tree[fs::relative(e.path(), top)];
+            if (e.is_symlink()) content = fs::read_symlink(e.path());
+            if (e.is_regular_file()) content = Content(e.path());
+        }
+        return tree;
+    }
+    static std::string Content(const fs::path& path) {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    static void Flip(const fs::path& path, std::size_t at) {
+        std::string bytes = Content(path);
+        bytes.at(at) = static_cast<char>(bytes.at(at) ^ 4);
+        std::ofstream(path, std::ios::binary) << bytes;
+    }
+    // As any other program can while the store is open.
+    void Sql(const std::string& text) const {
+        sqlite3* database = nullptr;
+        ASSERT_EQ(sqlite3_open((Store() / "catalogue.db").c_str(), &database), SQLITE_OK);
+        // Pages that it brought from the log to the file would have no checksums.
+        EXPECT_EQ(sqlite3_exec(database, ("PRAGMA wal_autocheckpoint = 0;" + text).c_str(), nullptr, nullptr, nullptr),
+                  SQLITE_OK)
+            << sqlite3_errmsg(database);
+        sqlite3_close(database);
+    }
+    fs::path DataFile() const {
+        for (const auto& e : fs::recursive_directory_iterator(Store() / "data")) {
+            if (e.is_regular_file()) return e.path();
+        }
+        return {};
+    }
+    // Codes of a listing's end and of reading all that it found; wrong bytes count as 0.
+    static std::multiset<int> ReadAll() {
+        const Host host;
+        if (host.rc != 0) return {host.rc};
+        dsmObjName name = Name("*", "*", DSM_OBJ_ANY_TYPE);
+        qryBackupData query{qryBackupDataVersion, &name, nullptr, DSM_ANY_MATCH, {}};
+        std::multiset<int> codes;
+        if (const int begin = dsmBeginQuery(host.handle, qtBackup, &query)) return {begin};
+        qryRespBackupData record;
+        DataBlk block = Block(&record, sizeof record);
+        std::map<int, ObjID> found;
+        int next;
+        while ((next = dsmGetNextQObj(host.handle, &block)) == DSM_RC_MORE_DATA) {
+            found[std::atoi(record.objName.ll + 1)] = record.objId;
+        }
+        codes.insert(next);
+        dsmEndQuery(host.handle);
+        for (auto [i, id] : found) {
+            dsmGetList list{dsmGetListVersion, 1, &id, nullptr};
+            EXPECT_EQ(dsmBeginGetData(host.handle, bTrue, gtBackup, &list), 0);
+            std::string bytes, buffer(1000, '\0');
+            int got = dsmGetObj(host.handle, &id, nullptr);
+            while (got == DSM_RC_MORE_DATA) {
+                block = Block(buffer.data(), buffer.size());
+                got = dsmGetData(host.handle, &block);
+                bytes.append(buffer, 0, block.numBytes);
+            }
+            codes.insert(got != DSM_RC_FINISHED || bytes == Bytes(i) ? got : 0);
+            EXPECT_EQ(dsmEndGetData(host.handle), 0);
+        }
+        return codes;
+    }
+    const std::multiset<int> allGood_ = [] {
+        std::multiset<int> codes;
+        for (int i = 0; i <= 30; ++i) codes.insert(DSM_RC_FINISHED);
+        return codes;
+    }();
+};
+
+TEST_F(OnDisk, Layout) {
+    EXPECT_EQ(ReadAll(), allGood_);
+    ASSERT_EQ(Close(), 0);
+    fs::permissions(Store(), fs::perms::all);
+    fs::create_directory_symlink(Store(), dir_ / "link");
+    ASSERT_EQ(SetUpWith("STOREDIR link\n"), 0);
+    EXPECT_EQ(ReadAll(), allGood_);
+    ASSERT_EQ(Close(), 0);
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(Store())) names.insert(e.path().filename());
+    EXPECT_EQ(names, (std::set<std::string>{"catalogue.db", "data", "incoming", "lost+found", "mark", "reserve"}));
+    EXPECT_EQ(Files("data"), 3U);
+    for (const auto& e : fs::recursive_directory_iterator(dir_)) {
+        if (e.path() == dir_ / "dsm.opt" || e.is_symlink()) continue;
+        EXPECT_EQ(e.status().permissions(), e.is_directory() ? fs::perms(0700) : fs::perms(0600)) << e.path();
+    }
+    const std::string mark = Content(Store() / "mark");
+    EXPECT_EQ(mark.substr(0, 36), "tsm-standin store\nformat 2\nidentity ");
+    EXPECT_EQ(mark.substr(68), "\nstate ready\n");
+    // An opening that was interrupted is gone on with.
+    const fs::path begun = dir_ / "begun";
+    for (const char* text :
+         {"tsm-st", "tsm-standin store\nformat 2\nidentity 00112233445566778899aabbccddeeff\nstate new\n"}) {
+        fs::remove_all(begun);
+        fs::create_directories(begun / "lost+found");
+        std::ofstream(begun / (std::strlen(text) < 10 ? "mark.new" : "mark")) << text;
+        if (std::strlen(text) > 10) std::ofstream(begun / "catalogue.db") << "half";
+        EXPECT_EQ(SetUpWith("STOREDIR begun\n"), 0) << text;
+        EXPECT_EQ(Close(), 0);
+    }
+}
+
+// What is no store, or not one that can be trusted, is refused with a sentence and left as it is.
+TEST_F(OnDisk, RefusedFolders) {
+    ASSERT_EQ(Close(), 0);
+    const auto patch = [&](const char* file, std::size_t at, const std::string& bytes) {
+        std::string content = Content(Store() / file);
+        std::ofstream(Store() / file) << content.replace(at, bytes.size(), bytes);
+    };
+    const auto linked = [&](const char* name) {
+        fs::rename(Store() / name, dir_ / "elsewhere");
+        fs::create_symlink(dir_ / "elsewhere", Store() / name);
+    };
+    const auto foreign = [&](const char* name) {
+        fs::remove_all(Store());
+        fs::create_directories((Store() / name).parent_path());
+        std::ofstream(Store() / name) << "theirs";
+    };
+    const std::vector<std::pair<const char*, std::function<void()>>> cases = {
+        {"no mark", [&] { foreign("thesis.txt"); }},
+        {"no mark", [&] { foreign("incoming/0123456789abcdef"); }},
+        {"no mark", [&] { foreign("data/0/7"); }},
+        {"no mark", [&] { foreign("lost+found/7"); }},
+        {"no mark", [&] { foreign("mark.new"); }},
+        {"no mark of", [&] { foreign("mark"); }},
+        {"no mark", [&] { foreign("catalogue.db"); }},
+        {"no mark", [&] { fs::remove(Store() / "mark"); }},
+        {"missing or empty", [&] { fs::remove(Store() / "catalogue.db"); }},
+        {"missing or empty", [&] { fs::resize_file(Store() / "catalogue.db", 0); }},
+        {"another store", [&] { patch("mark", 40, Content(Store() / "mark")[40] == '0' ? "1" : "0"); }},
+        {"another store", [&] { patch("mark", 60, Content(Store() / "mark")[60] == '0' ? "1" : "0"); }},
+        {"newer version", [&] { patch("mark", 25, "3"); }},
+        {"newer version", [&] { patch("catalogue.db", 63, "\3"); }},
+        {"damaged", [&] { patch("mark", 70, "?"); }},
+        {"data", [&] { linked("data"); }},
+        {"incoming", [&] { linked("incoming"); }},
+        {"catalogue.db", [&] { linked("catalogue.db"); }},
+        {"interrupted", [&] { fs::rename(Store() / "mark", Store() / "mark.repairing"); }},
+        {geteuid() == 0 ? "another user" : "", [&] { (void)!chown(Store().c_str(), 1, 1); }},
+        {geteuid() == 0 ? "of this user" : "", [&] { (void)!chown((Store() / "catalogue.db").c_str(), 1, 1); }},
+    };
+    fs::remove(Store() / "reserve");
+    fs::copy(Store(), dir_ / "kept", fs::copy_options::recursive);
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(std::to_string(i) + ": " + cases[i].first);
+        fs::remove_all(Store());
+        fs::remove_all(dir_ / "elsewhere");
+        fs::remove(dir_ / "dsierror.log");
+        fs::copy(dir_ / "kept", Store(), fs::copy_options::recursive);
+        cases[i].second();
+        const auto before = Tree(Store());
+        EXPECT_EQ(Reopen() == 0, !*cases[i].first);
+        if (!*cases[i].first) continue;
+        EXPECT_NE(Content(dir_ / "dsierror.log").find(cases[i].first), std::string::npos)
+            << Content(dir_ / "dsierror.log");
+        EXPECT_TRUE(Tree(Store()) == before);
+    }
+}
+
+// Of an object whose data are not what was stored, the last read fails and the log has its name. Others are read.
+TEST_F(OnDisk, DamagedData) {
+    const std::vector<std::function<void()>> damages = {
+        [&] { Flip(DataFile(), 0); },
+        [&] { Flip(DataFile(), 39999); },
+        [&] { fs::resize_file(DataFile(), 39999); },
+        [&] { std::ofstream(DataFile(), std::ios::app) << "a"; },
+        [&] { fs::remove(DataFile()); },
+        [&] { Sql("UPDATE content SET bytes = CAST('b' || substr(bytes, 2) AS BLOB) WHERE id = 3"); },
+        [&] { Sql("UPDATE content SET bytes = CAST(bytes || 'a' AS BLOB) WHERE id = 3"); },
+        [&] { Sql("DELETE FROM content WHERE id = 3"); },
+        // Values that cannot be.
+        [&] { Sql("UPDATE object_version SET bytes = -1 WHERE id = 3"); },
+        [&] { Sql("UPDATE object_version SET bytes = 1 << 60 WHERE id = 3"); },
+        [&] { Sql("UPDATE object_version SET bytes = 1000, file = '3-0123456789abcdef' WHERE id = 3"); },
+        [&] { Sql("UPDATE object_version SET file = CAST('../../dsm.opt' AS BLOB) WHERE id = 3"); },
+        [&] { Sql("UPDATE object_version SET file = (SELECT file FROM object_version WHERE id = 1) WHERE id = 3"); },
+    };
+    fs::copy(Store() / "data", dir_ / "kept", fs::copy_options::recursive);
+    for (std::size_t i = 0; i < damages.size(); ++i) {
+        SCOPED_TRACE(i);
+        fs::remove(dir_ / "dsierror.log");
+        Sql("CREATE TABLE IF NOT EXISTS c AS SELECT * FROM content;"
+            "CREATE TABLE IF NOT EXISTS v AS SELECT * FROM object_version;"
+            "DELETE FROM content; INSERT INTO content SELECT * FROM c;"
+            "DELETE FROM object_version; INSERT INTO object_version SELECT * FROM v");
+        fs::copy(dir_ / "kept", Store() / "data", fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+        ASSERT_EQ(ReadAll(), allGood_);
+        damages[i]();
+        std::multiset<int> codes = ReadAll();
+        EXPECT_EQ(codes.count(DSM_RC_FINISHED), 30U);
+        EXPECT_EQ(codes.count(DSM_RC_ABORT_SYSTEM_ERROR), 1U);
+        const std::string log = Content(dir_ / "dsierror.log");
+        EXPECT_TRUE(i >= 8 || log.find("/fs /d/") != std::string::npos) << log;
+    }
+}
+
+TEST_F(OnDisk, DamagedRowsAreNoAnswers) {
+    for (const char* set : {"type = 9", "type = 'x'", "stored = -1", "ended = stored",
+                            "hl = CAST(zeroblob(1025) AS BLOB)", "owner = 7", "info = CAST(zeroblob(70000) AS BLOB)"}) {
+        Sql("CREATE TABLE IF NOT EXISTS v AS SELECT * FROM object_version;"
+            "DELETE FROM object_version; INSERT INTO object_version SELECT * FROM v");
+        ASSERT_EQ(ReadAll(), allGood_);
+        Sql(std::string("UPDATE object_version SET ") + set + " WHERE id = 30");
+        EXPECT_EQ(ReadAll().count(DSM_RC_ABORT_SYSTEM_ERROR), 1U) << set;
+    }
+}
+
+// One flipped bit in every third page of the catalogue, and in the log that a killed process left.
+TEST_F(OnDisk, DamagedCatalogue) {
+    fs::remove(Store() / "reserve");
+    fs::copy(Store(), dir_ / "killed", fs::copy_options::recursive);
+    ASSERT_EQ(Close(), 0);
+    fs::remove(Store() / "reserve");
+    fs::copy(Store(), dir_ / "closed", fs::copy_options::recursive);
+    for (const auto& [source, name, begin, step] : {std::tuple("closed", "catalogue.db", 1000, 3 * 4096),
+                                                    std::tuple("killed", "catalogue.db-wal", 1000, 11 * 4120)}) {
+        int noticed = 0, rest = 0;
+        const auto size = static_cast<int>(fs::file_size(dir_ / source / name));
+        ASSERT_GT(size, step * 8);
+        for (int at = begin; at < size; at += step) {
+            fs::remove_all(Store());
+            fs::copy(dir_ / source, Store(), fs::copy_options::recursive);
+            Flip(Store() / name, static_cast<std::size_t>(at));
+            std::multiset<int> codes;
+            if (const int opened = Reopen()) {
+                codes = {opened};
+            } else {
+                codes = ReadAll();
+                if (codes.count(DSM_RC_FINISHED) == 31) codes = {};
+            }
+            noticed += codes.count(DSM_RC_ABORT_SYSTEM_ERROR) > 0;
+            rest += codes.count(DSM_RC_FINISHED) > 0;
+            EXPECT_TRUE(codes.empty() || codes.count(DSM_RC_ABORT_SYSTEM_ERROR) > 0) << name << " " << at;
+            EXPECT_EQ(codes.count(0), 0U);
+            Close();
+        }
+        EXPECT_GT(noticed, size / step / 2) << name;
+        EXPECT_TRUE(rest > 0 || name != std::string("catalogue.db")) << "nothing else was readable";
+    }
+}
+
+TEST_F(OnDisk, ReadOnlyStore) {
+    const auto asOwner = [&] {
+        const Host host, stranger("STRANGER");
+        EXPECT_EQ(stranger.rc, DSM_RC_ACCESS_DENIED);
+        EXPECT_EQ(ReadAll(), allGood_);
+        const dsmObjName name = Name("/d", "/1");
+        EXPECT_EQ(host.Register("/new"), DSM_RC_ACCESS_DENIED);
+        EXPECT_EQ(host.Delete(name), DSM_RC_ACCESS_DENIED);
+        EXPECT_EQ(host.Rename(name, Name("/d", "/x"), bFalse), DSM_RC_ACCESS_DENIED);
+        EXPECT_EQ(host.Transact([&] { return host.Announce(name, 1); }), DSM_RC_ACCESS_DENIED);
+    };
+    // As it is while it is open, with a log, and as the last one leaves it.
+    for (const bool withLog : {true, false}) {
+        fs::remove_all(dir_ / "copy");
+        if (!withLog) Close();
+        fs::copy(Store(), dir_ / "copy", fs::copy_options::recursive);
+        ASSERT_EQ(fs::exists(dir_ / "copy/catalogue.db-wal"), withLog);
+        std::vector<fs::path> all{dir_ / "copy"};
+        for (const auto& e : fs::recursive_directory_iterator(dir_ / "copy")) all.push_back(e.path());
+        const pid_t child = fork();
+        if (child == 0) {
+            for (const fs::path& path : all) {
+                if (geteuid() == 0 && lchown(path.c_str(), 1, 1) != 0) _exit(2);
+            }
+            if (geteuid() == 0 && (chmod(dir_.c_str(), 0755) != 0 || seteuid(1) != 0)) _exit(3);
+            for (auto path = all.rbegin(); path != all.rend(); ++path) {
+                fs::permissions(*path, fs::is_directory(*path) ? fs::perms(0500) : fs::perms(0400));
+            }
+            envSetUp setUp{};
+            setenv("TSM_STANDIN_STORE", (dir_ / "copy").c_str(), 1);
+            if (dsmSetUp(bTrue, &setUp) != 0) _exit(4);
+            asOwner();
+            _exit(HasFailure() ? 5 : 0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0) << withLog;
+        for (const fs::path& path : all) fs::permissions(path, fs::perms(0700));
+    }
+}
+
+// The disk is full as long as the reserve is there. What stores is refused with the reason, and may not have it.
+TEST_F(OnDisk, FullDisk) {
+    const Host host;
+    const std::string reserve = Store() / "reserve";
+    std::string filespace = "/fs";
+    const std::vector<std::pair<int, std::function<int()>>> steps = {
+        {11, [&] { return host.Put(Name("/d", "/new"), "x"); }},
+        {0, [&] { return ReadAll() == allGood_ ? 0 : 1; }},
+        {0, [&] { return host.DeleteVersion(host.List(Name("/d", "/1")).at(0).objId); }},
+        {0, [&] { return host.Delete(Name("/d", "/2")); }},
+        {0, [&] { return host.Rename(Name("/d", "/3"), Name("/d", "/x"), bFalse); }},
+        {0, [&] { return dsmDeleteFS(host.handle, filespace.data(), DSM_REPOS_ALL); }},
+    };
+    for (const auto& [expected, step] : steps) {
+        ASSERT_EQ(Reopen(), 0);
+        ASSERT_TRUE(fs::exists(reserve));
+        fullWhile = reserve;
+        EXPECT_EQ(step(), expected);
+        EXPECT_EQ(fs::exists(reserve), &step == &steps[0].second || &step == &steps[1].second);
+        fullWhile.clear();
+    }
+    ASSERT_EQ(Reopen(), 0);
+    ASSERT_EQ(Close(), 0);
+    fullWhile = reserve;
+    EXPECT_EQ(Reopen(), 0);  // gives it up to open at all
+    fullWhile.clear();
+}
+
+// Commits that come together share a flush, each with its own outcome, and none is reported before it is flushed.
+TEST_F(OnDisk, CommitsShareFlushes) {
+    const Host host;
+    const ObjID id = host.List(Name("/d", "/5")).at(0).objId;
+    constexpr int each = 10, writers = 16, removers = 4;
+    std::atomic<int> removed{0}, gone{0};
+    flushes = 0;
+    flushMilliseconds = 5;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < writers + removers; ++t) {
+        threads.emplace_back([&, t] {
+            const Host own;
+            if (t < removers) {
+                dsmDelInfo info{};
+                info.backIDInfo = {delBackIDVersion, id};
+                dsmBeginTxn(own.handle);
+                const int accepted = dsmDeleteObj(own.handle, dtBackupID, info);
+                const int ended = own.End();
+                ++(accepted == 0 && ended == 0 ? removed : gone);
+                return;
+            }
+            for (int i = 0; i < each; ++i) {
+                const int before = flushes;
+                EXPECT_EQ(own.Put(Name("/" + std::to_string(t), "/" + std::to_string(i)), "bytes"), 0);
+                EXPECT_GT(flushes, before);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    flushMilliseconds = 0;
+    EXPECT_EQ(removed, 1);
+    EXPECT_EQ(gone, removers - 1);
+    EXPECT_LT(flushes, writers * each / 2);
+    EXPECT_EQ(host.List(Name("/1*", "/*")).size(), 100U);  // of ten writers
+    // A flush that fails fails the commit, and what it held is not there.
+    failFlush = true;
+    EXPECT_NE(host.Put(Name("/d", "/new"), "x"), 0);
+    EXPECT_TRUE(host.List(Name("/d", "/new")).empty());
+    EXPECT_EQ(host.Put(Name("/d", "/new"), "x"), 0);
+}
+
+// Before a new object, a transaction may deactivate, remove or rename what has its name.
+TEST_F(StandIn, ChangesBeforeAnObjectInOneTransaction) {
+    const Host host;
+    ASSERT_EQ(host.Register(), 0);
+    dsmObjName name = Name("/d", "/f");
+    dsmRenameIn_t in{1, host.handle, DSM_BACKUP_REP, &name, "/d", "/g", bFalse, {}};
+    dsmRenameOut_t out{};
+    dsmDelInfo info{};
+    ObjID id{};
+    const std::vector<std::pair<std::function<int()>, Texts>> cases = {
+        {[&] { return dsmRenameObj(&in, &out); }, {"new*", "old*"}},
+        {[&] {
+             info.backInfo = {delBackVersion, &name, 1};
+             return dsmDeleteObj(host.handle, dtBackup, info);
+         },
+         {"old", "new*"}},
+        {[&] {
+             info.backIDInfo = {delBackIDVersion, id};
+             return dsmDeleteObj(host.handle, dtBackupID, info);
+         },
+         {"new*"}},
+    };
+    for (const auto& [change, expected] : cases) {
+        std::string filespace = "/fs";
+        dsmDeleteFS(host.handle, filespace.data(), DSM_REPOS_ALL);
+        ASSERT_EQ(host.Register(), 0);
+        ASSERT_EQ(host.Put(name, "old"), 0);
+        id = host.List(name).at(0).objId;
+        ASSERT_EQ(dsmBeginTxn(host.handle), 0);
+        EXPECT_EQ(change(), 0);
+        host.Begin(name, "new");
+        ASSERT_EQ(dsmEndSendObj(host.handle), 0);
+        EXPECT_EQ(host.End(), 0);
+        EXPECT_EQ(host.Contents(Name("/d", "*")), expected);
+    }
+}
+
+// Whatever the clocks say: no version ends before it began or begins before the one before it ended, and the date of
+// a version means that version.
+TEST_F(StandIn, MomentsNeverRunBackwards) {
+    const Host host;
+    ASSERT_EQ(host.Register(), 0);
+    const auto zone = [](const char* text) {
+        setenv("TZ", text, 1);
+        tzset();
+    };
+    constexpr const char* berlin = "CET-1CEST,M3.5.0,M10.5.0/3";
+    const std::vector<std::tuple<const char*, const char*, const char*>> steps = {
+        {"UTC0", "2021-03-07 09:05:00", "1"}, {"UTC0", "2021-03-07 09:05:00", "2"},
+        {"EST5", "2021-03-07 04:05:30", "3"},  // half a minute later elsewhere
+        {"UTC0", "2020-01-01 00:00:00", "4"},  // a clock set back
+        {"UTC0", "2020-01-01 00:00:00", ""},  {"UTC0", "2020-01-01 00:00:00", "5"},
+        {"UTC0", "2021-10-31 00:30:00", "6"},  // in Berlin, 02:30 for the first time
+        {"UTC0", "2021-10-31 01:10:00", "7"},  // 02:10 for the second
+        {"UTC0", "2021-10-31 01:40:00", "8"},  // 02:40
+    };
+    const dsmObjName name = Name("/d", "/f");
+    for (const auto& [where, when, bytes] : steps) {
+        zone(where);
+        ASSERT_EQ(standinSetClock(when), 0);
+        ASSERT_EQ(*bytes ? host.Put(name, bytes) : host.Delete(name), 0);
+    }
+    for (const char* where : {"UTC0", "EST5", berlin}) {
+        zone(where);
+        const auto versions = host.List(name);
+        ASSERT_EQ(versions.size(), 8U);
+        for (const auto& v : versions) {
+            const Texts found = host.Contents(name, v.insDate);
+            ASSERT_EQ(found.size(), 1U);
+            EXPECT_EQ(found[0].substr(0, 1), host.Get(v.objId)) << where;
+        }
+    }
+    EXPECT_EQ(host.List(name).at(5).insDate.minute, 30);
+    EXPECT_EQ(host.Contents(name, {2021, 10, 31, 2, 20, 0}), Texts{"7"});  // twice: the later one
+    EXPECT_EQ(host.Contents(name, {2021, 10, 31, 2, 5, 0}), Texts{"6"});
+    zone("UTC0");
+    const auto versions = host.List(name);
+    const auto second = [](const dsmDate& d) { return ((d.day * 24 + d.hour) * 60 + d.minute) * 60 + d.second; };
+    for (std::size_t i = 0; i + 1 < 6; ++i)
+        EXPECT_LE(second(versions[i].expDate), second(versions[i + 1].insDate)) << i;
+    EXPECT_EQ(second(versions[1].insDate) - second(versions[0].insDate), 1);
+    EXPECT_EQ(second(versions[2].insDate) - second(versions[0].insDate), 30);
+    unsetenv("TZ");
+    tzset();
+}
+
+// A store of schema 1 is taken over when it is opened, not while another program has it open.
+TEST_F(StandIn, TakesSchema1Over) {
+    constexpr const char* old = R"(
+        PRAGMA journal_mode = WAL;
+        CREATE TABLE node (id INTEGER PRIMARY KEY, name BLOB NOT NULL UNIQUE, secret BLOB NOT NULL);
+        CREATE TABLE filespace (
+            id INTEGER PRIMARY KEY AUTOINCREMENT, node INTEGER NOT NULL, name BLOB NOT NULL, type BLOB NOT NULL,
+            info BLOB NOT NULL, occupancy INTEGER NOT NULL, capacity INTEGER NOT NULL, UNIQUE (node, name));
+        CREATE TABLE access (
+            fs INTEGER NOT NULL, hl BLOB NOT NULL, ll BLOB NOT NULL, object_type INTEGER NOT NULL,
+            access_type INTEGER NOT NULL, node BLOB NOT NULL, owner BLOB NOT NULL,
+            PRIMARY KEY (fs, hl, ll, object_type, access_type, node, owner)) WITHOUT ROWID;
+        CREATE TABLE version (
+            fs INTEGER NOT NULL, hl BLOB NOT NULL, ll BLOB NOT NULL, type INTEGER NOT NULL, id INTEGER NOT NULL UNIQUE,
+            stored INTEGER NOT NULL, ended INTEGER, class BLOB NOT NULL, copy_group INTEGER NOT NULL,
+            owner BLOB NOT NULL, estimate INTEGER NOT NULL, bytes INTEGER NOT NULL, info BLOB NOT NULL,
+            PRIMARY KEY (fs, hl, ll, type, id)) WITHOUT ROWID;
+        CREATE TABLE counter (next_id INTEGER NOT NULL);
+        INSERT INTO counter VALUES (1005);
+        CREATE TABLE garbage (id INTEGER PRIMARY KEY);
+        PRAGMA user_version = 1;
+        INSERT INTO garbage VALUES (9);
+        INSERT INTO node VALUES (1, x'4E', CAST(
+            '$6$DssqdbxVlVzeWjfJ$ZxIz4T1ubYL6OFVlB77fJNnLHR3Z3P2yPJJEuI5Is1jSrYN.4XuC8QP3nf6TJE0APdqYV2WkJS4RkF2NwvmDC/'
+            AS BLOB));
+        INSERT INTO filespace VALUES (1, 1, CAST('/fs' AS BLOB), CAST('T' AS BLOB), x'', 1, 2);
+        INSERT INTO version SELECT 1, CAST('/d' AS BLOB), CAST('/f' AS BLOB), 1, column1, column2, column3,
+            CAST('STANDARD' AS BLOB), 1, x'', 5, column4, CAST('info' AS BLOB) FROM (VALUES
+            (1, 20210307090510, 20210307090520, 3), (2, 20210307090520, 20210307090520, 0),
+            (3, 20210307090520, 20210307090510, 3), (1004, 20210307090540, NULL, 3));
+    )";
+    const fs::path folder = dir_ / "old", data = folder / "data";
+    for (const char* part : {"data/0", "data/1", "incoming"}) fs::create_directories(folder / part);
+    std::ofstream(data / "0/1") << "one";
+    std::ofstream(data / "0/3") << "three is too long";
+    std::ofstream(data / "1/1004") << "fou";
+    for (const char* left : {"data/0/9", "data/1/1005", "incoming/abcdef"}) std::ofstream(folder / left) << "left";
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open((folder / "catalogue.db").c_str(), &database), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(database, old, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+    EXPECT_EQ(SetUpWith("STOREDIR old\n"), DSM_RC_ABORT_SYSTEM_ERROR);
+    EXPECT_FALSE(fs::exists(folder / "mark"));
+    sqlite3_close(database);
+    // An earlier attempt was killed after its first steps.
+    std::ofstream(folder / "catalogue.new") << "half";
+    ASSERT_EQ(SetUpWith("STOREDIR old\n"), 0);
+    {
+        const Host host("N", "pw");
+        ASSERT_EQ(host.rc, 0);
+        const auto found = host.List(Name("/d", "/f"));
+        ASSERT_EQ(found.size(), 4U);
+        std::vector<int> seconds;
+        for (const auto& v : found) seconds.insert(seconds.end(), {v.insDate.second, v.expDate.second});
+        EXPECT_EQ(seconds, (std::vector<int>{10, 20, 20, 21, 21, 22, 40, 0}));
+        EXPECT_EQ(host.Get(found[0].objId) + host.Get(found[1].objId) + host.Get(found[3].objId), "onefou");
+        ObjID id = found[2].objId;
+        dsmGetList list{dsmGetListVersion, 1, &id, nullptr};
+        ASSERT_EQ(dsmBeginGetData(host.handle, bTrue, gtBackup, &list), 0);
+        EXPECT_EQ(dsmGetObj(host.handle, &id, nullptr), DSM_RC_ABORT_SYSTEM_ERROR);
+        ASSERT_EQ(dsmEndGetData(host.handle), 0);
+        EXPECT_EQ(host.Put(Name("/d", "/f"), "five"), 0);
+        EXPECT_EQ(host.List(Name("/d", "/f")).at(4).objId.lo, 1005U);
+    }
+    EXPECT_TRUE(fs::exists(folder / "catalogue-schema1.db"));
+    EXPECT_FALSE(fs::exists(data / "0/9"));
+    std::size_t lost = 0;
+    for ([[maybe_unused]] const auto& e : fs::directory_iterator(folder / "lost+found")) ++lost;
+    EXPECT_EQ(lost, 3U);
+}
+
 }  // namespace
+
+// SQLite's and the stand-in's own calls end here, as the program comes before every library.
+extern "C" ssize_t pwrite64(int file, const void* bytes, size_t size, off64_t offset) {
+    if (!fullWhile.empty() && access(fullWhile.c_str(), F_OK) == 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return syscall(SYS_pwrite64, file, bytes, size, offset);
+}
+
+extern "C" int fdatasync(int file) {
+    if (failFlush.exchange(false)) {
+        errno = EIO;
+        return -1;
+    }
+    if (flushMilliseconds > 0) std::this_thread::sleep_for(std::chrono::milliseconds(flushMilliseconds));
+    const int result = static_cast<int>(syscall(SYS_fdatasync, file));
+    ++flushes;
+    return result;
+}

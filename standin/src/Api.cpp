@@ -87,7 +87,7 @@ dsInt16_t Guarded(const ErrorLog* log, dsInt16_t otherwise, Work work) noexcept 
         return DSM_RC_NO_MEMORY;
     } catch (const std::exception& problem) {
         if (log) log->Write(problem.what());
-        return otherwise;
+        return CodeOf(problem, otherwise);
     } catch (...) {
         return otherwise;
     }
@@ -117,6 +117,7 @@ constexpr Meaning meanings[] = {
     MEANING(DSM_RC_OK, "successful"),
     MEANING(DSM_RC_ABORT_SYSTEM_ERROR, "the server failed; its error log says why"),
     MEANING(DSM_RC_ABORT_NO_MATCH, "nothing matches"),
+    MEANING(DSM_RC_ABORT_NO_STORAGE_SPACE, "the disk of the store is full"),
     MEANING(DSM_RC_ABORT_BY_CLIENT, "the client voted to abort the transaction"),
     MEANING(DSM_RC_ABORT_DUPLICATE_OBJECT, "the new name has stored versions"),
     MEANING(DSM_RC_NO_MEMORY, "no memory"),
@@ -166,14 +167,14 @@ dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
     return Guarded(nullptr, DSM_RC_NO_MEMORY, [&] {
         if (const auto fault = control::Enter(Call::SetUp)) return fault->rc;
         const ErrorLog log(setUp);
-        std::shared_ptr<const Environment> environment;
+        std::shared_ptr<Environment> environment;
         const dsInt16_t rc = Guarded(&log, DSM_RC_INVALID_PARM, [&] {
-            environment = std::make_shared<const Environment>(setUp);
+            environment = std::make_shared<Environment>(setUp);
             return dsInt16_t{DSM_RC_OK};
         });
         if (rc != DSM_RC_OK) return rc;
         return Guarded(&log, DSM_RC_ABORT_SYSTEM_ERROR, [&] {
-            Catalogue::Prepare(environment->options.storeDir);
+            environment->store = Store::Open(environment->options.storeDir);
             Process::Instance().SetUp(std::move(environment));
             return rc;
         });

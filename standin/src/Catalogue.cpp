@@ -1,15 +1,14 @@
 #include "Catalogue.h"
 
 #include <crypt.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
+#include "Moments.h"
 #include "Refusal.h"
 #include "TestControl.h"
 #include "dsmrc.h"
@@ -17,32 +16,13 @@
 namespace standin {
 namespace {
 
-// Rows of version lie in the order of a listing, so that one reads them from the table itself. The next id is kept
-// apart from the rows because it must never go back: data of a removed version may outlive it for a while.
-constexpr const char* schema = R"(
-    CREATE TABLE node (id INTEGER PRIMARY KEY, name BLOB NOT NULL UNIQUE, secret BLOB NOT NULL);
-    CREATE TABLE filespace (
-        id INTEGER PRIMARY KEY AUTOINCREMENT, node INTEGER NOT NULL, name BLOB NOT NULL, type BLOB NOT NULL,
-        info BLOB NOT NULL, occupancy INTEGER NOT NULL, capacity INTEGER NOT NULL, UNIQUE (node, name));
-    CREATE TABLE access (
-        fs INTEGER NOT NULL, hl BLOB NOT NULL, ll BLOB NOT NULL, object_type INTEGER NOT NULL,
-        access_type INTEGER NOT NULL, node BLOB NOT NULL, owner BLOB NOT NULL,
-        PRIMARY KEY (fs, hl, ll, object_type, access_type, node, owner)) WITHOUT ROWID;
-    CREATE TABLE version (
-        fs INTEGER NOT NULL, hl BLOB NOT NULL, ll BLOB NOT NULL, type INTEGER NOT NULL, id INTEGER NOT NULL UNIQUE,
-        stored INTEGER NOT NULL, ended INTEGER, class BLOB NOT NULL, copy_group INTEGER NOT NULL, owner BLOB NOT NULL,
-        estimate INTEGER NOT NULL, bytes INTEGER NOT NULL, info BLOB NOT NULL,
-        PRIMARY KEY (fs, hl, ll, type, id)) WITHOUT ROWID;
-    CREATE TABLE counter (next_id INTEGER NOT NULL);
-    INSERT INTO counter VALUES (1);
-    CREATE TABLE garbage (id INTEGER PRIMARY KEY);
-    PRAGMA user_version = 1;
-)";
-constexpr std::int64_t schemaVersion = 1;
-
 // For statements whose first four values are the key of an object.
 #define THIS_NAME "fs = ?1 AND hl = ?2 AND ll = ?3 AND type = ?4"
-constexpr const char* deactivate = "UPDATE version SET ended = ?5 WHERE " THIS_NAME " AND ended IS NULL";
+// No version ends before it began, whatever the clock says.
+constexpr const char* deactivate =
+    "UPDATE object_version SET ended = MAX(?5, stored + 1) WHERE " THIS_NAME " AND ended IS NULL";
+
+constexpr std::size_t longestSecret = 1024, longestInfo = 65535, longestRow = 16 << 20;
 
 std::string Hashed(const std::string& password, const std::string& setting) {
     crypt_data work{};
@@ -100,109 +80,84 @@ std::string Pattern::Above() const {
     return bound;
 }
 
-// ------------------------------------------------------------------ the store
-
-Catalogue::Catalogue(const std::string& storeDir) : data_(storeDir), database_(storeDir + "/catalogue.db") {}
-
-void Catalogue::Prepare(const std::string& storeDir) {
-    const std::filesystem::path folder(storeDir);
-    std::filesystem::create_directories(folder.parent_path());
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-        throw std::system_error(errno, std::generic_category(), "mkdir " + storeDir);
-    }
-    const FileDescriptor alone = LockedFolder(storeDir);  // SQLite cannot create one file twice at a time
-    Catalogue store(storeDir);
-    store.data_.Prepare();
-
-    Database& database = store.database_;
-    database.Run("PRAGMA journal_mode = WAL");
-    Database::Transaction transaction(database);
-    const std::int64_t version = database.Number("PRAGMA user_version");
-    if (version == 0) {
-        database.Script(schema);
-    } else if (version != schemaVersion) {
-        throw std::runtime_error("the store was made by another version: " + storeDir);
-    }
-    store.EmptyGarbage();
-    database.Run("UPDATE counter SET next_id = next_id");
-    transaction.Overwrite();
-    store.data_.RemoveFrom(database.Number("SELECT next_id FROM counter"));
-    transaction.Commit();
-}
-
-void Catalogue::EmptyGarbage() {
-    Statement rows = database_.Query("SELECT id FROM garbage");
-    bool any = false;
-    for (; rows.Step(); any = true) data_.Remove(rows.Int(0));
-    if (any) database_.Run("DELETE FROM garbage");
-}
-
 // --------------------------------------------------------- nodes, filespaces
+
+Catalogue::Catalogue(std::shared_ptr<Store> store)
+    : store_(std::move(store)), database_(store_->CataloguePath(), store_->ReadingMode()) {}
 
 void Catalogue::SignOn(const std::string& node, const std::string& password) {
     const auto known = [&] {
         Statement row = database_.Query("SELECT id, secret FROM node WHERE name = ?1", node);
         if (!row.Step()) return false;
-        const std::string secret(row.Bytes(1));
+        const std::string secret(row.Bytes(1, longestSecret));
         if (Hashed(password, secret) != secret) throw Refusal(DSM_RC_AUTH_FAILURE);
         node_ = row.Int(0);
         return true;
     };
     if (known()) return;
     const std::string secret = NewSecret(password);
-    {
-        Database::Transaction transaction(database_);
-        database_.Run("INSERT INTO node (name, secret) VALUES (?1, ?2) ON CONFLICT DO NOTHING", node, secret);
-        transaction.Commit();
-    }
+    store_->Submit(Store::Need::None, [&](Change& change) {
+        change.database.Run("INSERT INTO node (name, secret) VALUES (?1, ?2) ON CONFLICT DO NOTHING", node, secret);
+    });
     known();  // again, because another session may have been first
 }
 
-std::optional<std::int64_t> Catalogue::FindFilespace(const std::string& name) {
-    Statement row = database_.Query("SELECT id FROM filespace WHERE node = ?1 AND name = ?2", node_, name);
+std::optional<std::int64_t> NodeView::FindFilespace(const std::string& name) const {
+    Statement row = database.Query("SELECT id FROM filespace WHERE node = ?1 AND name = ?2", node, name);
     if (!row.Step()) return std::nullopt;
     return row.Int(0);
 }
 
-std::int64_t Catalogue::NeedFilespace(const std::string& name) {
+std::int64_t NodeView::NeedFilespace(const std::string& name) const {
     const std::optional<std::int64_t> id = FindFilespace(name);
     if (!id) throw Refusal(DSM_RC_FS_NOT_REGISTERED);
     return *id;
 }
 
+bool Catalogue::HasFilespace(const std::string& name) {
+    const unsigned deletions = store_->FilespaceDeletions();
+    if (known_ == name && knownSince_ == deletions) return true;
+    if (!View().FindFilespace(name)) return false;
+    known_ = name;
+    knownSince_ = deletions;
+    return true;
+}
+
 bool Catalogue::Register(const Filespace& filespace) {
-    if (HasFilespace(filespace.name)) return false;  // spares the write lock
-    Database::Transaction transaction(database_);
-    const int added = database_.Run(
-        "INSERT INTO filespace (node, name, type, info, occupancy, capacity) VALUES (?1, ?2, ?3, ?4, ?5, ?6)"
-        " ON CONFLICT DO NOTHING",
-        node_, filespace.name, filespace.type, filespace.info, filespace.occupancy, filespace.capacity);
-    transaction.Commit();
+    if (View().FindFilespace(filespace.name)) return false;  // spares the write lock
+    int added = 0;
+    store_->Submit(Store::Need::Space, [&](Change& change) {
+        added = change.database.Run(
+            "INSERT INTO filespace (node, name, type, info, occupancy, capacity) VALUES (?1, ?2, ?3, ?4, ?5, ?6)"
+            " ON CONFLICT DO NOTHING",
+            node_, filespace.name, filespace.type, filespace.info, filespace.occupancy, filespace.capacity);
+    });
     return added > 0;
 }
 
 void Catalogue::DeleteFilespace(const std::string& name) {
-    {
-        Database::Transaction transaction(database_);
-        EmptyGarbage();
-        const std::int64_t fs = NeedFilespace(name);
-        database_.Run("INSERT INTO garbage SELECT id FROM version WHERE fs = ?1 AND bytes > 0", fs);
-        for (const char* table : {"version WHERE fs", "access WHERE fs", "filespace WHERE id"}) {
-            database_.Run(std::string("DELETE FROM ") + table + " = ?1", fs);
-        }
-        transaction.Commit();
-    }
-    RemoveGarbageFiles();
+    View().NeedFilespace(name);
+    store_->Submit(Store::Need::None, [&](Change& change) {
+        const NodeView view{change.database, node_};
+        change.last = {};
+        // No node has the number 0; the name only has to be another one than those of its like.
+        change.database.Run("UPDATE filespace SET node = 0, name = CAST(id AS BLOB) WHERE id = ?1",
+                            view.NeedFilespace(name));
+    });
+    store_->RemoveDeletedFilespaces();
 }
 
 void Catalogue::SetAccess(const AccessRule& rule) {
-    Database::Transaction transaction(database_);
-    database_.Run("INSERT OR REPLACE INTO access VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)", NeedFilespace(rule.name.fs),
-                  rule.name.hl, rule.name.ll, rule.name.type, rule.type, rule.node, rule.owner);
-    transaction.Commit();
+    store_->Submit(Store::Need::Space, [&](Change& change) {
+        const NodeView view{change.database, node_};
+        change.database.Run("INSERT OR REPLACE INTO access VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)",
+                            view.NeedFilespace(rule.name.fs), rule.name.hl, rule.name.ll, rule.name.type, rule.type,
+                            rule.node, rule.owner);
+    });
 }
 
 Statement Catalogue::Filespaces() {
+    database_.NeedInPlace();
     return database_.Query("SELECT name, type, info, occupancy, capacity FROM filespace WHERE node = ?1 ORDER BY name",
                            node_);
 }
@@ -210,161 +165,212 @@ Statement Catalogue::Filespaces() {
 // ------------------------------------------------------------------- queries
 
 VersionListing Catalogue::List(const VersionFilter& filter) {
+    database_.NeedInPlace();
     Pattern hl(filter.name.hl), ll(filter.name.ll);
     // Only an equality on hl lets the key narrow ll down as well.
     std::string sql =
-        "SELECT id, stored, ended, hl, ll, class, owner, info, type, copy_group, estimate FROM version v"
+        "SELECT id, stored, ended, hl, ll, class, owner, info, type, copy_group, estimate FROM object_version v"
         " WHERE fs = ?1 AND hl < ?3 AND ll >= ?4 AND ll < ?5 AND (?6 = 255 OR type = ?6)"
         " AND (?7 = 255 OR (?7 = 1) = (ended IS NULL)) AND (?8 = x'' OR owner = ?8)";
     sql += hl.IsExact() ? " AND hl = ?2" : " AND hl >= ?2";
+    const Moments moments = filter.pointInTime != 0 ? MomentsOf(filter.pointInTime) : Moments{};
     if (filter.pointInTime != 0) {
+        const std::string same =
+            "FROM object_version w WHERE w.fs = v.fs AND w.hl = v.hl AND w.ll = v.ll"
+            " AND w.type = v.type AND w.";
+        std::string moment = "?9";
+        if (moments.earlier != moments.later) {
+            // The later of the two, but the date of a version means that version.
+            moment = "CASE WHEN EXISTS (SELECT 1 " + same + "stored = ?10) AND NOT EXISTS (SELECT 1 " + same +
+                     "stored = ?9) THEN ?10 ELSE ?9 END";
+        }
         // Histories that a merge joined overlap: of several versions of that moment, the newest counts.
-        const std::string valid = "stored <= ?9 AND (ended IS NULL OR ended > ?9)";
-        sql += " AND " + valid +
-               " AND NOT EXISTS (SELECT 1 FROM version w WHERE w.fs = v.fs AND w.hl = v.hl AND w.ll = v.ll"
-               " AND w.type = v.type AND w.id > v.id AND " +
-               valid + ")";
+        const std::string valid = "stored <= " + moment + " AND (ended IS NULL OR ended > " + moment + ")";
+        sql += " AND " + valid + " AND NOT EXISTS (SELECT 1 " + same + "id > v.id AND w." + valid + ")";
     }
     sql += " ORDER BY hl, ll, type, id";
     // A filespace that is not registered has no versions: no id is 0.
-    const std::int64_t fs = FindFilespace(filter.name.fs).value_or(0);
+    const std::int64_t fs = View().FindFilespace(filter.name.fs).value_or(0);
     const auto bound = [&](const auto&... last) {
         return database_.Query(sql, fs, hl.Lowest(), hl.Above(), ll.Lowest(), ll.Above(), filter.name.type,
                                filter.state, filter.owner, last...);
     };
-    Statement rows = filter.pointInTime != 0 ? bound(filter.pointInTime) : bound();
+    Statement rows = filter.pointInTime == 0            ? bound()
+                     : moments.earlier == moments.later ? bound(moments.later)
+                                                        : bound(moments.later, moments.earlier);
     return {std::move(rows), std::move(hl), std::move(ll)};
 }
 
 std::optional<Version> VersionListing::Next() {
     while (rows_.Step()) {
-        const std::string_view hl = rows_.Bytes(3), ll = rows_.Bytes(4);
+        const std::string_view hl = rows_.Bytes(3, DSM_MAX_HL_LENGTH), ll = rows_.Bytes(4, DSM_MAX_LL_LENGTH);
         if (!(hl_.IsExact() || hl_.Matches(hl)) || !(ll_.IsExact() || ll_.Matches(ll))) continue;
-        const auto type = static_cast<dsUint8_t>(rows_.Int(8));
-        const auto copyGroup = static_cast<dsUint32_t>(rows_.Int(9));
-        return Version{rows_.Int(0),   rows_.Int(1),   rows_.Int(2), hl,        ll,           rows_.Bytes(5),
-                       rows_.Bytes(6), rows_.Bytes(7), type,         copyGroup, rows_.Int(10)};
+        Version version{};
+        version.id = rows_.Count(0);
+        version.stored = rows_.Count(1);
+        version.ended = rows_.IsNull(2) ? 0 : rows_.Count(2);
+        version.hl = hl;
+        version.ll = ll;
+        version.mgmtClass = rows_.Bytes(5, DSM_MAX_MC_NAME_LENGTH);
+        version.owner = rows_.Bytes(6, DSM_MAX_OWNER_LENGTH);
+        version.info = rows_.Bytes(7, longestInfo);
+        version.type = static_cast<dsUint8_t>(rows_.Count(8));
+        version.copyGroup = static_cast<dsUint32_t>(rows_.Count(9));
+        version.sizeEstimate = rows_.Int(10);
+        const bool isKnown = version.type == DSM_OBJ_FILE || version.type == DSM_OBJ_DIRECTORY;
+        if (!isKnown || (version.ended != 0 && version.ended <= version.stored)) {
+            throw std::runtime_error("catalogue: damaged: version " + std::to_string(version.id));
+        }
+        return version;
     }
     return std::nullopt;
 }
 
-bool Catalogue::Has(const ObjectName& name, const char* condition) {
+bool NodeView::Has(const ObjectName& name, const char* condition) const {
     const std::optional<std::int64_t> fs = FindFilespace(name.fs);
     if (!fs) return false;
-    const std::string sql = "SELECT 1 FROM version WHERE " THIS_NAME " AND ";
-    return database_.Query(sql + condition + " LIMIT 1", *fs, name.hl, name.ll, name.type).Step();
+    const std::string sql = "SELECT 1 FROM object_version WHERE " THIS_NAME " AND ";
+    return database.Query(sql + condition + " LIMIT 1", *fs, name.hl, name.ll, name.type).Step();
 }
 
-bool Catalogue::HasActive(const ObjectName& name) {
-    return Has(name, "ended IS NULL");
-}
-
-bool Catalogue::HasVersions(const ObjectName& name) {
-    return Has(name, "TRUE");
-}
-
-std::optional<std::int64_t> Catalogue::BytesOf(std::int64_t id) {
+std::optional<Catalogue::Found> Catalogue::Find(std::int64_t id) {
+    database_.NeedInPlace();
     Statement row = database_.Query(
-        "SELECT bytes FROM version v JOIN filespace f ON f.id = v.fs WHERE v.id = ?1 AND f.node = ?2", id, node_);
+        "SELECT bytes, checksum, file, f.name, hl, ll FROM object_version v JOIN filespace f ON f.id = v.fs"
+        " WHERE v.id = ?1 AND f.node = ?2",
+        id, node_);
     if (!row.Step()) return std::nullopt;
-    return row.Int(0);
+    Found found;
+    found.data = {id, row.Count(0), row.Int(1), std::string(row.Bytes(2, longestFileName))};
+    found.name = std::string(row.Bytes(3, DSM_MAX_FSNAME_LENGTH)) + " " + std::string(row.Bytes(4, DSM_MAX_HL_LENGTH)) +
+                 std::string(row.Bytes(5, DSM_MAX_LL_LENGTH)) + " (version " + std::to_string(id) + ")";
+    return found;
+}
+
+DataReader Catalogue::Open(const StoredData& data) {
+    if (!data.file.empty()) {
+        if (ObjectData::IdOf(data.file) != data.id) throw std::runtime_error("damaged: data of another version");
+        return {data, store_->Data().Open(data), {}};
+    }
+    std::string row;
+    if (data.bytes > 0) {
+        Statement content = database_.Query("SELECT bytes FROM content WHERE id = ?1", data.id);
+        if (content.Step()) row = content.Bytes(0, longestRow);
+    }
+    if (static_cast<std::int64_t>(row.size()) != data.bytes) {
+        throw std::runtime_error("damaged: the data have another length");
+    }
+    return {data, FileDescriptor(), std::move(row)};
 }
 
 // ------------------------------------------------------------------- commits
 
-void Catalogue::Commit(std::vector<Operation>& operations) {
-    std::vector<std::int64_t> placed;
-    {
-        Database::Transaction transaction(database_);
-        try {
-            EmptyGarbage();
-            for (Operation& operation : operations) std::visit([this](auto& one) { Apply(one); }, operation);
-            transaction.Overwrite();  // before a file is touched that a killed commit may have left
-            for (Operation& operation : operations) {
-                NewVersion* const version = std::get_if<NewVersion>(&operation);
-                if (!version) continue;
-                if (!version->data) {
-                    data_.Remove(version->id);  // may be there from a process that died before its commit
-                    continue;
-                }
-                placed.push_back(version->id);
-                data_.Place(*version->data, version->id);
-            }
-        } catch (...) {
-            for (const std::int64_t id : placed) RemoveQuietly(id);
-            throw;
+namespace {
+
+// Carries out operations of a node as a part of a change.
+class Applying {
+public:
+    Applying(Change& change, std::int64_t node) : change_(change), view_{change.database, node} {}
+
+    void operator()(NewVersion& version) {
+        Database& database = change_.database;
+        const ObjectName& name = version.name;
+        const std::int64_t fs = NeedFilespace(name.fs);
+        // Not before the version began or ended that it follows, whatever the clock says.
+        std::int64_t stored = control::Now();
+        bool hasActive = false;
+        {
+            Statement last = database.Query(
+                "SELECT MAX(stored), MAX(ended), COUNT(*) - COUNT(ended) FROM object_version WHERE " THIS_NAME, fs,
+                name.hl, name.ll, name.type);
+            last.Step();
+            if (!last.IsNull(0)) stored = std::max(stored, last.Count(0) + 1);
+            if (!last.IsNull(1)) stored = std::max(stored, last.Count(1));
+            hasActive = last.Int(2) != 0;
         }
-        // A commit that fails leaves it open whether it lasts, so the files stay: their ids are given out again, or
-        // the next opening of the store removes them.
-        transaction.Commit();
+        if (hasActive) database.Run(deactivate, fs, name.hl, name.ll, name.type, stored);
+        const std::int64_t id = change_.nextId++;
+        std::string file;
+        if (version.data && version.data->InFile()) {
+            file = change_.data.Place(*version.data, id);
+            change_.placed.push_back(file);
+        } else if (version.data) {
+            database.Run("INSERT INTO content VALUES (?1, ?2)", id, version.data->Row());
+        }
+        const std::int64_t checksum = version.data ? version.data->Value() : Checksum().Value();
+        database.Run(
+            "INSERT INTO object_version VALUES (?1, ?2, ?3, ?4, ?5, ?6, NULL, ?7, 1, ?8, ?9, ?10, ?11, ?12, ?13)", fs,
+            name.hl, name.ll, name.type, id, stored, version.mgmtClass, version.owner, version.sizeEstimate,
+            version.info, version.bytes, checksum, file);
     }
-    RemoveGarbageFiles();
-}
 
-void Catalogue::RemoveQuietly(std::int64_t id) const noexcept try { data_.Remove(id); } catch (const std::exception&) {
-    // Left for the next opening of the store.
-}
-
-void Catalogue::RemoveGarbageFiles() noexcept try {
-    Statement rows = database_.Query("SELECT id FROM garbage");
-    while (rows.Step()) RemoveQuietly(rows.Int(0));
-} catch (const std::exception&) {
-    // The transaction is committed all the same; the rows stay until EmptyGarbage.
-}
-
-std::int64_t Catalogue::NewId() {
-    database_.Run("UPDATE counter SET next_id = next_id + 1");
-    return database_.Number("SELECT next_id - 1 FROM counter");
-}
-
-template <class... Values>
-int Catalogue::RunOn(const ObjectName& name, const std::string& sql, const Values&... values) {
-    return database_.Run(sql, NeedFilespace(name.fs), name.hl, name.ll, name.type, values...);
-}
-
-void Catalogue::Apply(NewVersion& version) {
-    const std::int64_t now = control::Now();
-    RunOn(version.name, deactivate, now);
-    version.id = NewId();
-    RunOn(version.name, "INSERT INTO version VALUES (?1, ?2, ?3, ?4, ?5, ?6, NULL, ?7, 1, ?8, ?9, ?10, ?11)",
-          version.id, now, version.mgmtClass, version.owner, version.sizeEstimate, version.bytes, version.info);
-}
-
-void Catalogue::Apply(const Deactivation& deactivation) {
-    if (RunOn(deactivation.name, deactivate, control::Now()) == 0) throw Refusal(DSM_RC_ABORT_NO_MATCH);
-}
-
-void Catalogue::Apply(const Removal& removal) {
-    ObjectName name;
-    bool wasActive = false;
-    {
-        Statement row = database_.Query(
-            "SELECT f.name, hl, ll, v.type, ended IS NULL FROM version v JOIN filespace f ON f.id = v.fs"
-            " WHERE v.id = ?1 AND f.node = ?2",
-            removal.id, node_);
-        if (!row.Step()) throw Refusal(DSM_RC_ABORT_NO_MATCH);
-        name = {std::string(row.Bytes(0)), std::string(row.Bytes(1)), std::string(row.Bytes(2)),
-                static_cast<dsUint8_t>(row.Int(3))};
-        wasActive = row.Int(4) != 0;
+    void operator()(const Deactivation& deactivation) {
+        if (RunOn(deactivation.name, deactivate, control::Now()) == 0) throw Refusal(DSM_RC_ABORT_NO_MATCH);
     }
-    database_.Run("INSERT INTO garbage SELECT id FROM version WHERE id = ?1 AND bytes > 0", removal.id);
-    database_.Run("DELETE FROM version WHERE id = ?1", removal.id);
-    if (wasActive) {
-        RunOn(name, "UPDATE version SET ended = NULL WHERE " THIS_NAME
-                    " AND id = (SELECT MAX(id) FROM version WHERE " THIS_NAME ")");
+
+    void operator()(const Removal& removal) {
+        std::int64_t fs = 0;
+        ObjectName name;
+        std::string file;
+        bool wasActive = false;
+        {
+            Statement row = change_.database.Query(
+                "SELECT f.id, hl, ll, v.type, ended IS NULL, file FROM object_version v"
+                " JOIN filespace f ON f.id = v.fs WHERE v.id = ?1 AND f.node = ?2",
+                removal.id, view_.node);
+            if (!row.Step()) throw Refusal(DSM_RC_ABORT_NO_MATCH);
+            fs = row.Int(0);
+            name.hl = row.Bytes(1, DSM_MAX_HL_LENGTH);
+            name.ll = row.Bytes(2, DSM_MAX_LL_LENGTH);
+            name.type = static_cast<dsUint8_t>(row.Count(3));
+            wasActive = row.Int(4) != 0;
+            file = row.Bytes(5, longestFileName);
+        }
+        change_.RemoveVersion(removal.id, file);
+        if (wasActive) {
+            change_.database.Run("UPDATE object_version SET ended = NULL WHERE " THIS_NAME
+                                 " AND id = (SELECT MAX(id) FROM object_version WHERE " THIS_NAME ")",
+                                 fs, name.hl, name.ll, name.type);
+        }
     }
+
+    void operator()(const Renaming& renaming) {
+        if (!view_.CheckRenaming(renaming)) return;
+        if (view_.HasActive(renaming.from)) RunOn(renaming.to, deactivate, control::Now());
+        RunOn(renaming.from, "UPDATE object_version SET hl = ?5, ll = ?6 WHERE " THIS_NAME, renaming.to.hl,
+              renaming.to.ll);
+    }
+
+private:
+    std::int64_t NeedFilespace(const std::string& name) {
+        auto& last = change_.last;
+        if (last.node != view_.node || last.name != name) last = {view_.node, view_.NeedFilespace(name), name};
+        return last.id;
+    }
+
+    template <class... Values>
+    int RunOn(const ObjectName& name, const char* sql, const Values&... values) {
+        return change_.database.Run(sql, NeedFilespace(name.fs), name.hl, name.ll, name.type, values...);
+    }
+
+    Change& change_;
+    const NodeView view_;
+};
+
+}  // namespace
+
+void Catalogue::Commit(std::vector<Operation>& operations) {
+    const bool stores = std::any_of(operations.begin(), operations.end(),
+                                    [](const Operation& o) { return std::holds_alternative<NewVersion>(o); });
+    store_->Submit(stores ? Store::Need::Space : Store::Need::None, [&](Change& change) {
+        for (Operation& operation : operations) std::visit(Applying(change, node_), operation);
+    });
 }
 
-bool Catalogue::CheckRenaming(const Renaming& renaming) {
+bool NodeView::CheckRenaming(const Renaming& renaming) const {
     if (renaming.from == renaming.to || !HasVersions(renaming.from)) return false;
     if (!renaming.merge && HasVersions(renaming.to)) throw Refusal(DSM_RC_ABORT_DUPLICATE_OBJECT);
     return true;
-}
-
-void Catalogue::Apply(const Renaming& renaming) {
-    if (!CheckRenaming(renaming)) return;
-    if (HasActive(renaming.from)) RunOn(renaming.to, deactivate, control::Now());
-    RunOn(renaming.from, "UPDATE version SET hl = ?5, ll = ?6 WHERE " THIS_NAME, renaming.to.hl, renaming.to.ll);
 }
 
 }  // namespace standin

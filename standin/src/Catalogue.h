@@ -1,7 +1,7 @@
-// What the store knows about nodes, filespaces and versions: one connection to its SQLite catalogue.
+// What the store knows about a node's filespaces and versions: one connection for reading.
 //
-// A transaction of the API collects its operations in memory, with the data already in the store's incoming/;
-// Commit carries them out in one SQL transaction, so the store's write lock is held only for that moment.
+// A transaction of the API collects its operations in memory, with large data already in the store's incoming/;
+// Commit has the store carry them out in one change.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +14,7 @@
 
 #include "Database.h"
 #include "ObjectData.h"
+#include "Store.h"
 #include "dsmapitd.h"
 
 namespace standin {
@@ -40,8 +41,7 @@ struct NewVersion {
     std::string mgmtClass, owner, info;
     std::int64_t sizeEstimate = 0;
     std::int64_t bytes = 0;
-    std::unique_ptr<IncomingFile> data;  // null while bytes is 0
-    std::int64_t id = 0;                 // given by the commit
+    std::unique_ptr<IncomingData> data;  // null while bytes is 0
 };
 struct Deactivation {
     ObjectName name;
@@ -57,7 +57,7 @@ using Operation = std::variant<NewVersion, Deactivation, Removal, Renaming>;
 
 // A row of a listing; the texts are valid until the next one is fetched.
 struct Version {
-    std::int64_t id, stored, ended;  // moments as YYYYMMDDhhmmss; ended is 0 while active
+    std::int64_t id, stored, ended;  // moments; ended is 0 while active
     std::string_view hl, ll, mgmtClass, owner, info;
     dsUint8_t type;
     dsUint32_t copyGroup;
@@ -83,7 +83,7 @@ struct VersionFilter {
     ObjectName name;  // the filespace exact, high- and low-level name as patterns
     std::string owner;
     dsUint8_t state = 0;
-    std::int64_t pointInTime = 0;
+    std::int64_t pointInTime = 0;  // local time, 0 for none
 };
 
 class VersionListing {
@@ -99,12 +99,23 @@ private:
     Pattern hl_, ll_;
 };
 
+// Look-ups of a node, by a connection of its session or by the one that changes the store.
+struct NodeView {
+    Database& database;
+    std::int64_t node;
+
+    std::optional<std::int64_t> FindFilespace(const std::string& name) const;
+    std::int64_t NeedFilespace(const std::string& name) const;
+    bool Has(const ObjectName& name, const char* condition) const;
+    bool HasActive(const ObjectName& name) const { return Has(name, "ended IS NULL"); }
+    bool HasVersions(const ObjectName& name) const { return Has(name, "TRUE"); }
+    // False: nothing to do. Throws Refusal when the new name is taken.
+    bool CheckRenaming(const Renaming& renaming) const;
+};
+
 class Catalogue {
 public:
-    explicit Catalogue(const std::string& storeDir);
-
-    // Creates the store where there is none and clears away what interrupted processes left in it.
-    static void Prepare(const std::string& storeDir);
+    explicit Catalogue(std::shared_ptr<Store> store);
 
     // All further calls act for this node. An unknown one is registered with the password.
     void SignOn(const std::string& node, const std::string& password);
@@ -112,44 +123,32 @@ public:
     bool Register(const Filespace& filespace);  // false: was known already
     void DeleteFilespace(const std::string& name);
     void SetAccess(const AccessRule& rule);
-    bool HasFilespace(const std::string& name) { return FindFilespace(name).has_value(); }
     Statement Filespaces();  // name, type, info, occupancy, capacity
     VersionListing List(const VersionFilter& filter);
 
-    bool HasActive(const ObjectName& name);
-    // False: nothing to do. Throws Refusal when the new name is taken.
-    bool CheckRenaming(const Renaming& renaming);
-    std::optional<std::int64_t> BytesOf(std::int64_t id);  // none: no such version of this node
+    NodeView View() { return {database_, node_}; }
+    // Remembers the answer, so that another process's deletion is noticed by the commit only.
+    bool HasFilespace(const std::string& name);
+    // Data of a version of this node, and their name for messages.
+    struct Found {
+        StoredData data;
+        std::string name;
+    };
+    std::optional<Found> Find(std::int64_t id);
+    DataReader Open(const StoredData& data);
 
     // All or nothing. Throws Refusal with the reason when the store has moved on since the operations were
     // accepted.
     void Commit(std::vector<Operation>& operations);
 
-    const ObjectData& Data() const { return data_; }
+    const Store& InStore() const { return *store_; }
 
 private:
-    std::optional<std::int64_t> FindFilespace(const std::string& name);
-    std::int64_t NeedFilespace(const std::string& name);
-    template <class... Values>
-    int RunOn(const ObjectName& name, const std::string& sql, const Values&... values);
-    bool Has(const ObjectName& name, const char* condition);
-    bool HasVersions(const ObjectName& name);
-
-    void Apply(NewVersion& version);
-    void Apply(const Deactivation& deactivation);
-    void Apply(const Removal& removal);
-    void Apply(const Renaming& renaming);
-    std::int64_t NewId();
-
-    // Data of removed versions: the rows are written with the removal, the files go after the commit, the rows go
-    // with the next transaction, which removes files again in case the process had died in between.
-    void EmptyGarbage();
-    void RemoveGarbageFiles() noexcept;
-    void RemoveQuietly(std::int64_t id) const noexcept;
-
-    ObjectData data_;
+    const std::shared_ptr<Store> store_;
     Database database_;
     std::int64_t node_ = 0;
+    std::optional<std::string> known_;  // a filespace, since this many deletions of the store
+    unsigned knownSince_ = 0;
 };
 
 }  // namespace standin

@@ -1,9 +1,15 @@
 #include "Database.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <chrono>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
+
+#include "PageChecks.h"
 
 namespace standin {
 namespace {
@@ -18,16 +24,40 @@ int WaitForLock(void*, int attempts) {
 
 void Check(sqlite3* database, int code) {
     if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE) return;
-    if (code == SQLITE_NOMEM) throw std::bad_alloc();
+    const int error = database ? sqlite3_extended_errcode(database) : code;
+    const int system = database ? sqlite3_system_errno(database) : 0;
+    const int kind = code & 0xff;
+    if (kind == SQLITE_NOMEM) throw std::bad_alloc();
+    const bool full = kind == SQLITE_FULL || error == SQLITE_IOERR_SHMSIZE ||
+                      (kind == SQLITE_IOERR && (system == ENOSPC || system == EDQUOT));
+    if (full) throw std::system_error(ENOSPC, std::generic_category(), "catalogue");
+    if (kind == SQLITE_READONLY) throw std::system_error(EROFS, std::generic_category(), "catalogue");
+    if (error == SQLITE_IOERR_DATA) {
+        throw std::runtime_error("catalogue: damaged: a page does not have its checksum; see tsm-standin-check");
+    }
     throw std::runtime_error(std::string("catalogue: ") + (database ? sqlite3_errmsg(database) : sqlite3_errstr(code)));
+}
+
+std::string Uri(const std::string& path) {
+    std::string uri = "file:";
+    for (const char c : path) {
+        constexpr const char* digits = "0123456789ABCDEF";
+        const auto byte = static_cast<unsigned char>(c);
+        c == '?' || c == '#' || c == '%' ? uri.append({'%', digits[byte >> 4], digits[byte & 15]}) : uri.append(1, c);
+    }
+    return uri;
 }
 
 }  // namespace
 
-Statement::Statement(sqlite3* database, const char* sql) {
-    sqlite3_stmt* statement = nullptr;
-    Check(database, sqlite3_prepare_v2(database, sql, -1, &statement, nullptr));
-    statement_.reset(statement);
+void Statement::GiveBack::operator()(sqlite3_stmt* statement) const {
+    if (!kept) {
+        sqlite3_finalize(statement);
+        return;
+    }
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+    kept->inUse = false;
 }
 
 void Statement::Bind(int index, std::int64_t value) {
@@ -45,21 +75,83 @@ bool Statement::Step() {
     return code == SQLITE_ROW;
 }
 
-std::string_view Statement::Bytes(int column) {
-    const void* const bytes = sqlite3_column_blob(statement_.get(), column);
-    if (!bytes) return {};
-    return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
+void Statement::Need(bool inOrder) {
+    if (!inOrder) throw std::runtime_error("catalogue: damaged: a value that cannot be");
 }
 
-Database::Database(const std::string& path) {
+std::int64_t Statement::Int(int column) {
+    Need(sqlite3_column_type(statement_.get(), column) == SQLITE_INTEGER);
+    return sqlite3_column_int64(statement_.get(), column);
+}
+
+std::int64_t Statement::Count(int column) {
+    const std::int64_t value = Int(column);
+    Need(value >= 0);
+    return value;
+}
+
+std::string_view Statement::Bytes(int column, std::size_t longest) {
+    Need(sqlite3_column_type(statement_.get(), column) == SQLITE_BLOB);
+    const void* const bytes = sqlite3_column_blob(statement_.get(), column);
+    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column));
+    Need(size <= longest && (bytes || size == 0));
+    return bytes ? std::string_view(static_cast<const char*>(bytes), size) : std::string_view();
+}
+
+Database::Database(const std::string& path, Mode mode, bool checked) : path_(path), mode_(mode) {
+    std::string uri = Uri(path);
+    if (mode == Mode::Immutable) uri += "?immutable=1";
+    const int access = mode == Mode::Write    ? SQLITE_OPEN_READWRITE
+                       : mode == Mode::Create ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE
+                                              : SQLITE_OPEN_READONLY;
+    const int flags = access | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_URI | SQLITE_OPEN_NOFOLLOW;
     sqlite3* handle = nullptr;
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    const int code = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
+    const int code = sqlite3_open_v2(uri.c_str(), &handle, flags, checked ? CheckedVfs() : nullptr);
     handle_.reset(handle);
     Check(handle, code);
     sqlite3_busy_handler(handle, WaitForLock, nullptr);
+    if (checked && mode == Mode::Create) {
+        int reserve = pageReserve;
+        Run("PRAGMA page_size = " + std::to_string(pageSize));
+        Check(handle, sqlite3_file_control(handle, "main", SQLITE_FCNTL_RESERVE_BYTES, &reserve));
+    }
     Run("PRAGMA synchronous = FULL");
     Run("PRAGMA cache_size = -16384");
+    // A transaction goes to the log at its commit and in one piece, so that what is read from there is always whole.
+    Run("PRAGMA cache_spill = OFF");
+}
+
+Database::~Database() {
+    for (const auto& [sql, kept] : kept_) sqlite3_finalize(kept.statement);
+}
+
+Statement Database::Prepared(std::string_view sql) {
+    auto place = kept_.find(sql);
+    if (place == kept_.end() || place->second.inUse) {
+        sqlite3_stmt* statement = nullptr;
+        Check(handle_.get(),
+              sqlite3_prepare_v2(handle_.get(), sql.data(), static_cast<int>(sql.size()), &statement, nullptr));
+        Statement made(statement, nullptr);
+        if (place != kept_.end()) return made;
+        place = kept_.emplace(sql, Statement::Kept{}).first;
+        place->second.statement = made.statement_.release();
+    }
+    place->second.inUse = true;
+    return Statement(place->second.statement, &place->second);
+}
+
+void Database::NeedInPlace() {
+    int moved = 0;
+    struct stat log {};
+    sqlite3_file_control(handle_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+    if (moved) throw std::runtime_error(path_ + " was removed or replaced while it was in use");
+    if (mode_ == Mode::Immutable && lstat((path_ + "-wal").c_str(), &log) == 0 && log.st_size > 0) {
+        throw std::runtime_error(path_ + " is being changed: sign on anew");
+    }
+}
+
+void Database::AttachUnchecked(const std::string& path, const std::string& name) {
+    Run("ATTACH ?1 AS " + name, Uri(path) + "?vfs=" + sqlite3_vfs_find(nullptr)->zName);
 }
 
 std::int64_t Database::Number(const char* sql) {
@@ -80,8 +172,10 @@ Database::Transaction::~Transaction() {
     if (open_) sqlite3_exec(database_.handle_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
-void Database::Transaction::Overwrite() {
-    Check(database_.handle_.get(), sqlite3_db_cacheflush(database_.handle_.get()));
+void Database::Overwrite() {
+    Run("PRAGMA cache_spill = ON");
+    Check(handle_.get(), sqlite3_db_cacheflush(handle_.get()));
+    Run("PRAGMA cache_spill = OFF");
 }
 
 void Database::Transaction::Commit() {

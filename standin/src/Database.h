@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,35 +12,53 @@
 
 namespace standin {
 
-// A statement with its values bound, stepped row by row. Texts are bound and read as bytes.
+// A statement with its values bound, stepped row by row. Texts are bound and read as bytes. A value that is not of
+// the kind asked for is damage, as is a text longer than it may be.
 class Statement {
 public:
     bool Step();
     bool IsNull(int column) { return sqlite3_column_type(statement_.get(), column) == SQLITE_NULL; }
-    std::int64_t Int(int column) { return sqlite3_column_int64(statement_.get(), column); }
+    std::int64_t Int(int column);
+    std::int64_t Count(int column);  // an Int that is not negative
     // Valid until the next step.
-    std::string_view Bytes(int column);
+    std::string_view Bytes(int column, std::size_t longest);
 
 private:
     friend class Database;
-    Statement(sqlite3* database, const char* sql);
+    void Need(bool inOrder);
     void Bind(int index, std::int64_t value);
     void Bind(int index, const std::string& value);
 
-    struct Finalize {
-        void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+    // One that the database keeps is given back when this is done with, any other ends.
+    struct Kept {
+        sqlite3_stmt* statement = nullptr;
+        bool inUse = false;
     };
-    std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+    struct GiveBack {
+        Kept* kept;
+        void operator()(sqlite3_stmt* statement) const;
+    };
+    Statement(sqlite3_stmt* statement, Kept* kept) : statement_(statement, GiveBack{kept}) {}
+    std::unique_ptr<sqlite3_stmt, GiveBack> statement_;
 };
 
+// A connection to a database file. Outlives its statements.
 class Database {
 public:
-    explicit Database(const std::string& path);
+    enum class Mode {
+        Write,     // a file that is there
+        Create,    // or is not; also opens those of schema 1
+        Read,      // a file that must not be changed, with its log
+        Immutable  // such a file without a log
+    };
+    // checked: through PageChecks.
+    Database(const std::string& path, Mode mode, bool checked = true);
+    ~Database();
 
-    // Binds the values to ?1, ?2 and so on.
+    // Binds the values to ?1, ?2 and so on. Statements are kept for the next time.
     template <class... Values>
-    Statement Query(const std::string& sql, const Values&... values) {
-        Statement statement(handle_.get(), sql.c_str());
+    Statement Query(std::string_view sql, const Values&... values) {
+        Statement statement = Prepared(sql);
         [[maybe_unused]] int index = 0;
         (statement.Bind(++index, values), ...);
         return statement;
@@ -47,15 +66,26 @@ public:
 
     // Returns how many rows were changed.
     template <class... Values>
-    int Run(const std::string& sql, const Values&... values) {
+    int Run(std::string_view sql, const Values&... values) {
         Statement statement = Query(sql, values...);
         while (statement.Step()) {
         }
         return sqlite3_changes(handle_.get());
     }
 
+    // Throws when the file is not the one any more that was opened: what is written to it would be lost.
+    void NeedInPlace();
+
     // The first column of the first row of a query that always has one.
     std::int64_t Number(const char* sql);
+
+    // Within a transaction: writes what was changed so far to the log and flushes it, so that whatever lay there can
+    // never take effect any more. A process that is killed during its commit may leave its whole transaction there,
+    // unseen by those that live on, but found by the first one to come after them all.
+    void Overwrite();
+
+    // A database without page checksums, under a name of its own.
+    void AttachUnchecked(const std::string& path, const std::string& name);
 
     // For schema texts of several statements.
     void Script(const char* sql);
@@ -67,10 +97,6 @@ public:
         ~Transaction();
         Transaction(const Transaction&) = delete;
         Transaction& operator=(const Transaction&) = delete;
-        // Writes what was changed so far to the log, so that whatever lay there can never take effect any more: a
-        // process that is killed during its commit may leave its whole transaction there, unseen by those that
-        // live on, but found by the first one to come after them all.
-        void Overwrite();
         void Commit();
 
     private:
@@ -82,7 +108,12 @@ private:
     struct Close {
         void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
     };
+    Statement Prepared(std::string_view sql);
+
+    std::string path_;
+    Mode mode_;
     std::unique_ptr<sqlite3, Close> handle_;
+    std::map<std::string, Statement::Kept, std::less<>> kept_;
 };
 
 }  // namespace standin

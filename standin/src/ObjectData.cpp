@@ -1,168 +1,177 @@
 #include "ObjectData.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <charconv>
-#include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 namespace standin {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr std::int64_t shardSize = 1000;
+constexpr std::size_t randomDigits = 16;
 
-[[noreturn]] void ThrowErrno(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), what);
+bool IsHex(const std::string& text) {
+    return text.size() == randomDigits && text.find_first_not_of("0123456789abcdef") == text.npos;
 }
 
-template <class SystemCall>
-auto Retried(SystemCall call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) result = call();
-    return result;
-}
-
-FileDescriptor OpenFile(const std::string& path, int flags) {
-    const int fd = Retried([&] { return open(path.c_str(), flags | O_CLOEXEC); });
-    if (fd < 0) ThrowErrno("open " + path);
-    return FileDescriptor(fd);
-}
-
-void SyncFolder(const std::string& path) {
-    const FileDescriptor folder = OpenFile(path, O_RDONLY | O_DIRECTORY);
-    if (Retried([&] { return fsync(folder.Get()); }) != 0) ThrowErrno("fsync " + path);
-}
-
-// True when the folder is new.
-bool MakeFolder(const std::string& path) {
-    if (mkdir(path.c_str(), 0700) == 0) return true;
-    if (errno != EEXIST) ThrowErrno("mkdir " + path);
-    return false;
-}
-
-void RemoveFile(const std::string& path) {
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) ThrowErrno("unlink " + path);
-}
-
-// The number that a file name stands for, -1 for any other name.
-std::int64_t NumberOf(const fs::path& path) {
-    const std::string name = path.filename().string();
+// The number at the begin of a text; -1 when there is none, or another way to write it.
+std::int64_t NumberOf(const std::string& text) {
     std::int64_t number = -1;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-    return error == std::errc() && end == name.data() + name.size() ? number : -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || number < 0) return -1;
+    return std::string(text.data(), end) == std::to_string(number) ? number : -1;
+}
+
+std::string ShardName(std::int64_t id) {
+    return std::to_string(id / shardSize);
 }
 
 }  // namespace
 
-FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-}
+// ------------------------------------------------------------- being sent
 
-FileDescriptor::~FileDescriptor() {
-    if (fd_ >= 0) close(fd_);
-}
-
-std::size_t FileDescriptor::Read(char* buffer, std::size_t size) const {
-    std::size_t got = 0;
-    while (got < size) {
-        const ssize_t n = Retried([&] { return read(fd_, buffer + got, size - got); });
-        if (n < 0) ThrowErrno("read object data");
-        if (n == 0) break;
-        got += static_cast<std::size_t>(n);
+IncomingData::~IncomingData() {
+    try {
+        if (!name_.empty()) home_.Incoming().Remove(name_);
+    } catch (const std::exception&) {
+        // Left for the next opening of the store.
     }
-    return got;
 }
 
-FileDescriptor LockedFolder(const std::string& path) {
-    FileDescriptor folder = OpenFile(path, O_RDONLY | O_DIRECTORY);
-    if (Retried([&] { return flock(folder.Get(), LOCK_EX); }) != 0) ThrowErrno("lock " + path);
-    return folder;
+void IncomingData::Append(const char* bytes, std::size_t size) {
+    if (!InFile() && row_.size() + size <= largestRow) {
+        row_.append(bytes, size);
+    } else {
+        if (!InFile()) OpenFile();
+        file_.Write(bytes, size);
+    }
+    checksum_.Add(bytes, size);
 }
 
-IncomingFile::IncomingFile(const std::string& folder) {
+void IncomingData::OpenFile() {
     for (;;) {
-        std::string path = folder + "/XXXXXX";
-        FileDescriptor file(mkostemp(path.data(), O_CLOEXEC));
-        if (file.Get() < 0) ThrowErrno("create " + path);
-        if (Retried([&] { return flock(file.Get(), LOCK_EX); }) != 0) ThrowErrno("lock " + path);
-        struct stat status {};
-        if (fstat(file.Get(), &status) != 0) ThrowErrno("stat " + path);
-        if (status.st_nlink == 0) continue;  // taken for a dead writer's before the lock was there
-        path_ = std::move(path);
+        const std::string name = RandomHex(randomDigits);
+        FileDescriptor file = home_.Incoming().Open(name, O_WRONLY | O_CREAT | O_EXCL);
+        file.Lock(true);
+        const auto status = home_.Incoming().Status(name);
+        if (!status || status->st_ino != file.Status().st_ino) continue;  // taken for a dead writer's before
+        name_ = name;
+        file.Write(row_.data(), row_.size());
         file_ = std::move(file);
+        row_ = std::string();
         return;
     }
 }
 
-IncomingFile::~IncomingFile() {
-    if (!path_.empty()) unlink(path_.c_str());
+void IncomingData::Finish() const {
+    if (InFile()) file_.Sync();
 }
 
-void IncomingFile::Write(const char* bytes, std::size_t size) {
-    for (std::size_t done = 0; done < size;) {
-        const ssize_t n = Retried([&] { return write(file_.Get(), bytes + done, size - done); });
-        if (n < 0) ThrowErrno("write " + path_);
-        done += static_cast<std::size_t>(n);
+// ----------------------------------------------------------------- reading
+
+std::size_t DataReader::Read(char* buffer, std::size_t size) {
+    const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(static_cast<std::int64_t>(size), left_));
+    std::size_t got = wanted;
+    if (file_.Get() >= 0) {
+        got = file_.Read(buffer, wanted);
+    } else {
+        row_.copy(buffer, wanted, static_cast<std::size_t>(data_.bytes - left_));
+    }
+    checksum_.Add(buffer, got);
+    left_ -= static_cast<std::int64_t>(got);
+    if (got < wanted) throw std::runtime_error("damaged: the data end too early");
+    if (left_ == 0 && checksum_.Value() != data_.checksum) throw std::runtime_error("damaged: not what was stored");
+    return got;
+}
+
+// ------------------------------------------------------------------- files
+
+ObjectData::ObjectData(const Folder& store) : incoming_(store.Sub("incoming")), data_(store.Sub("data")) {}
+
+std::string ObjectData::Place(IncomingData& data, std::int64_t id) {
+    const std::string file = std::to_string(id) + "-" + RandomHex(randomDigits), shard = ShardName(id);
+    // One that is there may have been made by a process whose flush failed.
+    if (flushedShards_.count(shard) == 0) {
+        data_.Make(shard);
+        data_.Sync();
+        flushedShards_.insert(shard);
+    }
+    incoming_.Move(data.name_, data_.Sub(shard), file);
+    data.name_.clear();
+    touchedShards_.insert(shard);
+    return file;
+}
+
+void ObjectData::Flush() {
+    while (!touchedShards_.empty()) {
+        data_.Sub(*touchedShards_.begin()).Sync();
+        touchedShards_.erase(touchedShards_.begin());
     }
 }
 
-void IncomingFile::Sync() {
-    if (Retried([&] { return fdatasync(file_.Get()); }) != 0) ThrowErrno("fdatasync " + path_);
+void ObjectData::Remove(const std::string& file) const {
+    const std::string shard = ShardName(IdOf(file));
+    if (data_.Status(shard)) data_.Sub(shard).Remove(file);
 }
 
-ObjectData::ObjectData(const std::string& storeDir) : incoming_(storeDir + "/incoming"), data_(storeDir + "/data") {}
-
-void ObjectData::Prepare() const {
-    MakeFolder(incoming_);
-    MakeFolder(data_);
-    for (const auto& entry : fs::directory_iterator(incoming_)) {
-        const FileDescriptor file(open(entry.path().c_str(), O_RDONLY | O_CLOEXEC));
-        const bool dead = file.Get() >= 0 && flock(file.Get(), LOCK_EX | LOCK_NB) == 0;
-        if (dead) RemoveFile(entry.path().string());
+void ObjectData::FlushRemovals(const std::set<std::string>& files) const {
+    std::set<std::string> shards;
+    for (const std::string& file : files) shards.insert(ShardName(IdOf(file)));
+    for (const std::string& shard : shards) {
+        if (data_.Status(shard)) data_.Sub(shard).Sync();
     }
 }
 
-void ObjectData::RemoveFrom(std::int64_t firstFreeId) const {
-    for (const auto& shard : fs::directory_iterator(data_)) {
-        if (NumberOf(shard.path()) < firstFreeId / shardSize) continue;
-        for (const auto& file : fs::directory_iterator(shard.path())) {
-            if (NumberOf(file.path()) >= firstFreeId) RemoveFile(file.path().string());
-        }
-    }
-}
-
-void ObjectData::Place(IncomingFile& file, std::int64_t id) const {
-    const std::string shard = ShardOf(id);
-    if (MakeFolder(shard)) SyncFolder(data_);
-    const std::string path = PathOf(id);
-    if (rename(file.path_.c_str(), path.c_str()) != 0) ThrowErrno("rename to " + path);
-    file.path_.clear();
-    SyncFolder(shard);
-}
-
-FileDescriptor ObjectData::Open(std::int64_t id) const {
-    FileDescriptor file = OpenFile(PathOf(id), O_RDONLY);
+FileDescriptor ObjectData::Open(const StoredData& data) const {
+    FileDescriptor file = ShardOf(data.file).Open(data.file, O_RDONLY);
+    if (file.Status().st_size != data.bytes) throw std::runtime_error("damaged: the data have another length");
     posix_fadvise(file.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     return file;
 }
 
-void ObjectData::Remove(std::int64_t id) const {
-    RemoveFile(PathOf(id));
+void ObjectData::TidyIncoming(const Folder& lostAndFound) const {
+    for (const std::string& name : incoming_.Names()) {
+        const auto status = incoming_.Status(name);
+        if (!IsHex(name) || !status || !S_ISREG(status->st_mode)) continue;
+        try {
+            const FileDescriptor file = incoming_.Open(name, O_RDONLY);
+            if (file.Lock(false)) incoming_.Move(name, lostAndFound, "incoming-" + name);
+        } catch (const std::system_error& problem) {
+            if (problem.code() != std::errc::no_such_file_or_directory) throw;  // committed meanwhile
+        }
+    }
 }
 
-std::string ObjectData::ShardOf(std::int64_t id) const {
-    return data_ + "/" + std::to_string(id / shardSize);
+std::vector<std::string> ObjectData::FilesFrom(std::int64_t firstFreeId) const {
+    std::vector<std::string> files;
+    for (const std::string& shard : data_.Names()) {
+        const std::int64_t number = NumberOf(shard);
+        if (number < firstFreeId / shardSize || shard != std::to_string(number)) continue;
+        for (const std::string& file : data_.Sub(shard).Names()) {
+            if (IdOf(file) >= firstFreeId && IdOf(file) / shardSize == number) files.push_back(file);
+        }
+    }
+    return files;
 }
 
-std::string ObjectData::PathOf(std::int64_t id) const {
-    return ShardOf(id) + "/" + std::to_string(id);
+void ObjectData::MoveAway(const std::string& file, const Folder& lostAndFound) const {
+    ShardOf(file).Move(file, lostAndFound, "data-" + file);
+}
+
+std::int64_t ObjectData::IdOf(const std::string& file) {
+    const std::int64_t id = NumberOf(file);
+    if (id < 0) return -1;
+    const std::string number = std::to_string(id);
+    // A store that was taken over from schema 1 has files named by their number alone.
+    const bool ours = file == number || (file[number.size()] == '-' && IsHex(file.substr(number.size() + 1)));
+    return ours ? id : -1;
+}
+
+Folder ObjectData::ShardOf(const std::string& file) const {
+    return data_.Sub(ShardName(IdOf(file)));
 }
 
 }  // namespace standin

@@ -16,4 +16,7 @@ public:
     const dsInt16_t code;
 };
 
+// The code for a failure of the environment: a full disk and a store that cannot be written have their own.
+dsInt16_t CodeOf(const std::exception& problem, dsInt16_t otherwise);
+
 }  // namespace standin

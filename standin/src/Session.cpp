@@ -1,11 +1,14 @@
 #include "Session.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
+#include "Moments.h"
 #include "Refusal.h"
 #include "dsmrc.h"
 
@@ -33,6 +36,8 @@ std::int64_t Joined(const dsmDate& d) {
 }
 
 dsmDate DateOf(std::int64_t moment) {
+    if (moment == 0) return {};
+    moment = LocalTime(moment);
     const auto part = [&moment] {
         const auto value = static_cast<dsUint8_t>(moment % 100);
         moment /= 100;
@@ -108,8 +113,24 @@ void Fill(qryRespBackupData& record, const std::string& fs, const Version& versi
 
 }  // namespace
 
+dsInt16_t CodeOf(const std::exception& problem, dsInt16_t otherwise) {
+    const auto* const system = dynamic_cast<const std::system_error*>(&problem);
+    if (!system) return otherwise;
+    switch (system->code().value()) {
+        case ENOSPC:
+        case EDQUOT:
+            return DSM_RC_ABORT_NO_STORAGE_SPACE;
+        case EROFS:
+        case EACCES:
+        case EPERM:
+            return DSM_RC_ACCESS_DENIED;
+        default:
+            return otherwise;
+    }
+}
+
 Session::Session(std::shared_ptr<const Environment> environment, const std::string& node, const std::string& password)
-    : environment_(std::move(environment)), catalogue_(environment_->options.storeDir) {
+    : environment_(std::move(environment)), catalogue_(environment_->store) {
     catalogue_.SignOn(node, password);
 }
 
@@ -169,11 +190,17 @@ dsInt16_t Session::AnswerToException() {
     } catch (const std::bad_alloc&) {
         return Broken(DSM_RC_NO_MEMORY, "no memory");
     } catch (const std::exception& problem) {
-        return Broken(DSM_RC_ABORT_SYSTEM_ERROR, problem.what());
+        return Broken(CodeOf(problem, DSM_RC_ABORT_SYSTEM_ERROR),
+                      state_ & (inGetObject | getObjectOver) ? get_.name + ": " + problem.what() : problem.what());
     }
 }
 
-dsInt16_t Session::Broken(dsInt16_t code, const char* text) {
+// So that a store that is only read says so at the first call, not at the end of a transaction.
+void Session::NeedWritable() const {
+    Require(!environment_->store->ReadOnly(), DSM_RC_ACCESS_DENIED);
+}
+
+dsInt16_t Session::Broken(dsInt16_t code, const std::string& text) {
     environment_->log.Write(text);
     if (InTransaction()) return GiveUp(static_cast<dsUint16_t>(code));
     if (state_ == querying) EndAnswers(queryOver);
@@ -277,14 +304,14 @@ Session::Answers Session::FilespaceAnswers(const qryFSData& what) {
     return {sizeof(qryRespFSData), [rows, pattern](void* buffer) {
                 do {
                     if (!rows->Step()) return false;
-                } while (!pattern.Matches(rows->Bytes(0)));
+                } while (!pattern.Matches(rows->Bytes(0, DSM_MAX_FSNAME_LENGTH)));
                 auto& record = *static_cast<qryRespFSData*>(buffer);
                 record.stVersion = qryRespFSDataVersion;
-                SetField(record.fsName, rows->Bytes(0));
-                SetField(record.fsType, rows->Bytes(1));
+                SetField(record.fsName, rows->Bytes(0, DSM_MAX_FSNAME_LENGTH));
+                SetField(record.fsType, rows->Bytes(1, DSM_MAX_FSTYPE_LENGTH));
                 dsmUnixFSAttrib& attributes = record.fsAttr.unixFSAttr;
-                attributes.fsInfoLength =
-                    static_cast<dsUint16_t>(rows->Bytes(2).copy(attributes.fsInfo, sizeof attributes.fsInfo));
+                const std::string_view info = rows->Bytes(2, sizeof attributes.fsInfo);
+                attributes.fsInfoLength = static_cast<dsUint16_t>(info.copy(attributes.fsInfo, info.size()));
                 record.occupancy = Split(rows->Int(3));
                 record.capacity = Split(rows->Int(4));
                 return true;
@@ -392,6 +419,7 @@ dsInt16_t Session::SendObj(dsmSendType type, const dsmObjName* name, const ObjAt
     Require(a.objInfo || a.objInfoLength == 0);
     Require(bound_ == object.name, DSM_RC_BAD_CALL_SEQUENCE);
     Require(catalogue_.HasFilespace(object.name.fs), DSM_RC_FS_NOT_REGISTERED);
+    NeedWritable();
     const std::string wanted = Text(a.mcNameP, DSM_MAX_MC_NAME_LENGTH);
     object.mgmtClass = Need(FindClass(wanted), DSM_RC_INVALID_MCNAME).name;
     object.owner = Field(a.owner);
@@ -410,8 +438,8 @@ dsInt16_t Session::SendData(DataBlk* block) {
     if (taken == 0) return DSM_RC_OK;
     NewVersion& object = *transaction_.open;
     Require(object.sizeEstimate != 0, DSM_RC_WRONG_SIZE_ESTIMATE);
-    if (!object.data) object.data = catalogue_.Data().Receive();
-    object.data->Write(in.bufferPtr, taken);
+    if (!object.data) object.data = std::make_unique<IncomingData>(catalogue_.InStore().Data());
+    object.data->Append(in.bufferPtr, taken);
     object.bytes += taken;
     in.numBytes = taken;
     return DSM_RC_OK;
@@ -419,16 +447,17 @@ dsInt16_t Session::SendData(DataBlk* block) {
 
 dsInt16_t Session::EndSendObj() {
     state_ = inTransaction;
-    if (transaction_.open->data) transaction_.open->data->Sync();
+    if (transaction_.open->data) transaction_.open->data->Finish();
     transaction_.operations.emplace_back(std::move(*transaction_.open));
     transaction_.open.reset();
     return DSM_RC_OK;
 }
 
 dsInt16_t Session::DeleteObj(dsmDelType type, const dsmDelInfo& info) {
+    NeedWritable();
     if (type == dtBackup) {
         ObjectName name = NameOf(info.backInfo.objNameP);
-        Require(catalogue_.HasActive(name), DSM_RC_ABORT_NO_MATCH);
+        Require(catalogue_.View().HasActive(name), DSM_RC_ABORT_NO_MATCH);
         transaction_.operations.emplace_back(Deactivation{std::move(name)});
         return DSM_RC_OK;
     }
@@ -438,7 +467,7 @@ dsInt16_t Session::DeleteObj(dsmDelType type, const dsmDelInfo& info) {
         return DSM_RC_OK;
     }
     const std::int64_t id = Joined(info.backIDInfo.objId);
-    Require(catalogue_.BytesOf(id).has_value(), DSM_RC_ABORT_NO_MATCH);
+    Require(catalogue_.Find(id).has_value(), DSM_RC_ABORT_NO_MATCH);
     transaction_.operations.emplace_back(Removal{id});
     return DSM_RC_OK;
 }
@@ -447,7 +476,8 @@ dsInt16_t Session::RenameObj(const dsmRenameIn_t& in) {
     Require(in.repository == DSM_BACKUP_REP || in.repository == DSM_REPOS_ALL);
     Renaming renaming{NameOf(in.objNameP), {}, in.merge != bFalse};
     renaming.to = {renaming.from.fs, Field(in.newHl), Field(in.newLl), renaming.from.type};
-    catalogue_.CheckRenaming(renaming);
+    NeedWritable();
+    catalogue_.View().CheckRenaming(renaming);
     transaction_.operations.emplace_back(std::move(renaming));
     return DSM_RC_OK;
 }
@@ -469,14 +499,12 @@ dsInt16_t Session::GetObj(const ObjID* objId, DataBlk* block) {
     const std::int64_t id = Joined(Need(objId));
     if (block) Block(block).numBytes = 0;
     Require(std::find(get_.wanted.begin(), get_.wanted.end(), id) != get_.wanted.end());
-    const std::optional<std::int64_t> bytes = catalogue_.BytesOf(id);
-    Require(bytes.has_value(), DSM_RC_ABORT_NO_MATCH);
-    if (*bytes == 0) {
-        state_ = getObjectOver;
-        return DSM_RC_FINISHED;
-    }
-    get_.file = catalogue_.Data().Open(id);
-    get_.bytesLeft = *bytes;
+    const auto found = catalogue_.Find(id);
+    Require(found.has_value(), DSM_RC_ABORT_NO_MATCH);
+    get_.name = found->name;
+    state_ = getObjectOver;
+    if (found->data.bytes == 0) return DSM_RC_FINISHED;
+    get_.data = catalogue_.Open(found->data);
     state_ = inGetObject;
     return block && block->bufferLen > 0 ? GetData(block) : dsInt16_t{DSM_RC_MORE_DATA};
 }
@@ -484,21 +512,16 @@ dsInt16_t Session::GetObj(const ObjID* objId, DataBlk* block) {
 dsInt16_t Session::GetData(DataBlk* block) {
     DataBlk& out = Block(block);
     Require(out.bufferLen > 0, DSM_RC_ZERO_BUFLEN);
-    const auto wanted = static_cast<dsUint32_t>(std::min<std::int64_t>(out.bufferLen, get_.bytesLeft));
     out.numBytes = 0;
-    if (get_.file.Read(out.bufferPtr, wanted) < wanted) {
-        throw std::runtime_error("object data is shorter than the catalogue says");
-    }
-    out.numBytes = wanted;
-    get_.bytesLeft -= wanted;
-    if (get_.bytesLeft > 0) return DSM_RC_MORE_DATA;
-    get_.file = FileDescriptor();
+    out.numBytes = static_cast<dsUint32_t>(get_.data.Read(out.bufferPtr, out.bufferLen));
+    if (get_.data.Left() > 0) return DSM_RC_MORE_DATA;
+    get_.data = DataReader();
     state_ = getObjectOver;
     return DSM_RC_FINISHED;
 }
 
 dsInt16_t Session::EndGetObj() {
-    get_.file = FileDescriptor();
+    get_.data = DataReader();
     state_ = getting;
     return DSM_RC_OK;
 }

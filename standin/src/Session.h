@@ -21,6 +21,7 @@ struct Environment {
 
     const ErrorLog log;
     const Options options;
+    std::shared_ptr<Store> store;
 };
 
 class Session {
@@ -87,8 +88,8 @@ private:
 
     struct Get {
         std::vector<std::int64_t> wanted;
-        FileDescriptor file;
-        std::int64_t bytesLeft = 0;
+        DataReader data;
+        std::string name;  // of the object that is read, for messages
     };
 
     static unsigned StatesFor(Call call);
@@ -104,7 +105,8 @@ private:
     dsInt16_t AnswerToException();
     bool InTransaction() const { return state_ & (inTransaction | inObject); }
     dsInt16_t GiveUp(dsUint16_t reason);
-    dsInt16_t Broken(dsInt16_t code, const char* text);
+    dsInt16_t Broken(dsInt16_t code, const std::string& text);
+    void NeedWritable() const;
     void EndAnswers(State next);
 
     Answers BackupAnswers(const qryBackupData& what);

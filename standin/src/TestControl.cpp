@@ -10,6 +10,7 @@
 #include <numeric>
 #include <vector>
 
+#include "Moments.h"
 #include "standin/testcontrol.h"
 
 namespace standin {
@@ -86,13 +87,8 @@ dsUint32_t TakeAtMost(dsUint32_t offered) {
 }
 
 std::int64_t Now() {
-    if (const std::int64_t set = TheControl().clock) return set;
-    const std::time_t seconds = std::time(nullptr);
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    local.tm_year += 1900;
-    local.tm_mon += 1;
-    return Packed(local);
+    const std::int64_t set = TheControl().clock;
+    return set != 0 ? set : static_cast<std::int64_t>(std::time(nullptr));
 }
 
 }  // namespace control
@@ -115,7 +111,7 @@ int standinSetClock(const char* moment) {
         !within(t.tm_hour, 0, 23) || !within(t.tm_min, 0, 59) || !within(t.tm_sec, 0, 60)) {
         return -1;
     }
-    TheControl().clock = Packed(t);
+    TheControl().clock = MomentsOf(Packed(t)).later;
     return 0;
 }
 

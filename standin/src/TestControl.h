@@ -33,7 +33,7 @@ std::optional<Fault> Enter(Call call);
 
 dsUint32_t TakeAtMost(dsUint32_t offered);
 
-// The server's local time as YYYYMMDDhhmmss.
+// The server's clock, in seconds since 1970 in UTC.
 std::int64_t Now();
 
 }  // namespace control

@@ -1,0 +1,291 @@
+#include "PageChecks.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <string>
+
+namespace standin {
+namespace {
+
+constexpr const char* vfsName = "tsm-standin";
+
+// The log as SQLite documents it: a header, then frames of a header and a page each. A frame's checksum goes on from
+// that of the frame before, and covers the first 8 bytes of its own header and its page.
+constexpr int logHeader = 32, frameHeader = 24, frameSize = frameHeader + pageSize;
+using Sums = std::array<std::uint32_t, 2>;
+
+std::uint32_t Number(const unsigned char* bytes) {
+    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
+}
+
+Sums SumsAt(const unsigned char* bytes) {
+    return {Number(bytes), Number(bytes + 4)};
+}
+
+// In words of this machine's order, as SQLite writes its logs.
+void Add(Sums& sums, const unsigned char* bytes, int size) {
+    for (int at = 0; at < size; at += 8) {
+        std::uint32_t words[2];
+        std::memcpy(words, bytes + at, sizeof words);
+        sums[0] += words[0] + sums[1];
+        sums[1] += words[1] + sums[0];
+    }
+}
+
+// The shared memory that goes with a log tells how many frames have been flushed, and whose salts they carry. It
+// outlives a process that is killed, until SQLite opens it anew.
+struct Flushed {
+    std::uint32_t frames = 0;
+    unsigned char salts[8] = {};
+};
+
+struct File {
+    sqlite3_file base;  // the first member, which is what SQLite knows
+    bool isLog;
+    Flushed flushed;  // of the main file
+    File* main;       // of the log
+    // Written to the log one piece after the other, and not passed on yet. Nobody reads them before the flush.
+    std::string pending;
+    sqlite3_int64 pendingAt;
+
+    // Lies behind this one, in the room that SQLite gave for both.
+    sqlite3_file* Real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
+    const sqlite3_io_methods& Does() { return *Real()->pMethods; }
+    int PassOn() {
+        if (pending.empty()) return SQLITE_OK;
+        const int rc = Does().xWrite(Real(), pending.data(), static_cast<int>(pending.size()), pendingAt);
+        pending.clear();
+        return rc;
+    }
+    bool Get(unsigned char* buffer, int size, sqlite3_int64 offset) {
+        return Does().xRead(Real(), buffer, size, offset) == SQLITE_OK;
+    }
+};
+
+File& Of(sqlite3_file* file) {
+    return *reinterpret_cast<File*>(file);
+}
+
+std::uint64_t PageSum(const void* page, sqlite3_int64 offset) {
+    return XXH3_64bits_withSeed(page, pageSize - pageReserve, static_cast<std::uint64_t>(offset / pageSize) + 1);
+}
+
+bool PageIsGood(const unsigned char* page, sqlite3_int64 offset) {
+    const std::uint64_t sum = PageSum(page, offset);
+    return std::memcmp(page + pageSize - pageReserve, &sum, sizeof sum) == 0;
+}
+
+sqlite3_int64 FrameAt(sqlite3_int64 frame) {
+    return logHeader + frame * frameSize;
+}
+
+// Header and page of a frame against the checksum that stands before it.
+bool FrameIsGood(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page) {
+    unsigned char before[frameHeader];
+    const bool first = frame == 0;
+    if (!file.Get(before, frameHeader, first ? logHeader - frameHeader : FrameAt(frame - 1))) return false;
+    Sums sums = SumsAt(before + 16);
+    Add(sums, header, 8);
+    Add(sums, page, pageSize);
+    return sums == SumsAt(header + 16);
+}
+
+Flushed FlushedFrames(const std::string& sharedMemory) {
+    Flushed flushed;
+    unsigned char bytes[48];
+    const int file = open(sharedMemory.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (file < 0) return flushed;
+    const bool read = pread(file, bytes, sizeof bytes, 0) == static_cast<ssize_t>(sizeof bytes);
+    close(file);
+    if (!read) return flushed;
+    Sums sums{}, written;
+    Add(sums, bytes, 40);
+    std::memcpy(written.data(), bytes + 40, sizeof written);
+    if (sums != written) return flushed;
+    std::memcpy(&flushed.frames, bytes + 16, sizeof flushed.frames);
+    std::memcpy(flushed.salts, bytes + 32, sizeof flushed.salts);
+    return flushed;
+}
+
+// How many frames of this log are known to have been flushed.
+sqlite3_int64 FlushedFrames(const File& file, const unsigned char* salts) {
+    const bool same = file.main && std::memcmp(file.main->flushed.salts, salts, 8) == 0;
+    return same ? file.main->flushed.frames : 0;
+}
+
+// A log ends with its first bad frame, which is what a transaction leaves that was never flushed. One that was
+// flushed has been damaged since: the frames of the next transaction follow it, because no one writes those before.
+bool BadFrameIsDamage(File& file, sqlite3_int64 bad, const unsigned char* frame) {
+    unsigned char log[logHeader], next[frameSize];
+    if (!file.Get(log, logHeader, 0) || bad < FlushedFrames(file, log + 16)) return true;
+    bool afterCommit = Number(frame + 4) != 0;
+    for (sqlite3_int64 i = bad + 1; file.Get(next, frameSize, FrameAt(i)); ++i) {
+        const bool good = std::memcmp(next + 8, log + 16, 8) == 0 && FrameIsGood(file, i, next, next + frameHeader);
+        if (good && afterCommit) return true;
+        afterCommit = good && Number(next + 4) != 0;
+    }
+    return false;
+}
+
+bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int64 offset) {
+    if (size == logHeader && offset == 0) {
+        Sums sums{};
+        Add(sums, bytes, 24);
+        sqlite3_int64 length = 0;
+        file.Does().xFileSize(file.Real(), &length);
+        if (length < FrameAt(FlushedFrames(file, bytes + 16))) return false;
+        // Zeros are what a power failure leaves of a file that grew and was not flushed.
+        return sums == SumsAt(bytes + 24) || std::all_of(bytes, bytes + size, [](int byte) { return byte == 0; });
+    }
+    const sqlite3_int64 frame = (offset - logHeader) / frameSize;
+    if (size == pageSize) {
+        unsigned char header[frameHeader];
+        return offset == FrameAt(frame) + frameHeader && file.Get(header, frameHeader, FrameAt(frame)) &&
+               FrameIsGood(file, frame, header, bytes);
+    }
+    if (size == frameSize) {  // by the first one to open a log that was left behind
+        unsigned char salts[8];
+        return (file.Get(salts, sizeof salts, 16) && std::memcmp(bytes + 8, salts, sizeof salts) == 0 &&
+                FrameIsGood(file, frame, bytes, bytes + frameHeader)) ||
+               !BadFrameIsDamage(file, frame, bytes);
+    }
+    return size < pageSize;
+}
+
+int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
+    File& file = Of(handle);
+    const auto* const bytes = static_cast<const unsigned char*>(buffer);
+    if (const int failed = file.PassOn()) return failed;
+    const int rc = file.Does().xRead(file.Real(), buffer, size, offset);
+    if (file.isLog) return rc != SQLITE_OK || LogReadIsGood(file, bytes, size, offset) ? rc : SQLITE_IOERR_DATA;
+    constexpr int smallestPage = 512;
+    if (size < smallestPage || (rc != SQLITE_OK && rc != SQLITE_IOERR_SHORT_READ)) return rc;
+    // A page that is cut off, or of another size, is damage too.
+    return rc == SQLITE_OK && size == pageSize && PageIsGood(bytes, offset) ? rc : SQLITE_IOERR_DATA;
+}
+
+// A transaction is many small pieces.
+int WriteLog(File& file, const void* bytes, int size, sqlite3_int64 offset) try {
+    constexpr std::size_t most = 0x1ffff;  // that SQLite writes at a time
+    const bool follows = offset == file.pendingAt + static_cast<sqlite3_int64>(file.pending.size());
+    if (!follows || file.pending.size() + static_cast<std::size_t>(size) > most) {
+        if (const int failed = file.PassOn()) return failed;
+    }
+    if (file.pending.empty()) file.pendingAt = offset;
+    file.pending.append(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
+    return SQLITE_OK;
+} catch (const std::bad_alloc&) {
+    return SQLITE_IOERR_NOMEM;
+}
+
+int Write(sqlite3_file* handle, const void* bytes, int size, sqlite3_int64 offset) {
+    File& file = Of(handle);
+    if (file.isLog) return WriteLog(file, bytes, size, offset);
+    if (size != pageSize) return file.Does().xWrite(file.Real(), bytes, size, offset);
+    unsigned char page[pageSize];
+    std::memcpy(page, bytes, pageSize - pageReserve);
+    const std::uint64_t sum = PageSum(page, offset);
+    std::memcpy(page + pageSize - pageReserve, &sum, sizeof sum);
+    return file.Does().xWrite(file.Real(), page, size, offset);
+}
+
+// All else goes through. Version 2 has no memory maps, whose pages would be read unseen.
+std::atomic<int> openFiles{0};
+
+int Close(sqlite3_file* handle) {
+    File& file = Of(handle);
+    openFiles -= !file.isLog;
+    const int passedOn = file.PassOn();
+    const int closed = file.Does().xClose(file.Real());
+    file.~File();
+    return passedOn ? passedOn : closed;
+}
+
+// clang-format off
+const sqlite3_io_methods methods = {
+    2,
+    Close,
+    Read,
+    Write,
+    [](sqlite3_file* f, sqlite3_int64 size) {
+        const int failed = Of(f).PassOn();
+        return failed ? failed : Of(f).Does().xTruncate(Of(f).Real(), size);
+    },
+    [](sqlite3_file* f, int flags) {
+        const int failed = Of(f).PassOn();
+        return failed ? failed : Of(f).Does().xSync(Of(f).Real(), flags);
+    },
+    [](sqlite3_file* f, sqlite3_int64* size) {
+        const int failed = Of(f).PassOn();
+        return failed ? failed : Of(f).Does().xFileSize(Of(f).Real(), size);
+    },
+    [](sqlite3_file* f, int lock) { return Of(f).Does().xLock(Of(f).Real(), lock); },
+    [](sqlite3_file* f, int lock) { return Of(f).Does().xUnlock(Of(f).Real(), lock); },
+    [](sqlite3_file* f, int* held) { return Of(f).Does().xCheckReservedLock(Of(f).Real(), held); },
+    [](sqlite3_file* f, int what, void* argument) { return Of(f).Does().xFileControl(Of(f).Real(), what, argument); },
+    [](sqlite3_file* f) { return Of(f).Does().xSectorSize(Of(f).Real()); },
+    [](sqlite3_file* f) { return Of(f).Does().xDeviceCharacteristics(Of(f).Real()); },
+    [](sqlite3_file* f, int part, int size, int extend, void volatile** at) {
+        return Of(f).Does().xShmMap(Of(f).Real(), part, size, extend, at);
+    },
+    [](sqlite3_file* f, int from, int count, int flags) {
+        return Of(f).Does().xShmLock(Of(f).Real(), from, count, flags);
+    },
+    [](sqlite3_file* f) { Of(f).Does().xShmBarrier(Of(f).Real()); },
+    [](sqlite3_file* f, int remove) { return Of(f).Does().xShmUnmap(Of(f).Real(), remove); },
+    nullptr,
+    nullptr,
+};
+// clang-format on
+
+int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, int* opened) {
+    auto* const real = static_cast<sqlite3_vfs*>(vfs->pAppData);
+    if (!(flags & (SQLITE_OPEN_MAIN_DB | SQLITE_OPEN_WAL))) return real->xOpen(real, name, handle, flags, opened);
+    File& file = *new (handle) File{};
+    file.isLog = flags & SQLITE_OPEN_WAL;
+    // Closing the shared memory's file lets go of all locks on it that the process has, so only its first opening
+    // may look.
+    if (file.isLog) {
+        file.main = &Of(sqlite3_database_file_object(name));
+    } else if (openFiles == 0) {
+        file.flushed = FlushedFrames(std::string(name) + "-shm");
+    }
+    const int rc = real->xOpen(real, name, file.Real(), flags, opened);
+    if (!file.Real()->pMethods) {
+        file.~File();
+        return rc;
+    }
+    file.base.pMethods = &methods;
+    openFiles += !file.isLog;
+    return rc;
+}
+
+sqlite3_vfs Made() {
+    sqlite3_vfs* const real = sqlite3_vfs_find(nullptr);
+    sqlite3_vfs vfs = *real;
+    vfs.pNext = nullptr;
+    vfs.zName = vfsName;
+    vfs.szOsFile += static_cast<int>(sizeof(File));
+    vfs.pAppData = real;
+    vfs.xOpen = Open;
+    return vfs;
+}
+
+}  // namespace
+
+const char* CheckedVfs() {
+    static sqlite3_vfs vfs = Made();
+    static const int registered = sqlite3_vfs_register(&vfs, 0);
+    return registered == SQLITE_OK ? vfsName : nullptr;
+}
+
+}  // namespace standin

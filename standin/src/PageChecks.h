@@ -1,0 +1,16 @@
+// SQLite files whose every page is checked when it is read.
+//
+// A page of the main file ends in a checksum of its bytes and its number, set when it is written and compared when it
+// is read. A page in the log is compared with the checksum that SQLite writes before it. Where they differ SQLite
+// gets SQLITE_IOERR_DATA, and the statement fails.
+#pragma once
+
+namespace standin {
+
+constexpr int pageSize = 4096;
+constexpr int pageReserve = 8;  // bytes at the end of a page that SQLite leaves to the checksum
+
+// The name of the VFS, which is there from the first call on.
+const char* CheckedVfs();
+
+}  // namespace standin

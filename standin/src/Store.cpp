@@ -1,0 +1,291 @@
+#include "Store.h"
+
+#include <algorithm>
+#include <map>
+#include <thread>
+#include <utility>
+
+#include "Layout.h"
+
+namespace standin {
+namespace {
+
+// The process's stores by device and inode, so that every path to one finds it. Never destroyed, as the sessions may
+// outlast it.
+struct Stores {
+    std::mutex mutex;
+    std::map<std::pair<dev_t, ino_t>, std::weak_ptr<Store>> open;
+
+    static Stores& Instance() {
+        static Stores& instance = *new Stores;
+        return instance;
+    }
+};
+
+bool HasRow(Database& database, const std::string& file) {
+    return database.Query("SELECT 1 FROM object_version WHERE id = ?1 AND file = ?2", ObjectData::IdOf(file), file)
+        .Step();
+}
+
+}  // namespace
+
+std::shared_ptr<Store> Store::Open(const std::string& storeDir) {
+    Stores& stores = Stores::Instance();
+    const std::lock_guard<std::mutex> lock(stores.mutex);
+    Folder root = StoreFolder(storeDir);
+    const struct stat status = root.File().Status();
+    std::weak_ptr<Store>& place = stores.open[{status.st_dev, status.st_ino}];
+    const Folder locked = root.Sub(".");  // SQLite cannot create one file twice at a time
+    locked.File().Lock(true);
+    std::shared_ptr<Store> store = place.lock();
+    if (!store) {
+        const bool readOnly = IsReadOnly(root);
+        // What is opened is looked at by Prepare, which reads the catalogue's file: not while SQLite has it open.
+        const std::string identity = UsingReserve(root, [&] { return Prepare(root, readOnly); });
+        store = UsingReserve(root, [&] { return std::make_shared<Store>(Folder(storeDir), readOnly, identity); });
+        place = store;
+    }
+    if (!store->readOnly_) UsingReserve(root, [&] { store->Tidy(); });
+    return store;
+}
+
+std::shared_ptr<Store> Store::Look(const std::string& storeDir) {
+    Folder root(storeDir);
+    const std::string identity = Prepare(root, true);
+    return std::make_shared<Store>(std::move(root), true, identity);
+}
+
+Store::Store(Folder root, bool readOnly, std::string identity)
+    : root_(std::move(root)), readOnly_(readOnly), identity_(std::move(identity)), data_(root_) {
+    Database catalogue(CataloguePath(), ReadingMode());
+    NeedIdentity(catalogue, identity_);
+    if (!readOnly_) writer_ = std::make_unique<Database>(CataloguePath(), Database::Mode::Write);
+}
+
+Store::~Store() {
+    writer_.reset();
+    if (!readOnly_) MakeReserve(root_);
+}
+
+Database::Mode Store::ReadingMode() const {
+    if (!readOnly_) return Database::Mode::Write;
+    const auto log = root_.Status("catalogue.db-wal");
+    if (!log || log->st_size == 0) return Database::Mode::Immutable;
+    if (!root_.Status("catalogue.db-shm")) {
+        throw std::runtime_error(CataloguePath() + "-wal holds changes: open the store once where it can be written");
+    }
+    return Database::Mode::Read;
+}
+
+// Under the lock of the folder. Others may be at work in the store.
+void Store::Tidy() {
+    const std::optional<Mark> mark = ReadMark(root_);
+    if (!mark || mark->identity != identity_) throw std::runtime_error(root_.Path() + "/mark was changed or removed");
+    writer_->NeedInPlace();
+    try {
+        SweepData();
+        RemoveDeletedFilespaces();
+    } catch (const std::exception&) {
+        // A store that cannot be tidied, as a part of it is damaged or the disk full, is of use all the same.
+    }
+    MakeReserve(root_);
+}
+
+void Store::SweepData() {
+    const std::optional<Folder> lost = LostAndFound(root_);
+    if (lost) data_.TidyIncoming(*lost);
+    Database reader(CataloguePath(), Database::Mode::Write);
+    const bool any = reader.Query("SELECT 1 FROM garbage").Step() ||
+                     !data_.FilesFrom(reader.Number("SELECT next_id FROM store")).empty();
+    if (!any) return;
+    Submit(Need::None, [&](Change& change) {
+        std::set<std::string> garbage;
+        for (Statement rows = change.database.Query("SELECT file FROM garbage"); rows.Step();) {
+            garbage.emplace(rows.Bytes(0, longestFileName));
+        }
+        for (const std::string& file : garbage) data_.Remove(file);
+        data_.FlushRemovals(garbage);
+        change.database.Run("DELETE FROM garbage");
+        change.database.Run("UPDATE store SET next_id = next_id");
+        // Before it is judged what has no row: a killed commit in the log may have one.
+        change.database.Overwrite();
+        if (!lost) return;
+        for (const std::string& file : data_.FilesFrom(change.nextId)) {
+            if (!HasRow(change.database, file)) data_.MoveAway(file, *lost);
+        }
+    });
+}
+
+void Store::RemoveDeletedFilespaces() noexcept try {
+    ++filespaceDeletions_;
+    constexpr std::size_t step = 500;
+    for (bool more = true; more;) {
+        Submit(Need::None, [&](Change& change) {
+            Database& database = change.database;
+            Statement deleted = database.Query("SELECT id FROM filespace WHERE node = 0");
+            more = deleted.Step();
+            if (!more) return;
+            const std::int64_t fs = deleted.Int(0);
+            std::vector<std::pair<std::int64_t, std::string>> versions;
+            {
+                Statement rows = database.Query("SELECT id, file FROM object_version WHERE fs = ?1 LIMIT ?2", fs,
+                                                static_cast<std::int64_t>(step));
+                while (rows.Step()) versions.emplace_back(rows.Int(0), rows.Bytes(1, longestFileName));
+            }
+            for (const auto& [id, file] : versions) change.RemoveVersion(id, file);
+            if (versions.size() == step) return;
+            database.Run("DELETE FROM access WHERE fs = ?1", fs);
+            database.Run("DELETE FROM filespace WHERE id = ?1", fs);
+        });
+    }
+} catch (const std::exception&) {
+    // Nobody sees them any more.
+}
+
+// ------------------------------------------------------------------ changes
+
+void Store::Waiting::Tell(Turn what) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    turn = what;
+    wake.notify_one();
+}
+
+Store::Waiting::Turn Store::Waiting::Wait() {
+    std::unique_lock<std::mutex> lock(mutex);
+    wake.wait(lock, [this] { return turn != Turn::NotYet; });
+    return turn;
+}
+
+void Store::Submit(Need need, const Work& work) {
+    if (readOnly_) throw std::system_error(EROFS, std::generic_category(), root_.Path());
+    Waiting own{work, need, nullptr, Waiting::Turn::NotYet, {}, {}};
+    std::unique_lock<std::mutex> lock(mutex_);
+    queue_.push_back(&own);
+    const bool first = !std::exchange(carrying_, true);
+    lock.unlock();
+    if (first || own.Wait() == Waiting::Turn::Carries) {
+        lock.lock();
+        // With company about, those who are ready to come get the processor first. Alone, nothing is waited for.
+        if (lastGroup_ > 1 || queue_.size() > 1) {
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+        }
+        const Group group = std::exchange(queue_, {});
+        lastGroup_ = group.size();
+        lock.unlock();
+        Carry(group);
+        lock.lock();
+        Waiting* const next = queue_.empty() ? nullptr : queue_.front();
+        carrying_ = next != nullptr;
+        lock.unlock();
+        if (next) next->Tell(Waiting::Turn::Carries);
+        for (Waiting* const one : group) {
+            if (one != &own) one->Tell(Waiting::Turn::IsOver);
+        }
+    }
+    if (own.failure) std::rethrow_exception(own.failure);
+}
+
+// Leaves the outcome with each one of the group.
+void Store::Carry(const Group& group) {
+    const auto fail = [](const Group& those) {
+        for (Waiting* const one : those) {
+            if (!one->failure) one->failure = std::current_exception();
+        }
+    };
+    try {
+        CarryOnce(group);
+    } catch (const std::system_error& problem) {
+        Group frugal;
+        if (IsFull(problem)) {
+            std::copy_if(group.begin(), group.end(), std::back_inserter(frugal),
+                         [](const Waiting* one) { return one->need == Need::None && !one->failure; });
+        }
+        Group others;
+        std::copy_if(group.begin(), group.end(), std::back_inserter(others),
+                     [&](Waiting* one) { return std::find(frugal.begin(), frugal.end(), one) == frugal.end(); });
+        fail(others);
+        if (frugal.empty()) return;
+        try {
+            GiveUpReserve(root_);
+            CarryOnce(frugal);
+        } catch (...) {
+            fail(frugal);
+        }
+    } catch (...) {
+        fail(group);
+    }
+}
+
+void Change::RemoveVersion(std::int64_t id, const std::string& file) {
+    if (file.empty()) {
+        database.Run("DELETE FROM content WHERE id = ?1", id);
+    } else {
+        database.Run("INSERT OR IGNORE INTO garbage VALUES (?1)", file);
+        garbage.insert(file);
+    }
+    database.Run("DELETE FROM object_version WHERE id = ?1", id);
+}
+
+void Store::CarryOnce(const Group& group) {
+    Database& database = *writer_;
+    database.NeedInPlace();
+    Change change{database, data_, 0, {}, {}, {}};
+    {
+        Database::Transaction transaction(database);
+        const std::int64_t firstId = database.Number("SELECT next_id FROM store");
+        change.nextId = firstId;
+        bool any = false;
+        try {
+            for (Waiting* const one : group) {
+                // What one has done is undone alone when it fails.
+                const std::size_t placed = change.placed.size();
+                const std::set<std::string> garbage = change.garbage;
+                const bool only = group.size() == 1;
+                if (!only) database.Run("SAVEPOINT one");
+                try {
+                    one->work(change);
+                    any = true;
+                } catch (...) {
+                    if (only) throw;
+                    database.Run("ROLLBACK TO one");
+                    one->failure = std::current_exception();
+                    for (std::size_t i = placed; i < change.placed.size(); ++i) RemoveQuietly(change.placed[i]);
+                    change.placed.resize(placed);
+                    change.garbage = garbage;
+                }
+                if (!only) database.Run("RELEASE one");
+            }
+            if (!any) return;
+            if (change.nextId != firstId) database.Run("UPDATE store SET next_id = ?1", change.nextId);
+            data_.Flush();
+        } catch (...) {
+            for (const std::string& file : change.placed) RemoveQuietly(file);
+            throw;
+        }
+        // A commit that fails leaves it open whether it lasts, so the files stay until a later one has.
+        const std::vector<std::string> before = inDoubt_;
+        inDoubt_.insert(inDoubt_.end(), change.placed.begin(), change.placed.end());
+        transaction.Commit();
+        inDoubt_ = before;
+    }
+    RemoveFilesAfter(change);
+}
+
+void Store::RemoveFilesAfter(const Change& change) noexcept try {
+    for (const std::string& file : change.garbage) RemoveQuietly(file);
+    for (const std::string& file : std::exchange(inDoubt_, {})) {
+        if (!HasRow(change.database, file)) RemoveQuietly(file);
+    }
+} catch (const std::exception&) {
+    // The change lasts all the same.
+}
+
+void Store::RemoveQuietly(const std::string& file) const noexcept try {
+    data_.Remove(file);
+} catch (const std::exception&) {
+    // Left for the next opening of the store.
+}
+
+}  // namespace standin
