@@ -37,7 +37,8 @@ build() {
     local folder=$root/build/$1 quiet=(-- --quiet)
     shift
     [ ! -t 1 ] || quiet=()
-    cmake -S "$root" -B "$folder" -G Ninja --log-level=WARNING -DTSM_WERROR=ON "$@" >/dev/null
+    # A folder that version 1.0.0 configured has an empty TSM_SDK_DIR, which is refused.
+    cmake -S "$root" -B "$folder" -G Ninja --log-level=WARNING -UTSM_SDK_DIR -DTSM_WERROR=ON "$@" >/dev/null
     cmake --build "$folder" -j "$jobs" "${quiet[@]}"
 }
 
