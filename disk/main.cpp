@@ -935,6 +935,6 @@ int main(int count, char** arguments) {
         std::cout << std::ifstream(work / "dsierror.log").rdbuf();
     }
     fs::remove_all(work);
-    if (problems > 0) std::cout << problems << " problems" << std::endl;
+    std::cout << problems << " problems" << std::endl;
     return problems > 0;
 }

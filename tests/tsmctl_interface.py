@@ -192,7 +192,7 @@ def progress(columns, size):
     shown, terminal = pty.openpty()
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 25, columns, 0, 0))
     with tempfile.TemporaryDirectory() as work:
-        environment = {"TSM_STANDIN_STORE": work, "HOME": work, "TSMCTL_PASSWORD": "secret"}
+        environment = {"TSM_STANDIN_STORE": work + "/store", "HOME": work, "TSMCTL_PASSWORD": "secret"}
         with subprocess.Popen([tsmctl, "backup", "-", "--as", "x", "--size", str(size)], env=environment,
                               stdin=subprocess.PIPE, stderr=terminal) as child:
             os.close(terminal)

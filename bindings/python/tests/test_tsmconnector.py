@@ -34,7 +34,7 @@ STANDIN = ctypes.CDLL(os.environ["TSMCONNECTOR_LIBRARY"])  # with what it is lin
 STANDIN.standinCalls.restype = ctypes.c_ulong
 
 
-def fail(function: str, nth: int = 1, code: int = 11, reason: int = 0) -> None:
+def fail(function: str, nth: int = 1, code: int = 12, reason: int = 0) -> None:
     assert STANDIN.standinFail(function.encode(), nth, code, reason) == 0
 
 
@@ -228,7 +228,7 @@ class Binding(unittest.TestCase):
                 STANDIN.standinReset()
                 self.assertEqual(self.fetch("d", "f"), b"first", of)
         fail("dsmSendObj")
-        self.code(-11, self.store, "d", "f", b"half")
+        self.code(-12, self.store, "d", "f", b"half")
         never = self.session.backup("d", "f")
         self.assertRaises(io.UnsupportedOperation, never.write, b"half")
         self.assertRaises(OSError, io.BufferedWriter, never)
@@ -298,7 +298,7 @@ writer.__exit__(None, None, None)
             file.read(2_000_000)
             fail("dsmGetData")
             for _ in range(2):
-                self.code(-11, file.read)
+                self.code(-12, file.read)
         with self.session.restore("d", "f") as file:
             fail("dsmGetData", code=2200)  # a piece without bytes
             self.assertEqual(len(file.read() or b""), 3_000_000)
@@ -307,7 +307,7 @@ writer.__exit__(None, None, None)
             ("dsmDeleteObj", self.session.delete, "d", "f"), ("dsmRegisterFS", self.session.connect, "other")]  # fmt: skip
         for function, *call in failures:
             fail(function)
-            self.assertEqual(self.code(-11, *call).name, "unknown")
+            self.assertEqual(self.code(-12, *call).name, "unknown")
         self.assertEqual(self.names(versions=True), ["/d/f"], "still in the old filespace")
         fail("dsmDeleteObj", 2)  # in the tidying: the result is 0, and a transaction stays open
         self.session.delete("d", "f")
