@@ -24,6 +24,7 @@ const std::map<long long, const char*>& CodeNames() {
         {1, "DSM_RC_ABORT_SYSTEM_ERROR"},
         {2, "DSM_RC_ABORT_NO_MATCH"},
         {3, "DSM_RC_ABORT_BY_CLIENT"},
+        {11, "DSM_RC_ABORT_NO_REPOSIT_SPACE"},
         {32, "DSM_RC_ABORT_DUPLICATE_OBJECT"},
         {102, "DSM_RC_NO_MEMORY"},
         {106, "DSM_RC_ACCESS_DENIED"},
