@@ -1010,7 +1010,7 @@ TEST_F(OnDisk, FullDisk) {
 }
 
 // Commits that come together share a flush, each with its own outcome, and none is reported before it is flushed.
-TEST_F(OnDisk, CommitsShareFlushes) {
+TEST_F(OnDisk, ManyThreadsShareFlushes) {
     const Host host;
     const ObjID id = host.List(Name("/d", "/5")).at(0).objId;
     constexpr int each = 10, writers = 16, removers = 4;

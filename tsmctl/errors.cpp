@@ -29,7 +29,7 @@ const std::map<long long, Code>& Codes() {
         {1, {"DSM_RC_ABORT_SYSTEM_ERROR", "the server failed, as with storage that is full, damaged or out of reach"}},
         {2, {"DSM_RC_ABORT_NO_MATCH", "nothing that is stored matches"}},
         {3, {"DSM_RC_ABORT_BY_CLIENT", "the client's vote gave the transaction up"}},
-        {11, {"DSM_RC_ABORT_NO_STORAGE_SPACE", "the server is out of storage space"}},
+        {11, {"DSM_RC_ABORT_NO_REPOSIT_SPACE", "the server is out of storage space"}},
         {32, {"DSM_RC_ABORT_DUPLICATE_OBJECT", "the new name has stored versions"}},
         {102, {"DSM_RC_NO_MEMORY", "no memory"}},
         {106, {"DSM_RC_ACCESS_DENIED", "the node has no permission for this"}},

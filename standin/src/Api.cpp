@@ -117,7 +117,7 @@ constexpr Meaning meanings[] = {
     MEANING(DSM_RC_OK, "successful"),
     MEANING(DSM_RC_ABORT_SYSTEM_ERROR, "the server failed; its error log says why"),
     MEANING(DSM_RC_ABORT_NO_MATCH, "nothing matches"),
-    MEANING(DSM_RC_ABORT_NO_STORAGE_SPACE, "the disk of the store is full"),
+    MEANING(DSM_RC_ABORT_NO_REPOSIT_SPACE, "the disk of the store is full"),
     MEANING(DSM_RC_ABORT_BY_CLIENT, "the client voted to abort the transaction"),
     MEANING(DSM_RC_ABORT_DUPLICATE_OBJECT, "the new name has stored versions"),
     MEANING(DSM_RC_NO_MEMORY, "no memory"),

@@ -109,6 +109,10 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
     const int code = sqlite3_open_v2(uri.c_str(), &handle, flags, checked ? CheckedVfs() : nullptr);
     handle_.reset(handle);
     Check(handle, code);
+    // Where the file cannot be opened otherwise, SQLite opens it for reading.
+    if (access != SQLITE_OPEN_READONLY && sqlite3_db_readonly(handle, "main") != 0) {
+        throw std::runtime_error(path + " cannot be opened for writing");
+    }
     sqlite3_busy_handler(handle, WaitForLock, nullptr);
     if (checked && mode == Mode::Create) {
         int reserve = pageReserve;

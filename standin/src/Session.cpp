@@ -119,7 +119,7 @@ dsInt16_t CodeOf(const std::exception& problem, dsInt16_t otherwise) {
     switch (system->code().value()) {
         case ENOSPC:
         case EDQUOT:
-            return DSM_RC_ABORT_NO_STORAGE_SPACE;
+            return DSM_RC_ABORT_NO_REPOSIT_SPACE;
         case EROFS:
         case EACCES:
         case EPERM:

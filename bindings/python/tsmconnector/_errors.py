@@ -9,7 +9,7 @@ CODES: Dict[int, Tuple[str, str]] = {
     1: ("DSM_RC_ABORT_SYSTEM_ERROR", "the server or the client API failed"),
     2: ("DSM_RC_ABORT_NO_MATCH", "nothing is stored under this name"),
     3: ("DSM_RC_ABORT_BY_CLIENT", "the transaction was given up"),
-    11: ("DSM_RC_ABORT_NO_STORAGE_SPACE", "the server is out of storage space"),
+    11: ("DSM_RC_ABORT_NO_REPOSIT_SPACE", "the server has no room left"),
     32: ("DSM_RC_ABORT_DUPLICATE_OBJECT", "the name is taken"),
     102: ("DSM_RC_NO_MEMORY", "no memory"),
     106: ("DSM_RC_ACCESS_DENIED", "the node has no permission for this"),
