@@ -110,6 +110,7 @@ public:
 
     // The function of the command that was typed. Throws CLI::ParseError and UsageError.
     Function Parse(int argc, char** argv) {
+        RefuseEmptyValues({argv, argv + argc});
         app.parse(argc, argv);
         if (options.filespace.empty()) throw UsageError("--filespace needs a name");
         if (app.get_subcommand("restore")->count("--to") > 0 && options.to.empty()) {
@@ -183,6 +184,15 @@ private:
             ->description(description)
             ->type_name(type)
             ->check(check);
+    }
+
+    // To CLI11 the value of "--to=" is the next argument, which would then be missing where it belongs.
+    static void RefuseEmptyValues(const std::vector<std::string>& arguments) {
+        for (const std::string& typed : arguments) {
+            if (typed == "--") return;
+            if (typed.size() < 4 || typed.compare(0, 2, "--") != 0 || typed.find('=') != typed.size() - 1) continue;
+            throw UsageError(typed + " has nothing behind it; an empty value is an argument of its own");
+        }
     }
 
     static void RefuseValuesOfFlags(CLI::App& command) {
