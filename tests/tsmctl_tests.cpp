@@ -187,6 +187,9 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
         {"list --node a --node b", "--node is given more than once"},
         {"list --json=no", "--json takes no value"},
         {"backup --to= a b", "--to= has nothing behind it"},
+        {"list --node --json", "--node needs a value, not --json"},
+        {"backup --to -qx a b", "--to needs a value, not -qx"},
+        {"backup --to -- a b", "--to needs a value, not --"},
         {"backup - --as n --size $(printf 9%.0s {1..300})", "0 to 9223372036854775807 is needed, not '9999999"},
         {"backup - --as n --size 0x10", "not '0x10'"},
         {"help lst", "did you mean list?"}};
