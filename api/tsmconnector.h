@@ -163,8 +163,8 @@ extern "C" {
  * @return 0; the set-up's return code with its sign turned round on failure
  * (as a rule negative; a code that is itself negative comes back positive, so
  * anything but 0 is failure); #TSM_RESULT_BAD_CALL_SEQUENCE when the library is
- * initialised already, which then goes on working. After any other failure, call TsmReleaseApi(), or
- * TsmInitApi() again.
+ * initialised already, which then goes on working. After any other failure,
+ * call TsmReleaseApi(), or TsmInitApi() again.
  */
 TSM_API int TsmInitApi(char* configFile, char* logDir, char* apiDir, char* applicationType);
 
@@ -319,7 +319,8 @@ TSM_API int TsmEndGetMgmtClasses(int handle);
  * After a failure the transaction may still be open: close the session, or call
  * TsmEndBackup() (its result does not matter, nothing is stored), before the
  * session is used for anything else. After #TSM_RESULT_BAD_CALL_SEQUENCE close
- * it: an object that was opened earlier is still open, and TsmEndBackup() would commit it as it is.
+ * it: an object that was opened earlier is still open, and TsmEndBackup() would
+ * commit it as it is.
  *
  * @param handle the session
  * @param path the directory

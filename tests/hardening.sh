@@ -1,12 +1,12 @@
 #!/bin/sh
 # Holds every program and library below the folders against what helps an attacker: libraries looked for in the current
 # folder, addresses of functions that stay writable, and jumps to anywhere in them (as far as the compiler offers it).
-# Usage: hardening.sh FOLDER...
+# Usage: hardening.sh FOLDER...   (CMake's own trials are passed over)
 set -eu
 work=$(mktemp -d)
 trap 'rm -r "$work"' EXIT
 
-find "$@" -type f ! -name '*.o' >"$work/files"
+find "$@" -type f ! -name '*.o' ! -path '*/CMakeFiles/*' >"$work/files"
 while read -r file; do
     readelf -Wdl "$file" >"$work/elf" 2>/dev/null || continue
     echo "$file" >>"$work/seen"

@@ -143,39 +143,14 @@ INSTANTIATE_TEST_SUITE_P(All, Jobs, testing::Values("-j 1", "-j 4"));
 
 TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     Run("mkdir -p a/x b/x; tsmctl -q backup a b");
-    for (const char* const arguments : {"",
-                                        "frobnicate",
-                                        "backup",
-                                        "backup a/x b/x",
-                                        "backup ''",
-                                        "backup / a",
-                                        "backup -",
-                                        "backup a --as n",
-                                        "backup a -j 0",
-                                        "backup a -j 65",
-                                        "backup a --size 3",
-                                        "backup a --to ../b",
-                                        "restore a --at yesterday",
-                                        "restore ''",
-                                        "restore a --to ''",
-                                        "list --filespace ''",
-                                        "restore a --at '2024-02-30 00:00:00'",
-                                        "restore a --at '2024-02-03 24:00:00'",
-                                        "list --at '2024-01-01'",
-                                        "list --type link",
-                                        "delete ''",
-                                        "delete /",
-                                        "delete 'a*/x'",
-                                        "delete --recursive a",
-                                        "rename a a/",
-                                        "rename a a/b",
-                                        "rename / a",
-                                        "rename a /",
-                                        "delete-filespace tsmctl",
-                                        "--frobnicate",
-                                        "completion bash"}) {
-        Expect(std::string("tsmctl ") + arguments, 2, "", "tsmctl: ");
-    }
+    std::istringstream refused(
+        "|backup|backup a/x b/x|backup ''|backup / a|backup -|backup a --as n|backup a -j 0|backup a -j 65|"
+        "backup a --size 3|backup a --to ../b|restore a --at yesterday|restore ''|restore a --to ''|"
+        "list --filespace ''|restore a --at '2024-02-30 00:00:00'|restore a --at '2024-02-03 24:00:00'|"
+        "list --at '2024-01-01'|list --type link|delete ''|delete /|delete 'a*/x'|delete --recursive a|"
+        "rename a a/|rename a a/b|rename / a|rename a /|delete-filespace tsmctl|completion bash");
+    for (std::string arguments; std::getline(refused, arguments, '|');)
+        Expect("tsmctl " + arguments, 2, "", "tsmctl: ");
     const std::vector<std::pair<const char*, const char*>> told = {
         {"-q frobnicate a", "no such command: frobnicate (see 'tsmctl help')"},
         {"backpu a", "no such command: backpu; did you mean backup?"},
@@ -186,6 +161,10 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
         {"backup a --jobs", "--jobs needs a value, NUMBER: sessions"},
         {"list --node a --node b", "--node is given more than once"},
         {"list --json=no", "--json takes no value"},
+        {"backup --to= a b", "--to= has nothing behind it"},
+        {"list --node --json", "--node needs a value, not --json"},
+        {"backup --to -qx a b", "--to needs a value, not -qx"},
+        {"backup --to -- a b", "--to needs a value, not --"},
         {"backup - --as n --size $(printf 9%.0s {1..300})", "0 to 9223372036854775807 is needed, not '9999999"},
         {"backup - --as n --size 0x10", "not '0x10'"},
         {"help lst", "did you mean list?"}};
@@ -194,6 +173,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     Expect("tsmctl --help > /dev/full", 1, "", "standard output");
     Expect("tsmctl frobnicate 2> /dev/full", 2);
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
+    Expect("tsmctl --password-file . list", 1, "", "password file .: cannot read: Is a directory");
     Expect("TSMCTL_PASSWORD= tsmctl --node new list", 2, "", "password is empty");
     Expect("umask 077; : > pw; tsmctl --password-file pw --node new list", 2, "", "password is empty");
     Expect("printf 'a\\0b' > pw; tsmctl --password-file pw --node new list", 2, "", "holds a byte 0");
@@ -237,6 +217,10 @@ TEST_F(Tsmctl, WhatTheApiRefusesIsExplained) {
            "state/tsmctl/dsierr");
     Expect("stat -c %a state state/tsmctl", 0, "700\n700\n");
     Expect("export XDG_STATE_HOME=/dev/null; unset TSMCTL_LOG_DIR; tsmctl list -q", 0);
+    Expect(
+        "unset XDG_STATE_HOME TSMCTL_LOG_DIR; HOME=/proc; [ $UID != 0 ] || { HOME=$PWD/h; mkdir h; chown 1 h; }\n"
+        "tsmctl list -q; [ ! -e $HOME/.local ]",
+        0);
     Expect("tsmctl list --log-dir /nope", 1, "", "cannot keep the log in /nope: No such file or directory\n");
     Expect("tsmctl list --config none", 1, "", "options file none: DSM_RC_INVALID_PARM (-109), a value");
 }

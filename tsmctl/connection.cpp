@@ -16,18 +16,18 @@
 #include "tsmconnector.h"
 
 namespace {
-std::string PasswordIn(const std::string& path) {
+std::string PasswordIn(const std::string& path) try {
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status = {};
-    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
-        FailLocal(path + ": cannot read the password file", errno);
-    }
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
     if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
         Tell(path + ": warning: other users can read this password file (chmod 600 ends that)");
     }
     std::string line = ReadLine(file.Get());
     if (!line.empty() && line.back() == '\r') line.pop_back();
     return line;
+} catch (const Failure& failure) {
+    throw Failure(fmt::format("password file {}: {}", path, failure.what()));
 }
 
 std::string PasswordFor(const Options& options) {

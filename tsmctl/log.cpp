@@ -22,14 +22,22 @@ bool MayWriteTo(const std::string& folder) {
     return faccessat(AT_FDCWD, FileIn(folder).c_str(), W_OK, AT_EACCESS) == 0 || errno == ENOENT;
 }
 
+bool IsMine(const fs::path& folder) {
+    struct stat status = {};
+    return stat(folder.c_str(), &status) == 0 && status.st_uid == geteuid();
+}
+
+// Below a folder of somebody else's, as HOME may be after sudo, the log could be made to stand for another file.
 fs::path StateFolder() {
     const auto variable = [](const char* name) {
         const char* const value = std::getenv(name);
         return fs::path(value ? value : "");
     };
-    if (const fs::path state = variable("XDG_STATE_HOME"); state.is_absolute()) return state / "tsmctl";
-    if (const fs::path home = variable("HOME"); home.is_absolute()) return home / ".local/state/tsmctl";
-    return {};
+    if (const fs::path state = variable("XDG_STATE_HOME"); state.is_absolute()) {
+        return IsMine(state) || !fs::exists(state) ? state / "tsmctl" : fs::path();
+    }
+    const fs::path home = variable("HOME");
+    return home.is_absolute() && IsMine(home) ? home / ".local/state/tsmctl" : fs::path();
 }
 }  // namespace
 
@@ -44,10 +52,7 @@ std::string LogFolder(const std::string& wanted) {
         folder /= part;
         mkdir(folder.c_str(), 0700);  // what counts is what is there in the end
     }
-    // In a folder of somebody else's, the log could be made to stand for another file.
-    struct stat status = {};
-    const bool mine = stat(own.c_str(), &status) == 0 && status.st_uid == geteuid();
-    return mine && MayWriteTo(own.native()) ? own.native() : "";
+    return IsMine(own) && MayWriteTo(own.native()) ? own.native() : "";
 }
 
 LogWatch::LogWatch(const std::string& folder) : path(FileIn(folder)), before(Size()) {}

@@ -110,7 +110,11 @@ public:
 
     // The function of the command that was typed. Throws CLI::ParseError and UsageError.
     Function Parse(int argc, char** argv) {
+        RefuseEmptyValues({argv, argv + argc});
         app.parse(argc, argv);
+        for (const Command& command : commands) {
+            if (command.app->parsed()) RefuseOptionsAsValues(*command.app);
+        }
         if (options.filespace.empty()) throw UsageError("--filespace needs a name");
         if (app.get_subcommand("restore")->count("--to") > 0 && options.to.empty()) {
             throw UsageError("restore --to needs a folder, or - for standard output");
@@ -183,6 +187,30 @@ private:
             ->description(description)
             ->type_name(type)
             ->check(check);
+    }
+
+    // To CLI11 the value of "--to=" is the next argument, which would then be missing where it belongs.
+    static void RefuseEmptyValues(const std::vector<std::string>& arguments) {
+        for (const std::string& typed : arguments) {
+            if (typed == "--") return;
+            if (typed.size() < 4 || typed.compare(0, 2, "--") != 0 || typed.find('=') != typed.size() - 1) continue;
+            throw UsageError(typed + " has nothing behind it; an empty value is an argument of its own");
+        }
+    }
+
+    // Nor does CLI11 see that a value is missing where the option that follows is not of the same level.
+    void RefuseOptionsAsValues(const CLI::App& command) const {
+        for (const CLI::App* const owner : {&app, &command}) {
+            for (const CLI::Option* option : owner->get_options({})) {
+                for (const std::string& value : option->results()) {
+                    if (option->get_positional() || value.size() < 2 || value[0] != '-') continue;
+                    const std::string name = value.substr(0, value[1] == '-' ? value.find('=') : 2);
+                    if (name == "--" || app.get_option_no_throw(name) || command.get_option_no_throw(name)) {
+                        throw UsageError(fmt::format("{} needs a value, not {}", option->get_name(), value));
+                    }
+                }
+            }
+        }
     }
 
     static void RefuseValuesOfFlags(CLI::App& command) {

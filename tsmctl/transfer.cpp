@@ -43,8 +43,8 @@ size_t Download::Next(Buffer& buffer) {
     unsigned char* const memory = buffer.data();
     unsigned char* place = memory;
     long long count = 0;
-    for (int asked = 0; count == 0 && asked < 2;
-         ++asked) {  // a piece without bytes is not the end, which is told again
+    // A piece without bytes is not the end, which is told again.
+    for (int asked = 0; count == 0 && asked < 2; ++asked) {
         count = session.Check("cannot receive", TsmGetData(session.Handle(), &place, pieceSize));
     }
     received += count;

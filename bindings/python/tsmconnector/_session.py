@@ -532,10 +532,10 @@ class Session(Sole):
 
         Raises NotFoundError when nothing is stored under the old name, and TsmError with code -1 when the server did
         not carry the rename out. Raises ValueError where the library would delete what is to be kept: when one of the
-        names is the other, or that of a directory of the other's path; when the names are held by files and
-        directory objects both; when a file bears the name of a directory of one of the paths; and when inactive versions
-        alone would replace an active one. After a TsmError list both names: what was stored under the new one may be
-        gone already, and with the operation TsmGetBackupInfo the rename may have gone through.
+        names is the other, or that of a directory of the other's path; when the names are held by files and directory
+        objects both; when a file bears the name of a directory of one of the paths; and when inactive versions alone
+        would replace an active one. After a TsmError list both names: what was stored under the new one may be gone
+        already, and with the operation TsmGetBackupInfo the rename may have gone through.
         """
         old = (self._directory(old_path), plain(old_name))
         new = (self._directory(new_path), plain(new_name))
