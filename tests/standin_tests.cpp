@@ -1014,7 +1014,7 @@ TEST_F(OnDisk, ManyThreadsShareFlushes) {
     const Host host;
     const ObjID id = host.List(Name("/d", "/5")).at(0).objId;
     constexpr int each = 10, writers = 16, removers = 4;
-    std::atomic<int> removed{0}, gone{0};
+    std::atomic<int> accepted{0}, removed{0}, gone{0};
     flushes = 0;
     flushMilliseconds = 5;
     std::vector<std::thread> threads;
@@ -1022,12 +1022,17 @@ TEST_F(OnDisk, ManyThreadsShareFlushes) {
         threads.emplace_back([&, t] {
             const Host own;
             if (t < removers) {
+                // All have it accepted before the first commit; one of them finds the version at its own.
                 dsmDelInfo info{};
                 info.backIDInfo = {delBackIDVersion, id};
                 dsmBeginTxn(own.handle);
-                const int accepted = dsmDeleteObj(own.handle, dtBackupID, info);
+                own.Begin(Name("/r", "/" + std::to_string(t)), "x");
+                EXPECT_EQ(dsmEndSendObj(own.handle), 0);
+                EXPECT_EQ(dsmDeleteObj(own.handle, dtBackupID, info), 0);
+                for (++accepted; accepted < removers;) std::this_thread::yield();
                 const int ended = own.End();
-                ++(accepted == 0 && ended == 0 ? removed : gone);
+                EXPECT_TRUE(ended == 0 || ended == DSM_RC_ABORT_NO_MATCH) << ended;
+                ++(ended == 0 ? removed : gone);
                 return;
             }
             for (int i = 0; i < each; ++i) {
@@ -1041,6 +1046,7 @@ TEST_F(OnDisk, ManyThreadsShareFlushes) {
     flushMilliseconds = 0;
     EXPECT_EQ(removed, 1);
     EXPECT_EQ(gone, removers - 1);
+    EXPECT_EQ(host.List(Name("/r", "/*")).size(), 1U);
     EXPECT_LT(flushes, writers * each / 2);
     EXPECT_EQ(host.List(Name("/1*", "/*")).size(), 100U);  // of ten writers
     // A flush that fails fails the commit, and what it held is not there.

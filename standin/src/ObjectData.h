@@ -6,6 +6,9 @@
 
 #define XXH_STATIC_LINKING_ONLY  // the state as a member
 #include <xxhash.h>
+#ifdef __x86_64__
+#include <xxh_x86dispatch.h>  // as fast as the processor can
+#endif
 
 #include <cstddef>
 #include <cstdint>

@@ -200,7 +200,6 @@ int Write(sqlite3_file* handle, const void* bytes, int size, sqlite3_int64 offse
     return file.Does().xWrite(file.Real(), page, size, offset);
 }
 
-// All else goes through. Version 2 has no memory maps, whose pages would be read unseen.
 std::atomic<int> openFiles{0};
 
 int Close(sqlite3_file* handle) {
@@ -212,6 +211,7 @@ int Close(sqlite3_file* handle) {
     return passedOn ? passedOn : closed;
 }
 
+// All else goes through. Version 2 has no memory maps, whose pages would be read unseen.
 // clang-format off
 const sqlite3_io_methods methods = {
     2,
