@@ -1,0 +1,46 @@
+// A disk that fails, kills or forgets: the system calls on files below one folder, counted and written down. The
+// program that is linked with Disk.cpp has its definitions of open, write, fsync... used by all libraries that it
+// loads. What is written down lies in memory that forked children share.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace disk {
+
+constexpr int kill = -1;    // as an error: the process dies
+constexpr int killed = 99;  // its exit status then
+
+// What a call can fail with: all but reading needs room, or makes an entry that needs some.
+enum Kind : unsigned { reading = 1, changing = 2, growing = 4 };
+
+struct Event {
+    char what;  // c create, m mkdir, w write, t truncate, s flush, r rename, l link, u unlink, ! a fault, others: notes
+    std::uint64_t inode = 0;
+    std::int64_t at = 0;  // offset, new size, or what a note tells
+    std::string path, bytes;
+    std::string& To() { return bytes; }
+};
+
+// Before any fork. The folder is a path without links.
+void Watch(const std::string& folder);
+// Forgets events and counts.
+void Reset();
+// Lets the nth call (from 1) of these kinds fail; a write leaves half of its bytes. 0: none.
+void FailNth(long nth, unsigned kinds, int error);
+long Calls(unsigned kinds);
+void Note(char what, std::int64_t number);
+std::vector<Event> Events();
+// A text from a child to its parent.
+void Tell(const std::string& text);
+std::string Told();
+
+// While one lives, this thread's calls are neither counted nor failed nor written down.
+struct Unwatched {
+    Unwatched();
+    ~Unwatched();
+};
+
+}  // namespace disk

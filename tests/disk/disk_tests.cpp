@@ -1,0 +1,872 @@
+// The store on disks that fail, die, lose what was not flushed, or turn bits. A child process works on the store and
+// notes what it was told; another opens it afterwards, and what it finds has to be what was acknowledged.
+//   disk_tests faults [EVERY]     every call (every nth call) of a scenario fails with EIO, with ENOSPC, kills
+//   disk_tests cuts [EVERY]       the power fails after every write, flush or change of a folder
+//   disk_tests flips COUNT        one bit of the catalogue, and one of the data, COUNT times each
+// DISK_SEED repeats the choices of an earlier run.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Disk.h"
+#include "dsmapifp.h"
+#include "dsmrc.h"
+
+namespace {
+
+using namespace std::string_literals;
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+fs::path work;  // with the folder disk/, the only one that is watched, and in it the store
+std::mt19937 chance;
+long problems = 0;
+
+void Problem(const std::string& where, const std::string& what) {
+    ++problems;
+    std::cout << where << ": " << what << std::endl;
+}
+
+long Chance(long below) {
+    return std::uniform_int_distribution<long>(0, below - 1)(chance);
+}
+
+std::string Content(std::size_t size, unsigned seed) {
+    std::mt19937_64 bytes(seed);
+    std::string content(size, '\0');
+    for (std::size_t i = 0; i < size; i += 8) {
+        const auto word = bytes();
+        std::memcpy(&content[i], &word, std::min<std::size_t>(8, size - i));
+    }
+    return content;
+}
+
+std::string Hash(const std::string& bytes) {
+    return std::to_string(bytes.size()) + ":" + std::to_string(std::hash<std::string>()(bytes));
+}
+
+// ------------------------------------------------------------------ scenario
+
+// p put, a deactivate, x remove the oldest version, r rename, f register a filespace, F delete it, o open, c close,
+// u somebody leaves files of his own in the store. Names are FILESPACE:NAME.
+struct Op {
+    char what;
+    std::string name{}, to{};
+    std::size_t size = 0;
+};
+struct Step {
+    std::vector<Op> ops;  // several: one transaction
+    int thread = 0;       // neighbours of different threads run at a time, in sessions of their own
+};
+using Scenario = std::vector<Step>;
+
+constexpr std::size_t small = 700, large = 300000;
+
+// The work of the next process.
+const Scenario afterwards = {
+    {{{'o'}}}, {{{'f', "A:"}}}, {{{'p', "A:later", "", small}}}, {{{'p', "A:later", "", large}}}, {{{'c'}}}};
+
+Scenario Whole() {
+    Scenario steps = {{{{'o'}}},
+                      {{{'u'}}},
+                      {{{'f', "A:"}}},
+                      {{{'p', "A:a", "", small}}},
+                      {{{'p', "A:b", "", large}}},
+                      {{{'p', "A:a", "", small + 1}}},
+                      {{{'p', "A:b", "", large + 1}}},
+                      {{{'p', "A:empty"}}},
+                      {{{'p', "A:e", "", 9000}, {'p', "A:f", "", large}, {'x', "A:b"}, {'a', "A:a"}}},
+                      {{{'r', "A:b", "A:c"}}},
+                      {{{'f', "B:"}}},
+                      {{{'p', "B:a", "", small}, {'p', "B:b", "", large}}},
+                      {{{'p', "B:b", "", large}}},
+                      {{{'x', "A:f"}}},
+                      {{{'F', "B:"}}},
+                      {{{'c'}}},
+                      {{{'o'}}},
+                      {{{'p', "A:g", "", small}}},
+                      {{{'p', "A:c", "", large}}}};
+    for (int thread = 1; thread <= 3; ++thread) {
+        for (const char* name : {"x", "y"}) {
+            steps.push_back({{{'p', "A:" + std::string(name) + std::to_string(thread), "", small}}, thread});
+        }
+        steps.push_back({{{'p', "A:z" + std::to_string(thread), "", large}}, thread});
+    }
+    steps.push_back({{{'x', "A:c"}}});
+    steps.push_back({{{'c'}}});
+    steps.insert(steps.end(), afterwards.begin(), afterwards.end());
+    return steps;
+}
+
+unsigned SeedOf(const Step& step, const Op& op) {
+    return static_cast<unsigned>(std::hash<std::string>()(op.name) + op.size + step.ops.size());
+}
+
+// ---------------------------------------------------- what the store must hold
+
+struct Model {
+    std::map<std::string, std::vector<std::pair<std::string, bool>>> objects;  // hash of the content, active
+    std::set<std::string> filespaces;
+
+    // False: the store would refuse it.
+    bool Apply(const Step& step) {
+        return std::all_of(step.ops.begin(), step.ops.end(), [&](const Op& op) { return Apply(step, op); });
+    }
+    bool Apply(const Step& step, const Op& op) {
+        const std::string filespace = op.name.substr(0, op.name.find(':') + 1);
+        if (op.what == 'f') return filespaces.insert(op.name).second;
+        if (op.what == 'o' || op.what == 'c' || op.what == 'u') return true;
+        if (filespaces.count(filespace) == 0) return false;
+        if (op.what == 'F') {
+            filespaces.erase(filespace);
+            objects.erase(objects.lower_bound(filespace), objects.lower_bound(filespace + '\x7f'));
+            return true;
+        }
+        if (op.what != 'p' && objects.count(op.name) == 0) return op.what == 'r';
+        auto& versions = objects[op.name];
+        const bool active = !versions.empty() && versions.back().second;
+        if (op.what == 'x') {
+            versions.erase(versions.begin());
+        } else if (op.what == 'r') {
+            if (objects.count(op.to) != 0) return false;
+            objects[op.to] = versions;
+            versions.clear();
+        } else {
+            if (active) versions.back().second = false;
+            if (op.what == 'p') versions.emplace_back(Hash(Content(op.size, SeedOf(step, op))), true);
+        }
+        if (versions.empty()) objects.erase(op.name);
+        return op.what != 'a' || active;
+    }
+
+    Lines View() const {
+        Lines lines(filespaces.begin(), filespaces.end());
+        for (const auto& [name, versions] : objects) {
+            for (const auto& [hash, active] : versions) lines.push_back(name + (active ? "* " : " ") + hash);
+        }
+        return lines;
+    }
+};
+
+// What may be there after the first events: a step that failed by a fault, or had no answer yet, may have happened or
+// not. None: an answer that cannot be.
+std::set<Lines> Possible(const Scenario& steps, const std::vector<disk::Event>& events, std::size_t count = SIZE_MAX) {
+    std::map<Lines, Model> models = {{{}, {}}};
+    std::map<std::int64_t, bool> open;  // the steps under way, and whether a fault has come up since
+    const auto apply = [&](std::int64_t at, bool done, bool perhaps) {
+        std::map<Lines, Model> after;
+        for (const auto& [view, model] : models) {
+            Model changed = model;
+            const bool possible = changed.Apply(steps[static_cast<std::size_t>(at)]);
+            if (possible && (done || perhaps)) after[changed.View()] = changed;
+            if (!done && (perhaps || !possible)) after[view] = model;
+        }
+        models = std::move(after);
+    };
+    const auto leaveOpen = [&] {
+        for (const auto& [at, hit] : open) apply(at, false, true);
+        open.clear();
+    };
+    for (std::size_t i = 0; i < std::min(count, events.size()); ++i) {
+        const disk::Event& e = events[i];
+        if (e.what == 'B') open[e.at] = false;
+        if (e.what == 'K') leaveOpen();
+        if (e.what == '!') {
+            for (auto& [at, hit] : open) hit = true;
+        }
+        if (e.what == 'Y' || e.what == 'N') {
+            apply(e.at, e.what == 'Y', open[e.at]);
+            open.erase(e.at);
+        }
+    }
+    leaveOpen();
+    std::set<Lines> views;
+    for (const auto& [view, model] : models) views.insert(view);
+    return views;
+}
+
+// ---------------------------------------------------------------------- host
+
+template <std::size_t size>
+void Set(char (&field)[size], const std::string& text) {
+    if (text.size() >= size) std::abort();
+    std::memcpy(field, text.c_str(), text.size() + 1);
+}
+
+dsmObjName NameOf(const std::string& name) {
+    dsmObjName result{};
+    const std::size_t colon = name.find(':');
+    Set(result.fs, name.substr(0, colon + 1));
+    Set(result.hl, "/d");
+    Set(result.ll, name.substr(colon + 1));
+    result.objType = DSM_OBJ_FILE;
+    return result;
+}
+
+struct Found {  // a version or a filespace
+    std::string name;
+    bool active = false;
+    ObjID id{};
+    std::string record, content;  // the content's hash, or ! and what reading answered
+    std::string Line() const { return name + (content.empty() ? "" : (active ? "* " : " ") + content); }
+};
+
+// Files of others in the store's folder.
+constexpr const char* strangers[] = {"thesis.txt", "data/notes", "data/0/12.txt", "data/7/12", "incoming/upload.pdf"};
+const std::string strange = "not the store's\n";
+
+class Host {
+public:
+    ~Host() { Close(); }
+
+    bool Open() {
+        envSetUp setUp{};
+        Set(setUp.dsmiConfig, (work / "dsm.opt").string());
+        Set(setUp.dsmiLog, work.string());
+        ready_ = dsmSetUp(bTrue, &setUp) == 0;
+        if (ready_ && SignOn()) return true;
+        Close();
+        return false;
+    }
+    bool SignOn() {
+        char node[] = "NODE", password[] = "pw";
+        dsmInitExIn_t in{};
+        dsmInitExOut_t out{};
+        in.clientNodeNameP = node;
+        in.clientPasswordP = password;
+        return dsmInitEx(&handle_, &in, &out) == 0 || (handle_ = 0);
+    }
+    void Close() {
+        SignOff();
+        if (ready_) dsmCleanUp(bTrue);
+        ready_ = false;
+    }
+    void SignOff() {
+        if (handle_) dsmTerminate(handle_);
+        handle_ = 0;
+    }
+
+    bool Do(const Step& step) {
+        const Op& op = step.ops[0];
+        std::string name = op.name;
+        switch (op.what) {
+            case 'o':
+                return Open();
+            case 'c':
+                Close();
+                return true;
+            case 'u':
+                Intrude();
+                return true;
+            case 'f': {
+                regFSData data{};
+                char type[] = "NTFS";
+                data.fsName = name.data();
+                data.fsType = type;
+                return dsmRegisterFS(handle_, &data) == 0;
+            }
+            case 'F':
+                return dsmDeleteFS(handle_, name.data(), DSM_REPOS_ALL) == 0;
+        }
+        if (dsmBeginTxn(handle_) != 0) return false;
+        const bool done = std::all_of(step.ops.begin(), step.ops.end(), [&](const Op& o) { return Change(step, o); });
+        dsUint16_t reason = 0;
+        const int end = dsmEndTxn(handle_, done ? DSM_VOTE_COMMIT : DSM_VOTE_ABORT, &reason);
+        return done && end == 0 && reason == 0;
+    }
+
+    // False: something could not be listed. What cannot be read is among what is found.
+    bool List(std::vector<Found>& found, bool read) {
+        std::string any = "*";
+        qryFSData filespaces{qryFSDataVersion, any.data()};
+        std::vector<std::string> names;
+        qryRespFSData space{};
+        bool complete = Query(qtFilespace, &filespaces, space, [&] {
+            names.emplace_back(space.fsName);
+            found.push_back({space.fsName, false, {}, {reinterpret_cast<char*>(&space), sizeof space}, {}});
+        });
+        for (const std::string& filespace : names) {
+            dsmObjName name = NameOf(filespace + "*");
+            Set(name.hl, "*");
+            name.objType = DSM_OBJ_ANY_TYPE;
+            qryBackupData query{qryBackupDataVersion, &name, nullptr, DSM_ANY_MATCH, {}};
+            qryRespBackupData v{};
+            const std::size_t before = found.size();
+            complete &= Query(qtBackup, &query, v, [&] {
+                found.push_back({std::string(v.objName.fs) + v.objName.ll,
+                                 v.objState == DSM_ACTIVE,
+                                 v.objId,
+                                 {reinterpret_cast<char*>(&v), sizeof v},
+                                 "?"});
+            });
+            for (std::size_t i = before; read && i < found.size(); ++i) found[i].content = Read(found[i].id);
+        }
+        return complete;
+    }
+
+private:
+    template <class Record, class Take>
+    bool Query(dsmQueryType type, dsmQueryBuff* what, Record& record, Take take) {
+        if (dsmBeginQuery(handle_, type, what) != 0) return false;
+        DataBlk block{DataBlkVersion, sizeof record, 0, reinterpret_cast<char*>(&record)};
+        int next;
+        bool any = false;
+        for (; (next = dsmGetNextQObj(handle_, &block)) == DSM_RC_MORE_DATA; any = true) take();
+        dsmEndQuery(handle_);
+        return next == (any ? DSM_RC_FINISHED : DSM_RC_ABORT_NO_MATCH);
+    }
+
+    std::string Read(ObjID id) {
+        dsmGetList list{dsmGetListVersion, 1, &id, nullptr};
+        int got = dsmBeginGetData(handle_, bTrue, gtBackup, &list);
+        std::string bytes, buffer(65536, '\0');
+        if (got == 0) got = dsmGetObj(handle_, &id, nullptr);
+        while (got == DSM_RC_MORE_DATA) {
+            DataBlk block{DataBlkVersion, static_cast<dsUint32_t>(buffer.size()), 0, buffer.data()};
+            got = dsmGetData(handle_, &block);
+            bytes.append(buffer, 0, block.numBytes);
+        }
+        dsmEndGetObj(handle_);
+        dsmEndGetData(handle_);
+        return got == DSM_RC_FINISHED ? Hash(bytes) : "!" + std::to_string(got);
+    }
+
+    bool Change(const Step& step, const Op& op) {
+        dsmObjName name = NameOf(op.name);
+        if (op.what == 'p') {
+            mcBindKey key{};
+            ObjAttr attr{};
+            attr.sizeEstimate.lo = static_cast<dsUint32_t>(op.size);
+            if (dsmBindMC(handle_, &name, stBackup, &key) != 0) return false;
+            if (dsmSendObj(handle_, stBackup, nullptr, &name, &attr, nullptr) != 0) return false;
+            std::string bytes = Content(op.size, SeedOf(step, op));
+            for (std::size_t done = 0; done < bytes.size();) {
+                DataBlk block{DataBlkVersion,
+                              static_cast<dsUint32_t>(std::min<std::size_t>(100000, bytes.size() - done)), 0,
+                              &bytes[done]};
+                if (dsmSendData(handle_, &block) != 0) return false;
+                done += block.numBytes;
+            }
+            return dsmEndSendObj(handle_) == 0;
+        }
+        if (op.what == 'r') {
+            dsmRenameIn_t in{1, handle_, DSM_BACKUP_REP, &name, "/d", "", bFalse, {}};
+            dsmRenameOut_t out{};
+            Set(in.newLl, op.to.substr(op.to.find(':') + 1));
+            return dsmRenameObj(&in, &out) == 0;
+        }
+        dsmDelInfo info{};
+        if (op.what == 'a') {
+            info.backInfo = {delBackVersion, &name, 1};
+            return dsmDeleteObj(handle_, dtBackup, info) == 0;
+        }
+        info.backIDInfo = {delBackIDVersion, oldest_[op.name]};
+        return dsmDeleteObj(handle_, dtBackupID, info) == 0;
+    }
+
+    static void Intrude() {
+        const disk::Unwatched unwatched;
+        for (const char* name : strangers) {
+            const fs::path path = work / "disk/store" / name;
+            fs::create_directories(path.parent_path());
+            std::ofstream(path) << strange;
+        }
+    }
+
+    dsUint32_t handle_ = 0;
+    bool ready_ = false;
+
+public:
+    // The oldest version of the name is the one that x removes. It has to be known before the transaction.
+    bool FindOldest(const Step& step) {
+        for (const Op& op : step.ops) {
+            if (op.what != 'x') continue;
+            std::vector<Found> found;
+            if (!List(found, false)) return false;
+            const auto at = std::find_if(found.begin(), found.end(), [&](const Found& f) { return f.name == op.name; });
+            if (at == found.end()) return false;
+            oldest_[op.name] = at->id;
+        }
+        return true;
+    }
+
+private:
+    std::map<std::string, ObjID> oldest_;
+};
+
+// One line for each thing found, made for Told; records and contents as hashes.
+std::string Report(Host& host) {
+    std::vector<Found> found;
+    const bool complete = host.List(found, true);
+    std::ostringstream text;
+    for (const Found& f : found) text << f.Line() << '\t' << Hash(f.record) << '\n';
+    if (!complete) text << "!list\n";
+    return text.str();
+}
+
+bool Run(Host& host, const Scenario& steps, std::size_t at) {
+    disk::Note('B', static_cast<std::int64_t>(at));
+    const Step& step = steps[at];
+    const bool done = host.FindOldest(step) && host.Do(step);
+    disk::Note(done ? 'Y' : 'N', static_cast<std::int64_t>(at));
+    return done;
+}
+
+// In a child: the whole scenario, and at its end, before the store is closed, what is there.
+void RunAll(const Scenario& steps, std::size_t from, std::size_t to) {
+    Host host;
+    for (std::size_t at = from; at < to; ++at) {
+        if (steps[at].thread != 0) {
+            std::map<int, std::vector<std::size_t>> byThread;
+            for (; at < steps.size() && steps[at].thread != 0; ++at) byThread[steps[at].thread].push_back(at);
+            --at;
+            std::vector<std::thread> threads;
+            for (const auto& one : byThread) {
+                threads.emplace_back([&steps, mine = one.second] {
+                    Host session;
+                    if (!session.SignOn()) session.SignOn();
+                    for (const std::size_t i : mine) Run(session, steps, i);
+                    session.SignOff();
+                });
+            }
+            for (auto& thread : threads) thread.join();
+            continue;
+        }
+        if (at + 1 == to) {
+            const disk::Unwatched unwatched;
+            disk::Tell(Report(host));
+        }
+        if (!Run(host, steps, at) && steps[at].ops[0].what == 'o') Run(host, steps, at);
+    }
+    if (steps[to - 1].ops[0].what != 'c') _exit(0);  // as if killed
+}
+
+// The exit status of a child that does the work, or minus the signal that ended it.
+int InChild(const std::function<void()>& work_) {
+    std::cout.flush();
+    const pid_t child = fork();
+    if (child == 0) {
+        work_();
+        _exit(0);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// What a new process finds.
+struct Opened {
+    int status;         // 0, -signal, 1: refused
+    Lines lines, view;  // with and without the hash of the record
+
+    Opened() {
+        disk::Tell("");
+        status = InChild([&] {
+            Host host;
+            if (!host.Open()) _exit(1);
+            disk::Tell(Report(host));
+        });
+        std::istringstream text(disk::Told());
+        for (std::string line; std::getline(text, line);) lines.push_back(line);
+        view = ViewOf(disk::Told());
+    }
+    static Lines ViewOf(const std::string& report) {
+        std::istringstream text(report);
+        Lines view;
+        for (std::string line; std::getline(text, line);) view.push_back(line.substr(0, line.find('\t')));
+        return view;
+    }
+};
+
+std::string Joined(const Lines& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += (text.empty() ? "" : " | ") + line;
+    return text;
+}
+
+void Compare(const std::string& where, const std::set<Lines>& possible, const Opened& opened) {
+    if (opened.status != 0) return Problem(where, "cannot be opened: " + std::to_string(opened.status));
+    if (possible.count(opened.view) != 0) return;
+    Problem(where, possible.empty() ? "an answer that cannot be, without a fault"
+                                    : "holds " + Joined(opened.view) + "\n  instead of " + Joined(*possible.begin()));
+}
+
+fs::path NewDisk() {
+    fs::remove_all(work / "disk");
+    fs::create_directory(work / "disk");
+    disk::Reset();
+    return work / "disk/store";
+}
+
+// -------------------------------------------------------------------- faults
+
+struct Trouble {
+    const char* name;
+    unsigned kinds;
+    int error;
+};
+constexpr Trouble troubles[] = {{"EIO", disk::reading | disk::changing | disk::growing, EIO},
+                                {"ENOSPC", disk::growing, ENOSPC},
+                                {"kill", disk::changing | disk::growing, disk::kill}};
+
+// The whole scenario with its nth call in trouble, then the one for afterwards. What both leave, and that nobody
+// else's files were touched, is looked at.
+void Disturbed(const Scenario& steps, const Trouble& trouble, long nth) {
+    const std::string where = std::string(trouble.name) + " at call " + std::to_string(nth);
+    const std::size_t whole = steps.size() - afterwards.size();
+    NewDisk();
+    disk::FailNth(nth, trouble.kinds, trouble.error);
+    const int status = InChild([&] { RunAll(steps, 0, whole); });
+    disk::FailNth(0, 0, 0);
+    disk::Note('K', 0);
+    if (status != (trouble.error == disk::kill ? disk::killed : 0))
+        Problem(where, "ended with " + std::to_string(status));
+    const std::string living = disk::Told();
+    const Opened opened;
+    Compare(where, Possible(steps, disk::Events()), opened);
+    if (status == 0 && living.find('!') == living.npos && Opened::ViewOf(living) != opened.view) {
+        Problem(where, "another view after it was closed; before: " + Joined(Opened::ViewOf(living)));
+    }
+    if (InChild([&] { RunAll(steps, whole, steps.size()); }) != 0) Problem(where, "later work fails");
+    const std::vector<disk::Event> events = disk::Events();
+    Compare(where + ", later", Possible(steps, events), Opened());
+    const auto intruded = [](const disk::Event& e) { return e.what == 'Y' && e.at == 1; };
+    if (std::none_of(events.begin(), events.end(), intruded)) return;
+    for (const char* name : strangers) {
+        std::ifstream file(work / "disk/store" / name);
+        if (std::string(std::istreambuf_iterator<char>(file), {}) != strange) Problem(where, name + " was touched"s);
+    }
+}
+
+long CountCalls(const Scenario& steps, unsigned kinds) {
+    NewDisk();
+    if (InChild([&] { RunAll(steps, 0, steps.size() - afterwards.size()); }) != 0) Problem("undisturbed", "failed");
+    return disk::Calls(kinds);
+}
+
+void Faults(long every) {
+    const Scenario steps = Whole();
+    for (const Trouble& trouble : troubles) {
+        const long calls = CountCalls(steps, trouble.kinds);
+        long tried = 0;
+        for (long nth = 1 + Chance(every); nth <= calls; nth += every, ++tried) Disturbed(steps, trouble, nth);
+        std::cout << trouble.name << " at " << tried << " of " << calls << " calls" << std::endl;
+    }
+}
+
+// ---------------------------------------------------------------- power cuts
+
+// What a disk holds: as the processes see it, and what of it was flushed. A folder's entries last once the folder was
+// flushed, a file's bytes once the file was.
+class Platter {
+public:
+    enum Power { on, off, offAtRandom };  // the last one: each change that was not flushed may have reached the disk
+
+    void Apply(const disk::Event& e) {
+        if (e.what == 'c') {
+            const auto file = files_[e.inode] = std::make_shared<Node>();
+            if (!e.path.empty()) Enter(e.path, file);
+        } else if (e.what == 'm') {
+            const auto folder = std::make_shared<Node>();
+            folder->isFolder = true;
+            Enter(e.path, folder);
+        } else if (e.what == 'l') {
+            Enter(e.path, files_[e.inode]);
+        } else if (e.what == 'u') {
+            Enter(e.path, nullptr);
+        } else if (e.what == 'r') {
+            const auto node = Find(e.path);
+            Node& from = Parent(e.path);
+            const bool together = &from == &Parent(e.bytes);
+            Enter(e.path, nullptr);
+            Enter(e.bytes, node);
+            if (together) {  // one change, not two
+                auto& changes = from.changes;
+                changes[changes.size() - 2].push_back(changes.back()[0]);
+                changes.pop_back();
+            }
+        } else if (e.what == 's') {
+            const auto found = Find(e.path);
+            Node& node = found && found->isFolder ? *found : *files_[e.inode];
+            node.flushed = node.now;
+            node.pending.clear();
+            node.durable = node.entries;
+            node.changes.clear();
+        } else if (e.what == 'w' || e.what == 't') {
+            Node& file = *files_[e.inode];
+            file.pending.push_back(e);
+            Change(file.now, e);
+        }
+    }
+
+    void Build(const fs::path& path, Power power) const { Build(*root_, path, power); }
+
+private:
+    struct Node;
+    using NodePtr = std::shared_ptr<Node>;
+    using Entries = std::map<std::string, NodePtr>;
+    struct Node {
+        bool isFolder = false;
+        std::string now, flushed;
+        std::vector<disk::Event> pending;
+        Entries entries, durable;
+        std::vector<std::vector<std::pair<std::string, NodePtr>>> changes;
+    };
+
+    static void Change(std::string& bytes, const disk::Event& e) {
+        const auto at = static_cast<std::size_t>(e.at);
+        bytes.resize(e.what == 't' ? at : std::max(bytes.size(), at + e.bytes.size()));
+        if (e.what == 'w') bytes.replace(at, e.bytes.size(), e.bytes);
+    }
+    static void Change(Entries& entries, const std::string& name, const NodePtr& node) {
+        if (node) {
+            entries[name] = node;
+        } else {
+            entries.erase(name);
+        }
+    }
+    NodePtr Find(const fs::path& path) const {
+        const fs::path below = path.lexically_relative(work / "disk");
+        NodePtr node = root_;
+        for (const auto& part : below) {
+            if (part == ".") continue;
+            const auto at = node->entries.find(part);
+            if (at == node->entries.end()) return nullptr;
+            node = at->second;
+        }
+        return node;
+    }
+    Node& Parent(const fs::path& path) const { return *Find(path.parent_path()); }
+    void Enter(const fs::path& path, const NodePtr& node) const {
+        Node& parent = Parent(path);
+        Change(parent.entries, path.filename(), node);
+        parent.changes.push_back({{path.filename(), node}});
+    }
+
+    static void Build(const Node& folder, const fs::path& path, Power power) {
+        fs::create_directory(path);
+        fs::permissions(path, fs::perms::owner_all);
+        Entries entries = power == on ? folder.entries : folder.durable;
+        for (const auto& change : folder.changes) {
+            if (power != offAtRandom || Chance(2) == 0) continue;
+            for (const auto& [name, node] : change) Change(entries, name, node);
+        }
+        for (const auto& [name, node] : entries) {
+            if (node->isFolder) {
+                Build(*node, path / name, power);
+                continue;
+            }
+            std::string bytes = power == on ? node->now : node->flushed;
+            for (disk::Event e : node->pending) {
+                if (power != offAtRandom || Chance(2) == 0) continue;
+                if (Chance(4) == 0) e.bytes.resize(e.bytes.size() / 1024 * 512);  // torn
+                Change(bytes, e);
+            }
+            std::ofstream(path / name, std::ios::binary) << bytes;
+            fs::permissions(path / name, fs::perms::owner_read | fs::perms::owner_write);
+        }
+    }
+
+    NodePtr root_ = [] {
+        auto root = std::make_shared<Node>();
+        root->isFolder = true;
+        return root;
+    }();
+    std::map<std::uint64_t, NodePtr> files_;
+};
+
+// Cuts after each of the recorded changes from the given one on, or some of them.
+long CutAll(const std::string& name, const Scenario& steps, const std::vector<disk::Event>& events, std::size_t from,
+            long every) {
+    Platter platter;
+    long cuts = 0;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        if (!std::strchr("cmwtsrlu", events[i].what)) continue;
+        platter.Apply(events[i]);
+        if (i < from || Chance(every) != 0) continue;
+        for (const auto power : {Platter::off, Platter::offAtRandom, Platter::offAtRandom}) {
+            NewDisk();
+            fs::remove(work / "disk");
+            platter.Build(work / "disk", power);
+            const std::string where = name + ", power off after event " + std::to_string(i) + " (" + events[i].what +
+                                      " " + events[i].path + (power == Platter::off ? "" : ", at random") + ")";
+            Compare(where, Possible(steps, events, i + 1), Opened());
+            ++cuts;
+        }
+    }
+    return cuts;
+}
+
+void Cuts(long every) {
+    Scenario steps = Whole();
+    steps.erase(steps.begin() + 1);  // others' files were not flushed
+    const std::size_t whole = steps.size() - afterwards.size();
+    const long calls = CountCalls(steps, disk::changing | disk::growing);
+    const std::vector<disk::Event> events = disk::Events();
+
+    // The record is complete: it makes the same folder.
+    Platter platter;
+    for (const auto& e : events) platter.Apply(e);
+    platter.Build(work / "again", Platter::on);
+    const std::string same = "diff -r '" + (work / "disk").string() + "' '" + (work / "again").string() + "'";
+    if (std::system(same.c_str()) != 0) Problem("record", "is not complete");
+
+    std::cout << CutAll("undisturbed", steps, events, 0, every) << " power cuts" << std::endl;
+    long cuts = 0, kills = 0;
+    for (long nth = 1 + Chance(10 * every); nth <= calls; nth += 10 * every, ++kills) {
+        NewDisk();
+        disk::FailNth(nth, disk::changing | disk::growing, disk::kill);
+        InChild([&] { RunAll(steps, 0, whole); });
+        disk::FailNth(0, 0, 0);
+        disk::Note('K', 0);
+        const std::size_t from = disk::Events().size();
+        InChild([&] { RunAll(steps, whole, steps.size()); });
+        cuts += CutAll("kill at call " + std::to_string(nth), steps, disk::Events(), from, std::max(1L, every / 4));
+    }
+    std::cout << cuts << " power cuts after " << kills << " kills" << std::endl;
+}
+
+// --------------------------------------------------------------------- flips
+
+// What came of a turned bit. Data of one version only may have become unreadable.
+std::string Judge(const std::string& where, const Opened& expected, const Opened& found, bool data,
+                  const std::set<Lines>& lastLost) {
+    const auto wrong = [&](const std::string& what) {
+        Problem(where, what);
+        return "WRONG";
+    };
+    if (found.status < 0) return wrong("ended by signal " + std::to_string(-found.status));
+    if (found.lines == expected.lines) return "harmless";
+    if (found.status > 0) return data ? wrong("cannot be opened") : "refused";
+    std::map<std::string, std::string> records;  // with what was found under each
+    for (const std::string& line : expected.lines) records[line.substr(line.find('\t'))] = line;
+    bool complete = true;
+    std::size_t failed = 0;
+    for (const std::string& line : found.lines) {
+        if (line == "!list") {
+            complete = false;
+            continue;
+        }
+        const auto known = records.find(line.substr(line.find('\t')));
+        const bool unread = line.find(" !") != line.npos;
+        if (known == records.end() || (!unread && known->second != line)) {
+            if (lastLost.count(found.view) != 0) return "lost the last commit";
+            return wrong("reports " + line);
+        }
+        failed += unread;
+        records.erase(known);
+    }
+    if (complete && !records.empty()) {
+        return lastLost.count(found.view) != 0 ? "lost the last commit"
+                                               : wrong("leaves out " + records.begin()->second);
+    }
+    if (data && (!complete || failed != 1)) return wrong(std::to_string(failed) + " versions cannot be read");
+    return complete ? "noticed in versions" : "noticed in a listing";
+}
+
+void Flips(long count) {
+    Scenario steps = {{{{'o'}}}, {{{'f', "A:"}}}, {{{'f', "B:"}}}};
+    for (int i = 0; i < 120; ++i) {
+        const std::string name = (i % 3 ? "A:n" : "B:n") + std::to_string(i % 70);
+        steps.push_back({{{'p', name, "", static_cast<std::size_t>(i % 12 ? 300 + 40 * i : 100000 + i)}}});
+        if (i % 10 == 9) steps.push_back({{{i % 20 == 9 ? 'a' : 'x', name}}});
+    }
+    for (const bool closed : {true, false}) {
+        const fs::path store = NewDisk();
+        if (closed) steps.push_back({{{'c'}}});
+        InChild([&] { RunAll(steps, 0, steps.size()); });
+        if (closed) steps.pop_back();
+        const fs::path sound = work / "sound";
+        fs::remove_all(sound);
+        fs::copy(store, sound, fs::copy_options::recursive);
+        const Opened expected;
+        disk::Reset();
+        if (!closed) {
+            for (std::size_t i = 0; i + 1 < steps.size(); ++i) {
+                disk::Note('B', static_cast<std::int64_t>(i));
+                disk::Note('Y', static_cast<std::int64_t>(i));
+            }
+        }
+        const std::set<Lines> lastLost = Possible(steps, disk::Events());
+        for (const bool data : {false, true}) {
+            std::vector<fs::path> files;
+            std::vector<double> sizes;
+            for (const auto& entry : fs::recursive_directory_iterator(sound)) {
+                const fs::path path = entry.path().lexically_relative(sound);
+                const bool isData = *path.begin() == "data";
+                const std::string name = path.string();
+                if (!entry.is_regular_file() || isData != data) continue;
+                if (!data && name != "catalogue.db" && name != "catalogue.db-wal" && name != "mark") continue;
+                files.push_back(path);
+                sizes.push_back(static_cast<double>(entry.file_size()));
+            }
+            std::discrete_distribution<std::size_t> choose(sizes.begin(), sizes.end());
+            std::map<std::string, long> tally;
+            for (long i = 0; i < count / 2; ++i) {
+                const fs::path file = files[choose(chance)];
+                fs::remove_all(store);
+                fs::copy(sound, store, fs::copy_options::recursive);
+                const long bit = Chance(static_cast<long>(fs::file_size(sound / file)) * 8);
+                {
+                    std::fstream stream(store / file, std::ios::in | std::ios::out | std::ios::binary);
+                    stream.seekg(bit / 8);
+                    const int byte = stream.get();
+                    stream.seekp(bit / 8);
+                    stream.put(static_cast<char>(byte ^ 1 << bit % 8));
+                }
+                const std::string where = file.string() + ", bit " + std::to_string(bit);
+                disk::Reset();
+                ++tally[Judge(where, expected, Opened(), data, lastLost)];
+            }
+            std::cout << (closed ? "closed" : "killed") << " store, " << count / 2 << " bits of the "
+                      << (data ? "data:" : "catalogue:");
+            for (const auto& [what, n] : tally) std::cout << " " << n << " " << what;
+            std::cout << std::endl;
+        }
+    }
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    const std::string command = count > 1 ? arguments[1] : "";
+    const long number = count > 2 ? std::atol(arguments[2]) : 1;
+    const char* const given = std::getenv("DISK_SEED");
+    const unsigned seed = given ? static_cast<unsigned>(std::atol(given)) : std::random_device()();
+    chance.seed(seed);
+    std::cout << "seed " << seed << std::endl;
+
+    const bool memory = access("/dev/shm", W_OK) == 0;
+    std::string pattern = (memory ? fs::path("/dev/shm") : fs::temp_directory_path()) / "disk-XXXXXX";
+    work = fs::canonical(mkdtemp(pattern.data()));
+    std::ofstream(work / "dsm.opt") << "STOREDIR disk/store\n";
+    disk::Watch(work / "disk");
+    const std::map<std::string, void (*)(long)> commands = {{"faults", Faults}, {"cuts", Cuts}, {"flips", Flips}};
+    if (commands.count(command) == 0 || number < 1) {
+        std::cerr << "usage: disk_tests faults|cuts|flips NUMBER\n";
+        return 2;
+    }
+    commands.at(command)(number);
+    fs::remove_all(work);
+    if (problems > 0) std::cout << problems << " problems" << std::endl;
+    return problems > 0;
+}
