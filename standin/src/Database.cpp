@@ -158,6 +158,10 @@ void Database::AttachUnchecked(const std::string& path, const std::string& name)
     Run("ATTACH ?1 AS " + name, Uri(path) + "?vfs=" + sqlite3_vfs_find(nullptr)->zName);
 }
 
+void Database::Attach(const std::string& path, const std::string& name) {
+    Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro");
+}
+
 std::int64_t Database::Number(const char* sql) {
     Statement statement = Query(sql);
     if (!statement.Step()) throw std::runtime_error(std::string("catalogue: no answer to ") + sql);

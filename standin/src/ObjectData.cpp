@@ -25,10 +25,6 @@ std::int64_t NumberOf(const std::string& text) {
     return std::string(text.data(), end) == std::to_string(number) ? number : -1;
 }
 
-std::string ShardName(std::int64_t id) {
-    return std::to_string(id / shardSize);
-}
-
 }  // namespace
 
 // ------------------------------------------------------------- being sent
@@ -135,7 +131,7 @@ FileDescriptor ObjectData::Open(const StoredData& data) const {
 void ObjectData::TidyIncoming(const Folder& lostAndFound) const {
     for (const std::string& name : incoming_.Names()) {
         const auto status = incoming_.Status(name);
-        if (!IsHex(name) || !status || !S_ISREG(status->st_mode)) continue;
+        if (!IsIncoming(name) || !status || !S_ISREG(status->st_mode)) continue;
         try {
             const FileDescriptor file = incoming_.Open(name, O_RDONLY);
             if (file.Lock(false)) incoming_.Move(name, lostAndFound, "incoming-" + name);
@@ -159,6 +155,14 @@ std::vector<std::string> ObjectData::FilesFrom(std::int64_t firstFreeId) const {
 
 void ObjectData::MoveAway(const std::string& file, const Folder& lostAndFound) const {
     ShardOf(file).Move(file, lostAndFound, "data-" + file);
+}
+
+bool ObjectData::IsIncoming(const std::string& name) {
+    return IsHex(name);
+}
+
+std::string ObjectData::ShardName(std::int64_t id) {
+    return std::to_string(id / shardSize);
 }
 
 std::int64_t ObjectData::IdOf(const std::string& file) {

@@ -111,6 +111,9 @@ public:
     // The id in the name of a data file that this store can have made; -1 for any other.
     static std::int64_t IdOf(const std::string& file);
 
+    static bool IsIncoming(const std::string& name);  // one that an object on its way can have
+    static std::string ShardName(std::int64_t id);
+
     const Folder& Incoming() const { return incoming_; }
     const Folder& Data() const { return data_; }
 
