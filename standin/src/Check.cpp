@@ -184,7 +184,6 @@ bool Checker::CheckMark() {
 // ---------------------------------------------------------------- catalogue
 
 Database::Mode Checker::ReadingMode() const {
-    if (repair_) return Database::Mode::Write;
     const auto log = root_.Status("catalogue.db-wal");
     return !log || log->st_size == 0 ? Database::Mode::Immutable : Database::Mode::Read;
 }
@@ -205,6 +204,7 @@ bool Checker::CheckCatalogue() {
     std::string trouble;
     try {
         NeedIdentity(Catalogue(), identity_);
+        if (Catalogue().Number("PRAGMA user_version") != 2) throw std::runtime_error("of no known format");
         Statement rows = Catalogue().Query("SELECT CAST(integrity_check AS BLOB) FROM pragma_integrity_check");
         while (rows.Step()) {
             const std::string_view text = rows.Bytes(0, 1 << 20);
@@ -292,7 +292,10 @@ void Checker::CheckOrphans() {
     const ObjectData data(root_);
     // Files come to data/ while their transaction has the write lock, and are then in use.
     std::optional<Database::Transaction> alone;
-    if (repair_) alone.emplace(Catalogue());
+    if (repair_) {
+        catalogue_ = std::make_unique<Database>(Path(catalogueName), Database::Mode::Write);
+        alone.emplace(Catalogue());
+    }
     const auto used = [&](const std::string& file) {
         const std::int64_t id = ObjectData::IdOf(file);
         return Catalogue().Query("SELECT 1 FROM object_version WHERE id = ?1 AND file = ?2", id, file).Step() ||

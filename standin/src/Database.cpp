@@ -159,7 +159,7 @@ void Database::AttachUnchecked(const std::string& path, const std::string& name)
 }
 
 void Database::Attach(const std::string& path, const std::string& name) {
-    Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro");
+    Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro&ends=1");
 }
 
 std::int64_t Database::Number(const char* sql) {

@@ -87,7 +87,7 @@ public:
     // A database without page checksums, under a name of its own.
     void AttachUnchecked(const std::string& path, const std::string& name);
 
-    // Another one, only to be read, so that its log stays with it.
+    // Another one that may be damaged, only to be read, so that its log stays with it.
     void Attach(const std::string& path, const std::string& name);
 
     // For schema texts of several statements.

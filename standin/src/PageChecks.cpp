@@ -51,6 +51,7 @@ struct Flushed {
 struct File {
     sqlite3_file base;  // the first member, which is what SQLite knows
     bool isLog;
+    bool ends;        // a log that is taken to end with its first bad frame, whatever follows
     Flushed flushed;  // of the main file
     File* main;       // of the log
     // Written to the log one piece after the other, and not passed on yet. Nobody reads them before the flush.
@@ -166,6 +167,7 @@ int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     const auto* const bytes = static_cast<const unsigned char*>(buffer);
     if (const int failed = file.PassOn()) return failed;
     const int rc = file.Does().xRead(file.Real(), buffer, size, offset);
+    if (file.isLog && file.ends && size != pageSize) return rc;
     if (file.isLog) return rc != SQLITE_OK || LogReadIsGood(file, bytes, size, offset) ? rc : SQLITE_IOERR_DATA;
     constexpr int smallestPage = 512;
     if (size < smallestPage || (rc != SQLITE_OK && rc != SQLITE_IOERR_SHORT_READ)) return rc;
@@ -256,6 +258,7 @@ int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, in
     // may look.
     if (file.isLog) {
         file.main = &Of(sqlite3_database_file_object(name));
+        file.ends = sqlite3_uri_boolean(name, "ends", 0) != 0;
     } else if (openFiles == 0) {
         file.flushed = FlushedFrames(std::string(name) + "-shm");
     }
