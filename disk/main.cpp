@@ -1,8 +1,8 @@
 // The store on disks that fail, die, lose what was not flushed, or turn bits. A child process works on the store and
 // notes what it was told; another opens it afterwards, and what it finds has to be what was acknowledged.
-//   disk_tests faults [EVERY]     every call (every nth call) of a scenario fails with EIO, with ENOSPC, kills
-//   disk_tests cuts [EVERY]       the power fails after every write, flush or change of a folder
-//   disk_tests flips COUNT        one bit of the catalogue, and one of the data, COUNT times each
+//   disk_trouble faults [EVERY]     every call (every nth call) of a scenario fails with EIO, with ENOSPC, kills
+//   disk_trouble cuts [EVERY]       the power fails after every write, flush or change of a folder
+//   disk_trouble flips COUNT        one bit of the catalogue, and one of the data, COUNT times each
 // DISK_SEED repeats the choices of an earlier run.
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,7 +26,7 @@
 #include <thread>
 #include <vector>
 
-#include "../../standin/src/Check.h"
+#include "Check.h"
 #include "Disk.h"
 #include "dsmapifp.h"
 #include "dsmrc.h"
@@ -922,7 +922,7 @@ int main(int count, char** arguments) {
     disk::Watch(work / "disk");
     const std::map<std::string, void (*)(long)> commands = {{"faults", Faults}, {"cuts", Cuts}, {"flips", Flips}};
     if (commands.count(command) == 0 || number < 1) {
-        std::cerr << "usage: disk_tests faults|cuts|flips NUMBER\n";
+        std::cerr << "usage: disk_trouble faults|cuts|flips NUMBER\n";
         return 2;
     }
     commands.at(command)(number);
