@@ -1,8 +1,9 @@
 // The store on disks that fail, die, lose what was not flushed, or turn bits. A child process works on the store and
 // notes what it was told; another opens it afterwards, and what it finds has to be what was acknowledged.
-//   disk_trouble faults [EVERY]     every call (every nth call) of a scenario fails with EIO, with ENOSPC, kills
-//   disk_trouble cuts [EVERY]       the power fails after every write, flush or change of a folder
-//   disk_trouble flips COUNT        one bit of the catalogue, and one of the data, COUNT times each
+//   disk_trouble faults [EVERY]  every call (every nth call) of a scenario fails with EIO, with ENOSPC, kills
+//   disk_trouble EIO|ENOSPC|kill NTH  the same at one call, with the error log
+//   disk_trouble cuts [EVERY]    the power fails after every write, flush or change of a folder
+//   disk_trouble flips COUNT     one bit of the catalogue, and one of the data, COUNT times each
 // DISK_SEED repeats the choices of an earlier run.
 #include <sys/wait.h>
 #include <unistd.h>
@@ -921,11 +922,18 @@ int main(int count, char** arguments) {
     std::ofstream(work / "dsm.opt") << "STOREDIR disk/store\n";
     disk::Watch(work / "disk");
     const std::map<std::string, void (*)(long)> commands = {{"faults", Faults}, {"cuts", Cuts}, {"flips", Flips}};
-    if (commands.count(command) == 0 || number < 1) {
-        std::cerr << "usage: disk_trouble faults|cuts|flips NUMBER\n";
+    const auto* const one = std::find_if(std::begin(troubles), std::end(troubles),
+                                         [&](const Trouble& trouble) { return command == trouble.name; });
+    if ((commands.count(command) == 0 && one == std::end(troubles)) || number < 1) {
+        std::cerr << "usage: disk_trouble faults|cuts|flips|EIO|ENOSPC|kill NUMBER\n";
         return 2;
     }
-    commands.at(command)(number);
+    if (one == std::end(troubles)) {
+        commands.at(command)(number);
+    } else {
+        Disturbed(Whole(), *one, number);
+        std::cout << std::ifstream(work / "dsierror.log").rdbuf();
+    }
     fs::remove_all(work);
     if (problems > 0) std::cout << problems << " problems" << std::endl;
     return problems > 0;
