@@ -62,7 +62,7 @@ int main(int count, char** arguments) {
     } else if (!failure.empty()) {
         fmt::print(stderr, "tsm-standin-check: {}\n", failure);
     } else {
-        fmt::print("{} versions with {} bytes are sound, {} findings\n", checked.versions, checked.bytes, found);
+        fmt::print("sound: {} versions, {} bytes; findings: {}\n", checked.versions, checked.bytes, found);
     }
     // A report that did not get out is no clean bill.
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) return notChecked;

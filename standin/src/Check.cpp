@@ -361,10 +361,12 @@ void Checker::Rebuild() {
     {
         Database repaired(Path(repairedName), Database::Mode::Write);
         repaired.Attach(Path(catalogueName), "old");
-        Database::Transaction transaction(repaired);
+        // Row by row, as a page that cannot be read would undo a whole transaction; flushed when it is closed.
+        repaired.Run("PRAGMA synchronous = OFF");
         CopyRows(repaired, LastId(repaired, "old", ObjectData(root_)));
-        transaction.Commit();
+        repaired.Run("PRAGMA synchronous = FULL");
     }
+    root_.Open(repairedName, O_RDONLY).Sync();
     root_.Sync();
     root_.Move("mark", root_, awayMark);
     root_.Sync();
