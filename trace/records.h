@@ -1,0 +1,209 @@
+// The fields of the API's records that a recording holds, for the visitors of calls.def. What a record has beyond them
+// is left out: whoever compiled the caller may have known a shorter one.
+#ifndef TRACE_RECORDS_H
+#define TRACE_RECORDS_H
+
+#include <type_traits>
+
+#pragma GCC visibility push(default)
+// clang-format off
+#include "dsmapitd.h"
+#include "dsmapifp.h"
+#include "dsmrc.h"
+// clang-format on
+#pragma GCC visibility pop
+
+template <class V>
+void Fields(V& v, dsmApiVersionEx& r) {
+    v("version", r.version);
+    v("release", r.release);
+    v("level", r.level);
+    v("subLevel", r.subLevel);
+}
+
+template <class V>
+void Fields(V& v, envSetUp& r) {
+    v("v", r.stVersion);
+    v("dir", r.dsmiDir);
+    v("config", r.dsmiConfig);
+    v("log", r.dsmiLog);
+    v("logName", r.logName);
+}
+
+// An options string may hold a password.
+template <class V>
+void Fields(V& v, dsmInitExIn_t& r) {
+    v("v", r.stVersion);
+    v("node", r.clientNodeNameP);
+    v("owner", r.clientOwnerNameP);
+    v.Secret("password", r.clientPasswordP);
+    v("user", r.userNameP);
+    v.Secret("userPassword", r.userPasswordP);
+    v("application", r.applicationTypeP);
+    v("configFile", r.configfile);
+    v.Secret("options", r.options);
+    v("delimiter", r.dirDelimiter);
+}
+
+template <class V>
+void Fields(V& v, dsmInitExOut_t& r) {
+    v("infoRC", r.infoRC);
+    v("server", r.adsmServerName);
+    v("version", r.serverVer);
+    v("release", r.serverRel);
+    v("level", r.serverLev);
+    v("subLevel", r.serverSubLev);
+}
+
+template <class V>
+void Fields(V& v, dsmObjName& r) {
+    v("fs", r.fs);
+    v("hl", r.hl);
+    v("ll", r.ll);
+    v("kind", r.objType);
+}
+
+template <class V>
+void Fields(V& v, regFSData& r) {
+    v("v", r.stVersion);
+    v("fs", r.fsName);
+    v("fsType", r.fsType);
+    v("occupancy", r.occupancy);
+    v("capacity", r.capacity);
+    v("info", r.fsAttr.unixFSAttr.fsInfoLength);
+}
+
+template <class V>
+void Fields(V& v, qryFSData& r) {
+    v("v", r.stVersion);
+    v("fs", r.fsName);
+}
+
+template <class V>
+void Fields(V& v, qryRespFSData& r) {
+    v("fs", r.fsName);
+    v("fsType", r.fsType);
+    v("occupancy", r.occupancy);
+    v("capacity", r.capacity);
+    v("begun", r.backStartDate);
+    v("completed", r.backCompleteDate);
+}
+
+template <class V>
+void Fields(V& v, qryMCData& r) {
+    v("v", r.stVersion);
+    v("class", r.mcName);
+    v("detail", r.mcDetail);
+}
+
+template <class V>
+void Fields(V& v, qryRespMCData& r) {
+    v("class", r.mcName);
+    v("text", r.mcDesc);
+}
+
+template <class V>
+void Fields(V& v, qryBackupData& r) {
+    v("v", r.stVersion);
+    v("name", r.objName);
+    v("owner", r.owner);
+    v("state", r.objState);
+    if (r.stVersion >= 2) v("moment", r.pitDate);
+}
+
+// The information is the host's own text: its length alone.
+template <class V>
+void Fields(V& v, qryRespBackupData& r) {
+    v("name", r.objName);
+    v("group", r.copyGroup);
+    v("class", r.mcName);
+    v("owner", r.owner);
+    v.Id("id", r.objId);
+    v("media", r.mediaClass);
+    v("state", r.objState);
+    v("stored", r.insDate);
+    v("ended", r.expDate);
+    v("info", r.objInfolen);
+    v("size", r.sizeEstimate);
+}
+
+template <class V>
+void Fields(V& v, mcBindKey& r) {
+    v("class", r.mcName);
+    v("backup", r.backup_cg_exists);
+    v("destination", r.backup_copy_dest);
+}
+
+template <class V>
+void Fields(V& v, ObjAttr& r) {
+    v("v", r.stVersion);
+    v("owner", r.owner);
+    v("size", r.sizeEstimate);
+    v("compressed", r.objCompressed);
+    v.Blank("info", r.objInfo, r.objInfoLength);
+    v("class", r.mcNameP);
+}
+
+template <class V>
+void Fields(V& v, DataBlk& r) {
+    v("v", r.stVersion);
+    v.Blank("offered", r.bufferPtr, r.bufferLen);
+}
+
+template <class V>
+void Fields(V& v, dsmGetList& r) {
+    v("v", r.stVersion);
+    v.Ids("ids", r.objId, r.numObjId);
+    v.Parts("parts", r.partialObjData, r.numObjId);
+}
+
+template <class V>
+void Fields(V& v, delBack& r) {
+    v("v", r.stVersion);
+    v("name", r.objNameP);
+    v("group", r.copyGroup);
+}
+
+template <class V>
+void Fields(V& v, delBackID& r) {
+    v("v", r.stVersion);
+    v.Id("id", r.objId);
+}
+
+template <class V>
+void Fields(V& v, dsmRenameIn_t& r) {
+    v("v", r.stVersion);
+    v.Handle(r.dsmHandle);
+    v("repository", r.repository);
+    v("name", r.objNameP);
+    v("hl", r.newHl);
+    v("ll", r.newLl);
+    v("merge", r.merge);
+    v.Id("id", r.objId);
+}
+
+template <class V>
+void Fields(V&, dsmRenameOut_t&) {}
+
+// What stands behind the untyped question of a query; questions of other types are not looked into.
+template <class V, class Buffer>
+void DescribeQuery(V& v, dsmQueryType type, Buffer*& query) {
+    const auto as = [&](auto* question) {
+        question = static_cast<decltype(question)>(query);
+        v.In("query", question);
+        query = question;
+    };
+    if (type == qtBackup) as(static_cast<qryBackupData*>(nullptr));
+    if (type == qtFilespace) as(static_cast<qryFSData*>(nullptr));
+    if (type == qtMC) as(static_cast<qryMCData*>(nullptr));
+}
+
+template <class V>
+void DescribeDeletion(V& v, dsmDelType type, dsmDelInfo& info) {
+    delBack* byName = &info.backInfo;
+    delBackID* byId = &info.backIDInfo;
+    if (type == dtBackup) v.In("what", byName);
+    if (type == dtBackupID) v.In("what", byId);
+}
+
+#endif
