@@ -200,10 +200,8 @@ void DescribeQuery(V& v, dsmQueryType type, Buffer*& query) {
 
 template <class V>
 void DescribeDeletion(V& v, dsmDelType type, dsmDelInfo& info) {
-    delBack* byName = &info.backInfo;
-    delBackID* byId = &info.backIDInfo;
-    if (type == dtBackup) v.In("what", byName);
-    if (type == dtBackupID) v.In("what", byId);
+    if (type == dtBackup) v.In("what", info.backInfo);
+    if (type == dtBackupID) v.In("what", info.backIDInfo);
 }
 
 #endif
