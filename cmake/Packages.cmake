@@ -12,7 +12,7 @@ set(TSM_MAINTAINER "tsmconnector maintainers <tsmconnector@localhost>" CACHE STR
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "${TSM_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
-set(CPACK_COMPONENTS_ALL library development tool)
+set(CPACK_COMPONENTS_ALL library development tool trace)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 # Installed as if to the prefix, which stands in files.
@@ -57,6 +57,15 @@ tsmctl backs up files, directories and streams as objects on a TSM server,
 lists, restores, verifies, renames and deletes them.
 .
 It needs libApiTSM64.so, the TSM client API, from the server's vendor.")
+
+set(CPACK_DEBIAN_TRACE_PACKAGE_NAME tsm-trace)
+set(CPACK_DEBIAN_TRACE_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TRACE_DESCRIPTION "record what programs and the TSM client API say to each other
+tsmtrace records the calls that a program makes on the TSM client API, without
+passwords and data, and tells what went wrong, in words. Nothing has to be
+built anew.
+.
+It works with any libApiTSM64.so; that is no part of it.")
 
 if(NOT TSM_SDK_DIR)
   list(APPEND CPACK_COMPONENTS_ALL standin)

@@ -192,10 +192,11 @@ private:
         text_ = own;
         used_ = 0;
         mapped_ = false;
-        const int length = std::snprintf(held_, sizeof held_, "%s.held.%d", path_, pid);
-        const int opened = length > 0 ? open(held_, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600) : -1;
-        if (opened < 0) return;
         struct stat now;
+        if (fstat(fd_, &now) != 0 || !S_ISREG(now.st_mode)) return;  // a terminal, a pipe
+        std::snprintf(held_, sizeof held_, "%s.held.%d", path_, pid);
+        const int opened = open(held_, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (opened < 0) return;
         bool whole = fstat(opened, &now) == 0 && S_ISREG(now.st_mode);
         for (off_t at = now.st_size; whole && at < static_cast<off_t>(capacity); at += sizeof nothing) {
             whole = pwrite(opened, nothing, sizeof nothing, at) == sizeof nothing;
@@ -222,20 +223,21 @@ private:
     }
 
     void Flush() {
-        ssize_t done;
-        do {
-            done = write(fd_, text_, used_);
+        while (used_ > 0) {
+            ssize_t done = write(fd_, text_, used_);
+            if (done < 0 && errno == EINTR) continue;
             if (done < 0 && errno == EBADF) {  // the host closed it
                 fd_ = -1;
                 Attach();
                 done = write(fd_, text_, used_);
             }
-        } while (done < 0 && errno == EINTR);
-        if (done <= 0) return;
-        used_ -= static_cast<std::size_t>(done);
-        std::memmove(text_, text_ + done, used_);
-        std::memset(text_ + used_, 0, static_cast<std::size_t>(done));
-        if ((size_ += done) > limit_ && used_ == 0) Rotate();
+            if (done <= 0) return;
+            used_ -= static_cast<std::size_t>(done);
+            std::memmove(text_, text_ + done, used_);
+            std::memset(text_ + used_, 0, static_cast<std::size_t>(done));
+            size_ += done;
+        }
+        if (size_ > limit_) Rotate();
     }
 
     bool Event(const char* event, long long lost) {

@@ -135,7 +135,8 @@ std::string Shown(const Json& value) {
         return Shown(value.at("fs")) + Shown(value.at("hl")) + Shown(value.at("ll"));
     }
     for (const char* part : {"name", "id", "fs", "class"}) {
-        if (value.is_object() && value.contains(part)) return Shown(value.at(part));
+        if (!value.is_object() || !value.contains(part)) continue;
+        return (std::string(part) == "id" ? "object " : "") + Shown(value.at(part));
     }
     if (!value.is_string() && !value.is_object()) return value.dump();
     std::string text = Bytes(value);
