@@ -15,25 +15,9 @@
  * negative value is failure: minus the magnitude of the TSM client API's return
  * code (one that is itself negative comes back as it is), or the reason for
  * which the server gave a transaction up, with a minus sign. What the library
- * refuses by itself is named in the same vocabulary, before any call reaches
- * the API:
- * - -109: a value out of range
- * - -2000: a null path, name or filespace, or node to give access to
- * - -2009: a null pointer where data or results are to be read or written
- * - -2014: no such session: unknown handle, or the library not initialised
- * - -2041: called in the wrong order
- * - -2061: no filespace connected (TsmConnectToFileSpace())
- * - -2120: a text too long for its field (a rename to a taken
- *   name is refused after its first queries)
- *
- * @par
- * and in the middle of an operation:
- * - -102: no memory
- * - -1: the API contradicted itself
- *
- * @par
- * These hold for every function below and are not repeated at each. No
- * exception leaves these functions.
+ * refuses by itself is told in the same vocabulary: the values named
+ * TSM_RESULT_... hold for every function below and are not repeated at each.
+ * No exception leaves these functions.
  *
  * @par Texts
  * Arguments are NUL-terminated byte strings that stay the caller's; the
@@ -47,9 +31,9 @@
  * the other one in a path is read as the delimiter. One delimiter at the end
  * of a path is dropped and one at its start is added where it is missing, so
  * "a/b", "/a/b" and "a/b/" are the same path; "" and "/" are the top of the
- * filespace. With the delimiter in front, a path takes up to 1024 bytes, a
- * name (and each directory of a path to back up or rename to) up to 256, that
- * is 255 bytes of the host's own.
+ * filespace. With the delimiter in front, a path takes up to #TSM_LIMIT_PATH
+ * bytes, a name (and each directory of a path to back up or rename to) up to
+ * #TSM_LIMIT_NAME, that is 255 bytes of the host's own.
  *
  * @par
  * Names are treated in two ways. A backup and a restore take the name as it is
@@ -87,6 +71,72 @@
 #define TSM_API
 #endif
 
+/**
+ * @defgroup tsm_constants Version, results, limits
+ * @brief Constants of the interface. Include tsmconnector.h, which holds the general rules.
+ * @{
+ */
+
+/**
+ * @name Version
+ * That of this header. A host runs with a library of the same major version that is as new or newer.
+ * @{
+ */
+/** Grows when hosts would have to be built anew. */
+#define TSMCONNECTOR_VERSION_MAJOR 1
+/** Grows with what is added. */
+#define TSMCONNECTOR_VERSION_MINOR 0
+/** Grows with what is mended. */
+#define TSMCONNECTOR_VERSION_PATCH 0
+/** @} */
+
+/**
+ * @name Results of the library
+ * Given before any call reaches the API, but for those that say otherwise. The API gives them too.
+ * @{
+ */
+/** The API contradicted itself, in the middle of an operation. */
+#define TSM_RESULT_ABORT_SYSTEM_ERROR (-1)
+/** Nothing matches: after the search for it. */
+#define TSM_RESULT_ABORT_NO_MATCH (-2)
+/** No memory, or more objects than a result can count; also in the middle of an operation. */
+#define TSM_RESULT_NO_MEMORY (-102)
+/** A value out of range. */
+#define TSM_RESULT_INVALID_PARM (-109)
+/** A null path, name or filespace, or node to give access to. */
+#define TSM_RESULT_NULL_OBJNAME (-2000)
+/** A null pointer where data or results are to be read or written. */
+#define TSM_RESULT_NULL_BUFPTR (-2009)
+/** No such session: unknown handle, or the library not initialised. */
+#define TSM_RESULT_INVALID_DS_HANDLE (-2014)
+/** Called in the wrong order. */
+#define TSM_RESULT_BAD_CALL_SEQUENCE (-2041)
+/** No filespace connected (TsmConnectToFileSpace()). */
+#define TSM_RESULT_FS_NOT_REGISTERED (-2061)
+/** A text too long for its field (a rename to a taken name is refused after its first queries). */
+#define TSM_RESULT_STRING_TOO_LONG (-2120)
+/** @} */
+
+/**
+ * @name Limits
+ * In bytes, without the terminator.
+ * @{
+ */
+/** A path of an object, with the delimiter in front. */
+#define TSM_LIMIT_PATH 1024
+/** A name, or one directory of a path, with the delimiter in front. */
+#define TSM_LIMIT_NAME 256
+/** A filespace, with the delimiter that is put in front. */
+#define TSM_LIMIT_FILESPACE 1024
+/** The text stored with an object. */
+#define TSM_LIMIT_OBJECT_INFO 65534
+/** A path for TsmInitApi(). */
+#define TSM_LIMIT_INIT_PATH 1279
+/** The least memory that TsmGetData() needs, however few bytes are wanted. */
+#define TSM_LEAST_READ 32768
+/** @} */
+/** @} */
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -109,11 +159,11 @@ extern "C" {
  * @param applicationType the name under which sessions sign on, or null for
  *        the default
  *
- * Paths take up to 1279 bytes.
+ * Paths take up to #TSM_LIMIT_INIT_PATH bytes.
  * @return 0; the set-up's return code with its sign turned round on failure
  * (as a rule negative; a code that is itself negative comes back positive, so
- * anything but 0 is failure); -2041 when the library is initialised already,
- * which then goes on working. After any other failure, call TsmReleaseApi(), or
+ * anything but 0 is failure); #TSM_RESULT_BAD_CALL_SEQUENCE when the library is
+ * initialised already, which then goes on working. After any other failure, call TsmReleaseApi(), or
  * TsmInitApi() again.
  */
 TSM_API int TsmInitApi(char* configFile, char* logDir, char* apiDir, char* applicationType);
@@ -126,14 +176,15 @@ TSM_API int TsmInitApi(char* configFile, char* logDir, char* apiDir, char* appli
  * afterwards. To be called after a failed TsmInitApi() too.
  *
  * @return 0, or the return code of the API's clean-up as it is (as a rule
- * positive); -2014 when there is nothing to release.
+ * positive); #TSM_RESULT_INVALID_DS_HANDLE when there is nothing to release.
  */
 TSM_API int TsmReleaseApi(void);
 
 /**
  * @brief Signs on to the server.
  *
- * Passwords are wiped from the library's memory when the session ends.
+ * The library's copies of these texts, passwords or not, are wiped when the
+ * session ends.
  *
  * @param nodeName the node's name, or null where the API knows it by itself
  * @param ownerName the owner's name, or null
@@ -144,8 +195,8 @@ TSM_API int TsmReleaseApi(void);
  * @param dirDelimiter the text that divides paths, normally one character (the
  *        server is told the first one); null or empty: a backslash
  * @return the session's handle, greater than 0, valid until TsmCloseSession()
- * or TsmReleaseApi(); a negative value or 0 on failure. -2041 after a failed
- * TsmInitApi().
+ * or TsmReleaseApi(); a negative value or 0 on failure.
+ * #TSM_RESULT_BAD_CALL_SEQUENCE after a failed TsmInitApi().
  */
 TSM_API int TsmOpenSession(char* nodeName, char* ownerName, char* password, char* options, char* extraString,
                            char* userPassword, char* dirDelimiter);
@@ -158,8 +209,8 @@ TSM_API int TsmOpenSession(char* nodeName, char* ownerName, char* password, char
  *
  * @param handle the session; one that is not open is no failure
  * @return 0, also for a handle that is not open; otherwise the sign-off's
- * return code as it is (as a rule positive); -2014 when the library is not
- * initialised.
+ * return code as it is (as a rule positive); #TSM_RESULT_INVALID_DS_HANDLE when
+ * the library is not initialised.
  */
 TSM_API int TsmCloseSession(int handle);
 
@@ -181,10 +232,10 @@ TSM_API int TsmCloseSession(int handle);
  * @param name the filespace. The other slash in it is rewritten as in paths;
  *        unlike in a path, a delimiter at its start or end counts: "vm01" and
  *        "/vm01" are two filespaces. With the delimiter that is put in front of
- *        it, it takes up to 1024 bytes.
+ *        it, it takes up to #TSM_LIMIT_FILESPACE bytes.
  * @return 0 or a negative code. When the server refuses the registration the
- * new name is chosen all the same; a name that the library refuses (-2000,
- * -2120, -102) leaves the session with the filespace it had.
+ * new name is chosen all the same; a name that the library itself refuses leaves
+ * the session with the filespace it had.
  */
 TSM_API int TsmConnectToFileSpace(int handle, char* name);
 
@@ -199,7 +250,8 @@ TSM_API int TsmConnectToFileSpace(int handle, char* name);
  * @param list receives an array of texts that stays the session's and is valid
  *        until TsmEndGetFileSpaces(), the next TsmGetFileSpaces() or the end
  *        of the session; null when there are none
- * @return the number of names, 0 or -2 when there are none, or a negative code.
+ * @return the number of names, 0 or #TSM_RESULT_ABORT_NO_MATCH when there are
+ * none, or a negative code.
  */
 TSM_API int TsmGetFileSpaces(int handle, char*** list);
 
@@ -266,8 +318,8 @@ TSM_API int TsmEndGetMgmtClasses(int handle);
  *
  * After a failure the transaction may still be open: close the session, or call
  * TsmEndBackup() (its result does not matter, nothing is stored), before the
- * session is used for anything else. After -2041 close it: an object that was
- * opened earlier is still open, and TsmEndBackup() would commit it as it is.
+ * session is used for anything else. After #TSM_RESULT_BAD_CALL_SEQUENCE close
+ * it: an object that was opened earlier is still open, and TsmEndBackup() would commit it as it is.
  *
  * @param handle the session
  * @param path the directory
@@ -288,8 +340,8 @@ TSM_API int TsmBeginBackup(int handle, char* path, char* name, long long size);
  * @param path the directory
  * @param name the object's name, without a delimiter
  * @param size as for TsmBeginBackup()
- * @param objInfo a text stored with the object, up to 65534 bytes (listings
- *        give the first 254), or null
+ * @param objInfo a text stored with the object, up to #TSM_LIMIT_OBJECT_INFO bytes
+ *        (listings give the first 254), or null
  * @param mgmtClass the management class for the object and for directory
  *        objects created on the way, or null for the server's choice
  * @return as for TsmBeginBackup().
@@ -417,8 +469,8 @@ TSM_API int TsmEndGetBackupInfoPointInTime(int handle);
  *
  * Directory objects are not found. Wildcards match; of several matches the one
  * that the server gives last is read. After 0 or more, read with TsmGetData()
- * until it returns 0 or less, then call TsmEndRestore(); after a failure call
- * TsmEndRestore() too (its result does not matter).
+ * until it fails or returns 0 twice in a row, then call TsmEndRestore(); after a
+ * failure call TsmEndRestore() too (its result does not matter).
  *
  * @param handle the session
  * @param path the directory
@@ -426,7 +478,8 @@ TSM_API int TsmEndGetBackupInfoPointInTime(int handle);
  *        delimiter gets a second one
  * @param pointInTime the moment, or null
  * @return the size announced when the object was backed up, in bytes (0 or
- * more), -2 when nothing matches, or another negative code.
+ * more), #TSM_RESULT_ABORT_NO_MATCH when nothing matches, or another negative
+ * code.
  */
 TSM_API long long TsmBeginRestore(int handle, char* path, char* name, char* pointInTime);
 
@@ -435,10 +488,11 @@ TSM_API long long TsmBeginRestore(int handle, char* path, char* name, char* poin
  * @param handle the session
  * @param buffer points to the memory to be filled; the pointer itself is not
  *        changed
- * @param size wanted bytes at most; anything below 32768 counts as 32768, so
- *        the memory must have room for max(size, 32768) bytes
- * @return the number of bytes placed, 0 after the last one (and from then on,
- * until the next TsmBeginRestore()), or a negative code.
+ * @param size wanted bytes at most; anything below #TSM_LEAST_READ counts as
+ *        that, so the memory must have room for as many bytes
+ * @return the number of bytes placed, or a negative code. 0 is the answer to a
+ * piece that came without bytes, of which more may follow, and to every call after
+ * the last piece, until the next TsmBeginRestore(): the end is a 0 that repeats.
  */
 TSM_API int TsmGetData(int handle, unsigned char** buffer, int size);
 
@@ -472,7 +526,8 @@ TSM_API int TsmEndRestore(int handle);
  * inventory.
  *
  * A transaction may be left open, after a failure and, where the climb failed,
- * also after 0: close the session when the next call answers -2041.
+ * also after 0: close the session when the next call answers
+ * #TSM_RESULT_BAD_CALL_SEQUENCE.
  *
  * @param handle the session
  * @param path the directory; "*" for every directory
@@ -511,14 +566,18 @@ TSM_API int TsmDelete(int handle, char* path, char* name, int allVersions, char*
  * @param oldPath the directory of the object
  * @param oldName the name of the object
  * @param newPath the directory it moves to. With a taken new name, the path
- *        takes 25 bytes less and the name too (-2120 otherwise, before
- *        anything is deleted)
+ *        takes 25 bytes less and the name too (#TSM_RESULT_STRING_TOO_LONG
+ *        otherwise, before anything is deleted)
  * @param newName the name it gets
- * @return 0, -2 when nothing is stored under the old name, or a negative code.
+ * @return 0, #TSM_RESULT_ABORT_NO_MATCH when nothing is stored under the old name,
+ * or a negative code.
  * The result is also 0 when the server gave the transaction up without a reason:
  * the object is renamed when no object of its kind is listed under the old name
  * any more, and one is under the new name. Deleting what remains may have
- * failed unnoticed, as where the node may not delete for good.
+ * failed unnoticed, as where the node may not delete for good. An API may also end
+ * the transaction with 0 and give a reason for which it did not rename: the
+ * object, still under its old name, is then deleted with what remains there, and
+ * the result is 0. No host can guard against that.
  */
 TSM_API int TsmRenameBackup(int handle, const char* oldPath, const char* oldName, const char* newPath,
                             const char* newName);

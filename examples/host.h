@@ -111,6 +111,15 @@ static inline int CheckKinds(int session, const char* path, const char* name, in
 }
 
 /*
+ * The next piece of a restore into size bytes of room, never below 32768. Returns the number of bytes, 0 after the last
+ * one, or a negative code. A piece may also be empty: only a 0 that repeats is the end.
+ */
+static inline int GetPiece(int session, unsigned char* room, int size) {
+    const int length = TsmGetData(session, &room, size);
+    return length != 0 ? length : TsmGetData(session, &room, size);
+}
+
+/*
  * A program with one task on one session: the task gets the session and the command line's arguments (ended by a null
  * pointer) and returns 0 when it is done. The session is closed whatever comes of it, so that the server drops what a
  * failed task left open. Returns the exit status.

@@ -1,12 +1,11 @@
 /* Writes an object to standard output: the active version, or the one that was current at a moment. */
 #include "host.h"
 
-static unsigned char room[256 * 1024]; /* never below 32768, whatever size is asked for */
+static unsigned char room[256 * 1024];
 
 static int Copy(int session) {
-    unsigned char* buffer = room;
     int length;
-    while ((length = TsmGetData(session, &buffer, (int)sizeof room)) > 0) {
+    while ((length = GetPiece(session, room, (int)sizeof room)) > 0) {
         if (fwrite(room, 1, (size_t)length, stdout) != (size_t)length) break;
     }
     return length < 0 ? Problem("TsmGetData", length) : FinishOutput();

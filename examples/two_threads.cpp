@@ -42,12 +42,11 @@ public:
 
     Bytes Fetch(const std::string& path, const std::string& name) {
         Bytes room(pieceSize);
-        unsigned char* buffer = room.data();
         Bytes data;
         const long long size = TsmBeginRestore(handle, Text(path), Text(name), nullptr);
         int length = 0;
-        while (size >= 0 && (length = TsmGetData(handle, &buffer, static_cast<int>(pieceSize))) > 0) {
-            data.insert(data.end(), buffer, buffer + length);
+        while (size >= 0 && (length = GetPiece(handle, room.data(), static_cast<int>(pieceSize))) > 0) {
+            data.insert(data.end(), room.begin(), room.begin() + length);
         }
         const int end = TsmEndRestore(handle);  // after a failure too; then its result does not matter
         Check("TsmBeginRestore", size);

@@ -14,8 +14,7 @@
 
 namespace {
 
-// Longest object information: its length and the terminator are counted in 16 bits.
-constexpr std::size_t maxObjInfoLength = 0xFFFF - 1;
+static_assert(TSM_LIMIT_OBJECT_INFO == 0xFFFF - 1, "the length and the terminator are counted in 16 bits");
 
 void Log(TsmSession& session, const char* message, int code) {
     session._Log(const_cast<char*>(message), code);
@@ -51,7 +50,7 @@ int TsmSession::BeginBackup(char* path, char* name, long long size, char* objInf
         const std::string ll = Under(name, delimiter).Text();
         // Whatever would be refused is refused before the first directory object is created.
         if (const int refused = CheckObjectName(fileSpaceName, hl, ll)) return refused;
-        if (objInfo != nullptr && std::strlen(objInfo) > maxObjInfoLength) return -DSM_RC_STRING_TOO_LONG;
+        if (objInfo != nullptr && std::strlen(objInfo) > TSM_LIMIT_OBJECT_INFO) return -DSM_RC_STRING_TOO_LONG;
         if (const int failure = _BackupDirectories(directory.data(), mgmtClass)) return failure;
         return _BeginBackup(hl, ll.c_str(), size, objInfo, mgmtClass);
     });
@@ -90,7 +89,7 @@ int TsmSession::_BeginBackup(const char* hl, const char* ll, long long size, cha
         // The copies for the announcement are made before the transaction, which must not be left open for want
         // of memory. Without an information text its length is that of the terminator.
         const std::size_t infoLength = objInfo == nullptr ? 0 : std::strlen(objInfo);
-        if (infoLength > maxObjInfoLength) return -DSM_RC_STRING_TOO_LONG;
+        if (infoLength > TSM_LIMIT_OBJECT_INFO) return -DSM_RC_STRING_TOO_LONG;
         const std::unique_ptr<char[]> info(new char[infoLength + 2]());
         if (objInfo != nullptr) std::memcpy(info.get(), objInfo, infoLength);
         const std::unique_ptr<char[]> mcName(mgmtClass == nullptr ? nullptr

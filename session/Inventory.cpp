@@ -2,6 +2,7 @@
 #include "session/Inventory.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,6 +47,7 @@ void FillRecord(TsmObject& record, const qryRespBackupData& found) {
 class Records {
 public:
     TsmObject& Add() {
+        if (count == INT_MAX) throw std::bad_alloc();  // more than a result can tell
         if (count == capacity) Resize(capacity == 0 ? 16 : 2 * capacity);
         return block.get()[count++];
     }
@@ -75,13 +77,13 @@ private:
 }  // namespace
 
 int CountObjects(dsUint32_t handle, dsmObjName& pattern, bool activeOnly, bool* firstIsFile) {
-    int count = 0;
+    std::size_t count = 0;
     const int failure = RunInventory(
         handle, pattern, activeOnly, nullptr, [] {},
         [&](const qryRespBackupData& found) {
             if (count++ == 0 && firstIsFile != nullptr) *firstIsFile = IsFile(found);
         });
-    return failure != 0 ? failure : count;
+    return failure != 0 ? failure : Saturated(count);
 }
 
 int TsmSession::GetBackupInfo(char* path, char* name, bool activeOnly, int objectType, TsmObject*& objects) {

@@ -2,6 +2,8 @@
 #ifndef SESSION_NAMEQUERY_H
 #define SESSION_NAMEQUERY_H
 
+#include <climits>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -18,7 +20,10 @@ int QueryNames(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what, Respons
     if (const dsInt16_t rc = dsmBeginQuery(handle, type, what)) return Negated(rc);
     list = nullptr;
     std::vector<std::string> names;
-    const dsInt16_t end = ForEachResponse(handle, response, [&](const Response& found) { take(found, names); });
+    const dsInt16_t end = ForEachResponse(handle, response, [&](const Response& found) {
+        take(found, names);
+        if (names.size() > INT_MAX) throw std::bad_alloc();  // more than a result can tell
+    });
     if (end == DSM_RC_ABORT_NO_MATCH) return noMatch;
     if (end != DSM_RC_FINISHED) return NegatedUnexpected(end);
     if (const dsInt16_t rc = dsmEndQuery(handle)) return Negated(rc);

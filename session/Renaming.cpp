@@ -83,6 +83,7 @@ int TsmSession::RenameBackup(const char* oldPath, const char* oldName, const cha
             Delete(const_cast<char*>(newPath), const_cast<char*>(newName), true, nullptr);
             char timeText[timeTextLength + 1];
             const std::time_t now = std::time(nullptr);
+            tzset();  // the host may have changed the time zone, which ctime_r alone does not notice
             if (ctime_r(&now, timeText) == nullptr) return -DSM_RC_ABORT_SYSTEM_ERROR;
             const Name aside{to.hl + timeText, to.ll + timeText};
             if (const auto end = Rename(handle, fileSpaceName, to, aside, newIsFile, reason)) return *end;

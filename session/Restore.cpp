@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr int minChunkLength = 32768;
-
 // Copies a server's text over the whole of a field of the API, terminated whatever the server sent.
 template <std::size_t FieldSize, std::size_t SourceSize>
 void ReplaceField(char (&field)[FieldSize], const char (&source)[SourceSize]) {
@@ -77,7 +75,7 @@ int TsmSession::GetData(unsigned char*& buffer, int size) {
     if (restoreDone) return 0;
     if (buffer == nullptr) return -DSM_RC_NULL_BUFPTR;
     return NoThrow([&] {
-        const auto chunkLength = static_cast<dsUint32_t>(std::max(size, minChunkLength));
+        const auto chunkLength = static_cast<dsUint32_t>(std::max(size, TSM_LEAST_READ));
         const std::unique_ptr<char[]> chunk(new char[chunkLength]);
         DataBlk block = {};
         block.stVersion = DataBlkVersion;

@@ -2,6 +2,9 @@
 #ifndef SESSION_RESULT_H
 #define SESSION_RESULT_H
 
+#include <algorithm>
+#include <climits>
+#include <cstddef>
 #include <new>
 
 #include "util/DsmApi.h"
@@ -19,6 +22,11 @@ inline int NegatedUnexpected(dsInt16_t rc) {
 // The reason for which the server gave a transaction up, as a result.
 inline int NegatedReason(dsUint16_t reason) {
     return -static_cast<int>(reason);
+}
+
+// A count as a result: as many as a result can tell.
+inline int Saturated(std::size_t count) {
+    return static_cast<int>(std::min<std::size_t>(count, INT_MAX));
 }
 
 // Runs an operation so that no exception leaves the library.

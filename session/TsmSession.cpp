@@ -13,15 +13,11 @@ char* CopyOrNull(const char* text) {
     return text == nullptr ? nullptr : CopyText(text, std::strlen(text));
 }
 
-void Free(char*& text) {
-    delete[] text;
-    text = nullptr;
-}
-
-// Leaves no copy of a password in memory that is given back. explicit_bzero is not optimised away.
+// Leaves no copy in memory that is given back. explicit_bzero is not optimised away.
 void WipeAndFree(char*& text) {
     if (text != nullptr) explicit_bzero(text, std::strlen(text));
-    Free(text);
+    delete[] text;
+    text = nullptr;
 }
 
 }  // namespace
@@ -78,14 +74,11 @@ int TsmSession::CloseSession() {
 }
 
 void TsmSession::_CleanUp() {
-    Free(nodeName);
-    Free(ownerName);
-    WipeAndFree(password);
-    Free(options);
-    Free(extraString);
-    WipeAndFree(userPassword);
-    Free(fileSpaceName);
-    Free(dirDelimiter);
+    // Passwords can stand in the options and the extra text too.
+    for (char** text :
+         {&nodeName, &ownerName, &password, &options, &extraString, &userPassword, &fileSpaceName, &dirDelimiter}) {
+        WipeAndFree(*text);
+    }
 }
 
 char* TsmSession::_RcApiOut(unsigned int apiHandle, short rc) {

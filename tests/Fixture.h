@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 
 #include "double/ApiDouble.h"
@@ -11,6 +12,19 @@
 
 inline char* C(const char* text) {
     return const_cast<char*>(text);
+}
+
+inline Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// "BeginTxn EndTxn" as the names of calls.
+inline Lines Calls(const std::string& words) {
+    std::istringstream text(words);
+    Lines calls;
+    for (std::string word; text >> word;) calls.push_back("dsm" + word);
+    return calls;
 }
 
 class Library : public testing::Test {

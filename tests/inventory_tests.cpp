@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "Fixture.h"
+#include "session/Result.h"
 #include "util/Helpers.h"
 #include "util/StringUtil.h"
 
@@ -28,6 +29,8 @@ TEST(Helpers, CutAndTestPaths) {
         EXPECT_EQ(StringUtil::StringEndsWith(t.text, t.part), t.ends) << t.text << " " << t.part;
     }
 
+    EXPECT_EQ(Saturated(2147483647), 2147483647);
+    EXPECT_EQ(Saturated(2147483657), 2147483647);
     const struct {
         long long size;
         dsUint32_t hi, lo;

@@ -207,8 +207,8 @@ TEST_F(StandIn, OptionsFile) {
     const std::map<std::string, int> files = {
         {"* comment\n\n  storedir \"a b\"\r\nBackDelete no\nMGMTCLASS X some words\nMGMTCLASS Y", 0},
         {"STOREDIR\n", DSM_RC_INVALID_PARM},
-        {"STOREDIR s\nNODENAME x\n", DSM_RC_INVALID_PARM},
-        {"STOREDIR s\nBACKDELETE perhaps\n", DSM_RC_INVALID_PARM},
+        {"STOREDIR s\nPASSWORD=secret x\n", DSM_RC_INVALID_PARM},
+        {"STOREDIR s\nBACKDELETE secret\n", DSM_RC_INVALID_PARM},
         {"STOREDIR s\nMGMTCLASS " + std::string(31, 'M') + "\n", DSM_RC_INVALID_PARM},
         {"STOREDIR dsm.opt/below\n", DSM_RC_ABORT_SYSTEM_ERROR},
     };
@@ -216,7 +216,7 @@ TEST_F(StandIn, OptionsFile) {
     EXPECT_TRUE(fs::exists(dir_ / "a b" / "catalogue.db"));
     std::ifstream log(dir_ / "dsierror.log");
     std::size_t lines = 0;
-    for (std::string line; std::getline(log, line);) ++lines;
+    for (std::string line; std::getline(log, line); ++lines) EXPECT_EQ(line.find("secret"), line.npos) << line;
     EXPECT_EQ(lines, 5U);
 
     envSetUp missing{};

@@ -17,11 +17,6 @@ Lines Announcement(const std::string& name, const std::string& attributes) {
 
 const Lines commit = {"dsmEndSendObj", "dsmEndTxn vote=1 reason=0"};
 
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 }  // namespace
 
 TEST_F(Library, BacksUpAnObjectUnderItsDirectories) {
@@ -60,12 +55,22 @@ TEST_F(Library, BacksUpAnObjectUnderItsDirectories) {
     EXPECT_EQ(api.Taken(), DirectoryCheck("", "/a") + create("", "/a", "null") + DirectoryCheck("/a", "/") +
                                create("/a", "/", "null") + DirectoryCheck("/a", "/b") + create("/a/", "/b", "null") +
                                Announcement("'/vm' '/a//b' '/f' type=1", "0:1 compressed=0 info='' length=1 mc=null"));
-    const int windows = Connect("\\");
-    EXPECT_EQ(TsmBeginBackup(windows, C("a/b"), C("f"), 1), 0);
-    const Lines calls = api.Taken();
-    EXPECT_EQ(calls.at(0), "dsmBeginQuery q=1 v=2 '\\vm' '' '\\a' type=2 state=1 at=0.0.0.0.0.0");
-    EXPECT_EQ(calls.at(8), "dsmBeginQuery q=1 v=2 '\\vm' '\\a' '\\b' type=2 state=1 at=0.0.0.0.0.0");
-    EXPECT_EQ(calls.back().substr(0, 37), "dsmSendObj send=0 '\\vm' '\\a\\b' '\\f' t");
+    const struct {
+        const char* delimiter;
+        const char* path;
+        std::string first, second, object;
+    } others[] = {{"\\", "a/b", "'\\vm' '' '\\a'", "'\\vm' '\\a' '\\b'", "'\\vm' '\\a\\b' '\\f'"},
+                  {":", "a/b:c", "':vm' '' ':a/b'", "':vm' ':a/b' ':c'", "':vm' ':a/b:c' ':f'"},
+                  // Of a longer delimiter the first character divides; the rest of it begins the next level.
+                  {"<>", "a<>b", "'<>vm' '' '<>>a'", "'<>vm' '<>>a' '<>>b'", "'<>vm' '<>a<>b' '<>f'"}};
+    for (const auto& o : others) {
+        EXPECT_EQ(TsmBeginBackup(Connect(o.delimiter), C(o.path), C("f"), 1), 0);
+        const Lines calls = api.Taken();
+        ASSERT_EQ(calls.size(), 19u);
+        EXPECT_EQ(calls[0], "dsmBeginQuery q=1 v=2 " + o.first + " type=2 state=1 at=0.0.0.0.0.0");
+        EXPECT_EQ(calls[8], "dsmBeginQuery q=1 v=2 " + o.second + " type=2 state=1 at=0.0.0.0.0.0");
+        EXPECT_EQ(calls[16], "dsmBindMC " + o.object + " type=1 send=0 v=1 mc=''");
+    }
 }
 
 TEST_F(Library, RefusesBackupsBeforeAnyCall) {
@@ -87,7 +92,6 @@ TEST_F(Library, RefusesBackupsBeforeAnyCall) {
     }
     // A delimiter so long that the names of the levels do not fit.
     const std::string delimiter(200, '/');
-    api.Taken();
     EXPECT_EQ(TsmBeginBackup(Connect(delimiter.c_str()), C("//x"), C("n"), 1), -2120);
     EXPECT_EQ(api.Taken(), Lines{});
     EXPECT_EQ(TsmSendData(session, nullptr, 1), -2009);
@@ -101,79 +105,60 @@ TEST_F(Library, RefusesBackupsBeforeAnyCall) {
 
 // How a backup at the top of the filespace, or of a directory below it, answers the failure of one call.
 TEST_F(Library, AnswersFailedBackups) {
+    const std::string sent = "BindMC BeginTxn SendObj", ended = sent + " EndTxn",
+                      asked = "BeginQuery GetNextQObj EndQuery";
     const struct {
         const char* path;
         std::map<std::string, std::deque<Answer>> answers;
         int result;
-        Lines calls;
+        std::string calls;
     } cases[] = {
-        {"", {{"dsmBindMC", {{2025}}}}, -2025, {"dsmBindMC"}},
-        {"", {{"dsmBeginTxn", {{-5}}}}, -5, {"dsmBindMC", "dsmBeginTxn"}},
-        {"", {{"dsmSendObj", {{2061}}}}, -2061, {"dsmBindMC", "dsmBeginTxn", "dsmSendObj"}},
-        {"",
-         {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{2302, 40000}}}},
-         -40000,
-         {"dsmBindMC", "dsmBeginTxn", "dsmSendObj", "dsmEndTxn"}},
-        {"",
-         {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{0, 12}}}},
-         -12,
-         {"dsmBindMC", "dsmBeginTxn", "dsmSendObj", "dsmEndTxn"}},
-        {"",
-         {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{11, 0}}}},
-         -11,
-         {"dsmBindMC", "dsmBeginTxn", "dsmSendObj", "dsmEndTxn"}},
-        {"",
-         {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{0, 0}}}},
-         0,
-         {"dsmBindMC", "dsmBeginTxn", "dsmSendObj", "dsmEndTxn"}},
+        {"", {{"dsmBindMC", {{2025}}}}, -2025, "BindMC"},
+        {"", {{"dsmBeginTxn", {{-5}}}}, -5, "BindMC BeginTxn"},
+        {"", {{"dsmSendObj", {{1}}}}, -1, sent},
+        {"", {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{2302, 40000}}}}, -40000, ended},
+        {"", {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{0, 12}}}}, -12, ended},
+        {"", {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{11, 0}}}}, -11, ended},
+        {"", {{"dsmSendObj", {{157}}}, {"dsmEndTxn", {{0, 0}}}}, 0, ended},
         // In the directory pass: nothing of the object is sent.
-        {"a/b", {{"dsmBeginQuery", {{9}}}}, -9, {"dsmBeginQuery"}},
-        {"a/b", {{"dsmEndQuery", {{9}}}}, -9, {"dsmBeginQuery", "dsmGetNextQObj", "dsmEndQuery"}},
-        {"a/b",
-         {{"dsmSendObj", {{3}}}},
-         -3,
-         {"dsmBeginQuery", "dsmGetNextQObj", "dsmEndQuery", "dsmBindMC", "dsmBeginTxn", "dsmSendObj"}},
-        {"a/b",
-         {{"dsmEndTxn", {{2302, 8}}}},
-         -8,
-         {"dsmBeginQuery", "dsmGetNextQObj", "dsmEndQuery", "dsmBindMC", "dsmBeginTxn", "dsmSendObj", "dsmEndSendObj",
-          "dsmEndTxn"}},
+        {"a/b", {{"dsmBeginQuery", {{9}}}}, -9, "BeginQuery"},
+        {"a/b", {{"dsmEndQuery", {{9}}}}, -9, asked},
+        {"a/b", {{"dsmSendObj", {{3}}}}, -3, asked + " " + sent},
+        {"a/b", {{"dsmEndTxn", {{2302, 8}}}}, -8, asked + " " + sent + " EndSendObj EndTxn"},
     };
     const int session = Connect();
     for (const auto& c : cases) {
         for (const auto& [function, answers] : c.answers) api.Answers(function, answers);
         EXPECT_EQ(TsmBeginBackup(session, C(c.path), C("f"), 1), c.result);
-        EXPECT_EQ(api.TakenNames(), c.calls);
+        EXPECT_EQ(api.TakenNames(), Calls(c.calls));
     }
 }
 
 TEST_F(Library, AnswersFailedSendingAndCommitting) {
+    const std::string ended = "SendData EndSendObj EndTxn";
     const struct {
         std::map<std::string, std::deque<Answer>> answers;
         int result;
-        Lines calls;
+        std::string calls;
     } sending[] = {
-        {{{"dsmSendData", {{11}}}}, -11, {"dsmSendData"}},
-        {{{"dsmSendData", {{-11}}}}, -11, {"dsmSendData"}},
-        {{{"dsmSendData", {{157}}}, {"dsmEndTxn", {{2302, 12}}}}, -12, {"dsmSendData", "dsmEndSendObj", "dsmEndTxn"}},
-        {{{"dsmSendData", {{157}}}, {"dsmEndSendObj", {{5}}}, {"dsmEndTxn", {{0, 12}}}},
-         -12,
-         {"dsmSendData", "dsmEndSendObj", "dsmEndTxn"}},
-        {{{"dsmSendData", {{157}}}, {"dsmEndTxn", {{7, 0}}}}, -7, {"dsmSendData", "dsmEndSendObj", "dsmEndTxn"}},
-        {{{"dsmSendData", {{157}}}}, 0, {"dsmSendData", "dsmEndSendObj", "dsmEndTxn"}},
+        {{{"dsmSendData", {{1}}}}, -1, "SendData"},
+        {{{"dsmSendData", {{-11}}}}, -11, "SendData"},
+        {{{"dsmSendData", {{157}}}, {"dsmEndTxn", {{2302, 12}}}}, -12, ended},
+        {{{"dsmSendData", {{157}}}, {"dsmEndSendObj", {{5}}}, {"dsmEndTxn", {{0, 12}}}}, -12, ended},
+        {{{"dsmSendData", {{157}}}, {"dsmEndTxn", {{7, 0}}}}, -7, ended},
+        {{{"dsmSendData", {{157}}}}, 0, ended},
     };
     const int session = Connect();
     auto* data = reinterpret_cast<unsigned char*>(C("abcdef"));
     for (const auto& c : sending) {
         for (const auto& [function, answers] : c.answers) api.Answers(function, answers);
         EXPECT_EQ(TsmSendData(session, data, 6), c.result);
-        EXPECT_EQ(api.TakenNames(), c.calls);
+        EXPECT_EQ(api.TakenNames(), Calls(c.calls));
     }
     EXPECT_EQ(TsmSendData(session, nullptr, 0), 0);
     api.takes = {2, 3, 1};
     EXPECT_EQ(TsmSendData(session, data, 6), 0);
     EXPECT_NE(api.lastSent, reinterpret_cast<char*>(data)) << "the caller's buffer stays with the caller";
-    EXPECT_NE(api.lastSent, reinterpret_cast<char*>(data + 5));
     EXPECT_EQ(api.Taken(), (Lines{"dsmSendData v=3 '' length=0", "dsmSendData v=3 'abcdef' length=6",
                                   "dsmSendData v=3 'cdef' length=4", "dsmSendData v=3 'f' length=1"}));
     api.takes = {2, 0};
@@ -198,10 +183,13 @@ TEST_F(Library, RestoresTheLastMatch) {
     const int session = Connect();
     std::string room(100000, '\0');
     auto* buffer = reinterpret_cast<unsigned char*>(room.data());
-    Found longer{"/vm", "/dir/sub", "/a.bin-longer", 1, 99}, last{"/vm", "/dir/sub", "/a.bin", 1, (1ull << 32) + 5};
+    // Texts that fill their fields, without a terminator.
+    Found brim{std::string(1025, 'f'), std::string(1025, 'h'), std::string(257, 'l'), 1, 99};
+    brim.mc = std::string(31, 'm');
+    Found last{"/vm", "/dir/sub", "/a.bin", 1, (1ull << 32) + 5};
     last.id = 3;
     last.mc = "LONG";
-    api.Finds({longer, last});
+    api.Finds({brim, last});
     api.Answers("dsmGetObj", {{2200}});
     EXPECT_EQ(TsmBeginRestore(session, C("dir\\sub/"), C("a*"), C("2021-3-7 9:5")), (1ll << 32) + 5);
     api.chunks = {"one", "two", "three", ""};
@@ -221,6 +209,12 @@ TEST_F(Library, RestoresTheLastMatch) {
                                   "dsmBeginGetData wait=1 get=0 v=2 n=1 0:3", "dsmGetObj 0:3",
                                   "dsmGetData v=3 length=32768 got=0", "dsmGetData v=3 length=65536 got=0",
                                   "dsmGetData v=3 length=32768 got=0", "dsmEndGetObj", "dsmEndGetData"}));
+
+    api.Finds({last, brim});
+    api.Answers("dsmGetObj", {{2200}});
+    EXPECT_EQ(TsmBeginRestore(session, C("d"), C("f"), nullptr), 99);
+    EXPECT_EQ(api.Taken().at(3), "dsmBindMC '" + std::string(1024, 'f') + "' '" + std::string(1024, 'h') + "' '" +
+                                     std::string(256, 'l') + "' type=1 send=0 v=1 mc='" + std::string(30, 'm') + "'");
 
     const struct {
         const char* delimiter;

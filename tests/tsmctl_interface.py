@@ -3,14 +3,18 @@
 Usage: tsmctl_interface.py TSMCTL SOURCES
 """
 
+import fcntl
+import json
 import os
 import pty
 import re
 import select
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 
 tsmctl, sources = (os.path.abspath(path) for path in sys.argv[1:])
@@ -66,8 +70,11 @@ for command in commands:
     expect(f"options of {command}", options_of_page(part), options_of(helps[command]) - {"-h", "--help"})
     arguments = re.search(r"^Usage: tsmctl \S+ \[OPTIONS\](.*)", helps[command], re.M)[1].replace("...", " ...").split()
     headed = re.search(r"^\.Ss " + command + r"((?: .*)?)$", described, re.M)[1].split()
-    headed = ["[PATH]"] if headed[:1] == ["Op"] else [word for word in headed if word != "Ar"]
+    optional = headed[:1] == ["Op"]
+    headed = [f"[{word}]" if optional else word for word in headed if word not in ("Op", "Ar")]
     expect(f"arguments of {command}", headed, arguments)
+    expect(f"help {command}", run("help", command), helps[command])
+expect("help", run("help"), top)
 expect("common options", options_of_page(section(page, r"\.Sh COMMON OPTIONS", r"\n\.Sh")), options_of(top))
 expect("variables", set(re.findall(r"^\.It Ev (\S+)", page, re.M)), set(re.findall(r"TSMCTL_[A-Z_]+", top)))
 every = options_of(top).union(*map(options_of, helps.values()))
@@ -139,6 +146,7 @@ anywhere = [
     ("tsmctl list --type dir --al" + TAB, "tsmctl list --type dir --all-versions |"),
     ("tsmctl list --type=dir --al" + TAB, "tsmctl list --type=dir --all-versions |"),
     ("tsmctl list $(touch ran) --al" + TAB, "tsmctl list $(touch ran) --all-versions |"),
+    ("tsmctl help li" + TAB, "tsmctl help list |"),
     ("tsmctl backup n" + ALL, "tsmctl backup notes.d notes.txt |"),
     ("tsmctl backup list n" + ALL, "tsmctl backup list notes.d notes.txt |"),
     ("tsmctl backup -j4 -- n" + ALL, "tsmctl backup -j4 -- notes.d notes.txt |"),
@@ -175,6 +183,83 @@ with tempfile.TemporaryDirectory() as work:
         bash.close()
     expect("what a line would have run", os.path.exists("ran"), False)
     os.chdir("/")
+
+
+# ---- progress, on terminals of several widths
+
+def progress(columns, size):
+    """The lines that a backup draws over each other, up to the end of its input."""
+    shown, terminal = pty.openpty()
+    fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 25, columns, 0, 0))
+    with tempfile.TemporaryDirectory() as work:
+        environment = {"TSM_STANDIN_STORE": work, "HOME": work, "TSMCTL_PASSWORD": "secret"}
+        with subprocess.Popen([tsmctl, "backup", "-", "--as", "x", "--size", str(size)], env=environment,
+                              stdin=subprocess.PIPE, stderr=terminal) as child:
+            os.close(terminal)
+            drawn = ""
+            while drawn.count("\r") < 3:
+                child.stdin.write(bytes(1 << 20))
+                child.stdin.flush()
+                if select.select([shown], [], [], 0.15)[0]:
+                    drawn += os.read(shown, 65536).decode()
+            child.stdin.close()
+            while "tsmctl: backup:" not in drawn:
+                drawn += os.read(shown, 65536).decode()
+    os.close(shown)
+    return drawn.split("tsmctl:")[0].split("\r")[1:]
+
+
+for columns, form in ((8, r" +\d+%"), (30, r" +\d+%  \S+ .iB/s  0:\d\d left"), (60, r" +\d+%  \S+ .iB of 95.4 MiB  .* left"),
+                      (100, r"\[[#-]{24}\]  +\d+%  \S+ .iB of .* left")):
+    lines = progress(columns, 10 ** 8)
+    wiped = lines[-2:] == [" " * len(lines[-3].rstrip()), ""]
+    expect(f"progress in {columns} columns: {lines}", (bool(re.fullmatch(form, lines[0].rstrip())), wiped,
+                                                       max(map(len, lines)) < columns), (True, True, True))
+expect("a time left that means nothing", "left" in "".join(progress(100, 10 ** 18)), False)
+
+
+# ---- the terminal: questions, and what it is shown
+
+def on_terminal(environment, *arguments, typed=""):
+    """The exit status, what was shown, and whether the terminal echoes: at the question, and at the end."""
+    pid, terminal = pty.fork()
+    if pid == 0:
+        os.execve(tsmctl, [tsmctl, *arguments], environment)
+    shown, echo = b"", []
+    while True:
+        try:
+            shown += os.read(terminal, 65536)
+        except OSError:
+            break
+        if typed and shown.endswith(b": "):
+            echo.append(bool(termios.tcgetattr(terminal)[3] & termios.ECHO))
+            os.write(terminal, typed.encode())
+            typed = ""
+    echo.append(bool(termios.tcgetattr(terminal)[3] & termios.ECHO))
+    os.close(terminal)
+    return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), shown.decode(errors="replace"), echo
+
+
+with tempfile.TemporaryDirectory() as work:
+    with open(os.path.join(work, "dsm.opt"), "w", encoding="utf-8") as file:
+        file.write(f"STOREDIR {work}/store\n")
+    asked = {"TSMCTL_CONFIG": file.name, "TSMCTL_NODE": "node", "HOME": work}
+    known = {**asked, "TSMCTL_PASSWORD": "secret"}
+    expect("sign-on", on_terminal(known, "filespaces"), (0, "", [True]))
+    for typed, status, answer in (("sec\x1a\x1cret\n", 0, "node: \r\n"), ("\n", 2, "password is empty"),
+                                  ("se\x03", 130, "stopped"), ("wrong\n", 1, "AUTH_FAILURE")):
+        status_found, shown, echo = on_terminal(asked, "filespaces", typed=typed)
+        expect(f"typed {typed!r}", (status_found, answer in shown, "secret" in shown, echo),
+               (status, True, False, [False, True]))
+    forged = "a\nb\x9bé\x1b"
+    expect("a new filespace", on_terminal(known, "--filespace", forged, "list")[0], 0)
+    for answer, status, said in (("a\n", 1, "not confirmed"), ("two\n", 0, "deleted filespace two")):
+        on_terminal(known, "--filespace", "two", "list")
+        found = on_terminal(known, "delete-filespace", "two", typed=answer)
+        expect("confirmation", (found[0], said in found[1]), (status, True))
+    expect("names", on_terminal(known, "filespaces")[1], "a?b?é?\r\n")
+    expect("--json", on_terminal(known, "filespaces", "--json")[1],
+           json.dumps({"filespace": forged}, separators=(",", ":")) + "\r\n")
 
 if failures:
     sys.exit("\n".join(failures))

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -30,11 +31,17 @@ std::string Content(const fs::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+const char* const helpers = R"(
+tsmctl() { "$T" "$@"; }
+faulty() { TSM_FAULT=$1 "${T%/*}/faulty_tsmctl" "${@:2}"; }
+low() { [ $UID != 0 ] || set -- setpriv --bounding-set=-dac_override,-dac_read_search "$@"; "$@"; }
+)";
+
 class Tsmctl : public testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/tsmctl-test-XXXXXX";
-        root = mkdtemp(pattern);
+        std::string pattern = fs::temp_directory_path() / "tsmctl-test-XXXXXX";
+        root = mkdtemp(pattern.data());
         std::ofstream(root / "dsm.opt") << "STOREDIR " << (root / "store").native() << "\nBACKDELETE YES\n";
         fs::create_directories(root / "work");
         setenv("TSMCTL_CONFIG", (root / "dsm.opt").c_str(), 1);
@@ -52,21 +59,25 @@ protected:
         fs::remove_all(root);
     }
 
-    // Runs lines of shell in the work folder; "tsmctl" is the binary. No terminal is in reach.
+    // Runs lines of shell in the work folder; "tsmctl" is the binary, "faulty" lets a call of the API fail, and "low"
+    // runs what follows without root's way past the modes. No terminal is in reach.
     Outcome Run(const std::string& script) {
-        std::ofstream(root / "script") << "T='" TSMCTL_BINARY "'; tsmctl() { \"$T\" \"$@\"; }\n" << script << '\n';
+        std::ofstream(root / "script") << "T='" TSMCTL_BINARY "'" << helpers << script << '\n';
         const std::string command =
             "cd '" + (root / "work").native() + "' && setsid -w bash ../script >../out 2>../err </dev/null";
         const int status = std::system(command.c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Content(root / "out"), Content(root / "err")};
     }
 
+    // out and err are parts of what is written; without an err, nothing but summaries may be.
     void Expect(const std::string& script, int status, const std::string& out = "", const std::string& err = "") {
         SCOPED_TRACE(script);
         const Outcome outcome = Run(script);
         EXPECT_EQ(outcome.status, status) << outcome.out << outcome.err;
         EXPECT_NE(outcome.out.find(out), std::string::npos) << outcome.out;
         EXPECT_NE(outcome.err.find(err), std::string::npos) << outcome.err;
+        static const std::regex summary("tsmctl: [a-z]+:( [0-9]+ [a-z ]+,)*( [0-9]+ bytes)? in [0-9.]+ s(, .*)?\n");
+        EXPECT_EQ(err.empty() ? std::regex_replace(outcome.err, summary, "") : "", "");
     }
 
     fs::path root;
@@ -105,12 +116,12 @@ printf hello > tree/file; : > tree/nothing; head -c 3145729 /dev/urandom > tree/
 ln -s nowhere tree/dangling; ln -s sub tree/tosub
 for name in 'a*b?' '100%' '%41' 'back\slash' $'new\nline' $'\377\376' ' sp ace'; do echo "$name" > "tree/sub/deep/$name"; done
 mkdir 'tree/sub/%5C*'; echo x > 'tree/sub/%5C*/x'; mkfifo tree/pipe
-chmod 4751 tree/sub/deep/100%; chmod 0400 tree/file; touch -d '1969-12-31 23:59:58.25 UTC' tree/sub/big
+mkdir -m 6751 tree/closed/100%; chmod 4751 tree/sub/deep/100%; chmod 0400 tree/file; touch -d '1969-12-31 23:59:58.25 UTC' tree/sub/big
 touch -d '2001-02-03 04:05:06.123456789' tree/file tree/empty; touch -hd '2002-02-02 02:02:02.5' tree/dangling
-chmod 0550 tree/closed; chmod 2751 tree/sub; touch -d '2003-03-03 03:03:03.000000001' tree/sub tree)";
+chmod 0550 tree/closed; chmod 1751 tree/sub; touch -d '2003-03-03 03:03:03.000000001' tree/sub tree)";
 
 const char* const compare = R"(
-look() { (cd "$1" && find . ! -type p ! -name 100% -printf '%p %y %m %T@ %l %s\n' | sort); }
+look() { (cd "$1" && find . ! -type p ! -name 100% -printf '%p %y %m %T@ %l\n' | sort); }
 diff <(look tree) <(look out/tree) && diff -r --no-dereference -x pipe tree out/tree)";
 
 class Jobs : public Tsmctl, public testing::WithParamInterface<const char*> {};
@@ -120,9 +131,12 @@ TEST_P(Jobs, ATreeComesBackAsItWas) {
     Expect(makeTree, 0);
     Expect("tsmctl backup tree --to /some/place " + jobs, 0, "", "tree/pipe: warning");
     Expect("tsmctl verify tree --to some/place/ -q " + jobs, 0);
-    Expect("tsmctl restore some/place/tree --to out " + jobs, 0, "", "without its set-user-id");
+    Expect("tsmctl restore some/place/tree --to out " + jobs, 0, "",
+           "tree/sub/deep/100%: warning: restored without its set-user-id and set-group-id bits\ntsmctl: "
+           "tree/closed/100%: "
+           "warning: restored without");
     Expect(compare, 0);
-    Expect("stat -c %a 'out/tree/sub/deep/100%'; find out -name '.tsmctl*'", 0, "751\n");
+    Expect("stat -c %a out/tree/sub/deep/100% out/tree/closed/100%; find out -name '.tsmctl*'", 0, "751\n751\n");
     Expect("cd tree/sub/.. && tsmctl verify . --to some/place -q && tsmctl verify ../tree/ --to some/place -q", 0);
 }
 INSTANTIATE_TEST_SUITE_P(All, Jobs, testing::Values("-j 1", "-j 4"));
@@ -156,15 +170,38 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
                                         "rename a a/",
                                         "rename a a/b",
                                         "rename / a",
+                                        "rename a /",
                                         "delete-filespace tsmctl",
                                         "--frobnicate",
                                         "completion bash"}) {
         Expect(std::string("tsmctl ") + arguments, 2, "", "tsmctl: ");
     }
-    Expect("tsmctl -q frobnicate a", 2, "", "no such command: frobnicate");
+    const std::vector<std::pair<const char*, const char*>> told = {
+        {"-q frobnicate a", "no such command: frobnicate (see 'tsmctl help')"},
+        {"backpu a", "no such command: backpu; did you mean backup?"},
+        {"restore a --forse", "no such option: --forse; did you mean --force? (see 'tsmctl help restore')"},
+        {"--force restore a", "--force stands behind the command"},
+        {"rename a", "NEW is missing: its new object path"},
+        {"list a b", "unexpected argument: b"},
+        {"backup a --jobs", "--jobs needs a value, NUMBER: sessions"},
+        {"list --node a --node b", "--node is given more than once"},
+        {"list --json=no", "--json takes no value"},
+        {"backup - --as n --size $(printf 9%.0s {1..300})", "0 to 9223372036854775807 is needed, not '9999999"},
+        {"backup - --as n --size 0x10", "not '0x10'"},
+        {"help lst", "did you mean list?"}};
+    for (const auto& [arguments, text] : told) Expect(std::string("tsmctl ") + arguments, 2, "", text);
+    Expect("tsmctl backup - --as n --size 010 <<< 123456789 && tsmctl list n -q", 0, "stream     0600    10 ");
     Expect("tsmctl --help > /dev/full", 1, "", "standard output");
+    Expect("tsmctl frobnicate 2> /dev/full", 2);
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
-    Expect("tsmctl list --json | wc -l", 0, "4");
+    Expect("TSMCTL_PASSWORD= tsmctl --node new list", 2, "", "password is empty");
+    Expect("umask 077; : > pw; tsmctl --password-file pw --node new list", 2, "", "password is empty");
+    Expect("printf 'a\\0b' > pw; tsmctl --password-file pw --node new list", 2, "", "holds a byte 0");
+    Expect(
+        "printf 'secret\\r\nmore' > pw; tsmctl -q --password-file pw list a && chmod 644 pw && tsmctl -q "
+        "--password-file pw list a 2>&1 | head -1",
+        0, "pw: warning: other users can read");
+    Expect("tsmctl list --json | wc -l", 0, "5");
 }
 
 TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
@@ -176,14 +213,41 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
     Expect("tsmctl backup one none two", 1, "", "tsmctl: none: ");
     Expect("tsmctl backup deep", 1, "", "too long");
     Expect("tsmctl list | grep -c -e one -e two -e ok", 0, "3");
-    Expect("TSMCTL_PASSWORD=wrong tsmctl list", 1, "", "cannot sign on: DSM_RC_AUTH_FAILURE (-137)");
+    Expect("TSMCTL_PASSWORD=wrong tsmctl list", 1, "", "sign on as node node: DSM_RC_AUTH_FAILURE (-137), wrong");
     Expect("tsmctl restore nothing", 1, "", "DSM_RC_ABORT_NO_MATCH (-2)");
     Expect("tsmctl backup one --class NONE", 1, "", "tsmctl: one: ");
     Expect("tsmctl list one > /dev/full", 1, "", "standard output");
     Expect("tsmctl restore one --to - > /dev/full", 1, "", "cannot write");
+    Expect(
+        "mkfifo pipe; tsmctl backup pipe /proc/version", 1, "",
+        "tsmctl: pipe: is neither a file nor a link nor a directory\ntsmctl: /proc/version: holds more than its size");
+    Expect("mkdir -p u/shut; touch u/f u/shut/f; tsmctl -q backup u; chmod 0 u/shut", 0);
+    Expect("low $T verify -q u 2>&1 | sed 's/ .* / /'", 0, "tsmctl: denied\nu/shut: stored\n");
+    Expect("low $T backup u", 1, "", "2 directories, 1 file,");
     if (Content("/sys/kernel/mm/transparent_hugepage/enabled").empty()) GTEST_SKIP() << "no file that reads short";
     Expect("tsmctl backup /sys/kernel/mm/transparent_hugepage/enabled", 1, "", "not stored");
     Expect("tsmctl list enabled", 1, "", "not found");
+}
+
+TEST_F(Tsmctl, WhatTheApiRefusesIsExplained) {
+    const std::string fullStore = "head -c 3M /dev/zero > big; trap '' XFSZ; ulimit -f 1000; tsmctl -q backup big";
+    Expect(fullStore, 1, "", "(-1), the server failed, as with storage that is full");
+    Expect(fullStore, 1, "", "tsmctl: the client API's log has more: " + (root / "dsierror.log").native());
+    Expect("export XDG_STATE_HOME=$PWD/state; unset TSMCTL_LOG_DIR; umask 0; " + fullStore, 1, "",
+           "state/tsmctl/dsierr");
+    Expect("stat -c %a state state/tsmctl", 0, "700\n700\n");
+    Expect("export XDG_STATE_HOME=/dev/null; unset TSMCTL_LOG_DIR; tsmctl list -q", 0);
+    Expect("tsmctl list --log-dir /nope", 1, "", "cannot keep the log in /nope: No such file or directory\n");
+    Expect("tsmctl list --config none", 1, "", "options file none: DSM_RC_INVALID_PARM (-109), a value");
+}
+
+// The pipe for its warnings is full until the folder has changed.
+TEST_F(Tsmctl, NothingLeadsOutOfTheTreeDuringABackup) {
+    Expect(
+        R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log t/pipes/$(printf %0200d 0){1..400}
+        tsmctl backup t 2> log & exec 3< log; read -r <&3; mv t/sub was; ln -s ../outside t/sub; cat <&3; wait $!)",
+        1, "tsmctl: t/sub/f: sub is in the way");
+    Expect("tsmctl list t/sub/f", 1, "", "not found");
 }
 
 TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
@@ -201,12 +265,16 @@ TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
 TEST_F(Tsmctl, StandardInputAndOutput) {
     Expect("head -c 2500000 /dev/urandom > data; cat data | tsmctl backup - --as dumps/a", 0);
     Expect("tsmctl restore dumps/a --to - | cmp - data && tsmctl verify - --as dumps/a < data", 0);
+    Expect("faulty 'dsmGetData 2 2200' restore dumps/a --to - | cmp - data", 0);
+    Expect("faulty 'dsmGetData 2 2200' verify - --as dumps/a < data", 0);
+    Expect("tsmctl backup - --as closed <&-", 1, "", "cannot read");
+    Expect("tsmctl restore dumps/a --to - >&-", 1, "", "cannot write");
     Expect("echo more | cat data - | tsmctl verify - --as dumps/a", 1, "longer here");
     Expect("tsmctl backup - --as b --size 0 < /dev/null && tsmctl restore b && stat -c '%s %a' b", 0, "0 600\n");
     for (const char* const size : {"2499999", "2500001"}) {
         Expect(std::string("tsmctl backup - --as c --size ") + size + " < data", 1, "", "not stored");
     }
-    Expect("tsmctl list c", 1);
+    Expect("tsmctl list c || tsmctl list closed", 1, "", "not found");
 }
 
 TEST_F(Tsmctl, VerifyNamesEachDifference) {
@@ -215,7 +283,7 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
         {"touch -r t/f r; printf abd > t/f; touch -r r t/f", "content differs from byte 2"},
         {"echo 4 >> t/f; touch -r orig/f t/f", "longer here"},
         {"chmod 0611 t/f", "mode 0611 here"},
-        {"touch -d @5.5 t/f", "modification time 5.500000000 here"},
+        {"touch -d @5.5 t/f; export TZ=XXX-3", "modification time 1970-01-01 03:00:05.500000000 +0300 here, 2"},
         {"rm t/f", "t/f: is stored and not here"},
         {"echo > t/new", "t/new: is not stored"},
         {"ln -sfn b t/l; touch -hr orig/l t/l", "link to b here, to a stored"},
@@ -247,13 +315,16 @@ TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
     }
     Expect("umask 022; tsmctl restore t --to out", 1, "", "cannot be that of a file here");
     Expect("tsmctl restore t --to out --force; find out ../outside .. -maxdepth 1 -name f -o -name up -o -name short",
-           0);
+           0, "", "8 bytes received, the object has 9");
     EXPECT_TRUE(fs::is_empty(root / "outside"));
     EXPECT_FALSE(fs::exists(root / "work/out/f") || fs::exists(root / "work/out/t/short") ||
                  fs::exists(root / "work/up"));
     Expect("cat 'out/t/st*r'", 0, "wild");
     Expect("tsmctl restore 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl restore u/fine -q && stat -c %a fine && cat fine", 0, "644\nother");
+    Expect("tsmctl -q verify fine --to u && printf otter > fine; tsmctl -q verify fine --to u", 1,
+           "fine: content differs from byte 2 on\n");
+    Expect("mkdir u; echo > 'u/x*'; tsmctl -q verify u", 1, "u/fine: is stored and not here", "other names as well");
     Expect("tsmctl delete --literal 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl delete --recursive --yes u", 1, "removed u/fine\nremoved u/xy\n", "other names as well");
     Expect("tsmctl list --literal 'u/x*' --json", 0, R"("path":"u/x*","kind":"file","size":1,"mode":null)");
@@ -265,11 +336,26 @@ TEST_F(Tsmctl, MomentsAndVersions) {
         0);
     Expect("tsmctl restore f --to - --at \"$(cat at)\"; tsmctl restore f --to -", 0, "one\ntwo\n");
     Expect("tsmctl list f --all-versions | wc -l; tsmctl list f | wc -l; tsmctl list --at '2001-1-1 0:0:0' | wc -l", 0,
-           "2\n1\n0\n");
+           "2\n1\n0\n", "tsmctl: nothing to list in filespace tsmctl of node node\n");
+    Expect("tsmctl list f --all-versions --json | grep -o '\"active\":[a-z]*'; tsmctl list f --all-versions", 0,
+           "\"active\":false\n\"active\":true\nfile       0644     4  ");
+    Expect("tsmctl list f --all-versions | cut -c 45-", 0, "inactive  f\nactive    f\n");
+    Expect("tsmctl list f --at \"$(cat at)\" --json | grep -c '\"active\":false'; tsmctl list f --json", 0,
+           "1\n{\"path\":\"f\",\"kind\":\"file\",\"size\":4,");
     Expect("tsmctl delete f --at \"$(cat at)\"", 1, "", "this version is not active");
-    Expect("tsmctl delete f && tsmctl list f --all-versions | wc -l", 0, "removed f\n2\n");
+    Expect("tsmctl delete f --at \"$(date -d '1 hour' '+%F %T')\" && tsmctl list f --all-versions | wc -l", 0,
+           "removed f\n2\n");
     Expect("tsmctl delete f", 1, "", "not found");
-    Expect("tsmctl delete f --all-versions; tsmctl list --all-versions", 0, "removed f (2 versions)\n");
+    Expect("tsmctl delete f --all-versions; tsmctl -q list --all-versions", 0, "removed f (2 versions)\n");
+}
+
+TEST_F(Tsmctl, ListingsAreInTheOrderOfTheNames) {
+    Expect("mkdir -p d/a; printf 123 > d/a/z; printf 12345 > d/a.b; : > d/0; ln -s xyz d/l; tsmctl -q backup d", 0);
+    Expect("head -c 1234567 /dev/zero | tsmctl -q backup - --as s --size 1234567; echo | tsmctl -q backup - --as u", 0);
+    Expect("tsmctl list | while read -r kind mode size day time path; do echo $kind $size $path; done", 0,
+           "directory - d\nfile 0 d/0\ndirectory - d/a\nfile 3 d/a/z\nfile 5 d/a.b\nlink 3 d/l\n"
+           "stream 1234567 s\nstream - u\n");
+    Expect("tsmctl list 'd/a*' --type file | cut -c 16-21,43-", 0, "     3  d/a/z\n     5  d/a.b\n");
 }
 
 TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
@@ -282,7 +368,7 @@ TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
     Expect("tsmctl list x --all-versions | wc -l; tsmctl restore x --to -", 0, "4\ni\n");
     Expect("mv x z; echo new > x; sleep 1.1; tsmctl backup x", 0, "", "a directory of this name is stored");
     Expect("tsmctl restore x --to file; cat file/x", 0, "new\n", "the directory, with all that it holds, is skipped");
-    Expect("tsmctl delete x/b x --recursive --all-versions --yes && tsmctl list --all-versions | wc -l", 0,
+    Expect("tsmctl delete x/b x --recursive --all-versions --yes && tsmctl list -q --all-versions | wc -l", 0,
            "removed x/b (1 version)\n");
 }
 
@@ -297,18 +383,37 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect("tsmctl delete --literal 'p/*' && tsmctl delete 'p/%'", 0, "removed p/*\nremoved p/%\n");
     Expect("tsmctl delete q/f", 0, "removed q\nremoved q/f\n");
     Expect("tsmctl delete --recursive --yes p/d p/none", 1,
-           "removed p/d\nremoved p/d/e\nremoved p/d/e/f\nremoved p/d/g\n");
+           "removed p/d\nremoved p/d/e\nremoved p/d/e/f\nremoved p/d/g\n", "p/none: not found");
     Expect("tsmctl list --json | grep -c path", 0, "4\n");
-    Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl list --all-versions | wc -l", 0,
+    Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl -q list --all-versions | wc -l", 0,
            "0\n");
+}
+
+TEST_F(Tsmctl, NamesForgeNoLines) {
+    const std::string name = "a\nremoved all\x1b[2J\x7f\xc2\x9b\x9b\xe2\x80\xae\xe9\xc3\xa9";
+    const std::string shown = "a?removed all?[2J????\xe9\xc3\xa9";
+    std::string raw = name;
+    raw[1] = '?';
+    setenv("N", name.c_str(), 1);
+    setenv("TSMCTL_FILESPACE", name.c_str(), 1);
+    Expect("mkdir d; touch \"d/$N\" d/x; tsmctl -q backup d; tsmctl list \"d/$N\"; tsmctl filespaces", 0,
+           "  d/" + raw + "\n" + raw + "\n");
+    Expect("tsmctl restore d --to .", 1, "", "tsmctl: d/" + shown + ": exists already");
+    Expect("rm d/a*; tsmctl verify d", 1, "d/" + shown + ": is stored");
+    Expect("tsmctl rename \"d/$N\" y; tsmctl rename y \"d/$N\"; tsmctl grant \"$N\"", 0,
+           "renamed d/" + shown + " to y (1 of 1 objects)\nrenamed y to d/" + shown + " (1 of 1 objects)\ngranted " +
+               shown + " access to filespace " + shown + "\n");
+    Expect("tsmctl delete \"d/$N\"; tsmctl delete-filespace --yes \"$N\"", 0,
+           "removed d/" + shown + "\ndeleted filespace " + shown + "\n");
 }
 
 TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect(makeTree, 0);
-    Expect("tsmctl -q backup tree --to a/b; mkdir keep; chmod 0700 keep; tsmctl -q backup keep --to a", 0);
+    Expect("tsmctl -q backup tree --to a/b; mkdir keep; chmod 0700 keep; tsmctl -q backup keep --to a", 0, "",
+           "tree/pipe: warning");
     Expect("tsmctl rename a/b/tree a/keep/tree", 0, "renamed a/b/tree to a/keep/tree");
     Expect("tsmctl -q verify tree --to a/keep; tsmctl list a --json | grep '\"a/keep\"'; tsmctl list a/b", 1,
-           R"("mode":"0700")");
+           R"("mode":"0700")", "a/b: not found");
     Expect(
         "tsmctl rename a/keep tree && tsmctl -q verify tree --to tree && tsmctl rename tree/tree new && tsmctl rename "
         "new tree",
@@ -323,6 +428,7 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect("tsmctl rename tree/sub/deep/file tree/sub/big --yes && tsmctl restore tree/sub/big --to -", 0, "hello",
            "is replaced");
     Expect("tsmctl rename tree/none x", 1, "", "not found");
+    Expect("faulty 'dsmRenameObj 1 0' rename tree/sub/big x", 1, "", "tree/sub/big: is not at its new name");
     Expect("mkdir lone; echo > lone/f; chmod 0700 lone; tsmctl -q backup lone; tsmctl -q rename lone/f lone/new/f", 0);
     Expect("tsmctl list lone --json | grep '\"lone\"'", 0, R"("mode":"0700")");
 }
@@ -366,6 +472,19 @@ TEST_F(Tsmctl, ServerCommands) {
     Expect("tsmctl delete-filespace two --yes", 1, "", "cannot delete the filespace");
 }
 
+// A commit that answers 0 and still gives a reason has failed.
+TEST_F(Tsmctl, LooksAtTheReasonOfACommit) {
+    Expect("echo kept > f; tsmctl backup f", 0);
+    for (const char* command : {"backup", "delete", "delete --all-versions"}) {
+        Expect("export ASAN_OPTIONS=verify_asan_link_order=0 LD_PRELOAD='" FAULTS
+               "' TSM_FAULT='dsmEndTxn 1 0 11'; "
+               "exec \"$T\" " +
+                   std::string(command) + " f",
+               1, "", "(-11)");
+    }
+    Expect("tsmctl restore f --to -", 0, "kept");
+}
+
 TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
     Expect("$T backup - --as s < <(sleep 10) & sleep 0.5; kill $!; wait $!", 143, "", "stopped");
     Expect("nohup $T backup - --as n < <(sleep 1; echo n) & sleep 0.5; kill -HUP $!; wait $! && tsmctl list n", 0,
@@ -373,7 +492,7 @@ TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
     Expect(
         "truncate -s 256M big; tsmctl -q backup big; mkdir out; $T restore big --to out & "
         "until ls -A out | grep -q tsmctl || ! kill -0 $!; do :; done; kill $!; wait $!",
-        143);
+        143, "", "stopped");
     EXPECT_TRUE(fs::is_empty(root / "work/out"));
     Expect("tsmctl list s", 1, "", "not found");
 }

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -75,7 +74,7 @@ private:
     }
 
     void StoreLink(const LocalItem& item) {
-        std::string target = ReadLink(item.local);
+        std::string target = ReadLink(item);
         Info info = item.info;
         info.size = static_cast<long long>(target.size());
         Upload upload(session, NameOf(item), Announced(info.size), info, context.options.mgmtClass);
@@ -86,9 +85,9 @@ private:
 
     // What counts is the file at the moment of opening; a link or a pipe in its place meanwhile is refused.
     void StoreFile(const LocalItem& item) {
-        const UniqueFd file(open(item.local.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        const UniqueFd file = OpenItem(item);
         struct stat status = {};
-        if (file.Get() < 0 || fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
+        if (fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
         const Info info = InfoOf(status);
         if (info.kind != Kind::File) throw Failure("is no longer a regular file");
         Upload upload(session, NameOf(item), Announced(info.size), info, context.options.mgmtClass);
@@ -96,11 +95,17 @@ private:
         if (sent < *info.size) {
             throw Failure(fmt::format("shrank from {} to {} bytes while it was read; not stored", *info.size, sent));
         }
+        const bool grew = MoreIn(file.Get());
+        struct stat after = status;
+        const bool looked = fstat(file.Get(), &after) == 0;
+        if (grew && after.st_size == sent) {
+            throw Failure(
+                fmt::format("holds more than its size of {} bytes; not stored (pipe it into backup - --as)", sent));
+        }
         upload.Commit();
-        struct stat after = {};
-        if (MoreIn(file.Get())) {
+        if (grew) {
             context.report.Warn(item.local, fmt::format("grew while it was read; its first {} bytes are stored", sent));
-        } else if (fstat(file.Get(), &after) == 0 && TimeText(after.st_mtim) != TimeText(info.mtime)) {
+        } else if (looked && TimeText(after.st_mtim) != TimeText(info.mtime)) {
             context.report.Warn(item.local, "changed while it was read");
         }
     }
@@ -127,7 +132,7 @@ void StoreTrees(Context& context, Session& session, Buffer& buffer) {
     for (const Landing& landing : MapPaths(context.options.paths, context.options.to)) {
         const size_t own = items.size();
         Scan(landing, context.report, items, unreadable);
-        if (landing.top || items.size() == own || items[own].info.kind == Kind::Other) continue;
+        if (landing.top || items.size() == own) continue;
         WarnOfOtherKind(context, session, landing.local, landing.object, items[own].info.kind == Kind::Directory);
     }
     long long bytes = 0;

@@ -75,7 +75,7 @@ public:
         std::string names;
         for (const CLI::Option* option : app.get_options({})) {
             if (option->get_positional()) {
-                AddValue(command, *option);
+                if (!Offer(*option).empty()) AddValue(command, *option);
                 continue;
             }
             AddNames(command, *option, "-", option->get_snames(), names);

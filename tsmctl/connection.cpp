@@ -1,29 +1,43 @@
 #include "connection.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <string.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <utility>
 
 #include "errors.h"
+#include "local.h"
+#include "report.h"
 #include "terminal.h"
 #include "tsmconnector.h"
 
 namespace {
-std::string PasswordFor(const Options& options) {
-    if (!options.passwordFile.empty()) {
-        std::ifstream file(options.passwordFile);
-        std::string line;
-        if (!std::getline(file, line) && !file.eof()) {
-            throw Failure(fmt::format("{}: cannot read the password file", options.passwordFile));
-        }
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        return line;
+std::string PasswordIn(const std::string& path) {
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status = {};
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
+        FailLocal(path + ": cannot read the password file", errno);
     }
-    if (const char* const text = std::getenv("TSMCTL_PASSWORD")) return text;
-    return AskPassword(fmt::format("Password of node {}: ", options.node));
+    if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        Tell(path + ": warning: other users can read this password file (chmod 600 ends that)");
+    }
+    std::string line = ReadLine(file.Get());
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return line;
+}
+
+std::string PasswordFor(const Options& options) {
+    const char* const variable = std::getenv("TSMCTL_PASSWORD");
+    std::string password = !options.passwordFile.empty() ? PasswordIn(options.passwordFile)
+                           : variable                    ? variable
+                                      : AskPassword(fmt::format("Password of node {}: ", Printable(options.node)));
+    if (password.empty()) throw UsageError("the password is empty");
+    if (password.find('\0') != std::string::npos) throw UsageError("the password holds a byte 0");
+    return password;
 }
 }  // namespace
 
@@ -35,9 +49,8 @@ Connection::Connection(const Options& chosen) : options(chosen), password(Passwo
         TsmReleaseApi();
         explicit_bzero(password.data(), password.size());
         const std::string file = options.config.empty() ? "the default options file" : "options file " + options.config;
-        const std::string log = options.logDir.empty() ? "give --log-dir DIR to have the reason logged there"
-                                                       : "the reason is in " + options.logDir + "/dsierror.log";
-        throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + "; " + log);
+        const char* const log = options.logDir.empty() ? "; --log-dir FOLDER keeps a log of the reasons" : "";
+        throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + log);
     }
 }
 
@@ -60,9 +73,10 @@ int Session::Handle() {
                             nullptr, nullptr, delimiter);
     if (handle <= 0) {
         const int result = std::exchange(handle, 0);
-        throw Failure(CodeText("cannot sign on", result));
+        throw Failure(CodeText("cannot sign on as node " + options.node, result));
     }
-    if (filespace) Check("cannot connect to the filespace", TsmConnectToFileSpace(handle, Text(options.filespace)));
+    const std::string what = "cannot connect to the filespace " + options.filespace;
+    if (filespace) Check(what.c_str(), TsmConnectToFileSpace(handle, Text(options.filespace)));
     return handle;
 }
 

@@ -20,7 +20,7 @@ public:
 // A signal asked to stop. Not a std::exception, so that no handler takes it for the failure of one object.
 struct Interrupted {};
 
-// "what: DSM_RC_NAME (-code)" for a result of the connector.
+// "what: DSM_RC_NAME (-code), meaning" for a result of the connector.
 std::string CodeText(const std::string& what, long long result);
 [[noreturn]] void FailLocal(const std::string& what, int error);
 

@@ -11,11 +11,8 @@ constexpr const char* folderType = "FOLDER";
 // What an option takes: "FILE", or "any|dir|file" where only these will do. Empty for a flag.
 std::string ValueOf(const CLI::Option& option);
 
-class HelpFormatter : public CLI::Formatter {
+// One layout, whatever the version of CLI11 would make of it.
+class HelpFormatter : public CLI::FormatterBase {
 public:
-    HelpFormatter();
-
-    std::string make_option_opts(const CLI::Option* option) const override;
-    std::string make_option_desc(const CLI::Option* option) const override;
-    std::string make_option_usage(const CLI::Option* option) const override;
+    std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override;
 };

@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <tuple>
+#include <vector>
 
 #include "commands.h"
 #include "errors.h"
@@ -18,7 +21,24 @@ std::string Exact(const std::string& bytes) {
     return text;
 }
 
-std::string JsonLine(const StoredObject& object) {
+// Which of the objects, sorted as they are, are active versions now.
+std::vector<bool> Active(Session& session, const NamePattern& pattern, const Selection& selection,
+                         const std::vector<StoredObject>& objects) {
+    if (!selection.allVersions && selection.at.empty()) return std::vector<bool>(objects.size(), true);
+    Selection now;
+    now.objectType = selection.objectType;
+    const auto key = [](const StoredObject& object) {
+        return std::make_tuple(object.path, object.name, object.directory, object.date, object.text, object.announced);
+    };
+    std::set<decltype(key(objects[0]))> active;
+    for (const StoredObject& object : List(session, pattern, Scope::Tree, now)) active.insert(key(object));
+    // Two versions of one second can look the same: just one of them is active.
+    std::vector<bool> marks;
+    for (const StoredObject& object : objects) marks.push_back(active.erase(key(object)) > 0);
+    return marks;
+}
+
+nlohmann::ordered_json JsonOf(const StoredObject& object, bool active) {
     nlohmann::ordered_json line;
     line["path"] = object.Shown();
     line["kind"] = KindName(object.GetKind());
@@ -33,11 +53,12 @@ std::string JsonLine(const StoredObject& object) {
     line["backupDate"] = object.date;
     line["filespace"] = object.fileSpace;
     line["info"] = object.text;
+    line["active"] = active;
     line["storedName"] = Exact(object.path + "/" + object.name);
-    return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return line;
 }
 
-void PrintTable(Report& report, const std::vector<StoredObject>& objects) {
+void PrintTable(Report& report, const std::vector<StoredObject>& objects, const std::vector<bool>* active) {
     const bool terminal = isatty(STDOUT_FILENO) == 1;
     const auto sizeText = [&](const StoredObject& object) -> std::string {
         if (!object.Size() || object.directory) return "-";
@@ -46,13 +67,15 @@ void PrintTable(Report& report, const std::vector<StoredObject>& objects) {
     size_t width = 4;
     for (const StoredObject& object : objects) width = std::max(width, sizeText(object).size());
     if (terminal)
-        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  path", "kind", "mode", "size", width, "stored"));
-    for (const StoredObject& object : objects) {
+        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  {}path", "kind", "mode", "size", width, "stored",
+                                active ? "version   " : ""));
+    for (size_t i = 0; i < objects.size(); ++i) {
+        const StoredObject& object = objects[i];
+        const char* const version = !active ? "" : (*active)[i] ? "active    " : "inactive  ";
         const std::string mode = object.info ? ModeText(object.info->mode) : "-";
-        const std::string path = terminal ? Printable(object.Shown()) : object.Shown();
-        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {}  ", KindName(object.GetKind()), mode, sizeText(object), width,
-                                object.date) +
-                    path);
+        report.Entry(fmt::format("{:<9}  {:>4}  {:>{}}  {}  {}", KindName(object.GetKind()), mode, sizeText(object),
+                                 width, object.date, version) +
+                     object.Shown());
     }
 }
 }  // namespace
@@ -69,9 +92,14 @@ void RunList(Context& context) {
     Session session(context.connection);
     const auto objects = List(session, pattern, Scope::Tree, selection);
     CheckInterrupt();
-    if (objects.empty() && !pattern.IsRoot() && !pattern.IsWild() && selection.objectType == 0) {
-        context.report.Failed(typed, CodeText("not found", -2));
+    const auto active = Active(session, pattern, selection, objects);
+    if (objects.empty()) {
+        const std::string place = fmt::format("in filespace {} of node {}", options.filespace, options.node);
+        if (!pattern.IsRoot() && !pattern.IsWild() && selection.objectType == 0) {
+            return context.report.Failed(typed, CodeText("not found " + place, -2));
+        }
+        context.report.Note("nothing to list " + place);
     }
-    if (!options.json) return PrintTable(context.report, objects);
-    for (const StoredObject& object : objects) context.report.Line(JsonLine(object));
+    if (!options.json) return PrintTable(context.report, objects, options.allVersions ? &active : nullptr);
+    for (size_t i = 0; i < objects.size(); ++i) context.report.Json(JsonOf(objects[i], active[i]));
 }

@@ -1,12 +1,15 @@
 #include "local.h"
 
-#include <fmt/format.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <system_error>
 
@@ -52,9 +55,54 @@ void WriteAll(int fd, const void* memory, size_t length) {
     }
 }
 
-std::string ReadLink(const std::string& path) {
+std::string ReadLine(int fd) {
+    std::string line;
+    char c = 0;
+    while (ReadFull(fd, &c, 1) == 1 && c != '\n') line += c;
+    return line;
+}
+
+void ReserveStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0) open("/", O_PATH);  // the lowest number that is free
+    }
+}
+
+UniqueFd OpenBelow(int top, const Parts& parts, bool create) {
+    UniqueFd current(fcntl(top, F_DUPFD_CLOEXEC, 0));
+    for (const std::string& part : parts) {
+        if (create && mkdirat(current.Get(), part.c_str(), 0777) != 0 && errno != EEXIST) {
+            FailLocal("cannot create the directory " + part, errno);
+        }
+        UniqueFd next(openat(current.Get(), part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (next.Get() < 0) FailLocal(part + " is in the way or cannot be opened", errno);
+        current = std::move(next);
+    }
+    if (current.Get() < 0) FailLocal("cannot open", errno);
+    return current;
+}
+
+namespace {
+// The item's folder, and its name in there.
+std::pair<UniqueFd, std::string> PlaceOf(const LocalItem& item) {
+    Parts parts = SplitAtSlash(item.local.substr(item.below));
+    const std::string name = parts.back();
+    parts.pop_back();
+    return {OpenBelow(item.top->Get(), parts, false), name};
+}
+}  // namespace
+
+UniqueFd OpenItem(const LocalItem& item) {
+    const auto [folder, name] = PlaceOf(item);
+    UniqueFd file(openat(folder.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.Get() < 0) FailLocal("cannot open", errno);
+    return file;
+}
+
+std::string ReadLink(const LocalItem& item) {
+    const auto [folder, name] = PlaceOf(item);
     std::string target(4097, '\0');
-    const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+    const ssize_t length = readlinkat(folder.Get(), name.c_str(), target.data(), target.size());
     if (length < 0) FailLocal("cannot read the link", errno);
     target.resize(static_cast<size_t>(length));
     return target;
@@ -75,7 +123,7 @@ std::vector<Landing> MapPaths(const std::vector<std::string>& paths, const std::
         Landing landing = {real, head, real == "/"};
         if (!landing.top) landing.object.push_back(SplitAtSlash(real).back());
         if (!taken.insert(landing.object).second) {
-            throw UsageError(fmt::format("{}: lands on a name that another path has", Printable(path)));
+            throw UsageError(path + ": lands on a name that another path has");
         }
         landings.push_back(std::move(landing));
     }
@@ -92,45 +140,68 @@ public:
     Scanner(Report& sink, std::vector<LocalItem>& list, std::vector<std::string>& bad)
         : report(sink), items(list), unreadable(bad) {}
 
-    void Visit(const std::string& local, const Parts& object) try {
-        CheckInterrupt();
-        ToStored(object);
-        struct stat status = {};
-        if (lstat(local.c_str(), &status) != 0) FailLocal("cannot read", errno);
-        const Info info = InfoOf(status);
-        items.push_back({local, Join(object), info});
-        if (info.kind == Kind::Directory) Enter(local, object);
+    void Start(const Landing& landing) {
+        below = landing.local.rfind('/') + 1;
+        Attempt(landing.local, landing.object, [&] {
+            const std::string folder = below == 0 ? "." : landing.local.substr(0, below);
+            top = std::make_shared<UniqueFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+            if (top->Get() < 0) FailLocal("cannot read", errno);
+            if (landing.top) return Enter(OpenBelow(top->Get(), {"."}, false), landing.local, landing.object);
+            if (Visit(top->Get(), landing.local, landing.object).kind != Kind::Other) return;
+            items.pop_back();
+            throw Failure("is neither a file nor a link nor a directory");
+        });
+    }
+
+private:
+    void Attempt(const std::string& local, const Parts& object, const std::function<void()>& work) try {
+        work();
     } catch (const Failure& failure) {
         report.Failed(local, failure.what());
         unreadable.push_back(Join(object));
     }
 
-    void Enter(const std::string& local, const Parts& object) {
-        std::error_code error;
-        std::vector<std::string> names;
-        for (fs::directory_iterator entry(local, error), end; !error && entry != end; entry.increment(error)) {
-            names.push_back(entry->path().filename().native());
-        }
-        std::sort(names.begin(), names.end());
-        const std::string stem = local == "/" ? local : local + "/";
-        for (const std::string& name : names) Visit(stem + name, Append(object, {name}));
-        if (error) throw Failure(fmt::format("cannot read the directory: {}", error.message()));
+    Info Visit(int folder, const std::string& local, const Parts& object) {
+        CheckInterrupt();
+        ToStored(object);
+        const std::string name = local.substr(local.rfind('/') + 1);
+        struct stat status = {};
+        if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) FailLocal("cannot read", errno);
+        const Info info = InfoOf(status);
+        items.push_back({local, Join(object), info, top, below});
+        if (info.kind == Kind::Directory) Enter(OpenBelow(folder, {name}, false), local, object);
+        return info;
     }
 
-private:
+    void Enter(UniqueFd folder, const std::string& local, const Parts& object) {
+        const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(folder.Get()), closedir);
+        if (!entries) FailLocal("cannot read the directory", errno);
+        const int number = folder.Release();  // the entries' now
+        std::vector<std::string> names;
+        errno = 0;
+        while (const dirent* const entry = readdir(entries.get())) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names.push_back(name);
+            errno = 0;
+        }
+        const int error = errno;
+        std::sort(names.begin(), names.end());
+        const std::string stem = local == "/" ? local : local + "/";
+        for (const std::string& name : names) {
+            const Parts inside = Append(object, {name});
+            Attempt(stem + name, inside, [&] { Visit(number, stem + name, inside); });
+        }
+        if (error != 0) FailLocal("cannot read the directory", error);
+    }
+
     Report& report;
     std::vector<LocalItem>& items;
     std::vector<std::string>& unreadable;
+    std::shared_ptr<const UniqueFd> top;
+    size_t below = 0;
 };
 }  // namespace
 
 void Scan(const Landing& landing, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable) {
-    Scanner scanner(report, items, unreadable);
-    if (!landing.top) return scanner.Visit(landing.local, landing.object);
-    try {
-        scanner.Enter(landing.local, landing.object);
-    } catch (const Failure& failure) {
-        report.Failed(landing.local, failure.what());
-        unreadable.push_back(Join(landing.object));
-    }
+    Scanner(report, items, unreadable).Start(landing);
 }

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +24,7 @@ public:
     }
     ~UniqueFd();
     int Get() const { return fd; }
+    int Release() { return std::exchange(fd, -1); }
 
 private:
     int fd;
@@ -31,13 +33,26 @@ private:
 // Reads until length bytes are there or the input ends; gives up at a signal.
 size_t ReadFull(int fd, void* memory, size_t length);
 void WriteAll(int fd, const void* memory, size_t length);
-std::string ReadLink(const std::string& path);
+// Up to a line break, which is left out, or the end.
+std::string ReadLine(int fd);
+
+// Takes the numbers of standard streams that are closed, so that no file gets them: using such a stream fails.
+void ReserveStandardStreams();
+
+// Opens a directory below another, part by part. No link on the way is followed, so that nothing leads out of there.
+// What is missing is created, if asked for.
+UniqueFd OpenBelow(int top, const Parts& parts, bool create);
 
 struct LocalItem {
     std::string local;
     std::string object;  // plain object path, parts joined by "/"
     Info info;
+    std::shared_ptr<const UniqueFd> top;  // the folder of the path that was typed, which links may have led to
+    size_t below;                         // where in local the part below top begins
 };
+// For reading. Below the item's top no link is followed, whatever has changed since the scan.
+UniqueFd OpenItem(const LocalItem& item);
+std::string ReadLink(const LocalItem& item);
 
 // A path of the command line and where it lands among the objects.
 struct Landing {
@@ -50,5 +65,5 @@ std::vector<Landing> MapPaths(const std::vector<std::string>& paths, const std::
 
 class Report;
 // Appends the landing's tree, each directory before what it holds. What cannot be read is reported, and its object
-// path goes to unreadable.
+// path goes to unreadable; so is a landing that is a special file.
 void Scan(const Landing& landing, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable);

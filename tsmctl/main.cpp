@@ -3,8 +3,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
+#include <climits>
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <sstream>
 
@@ -12,7 +15,10 @@
 #include "completion.h"
 #include "errors.h"
 #include "help.h"
+#include "local.h"
+#include "log.h"
 #include "names.h"
+#include "usage.h"
 
 namespace {
 using Function = void (*)(Context&);
@@ -67,9 +73,8 @@ void AddCommonOptions(CLI::App& app, Options& options) {
 
 // For what needs no server. Returns the exit status.
 int Print(const std::string& text) {
-    Report report(true);
-    report.Line(text.substr(0, text.find_last_not_of('\n') + 1));
-    return report.AllDone() ? 0 : 1;
+    std::puts(text.substr(0, text.find_last_not_of('\n') + 1).c_str());
+    return Report(true).AllDone() ? 0 : 1;
 }
 
 class CommandLine {
@@ -87,13 +92,20 @@ public:
             "  1  something failed or differs, as told in a line each; the rest was done\n"
             "  2  the command line makes no sense, or nobody could be asked: nothing was changed\n"
             "  128 and the number of the signal, where one ended it\n\n"
-            "'tsmctl COMMAND --help' gives a command's options and examples, man tsmctl the rest.");
+            "'tsmctl help COMMAND' gives a command's options and examples, man tsmctl the rest.");
         AddCommonOptions(app, options);
         AddTransfers();
         AddInventory();
         AddServer();
         Add("completion", "Print the completion for bash",
             {"tsmctl completion > tsmctl.bash", "source <(tsmctl completion)"}, nullptr);
+        CLI::App* const help =
+            Add("help", "Show this help, or that of a command", {"tsmctl help", "tsmctl help backup"}, nullptr);
+        std::vector<std::string> names;
+        for (const Command& command : commands) names.push_back(command.app->get_name());
+        AddChoice(help, "COMMAND", options.topic, "the command", names);
+        for (const Command& command : commands) RefuseValuesOfFlags(*command.app);
+        RefuseValuesOfFlags(app);
     }
 
     // The function of the command that was typed. Throws CLI::ParseError and UsageError.
@@ -116,7 +128,13 @@ public:
         throw UsageError("no command");
     }
 
-    std::string Completion() const { return CompletionScript(app); }
+    // What the commands without a server print.
+    std::string Text() const {
+        if (app.got_subcommand("completion")) return CompletionScript(app);
+        const CLI::App* const about = options.topic.empty() ? &app : app.get_subcommand(options.topic);
+        const std::string name = options.topic.empty() ? "tsmctl" : "tsmctl " + options.topic;
+        return app.get_formatter()->make_help(about, name, CLI::AppFormatMode::Normal);
+    }
 
     int Explain(const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
@@ -124,18 +142,13 @@ public:
             app.exit(error, text);
             return Print(text.str());
         }
-        std::string text = error.what();
-        if (const auto rest = app.remaining(); app.get_subcommands().empty()) {
-            if (rest.empty() && error.get_name() == "RequiredError") text = "no command; tsmctl --help lists them";
-            if (!rest.empty()) text = (rest[0][0] == '-' ? "no such option: " : "no such command: ") + rest[0];
-        }
-        fmt::print(stderr, "tsmctl: {}\n", Printable(text));
+        Tell(UsageText(app, error));
         return 2;
     }
 
 private:
     CLI::App* Add(const char* name, const char* description, const std::vector<std::string>& examples, Function run) {
-        CLI::App* const command = app.add_subcommand(name, description)->group("Commands");
+        CLI::App* const command = app.add_subcommand(name, description);
         std::string footer = "Examples:\n";
         for (const std::string& example : examples) footer += "  " + example + "\n";
         command->footer(footer + "\nThe options of 'tsmctl --help' may stand before or after the command.");
@@ -153,11 +166,48 @@ private:
         command->add_option("--at", options.at, description)->type_name("MOMENT")->check(CheckMoment);
     }
 
+    // Decimal only. What CLI11 reads as a number may also be octal, and is cut down where it is too large.
+    static CLI::Option* AddNumber(CLI::App* command, const char* name, const char* type, const char* description,
+                                  long long least, long long most, const std::function<void(long long)>& take) {
+        const auto parse = [](const std::string& text) {
+            long long number = -1;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+            return error == std::errc() && end == text.data() + text.size() ? number : -1;
+        };
+        const auto check = [=](const std::string& text) -> std::string {
+            if (parse(text) >= least && parse(text) <= most) return "";
+            const std::string typed = text.size() > 40 ? text.substr(0, 40) + "..." : text;
+            return fmt::format("a whole number from {} to {} is needed, not '{}'", least, most, typed);
+        };
+        return command->add_option_function<std::string>(name, [=](const std::string& text) { take(parse(text)); })
+            ->description(description)
+            ->type_name(type)
+            ->check(check);
+    }
+
+    static void RefuseValuesOfFlags(CLI::App& command) {
+        for (CLI::Option* option :
+             command.get_options([](const CLI::Option* o) { return o->get_expected_max() == 0; })) {
+            option->disable_flag_override();
+        }
+    }
+
     void AddJobs(CLI::App* command) {
-        command->add_option("-j,--jobs", options.jobs, "sessions at the same time, 1 to 64")
-            ->type_name("NUMBER")
-            ->capture_default_str()
-            ->check(CLI::Range(1, 64));
+        AddNumber(command, "-j,--jobs", "NUMBER", "sessions at the same time, 1 to 64", 1, 64,
+                  [this](long long number) { options.jobs = static_cast<int>(number); })
+            ->default_str(std::to_string(options.jobs));
+    }
+
+    static CLI::Option* AddChoice(CLI::App* command, const char* name, std::string& value, const char* description,
+                                  const std::vector<std::string>& choices) {
+        const auto check = [choices](const std::string& text) -> std::string {
+            if (std::count(choices.begin(), choices.end(), text) > 0) return "";
+            return fmt::format("one of {} is needed, not '{}'", fmt::join(choices, ", "), text) +
+                   Suggestion(text, choices);
+        };
+        return command->add_option(name, value, description)
+            ->type_name(fmt::format("{}", fmt::join(choices, "|")))
+            ->check(check);
     }
 
     void AddTransfers() {
@@ -168,9 +218,8 @@ private:
         AddPaths(backup, "PATH", fileType, "what to store, under its last part; - is standard input", -1)->required();
         backup->add_option("--class", options.mgmtClass, "management class (default: the server's choice)")
             ->type_name("NAME");
-        backup->add_option("--size", options.size, "of standard input, where it is known")
-            ->type_name("BYTES")
-            ->check(CLI::NonNegativeNumber);
+        AddNumber(backup, "--size", "BYTES", "of standard input, where it is known", 0, LLONG_MAX,
+                  [this](long long number) { options.size = number; });
         CLI::App* const verify = Add("verify", "Compare what is stored with the local files, byte for byte",
                                      {"tsmctl verify docs --to nightly -j 4",
                                       "tsmctl restore dumps/docs.tar --to - | tsmctl verify - --as dumps/docs.tar"},
@@ -203,9 +252,7 @@ private:
                  "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
                 RunList);
         AddPaths(list, "PATH", "OBJECT", "object path, may hold * and ? (default: everything)", 1);
-        list->add_option("--type", options.type, "kind of object")
-            ->capture_default_str()
-            ->check(CLI::IsMember({"any", "dir", "file"}));
+        AddChoice(list, "--type", options.type, "kind of object", {"any", "dir", "file"})->capture_default_str();
         list->add_flag("--json", options.json, "one JSON object a line");
         list->add_flag("--all-versions", options.allVersions, "inactive versions too");
         AddAt(list, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
@@ -227,7 +274,9 @@ private:
             Add("rename", "Give an object or a tree a new object path, with all its versions",
                 {"tsmctl rename nightly/docs archive/docs-2024", "tsmctl rename dumps/docs.tar dumps/latest.tar --yes"},
                 RunRename);
-        AddPaths(rename, "OLD NEW", "OBJECT", "the object path, and what it becomes", 2)->required();
+        // Names of positionals hold no blank: newer versions of CLI11 refuse one.
+        rename->add_option("OLD", options.oldPath, "the object path")->type_name("OBJECT")->required();
+        rename->add_option("NEW", options.newPath, "its new object path")->type_name("OBJECT")->required();
         rename->add_flag("--yes", options.yes, "replace what is stored at NEW without asking");
     }
 
@@ -262,31 +311,34 @@ int Run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return commandLine.Explain(error);
     }
-    if (!command) return Print(commandLine.Completion());
+    if (!command) return Print(commandLine.Text());
+    options.logDir = LogFolder(options.logDir);
+    const LogWatch log(options.logDir);
     Report report(options.quiet);
     try {
         const Connection connection(options);
         Context context = {options, connection, report};
         command(context);
     } catch (const Failure& failure) {
-        fmt::print(stderr, "tsmctl: {}\n", Printable(failure.what()));
-        report.AllDone();
-        return 1;
+        report.Failed(failure.what());
     }
-    return report.AllDone() ? 0 : 1;
+    if (report.AllDone()) return 0;
+    if (log.Changed()) Tell("the client API's log has more: " + log.Path());
+    return 1;
 }
 }  // namespace
 
 int main(int argc, char** argv) try {
+    ReserveStandardStreams();
     CatchSignals();
     return Run(argc, argv);
 } catch (const Interrupted&) {
-    fmt::print(stderr, "tsmctl: stopped by a signal\n");
+    Tell("stopped by a signal");
     return 128 + PendingSignal();
 } catch (const UsageError& error) {
-    fmt::print(stderr, "tsmctl: {}\n", Printable(error.what()));
+    Tell(error.what());
     return 2;
 } catch (const std::exception& error) {
-    fmt::print(stderr, "tsmctl: {}\n", Printable(error.what()));
+    Tell(error.what());
     return 1;
 }

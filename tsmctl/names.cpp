@@ -46,6 +46,30 @@ std::string ServerPattern(std::string_view part) {
     }
     return pattern;
 }
+
+struct Character {
+    char32_t code;
+    size_t length;
+};
+
+// The first character of UTF-8; a byte that begins none counts as the character of its number.
+Character FirstOf(std::string_view text) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const size_t length = byte(0) < 0xc2 ? 1 : byte(0) < 0xe0 ? 2 : byte(0) < 0xf0 ? 3 : byte(0) < 0xf5 ? 4 : 1;
+    char32_t code = byte(0) & (0x7fU >> length);
+    for (size_t i = 1; i < length; ++i) {
+        if (i >= text.size() || (byte(i) & 0xc0U) != 0x80) return {byte(0), 1};
+        code = code << 6U | (byte(i) & 0x3fU);
+    }
+    constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    return length == 1 || code < least[length] ? Character{byte(0), 1} : Character{code, length};
+}
+
+// Controls (C0, DEL, C1), separators of lines and paragraphs, marks of direction.
+bool IsObeyed(char32_t code) {
+    return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e || code == 0x200f ||
+           (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
+}
 }  // namespace
 
 std::string Escape(std::string_view plain) {
@@ -96,7 +120,7 @@ Parts ParsePath(std::string_view typed) {
     parts.erase(std::remove(parts.begin(), parts.end(), ""), parts.end());
     for (const std::string& part : parts) {
         if (part == "." || part == "..") {
-            throw UsageError(fmt::format("{}: an object path cannot hold \".\" or \"..\"", Printable(typed)));
+            throw UsageError(fmt::format("{}: an object path cannot hold \".\" or \"..\"", typed));
         }
     }
     return parts;
@@ -112,10 +136,23 @@ Parts Append(Parts head, const Parts& tail) {
 }
 
 std::string Printable(std::string_view text) {
-    std::string shown(text);
-    std::replace_if(
-        shown.begin(), shown.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    std::string shown;
+    while (!text.empty()) {
+        const Character next = FirstOf(text);
+        if (IsObeyed(next.code)) {
+            shown += '?';
+        } else {
+            shown += text.substr(0, next.length);
+        }
+        text.remove_prefix(next.length);
+    }
     return shown;
+}
+
+std::string OneLine(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, '?');
+    return text;
 }
 
 StoredName ToStored(const Parts& parts) {

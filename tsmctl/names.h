@@ -21,8 +21,10 @@ Parts ParsePath(std::string_view typed);
 bool StartsWith(const Parts& parts, const Parts& head);
 Parts Append(Parts head, const Parts& tail);
 
-// For messages: control characters, which a terminal might obey, become "?".
+// For a terminal: what it might obey, or what breaks a line or turns its direction, becomes "?".
 std::string Printable(std::string_view text);
+// For scripts that read names as they are: only what breaks a line becomes "?".
+std::string OneLine(std::string text);
 
 // A name as the connector takes it.
 struct StoredName {

@@ -16,6 +16,9 @@ struct Options {
     bool quiet = false;
 
     std::vector<std::string> paths;
+    std::string oldPath;
+    std::string newPath;
+    std::string topic;
     std::string to;
     std::string as;
     std::optional<long long> size;

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include "errors.h"
+
+namespace {
+constexpr const char* noMemory = "not done: not enough memory";
+}  // namespace
 
 bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work) try {
     CheckInterrupt();
@@ -14,6 +19,9 @@ bool Attempt(Report& report, const std::string& subject, const std::function<voi
     return true;
 } catch (const UsageError&) {
     throw;
+} catch (const std::bad_alloc&) {
+    report.Failed(subject, noMemory);
+    return false;
 } catch (const std::exception& failure) {
     report.Failed(subject, failure.what());
     return false;
@@ -22,13 +30,17 @@ bool Attempt(Report& report, const std::string& subject, const std::function<voi
 void RunParallel(Context& context, Session& own, size_t first, size_t count, const Job& job) {
     std::atomic<size_t> next{first};
     const auto worker = [&](Session& session) {
+        size_t i = count;
         try {
             Buffer buffer(pieceSize);
-            for (size_t i = next++; i < count; i = next++) {
+            for (i = next++; i < count; i = next++) {
                 Attempt(context.report, job.subject(i), [&] { job.work(session, buffer, i); });
             }
         } catch (const Interrupted&) {
             // The calling thread sees the signal too.
+        } catch (const std::bad_alloc&) {
+            // The others go on; without the buffer there is room to say what this one had begun.
+            if (i < count) context.report.Failed(job.subject(i), noMemory);
         } catch (const std::exception& failure) {
             context.report.Failed("worker", failure.what());
         }
@@ -48,4 +60,5 @@ void RunParallel(Context& context, Session& own, size_t first, size_t count, con
     worker(own);
     for (std::thread& thread : threads) thread.join();
     CheckInterrupt();
+    for (size_t i = next++; i < count; i = next++) context.report.Failed(job.subject(i), noMemory);
 }

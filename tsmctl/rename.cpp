@@ -193,8 +193,8 @@ private:
 }  // namespace
 
 void RunRename(Context& context) {
-    const Parts from = ParsePath(context.options.paths[0]);
-    const Parts to = ParsePath(context.options.paths[1]);
+    const Parts from = ParsePath(context.options.oldPath);
+    const Parts to = ParsePath(context.options.newPath);
     if (from.empty() || to.empty()) throw UsageError("the top cannot be renamed, nor be a new name");
     if (from == to) throw UsageError("both names are the same");
     if (StartsWith(to, from)) throw UsageError("the new name lies inside the old one");

@@ -1,11 +1,14 @@
 #include "report.h"
 
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <nlohmann/json.hpp>
+#include <vector>
 
 #include "names.h"
 
@@ -16,32 +19,73 @@ std::string HumanSize(double bytes) {
     return unit == 0 ? fmt::format("{:.0f} B", bytes) : fmt::format("{:.1f} {}", bytes, units[unit]);
 }
 
-Report::Report(bool isQuiet) : quiet(isQuiet), bar(!isQuiet && isatty(STDERR_FILENO) == 1) {}
+namespace {
+// Columns of the terminal, but for the last one, which may wrap.
+size_t Room() {
+    winsize window = {};
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0;
+    return known ? window.ws_col - 1U : 79U;
+}
+}  // namespace
+
+Report::Report(bool isQuiet)
+    : quiet(isQuiet), bar(!isQuiet && isatty(STDERR_FILENO) == 1), onTerminal(isatty(STDOUT_FILENO) == 1) {}
+
+void Tell(std::string_view text) {
+    const std::string line = "tsmctl: " + Printable(text) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+Report::~Report() {
+    Erase();
+}
 
 void Report::Say(const std::string& text) {
     Erase();
-    const std::string line = "tsmctl: " + text + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    Tell(text);
 }
 
 void Report::Failed(std::string_view subject, std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex);
     ++failures;
-    Say(fmt::format("{}: {}", Printable(subject), Printable(text)));
+    Say(fmt::format("{}: {}", subject, text));
+}
+
+void Report::Failed(std::string_view text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++failures;
+    Say(std::string(text));
 }
 
 void Report::Warn(std::string_view subject, std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex);
-    Say(fmt::format("{}: warning: {}", Printable(subject), Printable(text)));
+    Say(fmt::format("{}: warning: {}", subject, text));
 }
 
-void Report::Line(const std::string& text) {
+void Report::Note(std::string_view text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!quiet) Say(std::string(text));
+}
+
+void Report::Put(const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex);
     Erase();
-    std::fwrite((text + "\n").data(), 1, text.size() + 1, stdout);
+    std::fwrite((line + "\n").data(), 1, line.size() + 1, stdout);
 }
 
-void Report::Differs(const std::string& text) {
+void Report::Line(std::string_view text) {
+    Put(Printable(text));
+}
+
+void Report::Entry(const std::string& text) {
+    Put(onTerminal ? Printable(text) : OneLine(text));
+}
+
+void Report::Json(const nlohmann::ordered_json& value) {
+    Put(value.dump(-1, ' ', onTerminal, nlohmann::ordered_json::error_handler_t::replace));
+}
+
+void Report::Differs(std::string_view text) {
     Line(text);
     const std::lock_guard<std::mutex> lock(mutex);
     ++differences;
@@ -68,28 +112,44 @@ double Report::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+// Nothing where it is not known, or so far away that it means nothing.
+std::string Report::TimeLeft(double rate) const {
+    const double seconds = static_cast<double>(totalBytes - bytes) / rate;
+    if (!(seconds >= 0 && seconds < 100 * 3600)) return "";
+    const auto left = static_cast<int>(seconds);
+    if (left < 3600) return fmt::format("  {}:{:02} left", left / 60, left % 60);
+    return fmt::format("  {}:{:02}:{:02} left", left / 3600, left / 60 % 60, left % 60);
+}
+
 void Report::Draw() {
     const auto now = Clock::now();
     if (!bar || bytes == 0 || now - drawn < std::chrono::milliseconds(100)) return;
     drawn = now;
-    onScreen = true;
     const double rate = static_cast<double>(bytes) / Seconds();
-    std::string line = fmt::format("{}  {}/s", HumanSize(static_cast<double>(bytes)), HumanSize(rate));
+    const std::string done = HumanSize(static_cast<double>(bytes));
+    const std::string speed = fmt::format("  {}/s", HumanSize(rate));
+    std::vector<std::string> lines = {done + speed, done};  // from the longest to the shortest
     if (totalBytes > 0) {
         const double part = std::min(1.0, static_cast<double>(bytes) / static_cast<double>(totalBytes));
         const auto marks = static_cast<size_t>(part * 24);
-        const auto left = rate > 0 ? static_cast<long>(static_cast<double>(totalBytes - bytes) / rate) : 0L;
-        line = fmt::format("[{}{}] {:3.0f}%  {} of {}  {}/s  {}:{:02} left", std::string(marks, '#'),
-                           std::string(24 - marks, '-'), part * 100, HumanSize(static_cast<double>(bytes)),
-                           HumanSize(static_cast<double>(totalBytes)), HumanSize(rate), std::max(left, 0L) / 60,
-                           std::max(left, 0L) % 60);
+        const std::string scale = fmt::format("[{}{}] ", std::string(marks, '#'), std::string(24 - marks, '-'));
+        const std::string percent = fmt::format("{:3.0f}%", part * 100);
+        const std::string amount = fmt::format("  {} of {}", done, HumanSize(static_cast<double>(totalBytes)));
+        const std::string left = TimeLeft(rate);
+        lines = {scale + percent + amount + speed + left, percent + amount + speed + left, percent + speed + left,
+                 percent + left, percent};
     }
-    fmt::print(stderr, "\r{}\033[K", line);
+    const size_t room = Room();
+    const auto fits = std::find_if(lines.begin(), lines.end(), [&](const auto& line) { return line.size() <= room; });
+    if (fits == lines.end()) return;
+    // Blanks wipe what stood there, since not every terminal knows a sequence for it.
+    std::fputs(fmt::format("\r{:<{}}", *fits, std::min(onScreen, room)).c_str(), stderr);
+    onScreen = fits->size();
 }
 
 void Report::Erase() {
-    if (onScreen) std::fputs("\r\033[K", stderr);
-    onScreen = false;
+    if (onScreen > 0) std::fputs(fmt::format("\r{:{}}\r", "", std::min(onScreen, Room())).c_str(), stderr);
+    onScreen = 0;
 }
 
 void Report::Summary(const std::string& command) {

@@ -1,25 +1,41 @@
 // Everything that a command says: failures and warnings on standard error, results on standard output, the progress
-// line and the closing summary. Safe for several threads.
+// line and the closing summary. What comes from outside, names and texts of the server, is made harmless here and
+// nowhere else. Safe for several threads.
 #pragma once
 
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 
 #include "info.h"
 
+// A line on standard error, wherever that leads.
+void Tell(std::string_view text);
+
 class Report {
 public:
     explicit Report(bool quiet);
+    ~Report();
+    Report(const Report&) = delete;
+    Report& operator=(const Report&) = delete;
 
     void Failed(std::string_view subject, std::string_view text);
+    // The same for the command as a whole.
+    void Failed(std::string_view text);
     void Warn(std::string_view subject, std::string_view text);
-    // A line of the result, exactly as it is.
-    void Line(const std::string& text);
+    // What is neither a failure nor a result; not said where the user wants quiet.
+    void Note(std::string_view text);
+    // A line of the result.
+    void Line(std::string_view text);
     // The same, for a result that makes the command fail.
-    void Differs(const std::string& text);
+    void Differs(std::string_view text);
+    // The same, for a result that scripts read: what is no terminal gets the names as they are, but in one line.
+    void Entry(const std::string& text);
+    // Exactly this value; on a terminal in plain ASCII.
+    void Json(const nlohmann::ordered_json& value);
 
     void ExpectBytes(long long total);
     void Advance(size_t bytes);
@@ -31,6 +47,8 @@ public:
 
 private:
     void Say(const std::string& text);
+    void Put(const std::string& line);
+    std::string TimeLeft(double rate) const;
     void Draw();
     void Erase();
 
@@ -39,10 +57,11 @@ private:
 
     const bool quiet;
     const bool bar;
+    const bool onTerminal;  // standard output
     const Clock::time_point start = Clock::now();
     std::mutex mutex;
     Clock::time_point drawn = start;
-    bool onScreen = false;
+    size_t onScreen = 0;  // characters of the progress line
     long long bytes = 0;
     long long totalBytes = 0;
     long long failures = 0;

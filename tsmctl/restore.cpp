@@ -22,7 +22,6 @@ struct Wanted {
 };
 
 constexpr size_t maxLink = 4096;
-constexpr mode_t setIds = S_ISUID | S_ISGID;
 
 class Restorer {
 public:
@@ -43,8 +42,9 @@ public:
         if (!wanted.object.info || untouched.count(wanted.local) > 0) return;
         const UniqueFd directory = folder.Open(wanted.local);
         const timespec times[2] = {{0, UTIME_OMIT}, wanted.object.info->mtime};
-        if (fchmod(directory.Get(), wanted.object.info->mode) != 0) FailLocal("cannot set the mode", errno);
+        if (fchmod(directory.Get(), wanted.object.info->mode & ~setIds) != 0) FailLocal("cannot set the mode", errno);
         if (futimens(directory.Get(), times) != 0) FailLocal("cannot set the time", errno);
+        WarnOfSetIds(wanted);
     }
 
     void Fetch(Session& session, Buffer& buffer, const Wanted& wanted) {
@@ -67,9 +67,7 @@ public:
         }
         entry.Publish(wanted.object.info, defaultMode);
         context.report.Count(wanted.object.GetKind());
-        if (wanted.object.info && (wanted.object.info->mode & setIds) != 0) {
-            context.report.Warn(Join(wanted.local), "restored without its set-user-id and set-group-id bits");
-        }
+        WarnOfSetIds(wanted);
     }
 
     void Drain(Download& download, Buffer& buffer, const std::function<void(size_t)>& take) {
@@ -81,6 +79,11 @@ public:
     }
 
 private:
+    void WarnOfSetIds(const Wanted& wanted) {
+        if (!wanted.object.info || (wanted.object.info->mode & setIds) == 0) return;
+        context.report.Warn(Join(wanted.local), "restored without its set-user-id and set-group-id bits");
+    }
+
     Context& context;
     TargetFolder folder;
     std::set<Parts> untouched;  // directories that were here already keep their mode and time

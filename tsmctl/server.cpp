@@ -5,16 +5,17 @@
 
 #include "commands.h"
 #include "errors.h"
-#include "names.h"
 #include "terminal.h"
 #include "tsmconnector.h"
 
 namespace {
 void PrintNames(Context& context, const char* key, char** names, long long count) {
     for (long long i = 0; i < count; ++i) {
-        const nlohmann::json line = {{key, names[i]}};
-        context.report.Line(context.options.json ? line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-                                                 : std::string(names[i]));
+        if (context.options.json) {
+            context.report.Json({{key, names[i]}});
+        } else {
+            context.report.Entry(names[i]);
+        }
     }
 }
 }  // namespace
@@ -41,7 +42,7 @@ void RunClasses(Context& context) {
 void RunDeleteFilespace(Context& context) {
     const std::string& name = context.options.paths[0];
     if (name.empty()) throw UsageError("an empty filespace name");
-    const std::string question = fmt::format("delete the filespace {} with every version in it", Printable(name));
+    const std::string question = fmt::format("delete the filespace {} with every version in it", name);
     if (!Confirmed(context.options.yes, question, name)) throw Failure("not confirmed, nothing deleted");
     Session session(context.connection, false);
     session.Check("cannot delete the filespace", TsmDeleteFileSpace(session.Handle(), Text(name)));

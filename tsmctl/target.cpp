@@ -14,8 +14,6 @@
 #include "errors.h"
 
 namespace {
-constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
 std::string TemporaryName() {
     static std::atomic<unsigned> counter{0};
     return fmt::format(".tsmctl-{}-{}.tmp", getpid(), counter++);
@@ -31,17 +29,7 @@ TargetFolder::TargetFolder(const std::string& path) {
 }
 
 UniqueFd TargetFolder::Open(const Parts& parts) const {
-    UniqueFd current(fcntl(root.Get(), F_DUPFD_CLOEXEC, 0));
-    for (const std::string& part : parts) {
-        if (mkdirat(current.Get(), part.c_str(), 0777) != 0 && errno != EEXIST) {
-            FailLocal("cannot create the directory " + part, errno);
-        }
-        UniqueFd next(openat(current.Get(), part.c_str(), directoryFlags));
-        if (next.Get() < 0) FailLocal(part + " is in the way or cannot be opened", errno);
-        current = std::move(next);
-    }
-    if (current.Get() < 0) FailLocal("cannot open", errno);
-    return current;
+    return OpenBelow(root.Get(), parts, true);
 }
 
 bool TargetFolder::Make(Parts parts, mode_t mode) const {
@@ -85,8 +73,7 @@ void NewEntry::CreateLink(const std::string& target) {
 }
 
 void NewEntry::Publish(const std::optional<Info>& info, mode_t otherMode) {
-    // The owner is not kept, so the right to act as the owner is not either.
-    const mode_t mode = info ? info->mode & ~static_cast<mode_t>(S_ISUID | S_ISGID) : otherMode;
+    const mode_t mode = info ? info->mode & ~setIds : otherMode;
     if (file.Get() >= 0 && fchmod(file.Get(), mode) != 0) {
         FailLocal("cannot set the mode", errno);
     }

@@ -2,6 +2,8 @@
 // link on the way is followed, whether the restore made it or found it.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "info.h"
@@ -20,6 +22,9 @@ public:
 private:
     UniqueFd root;
 };
+
+// The owner is not kept, so the right to act as the owner or the group is not either.
+constexpr mode_t setIds = S_ISUID | S_ISGID;
 
 // Throws Failure for a part that no file can be called, or that leads elsewhere.
 void RequireSafe(const Parts& parts);

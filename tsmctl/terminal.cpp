@@ -2,36 +2,46 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "errors.h"
 #include "local.h"
+#include "names.h"
 
 namespace {
+// Ctrl-\ and Ctrl-Z, and their signals, would leave the terminal silent behind: meanwhile they do nothing, not even to
+// what was typed.
 class NoEcho {
 public:
     explicit NoEcho(int terminal) : fd(terminal) {
-        tcgetattr(fd, &before);
+        if (tcgetattr(fd, &before) != 0) FailLocal("cannot silence the terminal", errno);
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(SIGQUIT, &ignore, &quit);
+        sigaction(SIGTSTP, &ignore, &stop);
         termios silent = before;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(fd, TCSAFLUSH, &silent);
+        silent.c_lflag |= NOFLSH;
+        if (tcsetattr(fd, TCSAFLUSH, &silent) != 0) FailLocal("cannot silence the terminal", errno);
     }
-    ~NoEcho() { tcsetattr(fd, TCSAFLUSH, &before); }
+    ~NoEcho() {
+        tcsetattr(fd, TCSAFLUSH, &before);
+        sigaction(SIGQUIT, &quit, nullptr);
+        sigaction(SIGTSTP, &stop, nullptr);
+    }
     NoEcho(const NoEcho&) = delete;
     NoEcho& operator=(const NoEcho&) = delete;
 
 private:
     int fd;
     termios before = {};
+    struct sigaction quit = {};
+    struct sigaction stop = {};
 };
-
-std::string ReadLine(int fd) {
-    std::string line;
-    char c = 0;
-    while (ReadFull(fd, &c, 1) == 1 && c != '\n') line += c;
-    return line;
-}
 }  // namespace
 
 std::string AskPassword(const std::string& question) {
@@ -39,10 +49,10 @@ std::string AskPassword(const std::string& question) {
     if (terminal.Get() < 0) {
         throw UsageError("no password: give --password-file or TSMCTL_PASSWORD (there is no terminal to ask on)");
     }
-    WriteAll(terminal.Get(), question.data(), question.size());
     std::string password;
     {
         const NoEcho silence(terminal.Get());
+        WriteAll(terminal.Get(), question.data(), question.size());
         password = ReadLine(terminal.Get());
     }
     WriteAll(terminal.Get(), "\n", 1);
@@ -53,6 +63,6 @@ bool Confirmed(bool yes, const std::string& question, const std::string& answer)
     if (yes) return true;
     if (isatty(STDIN_FILENO) != 1)
         throw UsageError(question + ": refused without --yes (there is no terminal to ask on)");
-    fmt::print(stderr, "{}? Type \"{}\" to go on: ", question, answer);
+    fmt::print(stderr, "{}? Type \"{}\" to go on: ", Printable(question), Printable(answer));
     return ReadLine(STDIN_FILENO) == answer;
 }

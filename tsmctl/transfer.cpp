@@ -42,7 +42,11 @@ size_t Download::Next(Buffer& buffer) {
     CheckInterrupt();
     unsigned char* const memory = buffer.data();
     unsigned char* place = memory;
-    const long long count = session.Check("cannot receive", TsmGetData(session.Handle(), &place, pieceSize));
+    long long count = 0;
+    for (int asked = 0; count == 0 && asked < 2;
+         ++asked) {  // a piece without bytes is not the end, which is told again
+        count = session.Check("cannot receive", TsmGetData(session.Handle(), &place, pieceSize));
+    }
     received += count;
     return static_cast<size_t>(count);
 }

@@ -1,8 +1,7 @@
-#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <ctime>
 #include <map>
 #include <set>
 
@@ -12,14 +11,24 @@
 #include "transfer.h"
 
 namespace {
+// For people, in the local time zone.
+std::string LocalTime(const timespec& time) {
+    std::tm local = {};
+    char date[64];
+    char zone[16];
+    if (!localtime_r(&time.tv_sec, &local) || std::strftime(date, sizeof date, "%F %T", &local) == 0) {
+        return TimeText(time);
+    }
+    std::strftime(zone, sizeof zone, "%z", &local);
+    return fmt::format("{}.{:09} {}", date, time.tv_nsec, zone);
+}
+
 // Names a difference as a result, and counts it as what it is: something that is not as it should be.
 class Verifier {
 public:
     explicit Verifier(Context& owner) : context(owner) {}
 
-    void Differs(const std::string& subject, const std::string& text) {
-        context.report.Differs(fmt::format("{}: {}", Printable(subject), text));
-    }
+    void Differs(const std::string& subject, const std::string& text) { context.report.Differs(subject + ": " + text); }
 
     void Compare(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const Kind stored = object.GetKind();
@@ -32,8 +41,7 @@ public:
         if (stored == Kind::Link) {
             CompareLink(session, buffer, item, object);
         } else if (!object.directory) {
-            const UniqueFd file(open(item.local.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-            if (file.Get() < 0) FailLocal("cannot open", errno);
+            const UniqueFd file = OpenItem(item);
             CompareContent(session, buffer, item.local, object,
                            [&](unsigned char* memory, size_t length) { return ReadFull(file.Get(), memory, length); });
         }
@@ -62,15 +70,19 @@ public:
 
 private:
     void CompareInfo(const LocalItem& item, const Info& stored) {
-        const auto check = [&](const char* what, const std::string& here, const std::string& there) {
-            if (here != there) Differs(item.local, fmt::format("{} {} here, {} stored", what, here, there));
+        const auto differs = [&](const char* what, const std::string& here, const std::string& there) {
+            Differs(item.local, fmt::format("{} {} here, {} stored", what, here, there));
         };
-        check("mode", ModeText(item.info.mode), ModeText(stored.mode));
-        check("modification time", TimeText(item.info.mtime), TimeText(stored.mtime));
+        if (item.info.mode != stored.mode) differs("mode", ModeText(item.info.mode), ModeText(stored.mode));
+        const timespec& here = item.info.mtime;
+        const timespec& there = stored.mtime;
+        if (here.tv_sec != there.tv_sec || here.tv_nsec != there.tv_nsec) {
+            differs("modification time", LocalTime(here), LocalTime(there));
+        }
     }
 
     void CompareLink(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
-        const std::string here = ReadLink(item.local);
+        const std::string here = ReadLink(item);
         std::string there;
         Download download(session, object, "");
         while (const size_t count = download.Next(buffer)) {
@@ -80,7 +92,7 @@ private:
         download.Finish();
         context.report.Advance(here.size());
         if (here != there) {
-            Differs(item.local, fmt::format("link to {} here, to {} stored", Printable(here), Printable(there)));
+            Differs(item.local, fmt::format("link to {} here, to {} stored", here, there));
         }
     }
 

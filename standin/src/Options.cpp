@@ -101,8 +101,9 @@ void Options::ReadFile(const std::string& path) {
         if (value.empty() || value.front() == '*') continue;
         const std::string keyword = TakeWord(value);
         if (value.empty() || !Take(keyword, value, baseDir)) {
-            throw std::runtime_error("options file " + path + ", line " + std::to_string(number) +
-                                     ": not understood: " + Trimmed(line));
+            // Values may be secret, and so may a lone word be or what stands behind "=": the log tells none of them.
+            throw std::runtime_error("options file " + path + ", line " + std::to_string(number) + ": not understood" +
+                                     (value.empty() ? "" : ": " + keyword.substr(0, keyword.find('='))));
         }
     }
     if (file.bad()) throw std::runtime_error("options file " + path + ": cannot be read");

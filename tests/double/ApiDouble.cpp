@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -10,8 +11,16 @@ std::string Text(const char* text) {
     return text == nullptr ? "null" : "'" + std::string(text) + "'";
 }
 
+// A field that the library filled, with zeros behind its text.
+template <std::size_t Size>
+std::string Field(const char (&field)[Size]) {
+    const std::string text(field, strnlen(field, Size));
+    const bool clean = text.size() < Size && std::all_of(field + text.size(), field + Size, [](char c) { return !c; });
+    return "'" + text + (clean ? "'" : "' unclean");
+}
+
 std::string Text(const dsmObjName* name) {
-    return Text(name->fs) + " " + Text(name->hl) + " " + Text(name->ll) + " type=" + std::to_string(name->objType);
+    return Field(name->fs) + " " + Field(name->hl) + " " + Field(name->ll) + " type=" + std::to_string(name->objType);
 }
 
 std::string Text(const dsStruct64_t& value) {
@@ -39,11 +48,11 @@ std::string H(dsUint32_t handle) {
     return handle == Api().nextHandle ? "" : Number("h", handle);
 }
 
-// Fills a field to the brim, without a terminator, as an unkind server would.
+// Fills a field as an unkind server would: with anything behind the terminator, and to the brim without one.
 template <std::size_t Size>
 void Put(char (&field)[Size], const std::string& text) {
-    std::memset(field, 0, Size);
-    std::memcpy(field, text.data(), std::min(text.size(), Size));
+    std::memset(field, '~', Size);
+    std::memcpy(field, text.c_str(), std::min(text.size() + 1, Size));
 }
 
 void Fill(const DataBlk& block, const Found& found, dsmQueryType type) {
@@ -103,6 +112,21 @@ Answer ApiDouble::Call(const std::string& function, const std::string& arguments
 
 extern "C" {
 
+// Writes the call down with its arguments and gives its answer.
+#define ANSWER(arguments)           \
+    const ApiDouble::Inside inside; \
+    return Api().Call(__func__, arguments).rc
+#define ONLY_A_HANDLE(function)             \
+    dsInt16_t function(dsUint32_t handle) { \
+        ANSWER(H(handle));                  \
+    }
+ONLY_A_HANDLE(dsmTerminate)
+ONLY_A_HANDLE(dsmEndQuery)
+ONLY_A_HANDLE(dsmBeginTxn)
+ONLY_A_HANDLE(dsmEndSendObj)
+ONLY_A_HANDLE(dsmEndGetObj)
+ONLY_A_HANDLE(dsmEndGetData)
+
 void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
     const ApiDouble::Inside inside;
     Api().Call("dsmQueryApiVersionEx", Number("v", version->stVersion));
@@ -111,17 +135,13 @@ void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
 }
 
 dsInt16_t dsmSetUp(dsBool_t mtFlag, envSetUp* setUp) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmSetUp", Number("mt", mtFlag) + Number("v", setUp->stVersion) + " config=" + Text(setUp->dsmiConfig) +
-                              " dir=" + Text(setUp->dsmiDir) + " log=" + Text(setUp->dsmiLog) + "/" +
-                              Text(setUp->logName) + (setUp->argv == nullptr ? "" : " argv"))
-        .rc;
+    ANSWER(Number("mt", mtFlag) + Number("v", setUp->stVersion) + " config=" + Text(setUp->dsmiConfig) +
+           " dir=" + Text(setUp->dsmiDir) + " log=" + Text(setUp->dsmiLog) + "/" + Text(setUp->logName) +
+           (setUp->argv == nullptr ? "" : " argv"));
 }
 
 dsInt16_t dsmCleanUp(dsBool_t mtFlag) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmCleanUp", Number("mt", mtFlag)).rc;
+    ANSWER(Number("mt", mtFlag));
 }
 
 dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) {
@@ -135,42 +155,28 @@ dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) 
                                     " options=" + Text(in->options) + " delimiter=" + in->dirDelimiter +
                                     Number("unicode", in->useUnicode));
     if (answer.rc == 0) *handle = Api().nextHandle;
-    Api().lastPassword = in->clientPasswordP != nullptr ? in->clientPasswordP : in->userPasswordP;
     return answer.rc;
-}
-
-dsInt16_t dsmTerminate(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmTerminate", H(handle)).rc;
 }
 
 dsInt16_t dsmRCMsg(dsUint32_t, dsInt16_t rc, char* msg) {
     const ApiDouble::Inside inside;
-    std::strcpy(msg, ("message of " + std::to_string(rc)).c_str());
+    std::memset(msg, 'm', DSM_MAX_RC_MSG_LENGTH);  // the longest one
+    std::strcpy(msg + DSM_MAX_RC_MSG_LENGTH - 3, std::to_string(rc).c_str());
     return Api().Call("dsmRCMsg").rc;
 }
 
 dsInt16_t dsmRegisterFS(dsUint32_t handle, regFSData* data) {
-    const ApiDouble::Inside inside;
-    const dsmUnixFSAttrib& attr = data->fsAttr.unixFSAttr;
-    return Api()
-        .Call("dsmRegisterFS", H(handle) + Number("v", data->stVersion) + " " + Text(data->fsName) + " " +
-                                   Text(data->fsType) + " " + Text(data->occupancy) + " " + Text(data->capacity) + " " +
-                                   Text(attr.fsInfo) + Number("length", attr.fsInfoLength))
-        .rc;
+    ANSWER(H(handle) + Number("v", data->stVersion) + " " + Text(data->fsName) + " " + Text(data->fsType) + " " +
+           Text(data->occupancy) + " " + Text(data->capacity) + " " + Field(data->fsAttr.unixFSAttr.fsInfo) +
+           Number("length", data->fsAttr.unixFSAttr.fsInfoLength));
 }
 
 dsInt16_t dsmDeleteFS(dsUint32_t handle, char* fsName, dsUint8_t repository) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmDeleteFS", H(handle) + " " + Text(fsName) + Number("repository", repository)).rc;
+    ANSWER(H(handle) + " " + Text(fsName) + Number("repository", repository));
 }
 
 dsInt16_t dsmSetAccess(dsUint32_t handle, dsmAccessType type, dsmObjName* name, char* node, char* owner) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmSetAccess",
-              H(handle) + Number("access", type) + " " + Text(name) + " node=" + Text(node) + " owner=" + Text(owner))
-        .rc;
+    ANSWER(H(handle) + Number("access", type) + " " + Text(name) + " node=" + Text(node) + " owner=" + Text(owner));
 }
 
 dsInt16_t dsmBeginQuery(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what) {
@@ -200,10 +206,12 @@ dsInt16_t dsmBeginQuery(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what
     return answer.rc;
 }
 
-// Only the end of a query is written down, with the size and version of the response buffer.
+// Only the end of a query is written down, with the size and version of the response buffer, which is to be zero.
 dsInt16_t dsmGetNextQObj(dsUint32_t handle, DataBlk* block) {
     const ApiDouble::Inside inside;
+    const std::string_view bytes(block->bufferPtr + sizeof(dsUint16_t), block->bufferLen - sizeof(dsUint16_t));
     if (Api().next < Api().current.found.size()) {
+        if (Api().next == 0 && bytes.find_first_not_of('\0') != bytes.npos) Api().Call("dsmGetNextQObj", " unclean");
         Fill(*block, Api().current.found[Api().next++], Api().queryType);
         return DSM_RC_MORE_DATA;
     }
@@ -213,22 +221,9 @@ dsInt16_t dsmGetNextQObj(dsUint32_t handle, DataBlk* block) {
     return Api().current.end;
 }
 
-dsInt16_t dsmEndQuery(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndQuery", H(handle)).rc;
-}
-
 dsInt16_t dsmBindMC(dsUint32_t handle, dsmObjName* name, dsmSendType type, mcBindKey* key) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmBindMC", H(handle) + " " + Text(name) + Number("send", type) + Number("v", key->stVersion) +
-                               " mc=" + Text(key->mcName))
-        .rc;
-}
-
-dsInt16_t dsmBeginTxn(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmBeginTxn", H(handle)).rc;
+    ANSWER(H(handle) + " " + Text(name) + Number("send", type) + Number("v", key->stVersion) +
+           " mc=" + Field(key->mcName));
 }
 
 dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
@@ -240,15 +235,11 @@ dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
 
 dsInt16_t dsmSendObj(dsUint32_t handle, dsmSendType type, void* sendBuff, dsmObjName* name, ObjAttr* attr,
                      DataBlk* block) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmSendObj", H(handle) + Number("send", type) + (sendBuff == nullptr ? "" : " buffer") + " " +
-                                Text(name) + Number("v", attr->stVersion) + " owner=" + Text(attr->owner) +
-                                " size=" + Text(attr->sizeEstimate) + Number("compressed", attr->objCompressed) +
-                                " info=" + (attr->objInfoLength > 100 ? "long" : Text(attr->objInfo)) +
-                                Number("length", attr->objInfoLength) + " mc=" + Text(attr->mcNameP) +
-                                (block == nullptr ? "" : " block"))
-        .rc;
+    ANSWER(H(handle) + Number("send", type) + (sendBuff == nullptr ? "" : " buffer") + " " + Text(name) +
+           Number("v", attr->stVersion) + " owner=" + Text(attr->owner) + " size=" + Text(attr->sizeEstimate) +
+           Number("compressed", attr->objCompressed) +
+           " info=" + (attr->objInfoLength > 100 ? "long" : Text(attr->objInfo)) +
+           Number("length", attr->objInfoLength) + " mc=" + Text(attr->mcNameP) + (block == nullptr ? "" : " block"));
 }
 
 dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
@@ -275,23 +266,14 @@ dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
     return answer.rc;
 }
 
-dsInt16_t dsmEndSendObj(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndSendObj", H(handle)).rc;
-}
-
 dsInt16_t dsmBeginGetData(dsUint32_t handle, dsBool_t mountWait, dsmGetType type, dsmGetList* list) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmBeginGetData", H(handle) + Number("wait", mountWait) + Number("get", type) +
-                                     Number("v", list->stVersion) + Number("n", list->numObjId) + " " +
-                                     Text(*list->objId) + (list->partialObjData == nullptr ? "" : " partial"))
-        .rc;
+    ANSWER(H(handle) + Number("wait", mountWait) + Number("get", type) + Number("v", list->stVersion) +
+           Number("n", list->numObjId) + " " + Text(*list->objId) +
+           (list->partialObjData == nullptr ? "" : " partial"));
 }
 
 dsInt16_t dsmGetObj(dsUint32_t handle, ObjID* objId, DataBlk* block) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmGetObj", H(handle) + " " + Text(*objId) + (block == nullptr ? "" : " block")).rc;
+    ANSWER(H(handle) + " " + Text(*objId) + (block == nullptr ? "" : " block"));
 }
 
 dsInt16_t dsmGetData(dsUint32_t handle, DataBlk* block) {
@@ -308,21 +290,13 @@ dsInt16_t dsmGetData(dsUint32_t handle, DataBlk* block) {
     return answer.rc;
 }
 
-dsInt16_t dsmEndGetObj(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndGetObj", H(handle)).rc;
-}
-dsInt16_t dsmEndGetData(dsUint32_t handle) {
-    const ApiDouble::Inside inside;
-    return Api().Call("dsmEndGetData", H(handle)).rc;
-}
-
 dsInt16_t dsmDeleteObj(dsUint32_t handle, dsmDelType type, dsmDelInfo info) {
     const ApiDouble::Inside inside;
     std::string arguments = H(handle) + Number("del", type);
     if (type == dtBackup) {
-        arguments += Number("v", info.backInfo.stVersion) + " " + Text(info.backInfo.objNameP) +
-                     Number("group", info.backInfo.copyGroup);
+        const dsmObjName& name = *info.backInfo.objNameP;  // the server's own, with what stands behind its texts
+        arguments += Number("v", info.backInfo.stVersion) + " " + Text(name.fs) + " " + Text(name.hl) + " " +
+                     Text(name.ll) + Number("type", name.objType) + Number("group", info.backInfo.copyGroup);
     } else {
         arguments += Number("v", info.backIDInfo.stVersion) + " " + Text(info.backIDInfo.objId);
     }
@@ -330,13 +304,9 @@ dsInt16_t dsmDeleteObj(dsUint32_t handle, dsmDelType type, dsmDelInfo info) {
 }
 
 dsInt16_t dsmRenameObj(dsmRenameIn_t* in, dsmRenameOut_t* out) {
-    const ApiDouble::Inside inside;
-    return Api()
-        .Call("dsmRenameObj", H(in->dsmHandle) + Number("v", in->stVersion) + Number("out", out->stVersion) +
-                                  Number("repository", in->repository) + " " + Text(in->objNameP) + " to " +
-                                  Text(in->newHl) + " " + Text(in->newLl) + Number("merge", in->merge) +
-                                  " id=" + Text(in->objId))
-        .rc;
+    ANSWER(H(in->dsmHandle) + Number("v", in->stVersion) + Number("out", out->stVersion) +
+           Number("repository", in->repository) + " " + Text(in->objNameP) + " to " + Field(in->newHl) + " " +
+           Field(in->newLl) + Number("merge", in->merge) + " id=" + Text(in->objId));
 }
 
 }  // extern "C"

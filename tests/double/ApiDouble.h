@@ -48,8 +48,7 @@ public:
     std::deque<dsUint32_t> takes;    // bytes that the next dsmSendData calls take; all of them when empty
     std::deque<std::string> chunks;  // bytes that the next dsmGetData calls give
     dsUint32_t nextHandle = 7;
-    const char* lastSent = nullptr;      // where the bytes of the last dsmSendData were
-    const char* lastPassword = nullptr;  // where the last sign-on's password was
+    const char* lastSent = nullptr;  // where the bytes of the last dsmSendData were
 
     std::function<void()> meanwhile;  // run by the next call, while it is under way
 

@@ -18,8 +18,9 @@ import tsmconnector
 try:
     tsmconnector.Api(config="missing")
 except tsmconnector.TsmError as error:
-    print(importlib.metadata.version("tsmconnector"), error.name, tsmconnector.__file__.split("/")[-3])
+    versions = importlib.metadata.version("tsmconnector"), tsmconnector.__version__
+    print(*versions, error.name, tsmconnector.__file__.split("/")[-3])
 END
 )
-[ "$shown" = "$2 DSM_RC_INVALID_PARM site-packages" ] || { echo "installed: $shown" >&2; exit 1; }
+[ "$shown" = "$2 $2 DSM_RC_INVALID_PARM site-packages" ] || { echo "installed: $shown" >&2; exit 1; }
 [ "$(contents)" = "$before" ] || { echo "left in the folder:" >&2; diff <(echo "$before") <(contents) >&2; exit 1; }

@@ -11,4 +11,5 @@ from ._errors import NotFoundError, TsmError
 from ._session import Api, Session, StoredObject
 from ._streams import BackupWriter, RestoreReader
 
+__version__ = "1.0.0"
 __all__ = ["Api", "BackupWriter", "NotFoundError", "RestoreReader", "Session", "StoredObject", "TsmError"]

@@ -41,10 +41,11 @@ class TsmError(Exception):
     operation  the function of the library that gave it, e.g. "TsmOpenSession"
     """
 
-    def __init__(self, code: int, operation: str) -> None:
-        super().__init__(code, operation)
+    def __init__(self, code: int, operation: str, about: str = "") -> None:
+        super().__init__(code, operation, about)
         self.code = -abs(code)
         self.operation = operation
+        self._about = about
 
     @property
     def name(self) -> str:
@@ -52,12 +53,12 @@ class TsmError(Exception):
 
     def __str__(self) -> str:
         text = CODES.get(-self.code, ("", "no text for this code"))[1]
-        return f"{self.operation}: {text} ({self.name}, {self.code})"
+        return f"{self.operation}: {text} ({self.name}, {self.code}){self._about}"
 
 
 class NotFoundError(TsmError):
     """Nothing is stored under the name (code -2)."""
 
 
-def failure(code: int, operation: str) -> TsmError:
-    return (NotFoundError if code == NOT_FOUND else TsmError)(code, operation)
+def failure(code: int, operation: str, about: str = "") -> TsmError:
+    return (NotFoundError if code == NOT_FOUND else TsmError)(code, operation, about)

@@ -1,8 +1,10 @@
 """The functions and the record of tsmconnector.h, as ctypes sees them."""
 
 import ctypes
+import itertools
 import os
 from ctypes import POINTER, c_char, c_char_p, c_int, c_longlong, c_void_p
+from typing import Callable, Iterable, List, NoReturn, Optional, SupportsIndex
 
 
 class TsmObject(ctypes.Structure):
@@ -56,9 +58,36 @@ def load() -> ctypes.CDLL:
         for function, arguments in _ARGUMENTS.items():
             getattr(library, function).argtypes = arguments
     except (OSError, AttributeError) as error:
+        needed, instead = "libtsmconnector.so.1", "set TSMCONNECTOR_LIBRARY to its path"
+        if "libApiTSM64" in str(error):
+            needed, instead = "the TSM client API", "start the program with its library's folder in LD_LIBRARY_PATH"
         raise ImportError(
-            f"cannot use {name} ({error}): install libtsmconnector.so.1 where the system's linker finds it, "
-            "or set TSMCONNECTOR_LIBRARY to its path"
+            f"cannot use {name} ({error}): install {needed} where the system's linker finds it, or {instead}"
         ) from error
     library.TsmBeginRestore.restype = c_longlong
     return library
+
+
+class Once:
+    """A call of the library that is made once, whoever asks for it and however often. An interrupt comes before it,
+    which leaves it to be made, or when its result is kept: to the interpreter, all of it is one step."""
+
+    def __init__(self, function: Callable[..., int], arguments: Iterable[Iterable[object]]) -> None:
+        self._calls = itertools.starmap(function, arguments)
+        self.results: List[int] = []
+
+    def __call__(self) -> int:
+        self.results.extend(self._calls)
+        return self.result or 0
+
+    @property
+    def result(self) -> Optional[int]:
+        """None before the call."""
+        return self.results[0] if self.results else None
+
+
+class Sole:
+    """Owns something in the library, which the end of a copy would end too."""
+
+    def __reduce_ex__(self, protocol: SupportsIndex) -> NoReturn:
+        raise TypeError(f"{type(self).__name__} can be neither copied nor pickled")

@@ -1,17 +1,19 @@
 """The library for one process, and sessions with the server."""
 
+import contextlib
 import ctypes
 import functools
 import operator
 import os
 import threading
 import warnings
+import weakref
 from datetime import datetime
 from types import TracebackType
-from typing import Any, Callable, List, NamedTuple, Optional, Set, Tuple, Type, TypeVar, Union, cast
+from typing import Any, Callable, List, NamedTuple, Optional, Sequence, Set, Tuple, Type, TypeVar, Union, cast
 
 from ._errors import NOT_FOUND, WRONG_ORDER, NotFoundError, failure
-from ._library import Names, Objects, TsmObject, load
+from ._library import Names, Objects, Once, Sole, TsmObject, load
 from ._streams import BackupWriter, RestoreReader
 from ._texts import Moment, directory, encoded, exact, moment, optional, parsed, plain, rewritten
 
@@ -22,7 +24,6 @@ _Method = TypeVar("_Method", bound=Callable[..., Any])
 _KINDS = {"any": 0, "directories": 1, "files": 2}
 
 _life = threading.RLock()  # set-up and clean-up run alone; an Api may be collected in either
-_alive = 0  # the process of the Api that is open
 
 
 def _exclusive(method: _Method) -> _Method:
@@ -54,7 +55,7 @@ class StoredObject(NamedTuple):
     name: str
     """As it was given to backup()."""
     size: int
-    """Bytes, as announced when the object was stored."""
+    """The announced size: what backup() was told, in bytes, and not the length of the data."""
     stored: str
     """When, in the server's local time, e.g. "2021-3-7 9:5:1". To be used as `at`, it selects this version."""
     info: str
@@ -69,7 +70,45 @@ class StoredObject(NamedTuple):
         return parsed(self.stored)
 
 
-class Api:
+class _Setup:
+    """What TsmInitApi begins for an Api and TsmReleaseApi ends."""
+
+    # From before the one to after the other. The first one owns the library; one that was broken into before it could
+    # go is closed, or its Api is gone, and the next Api sees to it.
+    known: List["_Setup"] = []
+
+    def __init__(self, api: "Api", library: ctypes.CDLL, texts: Sequence[Optional[bytes]]) -> None:
+        self.api = weakref.ref(api)
+        self.process = os.getpid()
+        self.begin = Once(library.TsmInitApi, [texts])
+        self._end = Once(library.TsmReleaseApi, [()])
+
+    def owns(self) -> bool:
+        return self.known[:1] == [self] and self.process == os.getpid()
+
+    def end(self) -> int:
+        with _life:
+            result = 0
+            if self in self.known:
+                if self.begin.result not in (None, WRONG_ORDER):  # where another host's goes on working
+                    result = self._end()
+                with contextlib.suppress(ValueError):
+                    self.known.remove(self)
+            return result
+
+    @classmethod
+    def end_interrupted(cls) -> None:
+        for setup in cls.known[:]:
+            if setup.process != os.getpid():
+                raise RuntimeError("an Api was open at the fork of this process")
+            api = setup.api()
+            if api is None:
+                setup.end()
+            elif api._closed:
+                api._end()
+
+
+class Api(Sole):
     """The library, set up for this process. There is one at a time.
 
     config       the client API's options file; None: its default
@@ -79,8 +118,12 @@ class Api:
 
     Raises TsmError when the set-up fails (-2041: an Api is open already), ImportError when libtsmconnector cannot be
     loaded: the environment variable TSMCONNECTOR_LIBRARY names it, else the system's linker finds it.
+    An interrupt leaves nothing set up; one in close() leaves an Api that is closed again, or by the next one.
     Not to be carried over a fork: in the child it and its sessions raise RuntimeError.
     """
+
+    _setup: Optional[_Setup] = None
+    _closed = False
 
     def __init__(
         self,
@@ -89,25 +132,24 @@ class Api:
         api_dir: Optional[StrPath] = None,
         application: Optional[str] = None,
     ) -> None:
-        global _alive
-        self._closed = self._released = True
         texts = [optional(text) for text in (config, log_dir, api_dir, application)]
         self._library = load()
         self._sessions: Set["Session"] = set()  # those that are not closed
         self._process = os.getpid()
-        if _alive not in (0, self._process):
-            raise RuntimeError("an Api was open at the fork of this process")
+        _Setup.end_interrupted()
+        self._setup = setup = _Setup(self, self._library, texts)
         with _life:
-            if _alive:
-                raise failure(WRONG_ORDER, "TsmInitApi")
-            _alive = self._process
-            result = self._library.TsmInitApi(*texts)
-            if result != 0:
-                _alive = 0
-                if result != WRONG_ORDER:  # which is somebody else's, and goes on working
-                    self._library.TsmReleaseApi()
-                raise failure(result, "TsmInitApi")
-            self._closed = self._released = False
+            try:
+                setup.known.append(setup)
+                result = setup.begin() if setup.owns() else WRONG_ORDER
+                if result == WRONG_ORDER:
+                    raise failure(result, "TsmInitApi", "; the library is set up already")
+                if result != 0:
+                    options, log = config or "the default one", log_dir or "its default folder"
+                    raise failure(result, "TsmInitApi", f"; options file: {options}; error log: in {log}")
+            except BaseException:
+                self._end()
+                raise
 
     def session(
         self,
@@ -133,26 +175,23 @@ class Api:
     def close(self) -> None:
         """Closes all sessions, giving up what they have not committed, and cleans up. Waits for calls under way in
         other threads. Raises TsmError when the clean-up fails; the Api is closed all the same."""
-        global _alive
-        if not self._here():
-            return
+        result = self._end()
+        if result != 0:
+            raise failure(result, "TsmReleaseApi")
+
+    def _end(self) -> int:
         self._closed = True
+        if self._setup is None or self._process != os.getpid():
+            return 0
         sessions = list(self._sessions)
         for session in sessions:
             session.close()
         if any(session._mine() for session in sessions):
             raise RuntimeError("closed from within a call of one of its sessions; close it again afterwards")
-        with _life:
-            if self._released:
-                return
-            self._released = True
-            result = self._library.TsmReleaseApi()
-            _alive = 0
-        if result != 0:
-            raise failure(result, "TsmReleaseApi")
+        return self._setup.end()
 
     def _here(self) -> bool:
-        return not self._released and self._process == os.getpid()
+        return self._setup is not None and self._setup.owns()
 
     def __enter__(self) -> "Api":
         if self._closed:
@@ -170,7 +209,7 @@ class Api:
             warnings.warn("an Api was not closed", ResourceWarning, source=self)
 
 
-class Session:
+class Session(Sole):
     """A session with the server. Made by Api.session; a context manager.
 
     An object is named by a path and a name: path "a/b" (also "/a/b", "a/b/") and name "disk.img"; the path "" is the
@@ -198,7 +237,7 @@ class Session:
         self._lock = threading.RLock()
         self._mine: Callable[[], bool] = getattr(self._lock, "_is_owned")  # as threading.Condition asks
         self._calling = False
-        self._handle = 0
+        self._opening = self._closing = Once(api._library.TsmOpenSession, ())  # none
         self._holder = 0  # its id
         self._unsettled = False
         self._closed = False
@@ -220,32 +259,38 @@ class Session:
             self._sign_off()
         if self._closed:
             self._sign_off()
-            self._credentials = []
+            self._credentials.clear()
             self._api._sessions.discard(self)
 
     def _check_usable(self) -> None:
         if self._closed or self._api._closed:
             raise ValueError("the session is closed")
 
+    @property
+    def _handle(self) -> int:
+        """0 where the session is signed off."""
+        return 0 if self._closing.result is not None else max(0, self._opening.result or 0)
+
     def _sign_on(self) -> None:
         library = self._api._library
-        handle = library.TsmOpenSession(*self._credentials)
+        self._unsettled = True  # until the filespace is connected
+        self._opening = Once(library.TsmOpenSession, [self._credentials])
+        self._closing = Once(library.TsmCloseSession, zip(self._opening.results))
+        handle = self._opening()
         if handle <= 0:
             raise failure(handle, "TsmOpenSession")
-        self._handle = handle
         if self._filespace is not None:
             result = library.TsmConnectToFileSpace(handle, self._filespace)
             if result < 0:
-                self._sign_off()
                 raise failure(result, "TsmConnectToFileSpace")
+        self._unsettled = False
 
     def _sign_off(self) -> None:
-        # The result is not needed: the handle is gone and what was not committed is discarded either way.
-        handle, self._handle = self._handle, 0
         self._holder = 0
+        if self._handle != 0 and self._api._here():
+            # The result is not needed: the handle is gone and what was not committed is discarded either way.
+            self._closing()
         self._unsettled = False
-        if handle != 0 and self._api._here():
-            self._api._library.TsmCloseSession(handle)
 
     @_exclusive
     def _call(

@@ -7,6 +7,8 @@ import warnings
 from types import TracebackType
 from typing import TYPE_CHECKING, Any, Callable, Optional, Type, TypeVar, Union, cast
 
+from ._library import Sole
+
 if TYPE_CHECKING:
     from _typeshed import ReadableBuffer, WriteableBuffer
 
@@ -33,7 +35,7 @@ def _moving(method: _Method) -> _Method:
     return cast(_Method, guarded)
 
 
-class _Stream(io.RawIOBase):
+class _Stream(Sole, io.RawIOBase):
     """A transfer that occupies its session. Whatever goes wrong in it signs the session's handle off."""
 
     def __init__(self, session: "Session", label: str) -> None:
