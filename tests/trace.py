@@ -115,7 +115,7 @@ class Trace(unittest.TestCase):
         self.assertRegex(run("tsmtrace", "replay", "a", "--config", "b.opt"), r"^\d{3,} calls compared, 0 differences\n$")
         with open("c.opt", "w", encoding="utf-8") as options:
             options.write("STOREDIR store-c\n")
-        self.assertIn("unknown management class", run("tsmtrace", "replay", "a", "--config", "c.opt", "-o", "c", status=1))
+        self.assertIn("no such management class", run("tsmtrace", "replay", "a", "--config", "c.opt", "-o", "c", status=1))
         with open("b.opt", "a", encoding="utf-8") as options:
             options.write("* PLANTED\nSECRETOPTION PLANTED\n")
         run("tsmtrace", "doctor", "a", "--config", "b.opt", "-o", "d")
