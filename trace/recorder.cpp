@@ -589,14 +589,14 @@ __attribute__((destructor)) void Finish() {
     file.Close();
 }
 
-template <class Result, class... Arguments, class Describe>
-Result HandOn(Result (*own)(Arguments...), const char* name, std::atomic<void*>& slot, const Describe& describe,
+template <class Result, class... Declared, class Describe, class... Arguments>
+Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& slot, const Describe& describe,
               Arguments... arguments) {
     const int before = errno;
     Prepare();
     void* found = slot.load(std::memory_order_acquire);
     if (found == nullptr) slot = found = Find(name, reinterpret_cast<void*>(own));
-    const auto function = reinterpret_cast<Result (*)(Arguments...)>(found);
+    const auto function = reinterpret_cast<Result (*)(Declared...)>(found);
     const auto call = [&]() -> dsInt16_t {
         errno = before;
         if (function == nullptr) return DSM_RC_ABORT_SYSTEM_ERROR;
@@ -647,12 +647,12 @@ struct Prototype<R(Arguments...)> {
 #define PARAMETERS_4(name) PARAMETERS_3(name), ARGUMENT(name, 3)
 #define PARAMETERS_5(name) PARAMETERS_4(name), ARGUMENT(name, 4)
 #define PARAMETERS_6(name) PARAMETERS_5(name), ARGUMENT(name, 5)
-#define ARGUMENTS_1 a0
-#define ARGUMENTS_2 ARGUMENTS_1, a1
-#define ARGUMENTS_3 ARGUMENTS_2, a2
-#define ARGUMENTS_4 ARGUMENTS_3, a3
-#define ARGUMENTS_5 ARGUMENTS_4, a4
-#define ARGUMENTS_6 ARGUMENTS_5, a5
+#define ARGUMENTS_1 Plain(a0)
+#define ARGUMENTS_2 ARGUMENTS_1, Plain(a1)
+#define ARGUMENTS_3 ARGUMENTS_2, Plain(a2)
+#define ARGUMENTS_4 ARGUMENTS_3, Plain(a3)
+#define ARGUMENTS_5 ARGUMENTS_4, Plain(a4)
+#define ARGUMENTS_6 ARGUMENTS_5, Plain(a5)
 #define CALL(name, count, words, answers, ...)                          \
     Prototype<decltype(name)>::Result name(PARAMETERS_##count(name)) {  \
         static std::atomic<void*> slot{nullptr};                        \

@@ -13,6 +13,16 @@
 // clang-format on
 #pragma GCC visibility pop
 
+// An argument without the const that some headers have and others have not.
+template <class T>
+T Plain(T value) {
+    return value;
+}
+template <class T>
+T* Plain(const T* pointer) {
+    return const_cast<T*>(pointer);
+}
+
 template <class V>
 void Fields(V& v, dsmApiVersionEx& r) {
     v("version", r.version);

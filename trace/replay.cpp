@@ -182,7 +182,7 @@ private:
 
 template <class Result, class... Arguments, class Describe>
 void Make(Filler& filler, void* function, Result (*)(Arguments...), const Describe& describe) {
-    std::tuple<Arguments...> all{};
+    std::tuple<decltype(Plain(std::declval<Arguments>()))...> all{};
     std::apply(
         [&](auto&... arguments) {
             describe(filler, arguments...);
