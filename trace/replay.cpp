@@ -84,7 +84,7 @@ public:
         const bool none = number < 0 || (number == 0 && std::strcmp(key, "info") == 0);
         bytes = none ? nullptr : Room(static_cast<std::size_t>(number));
     }
-    void Id(const char* key, ObjID& id) { Set(id, Get(key), true); }
+    void Id(const char* key, ObjID& id) { (*this)(key, id); }
     void Ids(const char* key, ObjID*& ids, dsUint32_t& count) {
         const Json& all = Get(key);
         count = static_cast<dsUint32_t>(all.is_array() ? all.size() : 1);
@@ -112,7 +112,8 @@ public:
                                                                     : Bytes(Get(key));
         std::memcpy(field, text.data(), std::min(size, text.size()));
     }
-    void operator()(const char* key, dsStruct64_t& number) { Set(number, Get(key), false); }
+    // Identifiers and other numbers are of one type.
+    void operator()(const char* key, dsStruct64_t& number) { Set(number, Get(key), std::strcmp(key, "id") == 0); }
     // As long ago as it was then.
     void operator()(const char* key, dsmDate& date) {
         std::tm moment = {};
