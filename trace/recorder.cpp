@@ -406,7 +406,6 @@ public:
     void Blank(const char* key, Pointer& bytes, Length& length) {
         Number(key, bytes != nullptr ? static_cast<long long>(length) : -static_cast<long long>(length));
     }
-    void Id(const char* key, ObjID& id) { (*this)(key, id); }
     void Ids(const char* key, ObjID*& ids, dsUint32_t& count) {
         Array(key, ids, count, [&](ObjID& id) { (*this)(nullptr, id); });
     }

@@ -23,177 +23,71 @@ T* Plain(const T* pointer) {
     return const_cast<T*>(pointer);
 }
 
-template <class V>
-void Fields(V& v, dsmApiVersionEx& r) {
-    v("version", r.version);
-    v("release", r.release);
-    v("level", r.level);
-    v("subLevel", r.subLevel);
-}
+// FIELDS(record, field, ...): r is the record, v the visitor.
+#define FIELDS(record, ...)        \
+    template <class V>             \
+    void Fields(V& v, record& r) { \
+        __VA_ARGS__;               \
+    }
 
-template <class V>
-void Fields(V& v, envSetUp& r) {
-    v("v", r.stVersion);
-    v("dir", r.dsmiDir);
-    v("config", r.dsmiConfig);
-    v("log", r.dsmiLog);
-    v("logName", r.logName);
-}
+FIELDS(dsmApiVersionEx, v("version", r.version), v("release", r.release), v("level", r.level),
+       v("subLevel", r.subLevel))
+
+FIELDS(envSetUp, v("v", r.stVersion), v("dir", r.dsmiDir), v("config", r.dsmiConfig), v("log", r.dsmiLog),
+       v("logName", r.logName))
 
 // An options string may hold a password.
-template <class V>
-void Fields(V& v, dsmInitExIn_t& r) {
-    v("v", r.stVersion);
-    v("node", r.clientNodeNameP);
-    v("owner", r.clientOwnerNameP);
-    v.Secret("password", r.clientPasswordP);
-    v("user", r.userNameP);
-    v.Secret("userPassword", r.userPasswordP);
-    v("application", r.applicationTypeP);
-    v("configFile", r.configfile);
-    v.Secret("options", r.options);
-    v("delimiter", r.dirDelimiter);
-}
+FIELDS(dsmInitExIn_t, v("v", r.stVersion), v("node", r.clientNodeNameP), v("owner", r.clientOwnerNameP),
+       v.Secret("password", r.clientPasswordP), v("user", r.userNameP), v.Secret("userPassword", r.userPasswordP),
+       v("application", r.applicationTypeP), v("configFile", r.configfile), v.Secret("options", r.options),
+       v("delimiter", r.dirDelimiter))
 
-template <class V>
-void Fields(V& v, dsmInitExOut_t& r) {
-    v("infoRC", r.infoRC);
-    v("server", r.adsmServerName);
-    v("version", r.serverVer);
-    v("release", r.serverRel);
-    v("level", r.serverLev);
-    v("subLevel", r.serverSubLev);
-}
+FIELDS(dsmInitExOut_t, v("infoRC", r.infoRC), v("server", r.adsmServerName), v("version", r.serverVer),
+       v("release", r.serverRel), v("level", r.serverLev), v("subLevel", r.serverSubLev))
 
-template <class V>
-void Fields(V& v, dsmObjName& r) {
-    v("fs", r.fs);
-    v("hl", r.hl);
-    v("ll", r.ll);
-    v("kind", r.objType);
-}
+FIELDS(dsmObjName, v("fs", r.fs), v("hl", r.hl), v("ll", r.ll), v("kind", r.objType))
 
-template <class V>
-void Fields(V& v, regFSData& r) {
-    v("v", r.stVersion);
-    v("fs", r.fsName);
-    v("fsType", r.fsType);
-    v("occupancy", r.occupancy);
-    v("capacity", r.capacity);
-    v("info", r.fsAttr.unixFSAttr.fsInfoLength);
-}
+FIELDS(regFSData, v("v", r.stVersion), v("fs", r.fsName), v("fsType", r.fsType), v("occupancy", r.occupancy),
+       v("capacity", r.capacity), v("info", r.fsAttr.unixFSAttr.fsInfoLength))
 
-template <class V>
-void Fields(V& v, qryFSData& r) {
-    v("v", r.stVersion);
-    v("fs", r.fsName);
-}
+FIELDS(qryFSData, v("v", r.stVersion), v("fs", r.fsName))
 
-template <class V>
-void Fields(V& v, qryRespFSData& r) {
-    v("fs", r.fsName);
-    v("fsType", r.fsType);
-    v("occupancy", r.occupancy);
-    v("capacity", r.capacity);
-    v("begun", r.backStartDate);
-    v("completed", r.backCompleteDate);
-}
+FIELDS(qryRespFSData, v("fs", r.fsName), v("fsType", r.fsType), v("occupancy", r.occupancy), v("capacity", r.capacity),
+       v("begun", r.backStartDate), v("completed", r.backCompleteDate))
 
-template <class V>
-void Fields(V& v, qryMCData& r) {
-    v("v", r.stVersion);
-    v("class", r.mcName);
-    v("detail", r.mcDetail);
-}
+FIELDS(qryMCData, v("v", r.stVersion), v("class", r.mcName), v("detail", r.mcDetail))
 
-template <class V>
-void Fields(V& v, qryRespMCData& r) {
-    v("class", r.mcName);
-    v("text", r.mcDesc);
-}
+FIELDS(qryRespMCData, v("class", r.mcName), v("text", r.mcDesc))
 
-template <class V>
-void Fields(V& v, qryBackupData& r) {
-    v("v", r.stVersion);
-    v("name", r.objName);
-    v("owner", r.owner);
-    v("state", r.objState);
-    if (r.stVersion >= 2) v("moment", r.pitDate);
-}
+FIELDS(qryBackupData, v("v", r.stVersion), v("name", r.objName), v("owner", r.owner), v("state", r.objState),
+       r.stVersion >= 2 ? v("moment", r.pitDate) : void())
 
 // The information is the host's own text: its length alone.
-template <class V>
-void Fields(V& v, qryRespBackupData& r) {
-    v("name", r.objName);
-    v("group", r.copyGroup);
-    v("class", r.mcName);
-    v("owner", r.owner);
-    v.Id("id", r.objId);
-    v("media", r.mediaClass);
-    v("state", r.objState);
-    v("stored", r.insDate);
-    v("ended", r.expDate);
-    v("info", r.objInfolen);
-    v("size", r.sizeEstimate);
-}
+FIELDS(qryRespBackupData, v("name", r.objName), v("group", r.copyGroup), v("class", r.mcName), v("owner", r.owner),
+       v("id", r.objId), v("media", r.mediaClass), v("state", r.objState), v("stored", r.insDate),
+       v("ended", r.expDate), v("info", r.objInfolen), v("size", r.sizeEstimate))
 
-template <class V>
-void Fields(V& v, mcBindKey& r) {
-    v("class", r.mcName);
-    v("backup", r.backup_cg_exists);
-    v("destination", r.backup_copy_dest);
-}
+FIELDS(mcBindKey, v("class", r.mcName), v("backup", r.backup_cg_exists), v("destination", r.backup_copy_dest))
 
-template <class V>
-void Fields(V& v, ObjAttr& r) {
-    v("v", r.stVersion);
-    v("owner", r.owner);
-    v("size", r.sizeEstimate);
-    v("compressed", r.objCompressed);
-    v.Blank("info", r.objInfo, r.objInfoLength);
-    v("class", r.mcNameP);
-}
+FIELDS(ObjAttr, v("v", r.stVersion), v("owner", r.owner), v("size", r.sizeEstimate), v("compressed", r.objCompressed),
+       v.Blank("info", r.objInfo, r.objInfoLength), v("class", r.mcNameP))
 
-template <class V>
-void Fields(V& v, DataBlk& r) {
-    v("v", r.stVersion);
-    v.Blank("offered", r.bufferPtr, r.bufferLen);
-}
+FIELDS(DataBlk, v("v", r.stVersion), v.Blank("offered", r.bufferPtr, r.bufferLen))
 
-template <class V>
-void Fields(V& v, dsmGetList& r) {
-    v("v", r.stVersion);
-    v.Ids("ids", r.objId, r.numObjId);
-    v.Parts("parts", r.partialObjData, r.numObjId);
-}
+FIELDS(dsmGetList, v("v", r.stVersion), v.Ids("ids", r.objId, r.numObjId),
+       v.Parts("parts", r.partialObjData, r.numObjId))
 
-template <class V>
-void Fields(V& v, delBack& r) {
-    v("v", r.stVersion);
-    v("name", r.objNameP);
-    v("group", r.copyGroup);
-}
+FIELDS(delBack, v("v", r.stVersion), v("name", r.objNameP), v("group", r.copyGroup))
 
-template <class V>
-void Fields(V& v, delBackID& r) {
-    v("v", r.stVersion);
-    v.Id("id", r.objId);
-}
+FIELDS(delBackID, v("v", r.stVersion), v("id", r.objId))
 
-template <class V>
-void Fields(V& v, dsmRenameIn_t& r) {
-    v("v", r.stVersion);
-    v.Handle(r.dsmHandle);
-    v("repository", r.repository);
-    v("name", r.objNameP);
-    v("hl", r.newHl);
-    v("ll", r.newLl);
-    v("merge", r.merge);
-    v.Id("id", r.objId);
-}
+FIELDS(dsmRenameIn_t, v("v", r.stVersion), v.Handle(r.dsmHandle), v("repository", r.repository), v("name", r.objNameP),
+       v("hl", r.newHl), v("ll", r.newLl), v("merge", r.merge), v("id", r.objId))
 
 template <class V>
 void Fields(V&, dsmRenameOut_t&) {}
+
+#undef FIELDS
 
 // What stands behind the untyped question of a query; questions of other types are not looked into.
 template <class V, class Buffer>

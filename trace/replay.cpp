@@ -84,7 +84,6 @@ public:
         const bool none = number < 0 || (number == 0 && std::strcmp(key, "info") == 0);
         bytes = none ? nullptr : Room(static_cast<std::size_t>(number));
     }
-    void Id(const char* key, ObjID& id) { (*this)(key, id); }
     void Ids(const char* key, ObjID*& ids, dsUint32_t& count) {
         const Json& all = Get(key);
         count = static_cast<dsUint32_t>(all.is_array() ? all.size() : 1);
