@@ -114,6 +114,7 @@ public:
             limit_ = std::min(limit_, static_cast<long long>(files.rlim_cur / 2));
         }
         pid = getpid();
+        Compare();
         Attach();
         on = true;
     }
@@ -170,6 +171,9 @@ public:
         started = false;
     }
 
+    // The moment of a reading of the monotonic clock, in microseconds since 1970.
+    long long WallClock(long long monotonic) const { return (monotonic + ahead_) / 1000; }
+
     bool on = false;
     bool checksums = false;
     int pid = 0;
@@ -222,7 +226,10 @@ private:
         return true;
     }
 
+    void Compare() { ahead_ = Nanoseconds(CLOCK_REALTIME) - Nanoseconds(CLOCK_MONOTONIC); }
+
     void Flush() {
+        Compare();
         while (used_ > 0) {
             ssize_t done = write(fd_, text_, used_);
             if (done < 0 && errno == EINTR) continue;
@@ -244,7 +251,7 @@ private:
         char line[200];
         const int size =
             std::snprintf(line, sizeof line, "{\"event\":\"%s\",\"pid\":%d,\"at\":%lld,\"lines\":%lld,\"lost\":%lld}\n",
-                          event, pid, Nanoseconds(CLOCK_REALTIME) / 1000, lines_, lost);
+                          event, pid, WallClock(Nanoseconds(CLOCK_MONOTONIC)), lines_, lost);
         return Append(line, static_cast<std::size_t>(size));
     }
 
@@ -286,6 +293,7 @@ private:
     char* text_ = nullptr;
     std::size_t used_ = 0;
     bool mapped_ = false;
+    std::atomic<long long> ahead_{0};  // how far one clock is of the other
     int cancel_ = 0;
     long long lines_ = 0, lost_ = 0, flushed_ = 0;
 };
@@ -316,7 +324,7 @@ public:
         Literal("event", "start");
         Number("format", 1);
         Number("pid", file.pid);
-        Number("at", at_);
+        Number("at", at_ = file.WallClock(Nanoseconds(CLOCK_MONOTONIC)));
         Literal("recorder", TSMTRACE_VERSION);
         Text("program", program, PATH_MAX);
         Text("api", api, PATH_MAX);
@@ -325,7 +333,6 @@ public:
 
     // The first members of a call's line.
     void Begin(const char* call) {
-        Number("at", at_);
         Number("pid", file.pid);
         Number("tid", thread_.id);
         if (thread_.depth > 1) Number("depth", thread_.depth - 1);
@@ -338,6 +345,7 @@ public:
     void Answer(long long start, long long nanoseconds, long long code, bool there) {
         answered_ = true;
         code_ = code;
+        Number("at", at_ = file.WallClock(start));
         Number("mono", start);
         Number("ns", nanoseconds);
         Number("rc", code);
@@ -540,7 +548,7 @@ private:
     Thread& thread_;
     const std::size_t begin_;
     std::size_t end_;
-    const long long at_ = Nanoseconds(CLOCK_REALTIME) / 1000;
+    long long at_ = 0;
     bool answered_ = false, full_ = false;
     long long code_ = 0;
 };
