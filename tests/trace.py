@@ -155,7 +155,7 @@ class Trace(unittest.TestCase):
         self.assertIn("session 1 of node NODE3", rows)
 
     def test_says_what_is_wrong(self):
-        for command in (["summary", "none"], ["run", "-o", sources, "--", "true"], ["doctor", "none"]):
+        for command in (["summary", "none"], ["run", "-o", sources, "--", "true"], ["run", "-o", "no/r", "--", "true"], ["doctor", "none"]):
             run("tsmtrace", *command, status=1)
         run("tsmtrace", "run", "-o", "r", "--", "/nowhere", status=127)
         run("tsmtrace", "replay", "none", status=2)

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -31,6 +32,9 @@ void Refuse(const std::string& file) {
 
 int Run(const std::vector<std::string>& command, const std::string& output) {
     Refuse(output);
+    const int made = open(output.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (made < 0) throw Failure(output + ": " + std::strerror(errno));
+    close(made);
     setenv("TSMTRACE_FILE", fs::absolute(output).c_str(), 1);
     const char* const loaded = std::getenv("LD_PRELOAD");
     setenv("LD_PRELOAD", (Recorder() + (loaded != nullptr && *loaded != '\0' ? ":" + std::string(loaded) : "")).c_str(),

@@ -111,6 +111,7 @@ public:
         checksums = Number("TSMTRACE_CHECKSUMS", 0) != 0;
         rlimit files;  // writing beyond it would end the host
         if (getrlimit(RLIMIT_FSIZE, &files) == 0 && files.rlim_cur != RLIM_INFINITY) {
+            if (files.rlim_cur < 4 * capacity) return;
             limit_ = std::min(limit_, static_cast<long long>(files.rlim_cur / 2));
         }
         pid = getpid();
@@ -157,7 +158,10 @@ public:
         Flush();
         Event("end", lost_);
         Flush();
-        if (mapped_ && used_ == 0) unlink(held_);
+        if (mapped_ && used_ == 0) {
+            unlink(held_);
+            mapped_ = false;  // should there be calls still, none of their lines waits
+        }
         Unlock();
     }
 
@@ -242,9 +246,9 @@ private:
             used_ -= static_cast<std::size_t>(done);
             std::memmove(text_, text_ + done, used_);
             std::memset(text_ + used_, 0, static_cast<std::size_t>(done));
-            size_ += done;
         }
-        if (size_ > limit_) Rotate();
+        struct stat now;  // with what other processes wrote
+        if (fstat(fd_, &now) == 0 && now.st_size > limit_) Rotate();
     }
 
     bool Event(const char* event, long long lost) {
@@ -267,8 +271,6 @@ private:
             if (fd_ < 0) fd_ = fcntl(opened, F_DUPFD_CLOEXEC, 3);
         }
         close(opened);
-        struct stat now;
-        size_ = fstat(fd_, &now) == 0 ? now.st_size : 0;
     }
 
     // The file becomes FILE.1, that one FILE.2, and so on. Where another process did so, this one only follows.
@@ -289,7 +291,7 @@ private:
     char path_[PATH_MAX] = {}, held_[PATH_MAX + 24] = {};
     int fd_ = -1;
     int keep_ = 0;
-    long long limit_ = LLONG_MAX, size_ = 0;
+    long long limit_ = LLONG_MAX;
     char* text_ = nullptr;
     std::size_t used_ = 0;
     bool mapped_ = false;
