@@ -51,7 +51,7 @@ The header, and what CMake and pkg-config need, to build a program with
 libtsmconnector. The TSM client API is needed to run it, not to build it.")
 
 if(TSM_TOOL)
-  list(APPEND CPACK_COMPONENTS_ALL tool)
+  list(APPEND CPACK_COMPONENTS_ALL tool trace)
 endif()
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tsmctl)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
@@ -61,6 +61,15 @@ tsmctl backs up files, directories and streams as objects on a TSM server,
 lists, restores, verifies, renames and deletes them.
 .
 It needs libApiTSM64.so, the TSM client API, from the server's vendor.")
+
+set(CPACK_DEBIAN_TRACE_PACKAGE_NAME tsm-trace)
+set(CPACK_DEBIAN_TRACE_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TRACE_DESCRIPTION "record what programs and the TSM client API say to each other
+tsmtrace records the calls that a program makes on the TSM client API, without
+passwords and data, and tells what went wrong, in words. Nothing has to be
+built anew.
+.
+It works with any libApiTSM64.so; that is no part of it.")
 
 if(NOT TSM_SDK_DIR)
   list(APPEND CPACK_COMPONENTS_ALL standin)

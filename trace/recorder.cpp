@@ -1,0 +1,673 @@
+// libtsmtrace.so: the client API's functions, each of which hands its call on unchanged and writes a line of JSON.
+//
+// It lives in somebody else's process. What a host could notice is kept as it was: errno, the arguments, the answers.
+// A line is made in memory of the thread's own, without an allocation, and given to the system with one write, so that
+// it outlives the process however that ends. Where that fails, the host goes on and what is missing is counted.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <tuple>
+
+#include "records.h"
+
+namespace {
+
+constexpr std::size_t longestText = 2048;     // of a pointer's text, which nothing else limits
+constexpr dsUint32_t mostIds = 256;           // of a list to read
+constexpr std::size_t bufferSize = 96 << 10;  // of a thread; used from the front, so that most of it is never touched
+
+// Lines grow on top of each other where the API calls its own functions.
+struct Thread {
+    long id;
+    int depth;
+    std::size_t top;
+    char buffer[bufferSize];
+};
+thread_local Thread thread;
+
+long long Nanoseconds(clockid_t clock) {
+    timespec now;
+    clock_gettime(clock, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+const char* CodeName(long long code) {
+    switch (code) {
+#define CODE(value, name, text) \
+    case value:                 \
+        return name;
+#include "codes.def"
+#undef CODE
+    }
+    return "";
+}
+
+// Length of the UTF-8 character at the text's begin; 0 where there is none.
+std::size_t Utf8(const unsigned char* text, std::size_t size) {
+    const unsigned first = text[0];
+    const std::size_t length = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    if (length == 0 || length > size || first > 0xF4) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((text[i] & 0xC0) != 0x80) return 0;
+    }
+    const bool over = (first == 0xE0 && text[1] < 0xA0) || (first == 0xF0 && text[1] < 0x90);
+    const bool beyond = (first == 0xED && text[1] > 0x9F) || (first == 0xF4 && text[1] > 0x8F);
+    return over || beyond ? 0 : length;
+}
+
+// That of zlib and of cksum -o 3.
+std::uint32_t Crc32(const char* data, std::size_t size) {
+    static const auto table = [] {
+        struct {
+            std::uint32_t of[256];
+        } all;
+        for (std::uint32_t i = 0; i < 256; ++i) {
+            all.of[i] = i;
+            for (int bit = 0; bit < 8; ++bit) all.of[i] = (all.of[i] >> 1) ^ (all.of[i] & 1 ? 0xEDB88320u : 0);
+        }
+        return all;
+    }();
+    std::uint32_t crc = ~0u;
+    for (std::size_t i = 0; i < size; ++i)
+        crc = (crc >> 8) ^ table.of[(crc ^ static_cast<unsigned char>(data[i])) & 255];
+    return ~crc;
+}
+
+// ------------------------------------------------------------------------------------------------- the file
+
+// Lines wait in a small file beside the recording, FILE.held.PID, which is mapped: what is in memory is in that file at
+// the same moment, and stays there when the process is killed. Many lines so cost one write. Where there is no such
+// file each line is written by itself.
+class File {
+public:
+    constexpr File() = default;  // so that it is there before any code runs
+
+    // From the environment, once a process. Without a file nothing is recorded.
+    void Open() {
+        const char* const name = secure_getenv("TSMTRACE_FILE");
+        if (name == nullptr || *name == '\0') return;
+        char folder[PATH_MAX] = "";  // the host may go elsewhere
+        if (name[0] != '/' && getcwd(folder, sizeof folder) == nullptr) return;
+        const int length = std::snprintf(path_, sizeof path_, "%s%s%s", folder, *folder ? "/" : "", name);
+        if (length < 0 || static_cast<std::size_t>(length) >= sizeof path_) return;
+        limit_ = std::min(Number("TSMTRACE_SIZE", LLONG_MAX >> 20), LLONG_MAX >> 20) << 20;
+        keep_ = static_cast<int>(std::min(Number("TSMTRACE_KEEP", 4), 1000LL));
+        checksums = Number("TSMTRACE_CHECKSUMS", 0) != 0;
+        rlimit files;  // writing beyond it would end the host
+        if (getrlimit(RLIMIT_FSIZE, &files) == 0 && files.rlim_cur != RLIM_INFINITY) {
+            if (files.rlim_cur < 4 * capacity) return;
+            limit_ = std::min(limit_, static_cast<long long>(files.rlim_cur / 2));
+        }
+        pid = getpid();
+        Compare();
+        Attach();
+        on = true;
+    }
+
+    // Takes the file for a line that is about to be written, and numbers it. No thread is cancelled in between.
+    long long Lock() {
+        int cancel;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel);
+        pthread_mutex_lock(&mutex_);
+        cancel_ = cancel;
+        if (text_ == nullptr) Hold();
+        return lines_ + 1;
+    }
+    void Unlock() {
+        const int cancel = cancel_;
+        pthread_mutex_unlock(&mutex_);
+        pthread_setcancelstate(cancel, nullptr);
+    }
+
+    // Both with the lock. A line that must be seen at once does not wait.
+    void Write(const char* line, std::size_t size, long long now, bool atOnce) {
+        if (lost_ != 0) {
+            const long long lost = lost_;
+            lost_ = 0;
+            if (!Event("gap", lost)) lost_ = lost;
+        }
+        if (lost_ != 0 || !Append(line, size)) return Lose();
+        ++lines_;
+        if (atOnce || !mapped_ || used_ > capacity - capacity / 4 || now - flushed_ > 100000) {
+            flushed_ = now;
+            Flush();
+        }
+    }
+    void Lose() { ++lost_; }
+
+    // At the end of a process that ends by itself.
+    void Close() {
+        if (!on || lines_ + lost_ == 0) return;
+        Lock();
+        Flush();
+        Event("end", lost_);
+        Flush();
+        if (mapped_ && used_ == 0) {
+            unlink(held_);
+            mapped_ = false;  // should there be calls still, none of their lines waits
+        }
+        Unlock();
+    }
+
+    // In the child after a fork. It goes on in the same file, and holds its lines by itself.
+    void Forked() {
+        pthread_mutex_init(&mutex_, nullptr);
+        if (mapped_) munmap(text_, capacity);
+        text_ = nullptr;
+        pid = getpid();
+        lines_ = lost_ = 0;
+        started = false;
+    }
+
+    // The moment of a reading of the monotonic clock, in microseconds since 1970.
+    long long WallClock(long long monotonic) const { return (monotonic + ahead_) / 1000; }
+
+    bool on = false;
+    bool checksums = false;
+    int pid = 0;
+    std::atomic<bool> started{false};
+
+private:
+    static constexpr std::size_t capacity = 256 << 10;
+
+    static long long Number(const char* variable, long long otherwise) {
+        const char* const text = secure_getenv(variable);
+        const long long number = text == nullptr ? 0 : std::atoll(text);
+        return number > 0 ? number : otherwise;
+    }
+
+    // What a process of the same number left in the file is written first. Its blocks are there before it is mapped, so
+    // that a full disk cannot strike later.
+    void Hold() {
+        static char own[capacity];
+        static const char nothing[4096] = {};
+        text_ = own;
+        used_ = 0;
+        mapped_ = false;
+        struct stat now;
+        if (fstat(fd_, &now) != 0 || !S_ISREG(now.st_mode)) return;  // a terminal, a pipe
+        std::snprintf(held_, sizeof held_, "%s.held.%d", path_, pid);
+        const int opened = open(held_, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (opened < 0) return;
+        bool whole = fstat(opened, &now) == 0 && S_ISREG(now.st_mode);
+        for (off_t at = now.st_size; whole && at < static_cast<off_t>(capacity); at += sizeof nothing) {
+            whole = pwrite(opened, nothing, sizeof nothing, at) == sizeof nothing;
+        }
+        void* const area = whole ? mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_SHARED, opened, 0) : MAP_FAILED;
+        close(opened);
+        if (area == MAP_FAILED) {
+            unlink(held_);
+            return;
+        }
+        text_ = static_cast<char*>(area);
+        mapped_ = true;
+        used_ = strnlen(text_, capacity - 1);
+        Flush();
+    }
+
+    // The last byte stays zero: it ends what is read after a kill.
+    bool Append(const char* line, std::size_t size) {
+        if (size >= capacity - used_) Flush();
+        if (size >= capacity - used_) return false;
+        std::memcpy(text_ + used_, line, size);
+        used_ += size;
+        return true;
+    }
+
+    void Compare() { ahead_ = Nanoseconds(CLOCK_REALTIME) - Nanoseconds(CLOCK_MONOTONIC); }
+
+    void Flush() {
+        Compare();
+        while (used_ > 0) {
+            ssize_t done = write(fd_, text_, used_);
+            if (done < 0 && errno == EINTR) continue;
+            if (done < 0 && errno == EBADF) {  // the host closed it
+                fd_ = -1;
+                Attach();
+                done = write(fd_, text_, used_);
+            }
+            if (done <= 0) return;
+            used_ -= static_cast<std::size_t>(done);
+            std::memmove(text_, text_ + done, used_);
+            std::memset(text_ + used_, 0, static_cast<std::size_t>(done));
+        }
+        struct stat now;  // with what other processes wrote
+        if (fstat(fd_, &now) == 0 && now.st_size > limit_) Rotate();
+    }
+
+    bool Event(const char* event, long long lost) {
+        char line[200];
+        const int size =
+            std::snprintf(line, sizeof line, "{\"event\":\"%s\",\"pid\":%d,\"at\":%lld,\"lines\":%lld,\"lost\":%lld}\n",
+                          event, pid, WallClock(Nanoseconds(CLOCK_MONOTONIC)), lines_, lost);
+        return Append(line, static_cast<std::size_t>(size));
+    }
+
+    // Opens the file under its name, in place of the one that is open. Its descriptor is a high one: hosts that become
+    // daemons close the low ones, and open others under these numbers.
+    void Attach() {
+        const int opened = open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0600);
+        if (opened < 0) return;
+        if (fd_ >= 0) {
+            dup3(opened, fd_, O_CLOEXEC);
+        } else {
+            fd_ = fcntl(opened, F_DUPFD_CLOEXEC, 512);
+            if (fd_ < 0) fd_ = fcntl(opened, F_DUPFD_CLOEXEC, 3);
+        }
+        close(opened);
+    }
+
+    // The file becomes FILE.1, that one FILE.2, and so on. Where another process did so, this one only follows.
+    void Rotate() {
+        struct stat mine, named;
+        const bool same = fstat(fd_, &mine) == 0 && stat(path_, &named) == 0 && mine.st_ino == named.st_ino &&
+                          mine.st_dev == named.st_dev && S_ISREG(mine.st_mode);
+        for (int i = keep_; same && i > 0; --i) {
+            char from[PATH_MAX + 16], to[PATH_MAX + 16];
+            std::snprintf(from, sizeof from, i > 1 ? "%s.%d" : "%s", path_, i - 1);
+            std::snprintf(to, sizeof to, "%s.%d", path_, i);
+            rename(from, to);
+        }
+        Attach();
+    }
+
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    char path_[PATH_MAX] = {}, held_[PATH_MAX + 24] = {};
+    int fd_ = -1;
+    int keep_ = 0;
+    long long limit_ = LLONG_MAX;
+    char* text_ = nullptr;
+    std::size_t used_ = 0;
+    bool mapped_ = false;
+    std::atomic<long long> ahead_{0};  // how far one clock is of the other
+    int cancel_ = 0;
+    long long lines_ = 0, lost_ = 0, flushed_ = 0;
+};
+
+File file;
+
+// ------------------------------------------------------------------------------------------------- a line
+
+// What a query asked for, by handle, so that its answers can be read. Where two handles share a place, the answers of
+// one of them stay unread.
+std::atomic<std::uint64_t> queries[256];
+
+// The visitor that writes. A line is a JSON object; what does not fit into the buffer is left out as a whole.
+class Line {
+public:
+    Line() : thread_(thread), begin_(thread_.top), end_(begin_) {
+        ++thread_.depth;
+        if (thread_.id == 0) thread_.id = syscall(SYS_gettid);
+        Raw("{");
+    }
+    ~Line() {
+        --thread_.depth;
+        thread_.top = begin_;
+    }
+
+    // The first line of a process.
+    void Start(const char* program, const char* api) {
+        Literal("event", "start");
+        Number("format", 1);
+        Number("pid", file.pid);
+        Number("at", at_ = file.WallClock(Nanoseconds(CLOCK_MONOTONIC)));
+        Literal("recorder", TSMTRACE_VERSION);
+        Text("program", program, PATH_MAX);
+        Text("api", api, PATH_MAX);
+        Finish(true);
+    }
+
+    // The first members of a call's line.
+    void Begin(const char* call) {
+        Number("pid", file.pid);
+        Number("tid", thread_.id);
+        if (thread_.depth > 1) Number("depth", thread_.depth - 1);
+        Literal("call", call);
+    }
+    // The lines of calls that this one makes stand behind it.
+    void Called() { thread_.top = end_; }
+
+    // From here on, what the call gives back.
+    void Answer(long long start, long long nanoseconds, long long code, bool there) {
+        answered_ = true;
+        code_ = code;
+        Number("at", at_ = file.WallClock(start));
+        Number("mono", start);
+        Number("ns", nanoseconds);
+        Number("rc", code);
+        Literal("code", CodeName(code));
+        if (!there) Number("missing", 1);
+    }
+
+    // Failures are seen at once.
+    void End() {
+        const bool failed = code_ != 0 && code_ != DSM_RC_MORE_DATA && code_ != DSM_RC_FINISHED;
+        Finish(failed);
+    }
+
+    template <class T>
+    void In(const char* key, T& value) {
+        if (!answered_) (*this)(key, value);
+    }
+    template <class T>
+    void Out(const char* key, T& value) {
+        if (answered_) (*this)(key, value);
+    }
+
+    void Handle(dsUint32_t& handle) { In("h", handle); }
+    void NewHandle(dsUint32_t*& handle) {
+        if (answered_ && code_ == 0 && handle != nullptr) Number("h", *handle);
+        if (!answered_ && handle == nullptr) Literal("h", nullptr);
+    }
+
+    void Query(dsUint32_t handle, dsmQueryType type, dsmQueryBuff*& query) {
+        if (!answered_) queries[handle % 256] = (std::uint64_t{handle} << 8) | static_cast<std::uint8_t>(type);
+        DescribeQuery(*this, type, query);
+    }
+    void Found(dsUint32_t handle, DataBlk*& block) {
+        Data(block, false);
+        if (!answered_ || code_ != DSM_RC_MORE_DATA || block == nullptr || block->bufferPtr == nullptr) return;
+        const std::uint64_t query = queries[handle % 256];
+        if (query >> 8 != handle) return;
+        switch (query & 255) {
+            case qtBackup:
+                return Response<qryRespBackupData>(*block);
+            case qtFilespace:
+                return Response<qryRespFSData>(*block);
+            case qtMC:
+                return Response<qryRespMCData>(*block);
+        }
+    }
+    void Deletion(dsmDelType type, dsmDelInfo& info) { DescribeDeletion(*this, type, info); }
+    void Data(DataBlk*& block, bool isData = true) {
+        In("data", block);
+        if (!answered_ || block == nullptr) return;
+        Number("bytes", block->numBytes);
+        const bool taken = code_ == 0 || code_ == DSM_RC_MORE_DATA || code_ == DSM_RC_FINISHED;
+        if (file.checksums && isData && taken && block->bufferPtr != nullptr && block->numBytes <= block->bufferLen) {
+            Number("crc32", Crc32(block->bufferPtr, block->numBytes));
+        }
+    }
+    void Message(const char* key, char*& text) {
+        if (answered_ && code_ == 0) (*this)(key, text);
+        if (!answered_ && text == nullptr) Literal(key, nullptr);
+    }
+
+    // Whether it is set.
+    void Secret(const char* key, char*& text) { Raw(Key(key), text != nullptr ? "true" : "false"); }
+    // How long it is; of a null pointer, as a negative number.
+    template <class Pointer, class Length>
+    void Blank(const char* key, Pointer& bytes, Length& length) {
+        Number(key, bytes != nullptr ? static_cast<long long>(length) : -static_cast<long long>(length));
+    }
+    void Ids(const char* key, ObjID*& ids, dsUint32_t& count) {
+        Array(key, ids, count, [&](ObjID& id) { (*this)(nullptr, id); });
+    }
+    void Parts(const char* key, PartialObjData*& parts, dsUint32_t& count) {
+        if (parts == nullptr) return;
+        Array(key, parts, count, [&](PartialObjData& part) {
+            (*this)(nullptr, part.partialObjOffset);
+            (*this)(nullptr, part.partialObjLength);
+        });
+    }
+
+    void operator()(const char* key, char*& text) { Text(key, text, longestText); }
+    template <std::size_t size>
+    void operator()(const char* key, char (&field)[size]) {
+        Text(key, field, size);
+    }
+    void operator()(const char* key, dsStruct64_t& number) {
+        Number(key, (std::uint64_t{number.hi} << 32) | number.lo);
+    }
+    void operator()(const char* key, dsmDate& date) {
+        if (date.year == 0 && date.month == 0 && date.day == 0) return Literal(key, nullptr);
+        char text[40];
+        std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", date.year, date.month, date.day, date.hour,
+                      date.minute, date.second);
+        Literal(key, text);
+    }
+    template <class T>
+    std::enable_if_t<!std::is_class_v<T>> operator()(const char* key, T& number) {
+        Number(key, static_cast<long long>(number));
+    }
+    template <class T>
+    std::enable_if_t<std::is_class_v<T>> operator()(const char* key, T& record) {
+        Raw(Key(key), "{");
+        Fields(*this, record);
+        Raw("}");
+    }
+    template <class T>
+    void operator()(const char* key, T*& record) {
+        if (record == nullptr) return Literal(key, nullptr);
+        (*this)(key, *record);
+    }
+
+    // Null, a JSON string, or, of bytes that are no UTF-8, {"bytes": "their digits"}: each can be read back as it was.
+    void Text(const char* key, const char* text, std::size_t most) {
+        if (text == nullptr) return Literal(key, nullptr);
+        const std::size_t size = strnlen(text, most);
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(text);
+        for (std::size_t i = 0, length; i < size; i += length) {
+            if ((length = Utf8(bytes + i, size - i)) == 0) return Digits(key, bytes, size);
+        }
+        Raw(Key(key), "\"");
+        if (Fits(6 * size)) {
+            for (std::size_t i = 0; i < size; ++i) Character(bytes[i]);
+        }
+        Raw("\"");
+    }
+
+private:
+    void Finish(bool atOnce) {
+        Number("n", file.Lock());
+        Raw("}\n");
+        if (full_) file.Lose();
+        if (!full_) file.Write(thread_.buffer + begin_, end_ - begin_, at_, atOnce);
+        file.Unlock();
+    }
+    bool Fits(std::size_t size) {
+        full_ = full_ || size > bufferSize - end_;
+        return !full_;
+    }
+    [[gnu::always_inline]] void Put(const char* text) {
+        const std::size_t size = std::strlen(text);
+        if (!Fits(size)) return;
+        std::memcpy(thread_.buffer + end_, text, size);
+        end_ += size;
+    }
+    template <class... Texts>
+    [[gnu::always_inline]] void Raw(Texts... texts) {
+        (Put(texts), ...);
+    }
+    // Puts a member's key, unless it is an array's element. Returns nothing to be put.
+    [[gnu::always_inline]] const char* Key(const char* key) {
+        if (end_ > begin_ && thread_.buffer[end_ - 1] != '{' && thread_.buffer[end_ - 1] != '[') Raw(",");
+        if (key != nullptr) Raw("\"", key, "\":");
+        return "";
+    }
+    [[gnu::always_inline]] void Literal(const char* key, const char* text) {
+        Key(key);
+        if (text == nullptr) return Raw("null");
+        Raw("\"", text, "\"");
+    }
+    template <class T>
+    [[gnu::always_inline]] void Number(const char* key, T number) {
+        Key(key);
+        if (Fits(24)) {
+            end_ = static_cast<std::size_t>(
+                std::to_chars(thread_.buffer + end_, thread_.buffer + bufferSize, number).ptr - thread_.buffer);
+        }
+    }
+    void Character(unsigned char c) {
+        char* const out = thread_.buffer + end_;
+        if (c >= ' ' && c != '"' && c != '\\') {
+            *out = static_cast<char>(c);
+            end_ += 1;
+        } else {
+            std::memcpy(out, "\\u00", 4);
+            Hexadecimal(out + 4, c);
+            end_ += 6;
+        }
+    }
+    static void Hexadecimal(char* out, unsigned char c) {
+        out[0] = "0123456789abcdef"[c >> 4];
+        out[1] = "0123456789abcdef"[c & 15];
+    }
+    void Digits(const char* key, const unsigned char* bytes, std::size_t size) {
+        Raw(Key(key), "{\"bytes\":\"");
+        for (std::size_t i = 0; i < size && Fits(2); ++i, end_ += 2) Hexadecimal(thread_.buffer + end_, bytes[i]);
+        Raw("\"}");
+    }
+    template <class T, class Each>
+    void Array(const char* key, T* elements, dsUint32_t count, Each each) {
+        if (elements == nullptr) return Literal(key, nullptr);
+        Raw(Key(key), "[");
+        for (dsUint32_t i = 0; i < std::min(count, mostIds); ++i) each(elements[i]);
+        Raw("]");
+        if (count > mostIds) Number("count", count);
+    }
+    template <class T>
+    void Response(DataBlk& block) {
+        if (block.bufferLen >= sizeof(T)) (*this)("found", *reinterpret_cast<T*>(block.bufferPtr));
+    }
+
+    Thread& thread_;
+    const std::size_t begin_;
+    std::size_t end_;
+    long long at_ = 0;
+    bool answered_ = false, full_ = false;
+    long long code_ = 0;
+};
+
+// ------------------------------------------------------------------------------------------------- the calls
+
+void* named = nullptr;  // the API's library, where one is named and until it is needed where none is
+
+// The next function of the name that the program knows, else that of the library named. Null: the API has none.
+void* Find(const char* name, void* own) {
+    void* found = dlsym(RTLD_NEXT, name);
+    if (found == nullptr) {
+        if (named == nullptr) named = dlopen("libApiTSM64.so", RTLD_LAZY | RTLD_GLOBAL);
+        if (named != nullptr) found = dlsym(named, name);
+    }
+    return found == own ? nullptr : found;
+}
+
+void SayStart(void* function) {
+    char program[PATH_MAX] = "";
+    Dl_info where = {};
+    if (readlink("/proc/self/exe", program, sizeof program - 1) < 0) program[0] = '\0';
+    if (function != nullptr) dladdr(function, &where);
+    Line line;
+    line.Start(program, where.dli_fname);
+}
+
+// The library named is opened at once and for all: what the recorder does not have is then found in it.
+void Initialise() {
+    const char* const library = secure_getenv("TSMTRACE_API");
+    if (library != nullptr && *library != '\0') named = dlopen(library, RTLD_LAZY | RTLD_GLOBAL);
+    file.Open();
+    pthread_atfork(nullptr, nullptr, [] {
+        thread.id = 0;
+        file.Forked();
+    });
+}
+
+__attribute__((constructor)) void Prepare() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, Initialise);
+}
+
+__attribute__((destructor)) void Finish() {
+    file.Close();
+}
+
+template <class Result, class... Declared, class Describe, class... Arguments>
+Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& slot, const Describe& describe,
+              Arguments... arguments) {
+    const int before = errno;
+    Prepare();
+    void* found = slot.load(std::memory_order_acquire);
+    if (found == nullptr) slot = found = Find(name, reinterpret_cast<void*>(own));
+    const auto function = reinterpret_cast<Result (*)(Declared...)>(found);
+    const auto call = [&]() -> dsInt16_t {
+        errno = before;
+        if (function == nullptr) return DSM_RC_ABORT_SYSTEM_ERROR;
+        if constexpr (std::is_void_v<Result>) {
+            function(arguments...);
+            return DSM_RC_OK;
+        } else {
+            return function(arguments...);
+        }
+    };
+    dsInt16_t rc;
+    if (!file.on) {
+        rc = call();
+    } else {
+        if (!file.started.exchange(true)) SayStart(found);
+        Line line;
+        line.Begin(name);
+        describe(line, arguments...);
+        line.Called();
+        const long long start = Nanoseconds(CLOCK_MONOTONIC);
+        rc = call();
+        const long long end = Nanoseconds(CLOCK_MONOTONIC);
+        const int after = errno;
+        line.Answer(start, end - start, rc, function != nullptr);
+        describe(line, arguments...);
+        line.End();
+        errno = after;
+    }
+    if constexpr (!std::is_void_v<Result>) return rc;
+}
+
+template <class>
+struct Prototype;
+template <class R, class... Arguments>
+struct Prototype<R(Arguments...)> {
+    using Result = R;
+    template <int i>
+    using Argument = std::tuple_element_t<i, std::tuple<Arguments...>>;
+};
+
+}  // namespace
+
+// As the API's own header declares them, whichever it is.
+#define ARGUMENT(name, i) Prototype<decltype(name)>::Argument<i> a##i
+#define PARAMETERS_1(name) ARGUMENT(name, 0)
+#define PARAMETERS_2(name) PARAMETERS_1(name), ARGUMENT(name, 1)
+#define PARAMETERS_3(name) PARAMETERS_2(name), ARGUMENT(name, 2)
+#define PARAMETERS_4(name) PARAMETERS_3(name), ARGUMENT(name, 3)
+#define PARAMETERS_5(name) PARAMETERS_4(name), ARGUMENT(name, 4)
+#define PARAMETERS_6(name) PARAMETERS_5(name), ARGUMENT(name, 5)
+#define ARGUMENTS_1 Plain(a0)
+#define ARGUMENTS_2 ARGUMENTS_1, Plain(a1)
+#define ARGUMENTS_3 ARGUMENTS_2, Plain(a2)
+#define ARGUMENTS_4 ARGUMENTS_3, Plain(a3)
+#define ARGUMENTS_5 ARGUMENTS_4, Plain(a4)
+#define ARGUMENTS_6 ARGUMENTS_5, Plain(a5)
+#define CALL(name, count, words, answers, ...)                          \
+    Prototype<decltype(name)>::Result name(PARAMETERS_##count(name)) {  \
+        static std::atomic<void*> slot{nullptr};                        \
+        static constexpr auto describe = __VA_ARGS__;                   \
+        return HandOn(&name, #name, slot, describe, ARGUMENTS_##count); \
+    }
+extern "C" {
+#include "calls.def"
+}
