@@ -45,12 +45,13 @@ void Add(Sums& sums, const unsigned char* bytes, int size) {
 // outlives a process that is killed, until SQLite opens it anew.
 struct Flushed {
     std::uint32_t frames = 0;
+    bool copied = false;  // all of them are in the main file, too
     unsigned char salts[8] = {};
 };
 
 struct File {
     sqlite3_file base;  // the first member, which is what SQLite knows
-    bool isLog;
+    bool isLog, writable;
     bool ends;        // a log that is taken to end with its first bad frame, whatever follows
     Flushed flushed;  // of the main file
     File* main;       // of the log
@@ -102,7 +103,7 @@ bool FrameIsGood(File& file, sqlite3_int64 frame, const unsigned char* header, c
 
 Flushed FlushedFrames(const std::string& sharedMemory) {
     Flushed flushed;
-    unsigned char bytes[48];
+    unsigned char bytes[100];
     const int file = open(sharedMemory.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (file < 0) return flushed;
     const bool read = pread(file, bytes, sizeof bytes, 0) == static_cast<ssize_t>(sizeof bytes);
@@ -114,20 +115,39 @@ Flushed FlushedFrames(const std::string& sharedMemory) {
     if (sums != written) return flushed;
     std::memcpy(&flushed.frames, bytes + 16, sizeof flushed.frames);
     std::memcpy(flushed.salts, bytes + 32, sizeof flushed.salts);
+    flushed.copied = std::memcmp(bytes + 96, bytes + 16, sizeof flushed.frames) == 0;
     return flushed;
 }
 
-// How many frames of this log are known to have been flushed.
-sqlite3_int64 FlushedFrames(const File& file, const unsigned char* salts) {
-    const bool same = file.main && std::memcmp(file.main->flushed.salts, salts, 8) == 0;
-    return same ? file.main->flushed.frames : 0;
+// False: of the frames that are known to have been flushed, one was damaged. Looked at before SQLite opens the shared
+// memory, which forgets how many they are: the next opening has to find the same.
+bool FlushedPartIsGood(File& log) {
+    const Flushed& flushed = log.main->flushed;
+    unsigned char header[logHeader], frame[frameSize];
+    const auto isSameLog = [&] {
+        return log.Get(header, logHeader, 0) && std::memcmp(header + 16, flushed.salts, 8) == 0;
+    };
+    sqlite3_int64 length = 0;
+    log.Does().xFileSize(log.Real(), &length);
+    if (flushed.frames == 0 || length == 0) return flushed.frames == 0 || flushed.copied;
+    bool good = isSameLog();
+    if (!good && log.Get(header, logHeader, 0)) {
+        Sums sums{};
+        Add(sums, header, 24);
+        return sums == SumsAt(header + 24);  // begun anew by a process at work
+    }
+    for (sqlite3_int64 i = 0; good && i < flushed.frames; ++i) {
+        good = log.Get(frame, frameSize, FrameAt(i)) && std::memcmp(frame + 8, header + 16, 8) == 0 &&
+               FrameIsGood(log, i, frame, frame + frameHeader);
+    }
+    return good || (log.Get(header, logHeader, 0) && std::memcmp(header + 16, flushed.salts, 8) != 0);
 }
 
 // A log ends with its first bad frame, which is what a transaction leaves that was never flushed. One that was
 // flushed has been damaged since: the frames of the next transaction follow it, because no one writes those before.
 bool BadFrameIsDamage(File& file, sqlite3_int64 bad, const unsigned char* frame) {
     unsigned char log[logHeader], next[frameSize];
-    if (!file.Get(log, logHeader, 0) || bad < FlushedFrames(file, log + 16)) return true;
+    if (!file.Get(log, logHeader, 0)) return true;
     bool afterCommit = Number(frame + 4) != 0;
     for (sqlite3_int64 i = bad + 1; file.Get(next, frameSize, FrameAt(i)); ++i) {
         const bool good = std::memcmp(next + 8, log + 16, 8) == 0 && FrameIsGood(file, i, next, next + frameHeader);
@@ -141,9 +161,6 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
     if (size == logHeader && offset == 0) {
         Sums sums{};
         Add(sums, bytes, 24);
-        sqlite3_int64 length = 0;
-        file.Does().xFileSize(file.Real(), &length);
-        if (length < FrameAt(FlushedFrames(file, bytes + 16))) return false;
         // Zeros are what a power failure leaves of a file that grew and was not flushed.
         return sums == SumsAt(bytes + 24) || std::all_of(bytes, bytes + size, [](int byte) { return byte == 0; });
     }
@@ -262,12 +279,20 @@ int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, in
     } else if (openFiles == 0) {
         file.flushed = FlushedFrames(std::string(name) + "-shm");
     }
-    const int rc = real->xOpen(real, name, file.Real(), flags, opened);
+    int got = 0;
+    int rc = real->xOpen(real, name, file.Real(), flags, &got);
+    if (opened) *opened = got;
     if (!file.Real()->pMethods) {
         file.~File();
         return rc;
     }
     file.base.pMethods = &methods;
+    if (rc == SQLITE_OK && file.isLog) {
+        // SQLite makes do with a log that it can only read, and then refuses every change.
+        if ((flags & ~got) & SQLITE_OPEN_READWRITE && file.main->writable) rc = SQLITE_CANTOPEN;
+        if (!file.ends && !FlushedPartIsGood(file)) rc = SQLITE_IOERR_DATA;
+    }
+    file.writable = got & SQLITE_OPEN_READWRITE;
     openFiles += !file.isLog;
     return rc;
 }
