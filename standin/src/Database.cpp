@@ -122,7 +122,8 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
     Run("PRAGMA synchronous = FULL");
     Run("PRAGMA cache_size = -16384");
     // A transaction goes to the log at its commit and in one piece, so that what is read from there is always whole.
-    Run("PRAGMA cache_spill = OFF");
+    // OFF would keep Overwrite from writing, too.
+    Run("PRAGMA cache_spill = 2147483647");
 }
 
 Database::~Database() {
@@ -180,10 +181,17 @@ Database::Transaction::~Transaction() {
     if (open_) sqlite3_exec(database_.handle_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
+bool Database::InTransaction() const {
+    return sqlite3_get_autocommit(handle_.get()) == 0;
+}
+
 void Database::Overwrite() {
-    Run("PRAGMA cache_spill = ON");
     Check(handle_.get(), sqlite3_db_cacheflush(handle_.get()));
-    Run("PRAGMA cache_spill = OFF");
+    sqlite3_file* log = nullptr;
+    Check(handle_.get(), sqlite3_file_control(handle_.get(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log));
+    if (!log || !log->pMethods || log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) != SQLITE_OK) {
+        throw std::runtime_error("catalogue: its log cannot be flushed");
+    }
 }
 
 void Database::Transaction::Commit() {

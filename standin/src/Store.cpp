@@ -27,6 +27,12 @@ bool HasRow(Database& database, const std::string& file) {
         .Step();
 }
 
+// An update to the value that is there already would leave the page as it is, and the log too.
+void ChangeSomething(Database& database) {
+    database.Run("INSERT OR IGNORE INTO garbage VALUES (x'')");
+    database.Run("DELETE FROM garbage WHERE file = x''");
+}
+
 }  // namespace
 
 std::shared_ptr<Store> Store::Open(const std::string& storeDir) {
@@ -95,18 +101,17 @@ void Store::SweepData() {
     const std::optional<Folder> lost = LostAndFound(root_);
     if (lost) data_.TidyIncoming(*lost);
     Database reader(CataloguePath(), Database::Mode::Write);
-    const bool any = reader.Query("SELECT 1 FROM garbage").Step() ||
-                     !data_.FilesFrom(reader.Number("SELECT next_id FROM store")).empty();
-    if (!any) return;
+    // Only that of removals that last: those that share the transaction may still fail.
+    std::set<std::string> garbage;
+    for (Statement rows = reader.Query("SELECT file FROM garbage"); rows.Step();) {
+        garbage.emplace(rows.Bytes(0, longestFileName));
+    }
+    if (garbage.empty() && data_.FilesFrom(reader.Number("SELECT next_id FROM store")).empty()) return;
+    for (const std::string& file : garbage) data_.Remove(file);
+    data_.FlushRemovals(garbage);
     Submit(Need::None, [&](Change& change) {
-        std::set<std::string> garbage;
-        for (Statement rows = change.database.Query("SELECT file FROM garbage"); rows.Step();) {
-            garbage.emplace(rows.Bytes(0, longestFileName));
-        }
-        for (const std::string& file : garbage) data_.Remove(file);
-        data_.FlushRemovals(garbage);
-        change.database.Run("DELETE FROM garbage");
-        change.database.Run("UPDATE store SET next_id = next_id");
+        for (const std::string& file : garbage) change.database.Run("DELETE FROM garbage WHERE file = ?1", file);
+        ChangeSomething(change.database);
         // Before it is judged what has no row: a killed commit in the log may have one.
         change.database.Overwrite();
         if (!lost) return;
@@ -249,8 +254,9 @@ void Store::CarryOnce(const Group& group) {
                     any = true;
                 } catch (...) {
                     if (only) throw;
-                    database.Run("ROLLBACK TO one");
                     one->failure = std::current_exception();
+                    if (!database.InTransaction()) throw;  // all is undone
+                    database.Run("ROLLBACK TO one");
                     for (std::size_t i = placed; i < change.placed.size(); ++i) RemoveQuietly(change.placed[i]);
                     change.placed.resize(placed);
                     change.garbage = garbage;
@@ -258,17 +264,18 @@ void Store::CarryOnce(const Group& group) {
                 if (!only) database.Run("RELEASE one");
             }
             if (!any) return;
+            if (!inDoubt_.empty()) ChangeSomething(database);
             if (change.nextId != firstId) database.Run("UPDATE store SET next_id = ?1", change.nextId);
             data_.Flush();
         } catch (...) {
             for (const std::string& file : change.placed) RemoveQuietly(file);
             throw;
         }
-        // A commit that fails leaves it open whether it lasts, so the files stay until a later one has.
-        const std::vector<std::string> before = inDoubt_;
+        // A commit that fails leaves it open whether it lasts, so the files stay until a later one has overwritten it.
+        const std::size_t before = inDoubt_.size();
         inDoubt_.insert(inDoubt_.end(), change.placed.begin(), change.placed.end());
         transaction.Commit();
-        inDoubt_ = before;
+        inDoubt_.resize(before);
     }
     RemoveFilesAfter(change);
 }
