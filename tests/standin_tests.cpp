@@ -831,6 +831,12 @@ TEST_F(OnDisk, RefusedFolders) {
         {"no mark of", [&] { foreign("mark"); }},
         {"no mark", [&] { foreign("catalogue.db"); }},
         {"no mark", [&] { fs::remove(Store() / "mark"); }},
+        {"no mark",
+         [&] {
+             fs::remove(Store() / "mark");
+             fs::remove(Store() / "catalogue.db");
+             Sql("PRAGMA journal_mode = WAL; PRAGMA user_version = 1; CREATE TABLE node (id)");
+         }},
         {"missing or empty", [&] { fs::remove(Store() / "catalogue.db"); }},
         {"missing or empty", [&] { fs::resize_file(Store() / "catalogue.db", 0); }},
         {"another store", [&] { patch("mark", 40, Content(Store() / "mark")[40] == '0' ? "1" : "0"); }},

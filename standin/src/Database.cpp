@@ -156,7 +156,7 @@ void Database::NeedInPlace() {
 }
 
 void Database::AttachUnchecked(const std::string& path, const std::string& name) {
-    Run("ATTACH ?1 AS " + name, Uri(path) + "?vfs=" + sqlite3_vfs_find(nullptr)->zName);
+    Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro&vfs=" + sqlite3_vfs_find(nullptr)->zName);
 }
 
 void Database::Attach(const std::string& path, const std::string& name) {

@@ -84,7 +84,7 @@ public:
     // unseen by those that live on, but found by the first one to come after them all.
     void Overwrite();
 
-    // A database without page checksums, under a name of its own.
+    // A database without page checksums, under a name of its own, only to be read.
     void AttachUnchecked(const std::string& path, const std::string& name);
 
     // Another one that may be damaged, only to be read, so that its log stays with it.

@@ -129,15 +129,11 @@ void SyncAbove(const Folder& root) {
     }
 }
 
-// One that was begun and perhaps never flushed as a whole, of a store in which nothing was stored yet.
-void PutAsideCatalogue(const Folder& root) {
-    for (const char* end : {"", "-wal", "-shm", "-journal"}) {
-        const std::string name = catalogue + std::string(end);
-        if (!root.Status(name)) continue;
-        const std::optional<Folder> lost = LostAndFound(root);
-        if (!lost) throw std::runtime_error(At(root, "lost+found") + " belongs to another user");
-        root.Move(name, *lost, name + "-" + RandomHex(8));
-    }
+// Other programs have files named catalogue.db, too.
+bool HasTablesOfSchema1(const Folder& root) {
+    return Database(At(root, catalogue), Database::Mode::Immutable, false)
+               .Number("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN"
+                       " ('node', 'filespace', 'access', 'version', 'counter', 'garbage')") == 6;
 }
 
 void MakeFolders(const Folder& root) {
@@ -222,7 +218,7 @@ std::string Prepare(const Folder& root, bool readOnly) {
     if (!mark && root.Status("mark.repairing")) {
         throw std::runtime_error(root.Path() + ": a repair was interrupted: run tsm-standin-check --repair again");
     }
-    const bool old = header && header->schema == 1;
+    const bool old = header && header->schema == 1 && HasTablesOfSchema1(root);
     if (header && header->schema > format) throw std::runtime_error(root.Path() + ": made by a newer version");
     if (!mark && !old && !IsUnused(root)) {
         throw std::runtime_error(root.Path() + " is not empty and has no mark of a store: choose another folder");
@@ -238,7 +234,8 @@ std::string Prepare(const Folder& root, bool readOnly) {
         if (root.Status(oldCatalogue)) throw std::runtime_error(At(root, catalogue) + " is damaged");
         WriteMark(root, *mark);
         SyncAbove(root);
-        PutAsideCatalogue(root);
+        // Begun before, and perhaps never flushed as a whole; nothing was stored in it yet.
+        PutAsideCatalogue(root, catalogue);
         MakeCatalogue(At(root, catalogue), mark->identity);
     }
     MakeFolders(root);
@@ -266,6 +263,19 @@ void MakeCatalogue(const std::string& path, const std::string& identity) {
     }
     NeedIdentity(database, identity);
     database.Run("PRAGMA journal_mode = WAL");
+}
+
+void PutAsideCatalogue(const Folder& root, const std::string& name) {
+    for (const char* end : {"", "-wal", "-shm", "-journal"}) {
+        if (!root.Status(name + end)) continue;
+        const std::optional<Folder> lost = LostAndFound(root);
+        if (!lost) throw std::runtime_error(At(root, "lost+found") + " belongs to another user");
+        root.Move(name + end, *lost, name + end + "-" + RandomHex(8));
+    }
+}
+
+void NeedNoLog(const Folder& root, const std::string& name) {
+    if (root.Status(name + "-wal")) throw std::runtime_error(At(root, name) + "-wal did not come into its catalogue");
 }
 
 void NeedIdentity(Database& database, const std::string& identity) {
