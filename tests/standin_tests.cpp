@@ -983,6 +983,11 @@ TEST_F(OnDisk, ReadOnlyStore) {
             setenv("TSM_STANDIN_STORE", (dir_ / "copy").c_str(), 1);
             if (dsmSetUp(bTrue, &setUp) != 0) _exit(4);
             asOwner();
+            if (!withLog) {  // others write to it where they can, and nobody waits for readers that take no locks
+                const Host host;
+                fs::last_write_time(dir_ / "copy/catalogue.db", fs::file_time_type::clock::now());
+                EXPECT_EQ(host.Register("/new"), DSM_RC_ABORT_SYSTEM_ERROR);
+            }
             _exit(HasFailure() ? 5 : 0);
         }
         int status = 0;

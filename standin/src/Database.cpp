@@ -35,6 +35,7 @@ void Check(sqlite3* database, int code) {
     if (error == SQLITE_IOERR_DATA) {
         throw std::runtime_error("catalogue: damaged: a page does not have its checksum; see tsm-standin-check");
     }
+    if (error == SQLITE_IOERR_VNODE) throw std::runtime_error("catalogue: is being changed: sign on anew");
     throw std::runtime_error(std::string("catalogue: ") + (database ? sqlite3_errmsg(database) : sqlite3_errstr(code)));
 }
 

@@ -132,8 +132,9 @@ void SyncAbove(const Folder& root) {
 // Other programs have files named catalogue.db, too.
 bool HasTablesOfSchema1(const Folder& root) {
     return Database(At(root, catalogue), Database::Mode::Immutable, false)
-               .Number("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN"
-                       " ('node', 'filespace', 'access', 'version', 'counter', 'garbage')") == 6;
+               .Number(
+                   "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN"
+                   " ('node', 'filespace', 'access', 'version', 'counter', 'garbage')") == 6;
 }
 
 void MakeFolders(const Folder& root) {
@@ -191,7 +192,7 @@ Folder StoreFolder(const std::string& path) {
 bool IsReadOnly(const Folder& root) {
     for (const char* name : {".", catalogue}) {
         if (faccessat(root.File().Get(), name, W_OK, AT_EACCESS) == 0) continue;
-        if (errno == EROFS || errno == EACCES) return true;
+        if (errno == EROFS || errno == EACCES || errno == EPERM) return true;
     }
     return false;
 }

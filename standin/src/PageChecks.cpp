@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -51,9 +53,11 @@ struct Flushed {
 struct File {
     sqlite3_file base;  // the first member, which is what SQLite knows
     bool isLog;
-    bool ends;        // a log that is taken to end with its first bad frame, whatever follows
-    Flushed flushed;  // of the main file
-    File* main;       // of the log
+    bool ends;              // a log that is taken to end with its first bad frame, whatever follows
+    Flushed flushed;        // of the main file
+    File* main;             // of the log
+    const char* immutable;  // path of a main file that nobody should change, and how it was found
+    struct stat found;
     // Written to the log one piece after the other, and not passed on yet. Nobody reads them before the flush.
     std::string pending;
     sqlite3_int64 pendingAt;
@@ -162,11 +166,19 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
     return size < pageSize;
 }
 
+// SQLite takes no locks on such a file, and would mix what it read before and after a change.
+bool HasChanged(const File& file) {
+    struct stat now {};
+    return stat(file.immutable, &now) != 0 || now.st_ino != file.found.st_ino || now.st_size != file.found.st_size ||
+           now.st_mtim.tv_sec != file.found.st_mtim.tv_sec || now.st_mtim.tv_nsec != file.found.st_mtim.tv_nsec;
+}
+
 int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     File& file = Of(handle);
     const auto* const bytes = static_cast<const unsigned char*>(buffer);
     if (const int failed = file.PassOn()) return failed;
     const int rc = file.Does().xRead(file.Real(), buffer, size, offset);
+    if (file.immutable && HasChanged(file)) return SQLITE_IOERR_VNODE;
     if (file.isLog && file.ends && size != pageSize) return rc;
     if (file.isLog) return rc != SQLITE_OK || LogReadIsGood(file, bytes, size, offset) ? rc : SQLITE_IOERR_DATA;
     constexpr int smallestPage = 512;
@@ -255,13 +267,16 @@ int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, in
     File& file = *new (handle) File{};
     file.isLog = flags & SQLITE_OPEN_WAL;
     // Closing the shared memory's file lets go of all locks on it that the process has, so only its first opening
-    // may look.
+    // may look, and others wait for it.
+    static std::mutex& mutex = *new std::mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
     if (file.isLog) {
         file.main = &Of(sqlite3_database_file_object(name));
         file.ends = sqlite3_uri_boolean(name, "ends", 0) != 0;
     } else if (openFiles == 0) {
         file.flushed = FlushedFrames(std::string(name) + "-shm");
     }
+    if (!file.isLog && sqlite3_uri_boolean(name, "immutable", 0) && stat(name, &file.found) == 0) file.immutable = name;
     const int rc = real->xOpen(real, name, file.Real(), flags, opened);
     if (!file.Real()->pMethods) {
         file.~File();

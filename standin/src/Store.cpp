@@ -13,8 +13,13 @@ namespace {
 // The process's stores by device and inode, so that every path to one finds it. Never destroyed, as the sessions may
 // outlast it.
 struct Stores {
+    struct Place {
+        std::weak_ptr<Store> store;
+        bool open = false;  // until the store has closed its files, which is later than its last user let go of it
+    };
     std::mutex mutex;
-    std::map<std::pair<dev_t, ino_t>, std::weak_ptr<Store>> open;
+    std::condition_variable closed;
+    std::map<std::pair<dev_t, ino_t>, Place> places;
 
     static Stores& Instance() {
         static Stores& instance = *new Stores;
@@ -37,28 +42,30 @@ void ChangeSomething(Database& database) {
 
 std::shared_ptr<Store> Store::Open(const std::string& storeDir) {
     Stores& stores = Stores::Instance();
-    const std::lock_guard<std::mutex> lock(stores.mutex);
-    Folder root = StoreFolder(storeDir);
+    std::shared_ptr<Store> store;  // if it ends here, then without the lock
+    std::unique_lock<std::mutex> lock(stores.mutex);
+    const Folder root = StoreFolder(storeDir);
     const struct stat status = root.File().Status();
-    std::weak_ptr<Store>& place = stores.open[{status.st_dev, status.st_ino}];
+    Stores::Place& place = stores.places[{status.st_dev, status.st_ino}];
+    // Prepare reads the catalogue's file: not while SQLite has it open in this process, which would lose its locks.
+    stores.closed.wait(lock, [&] { return (store = place.store.lock()) || !place.open; });
     const Folder locked = root.Sub(".");  // SQLite cannot create one file twice at a time
     locked.File().Lock(true);
-    std::shared_ptr<Store> store = place.lock();
     if (!store) {
         const bool readOnly = IsReadOnly(root);
-        // What is opened is looked at by Prepare, which reads the catalogue's file: not while SQLite has it open.
         const std::string identity = UsingReserve(root, [&] { return Prepare(root, readOnly); });
-        store = UsingReserve(root, [&] { return std::make_shared<Store>(Folder(storeDir), readOnly, identity); });
-        place = store;
+        auto made = UsingReserve(root, [&] { return std::make_unique<Store>(Folder(storeDir), readOnly, identity); });
+        place.open = true;
+        store = {made.release(), [&stores, &place](Store* ended) {
+                     delete ended;
+                     const std::lock_guard<std::mutex> closing(stores.mutex);
+                     place.open = false;
+                     stores.closed.notify_all();
+                 }};
+        place.store = store;
     }
     if (!store->readOnly_) UsingReserve(root, [&] { store->Tidy(); });
     return store;
-}
-
-std::shared_ptr<Store> Store::Look(const std::string& storeDir) {
-    Folder root(storeDir);
-    const std::string identity = Prepare(root, true);
-    return std::make_shared<Store>(std::move(root), true, identity);
 }
 
 Store::Store(Folder root, bool readOnly, std::string identity)
