@@ -33,6 +33,10 @@ Sums SumsAt(const unsigned char* bytes) {
     return {Number(bytes), Number(bytes + 4)};
 }
 
+void Put(unsigned char* bytes, const Sums& sums) {
+    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(sums[i / 4] >> (24 - i % 4 * 8));
+}
+
 // In words of this machine's order, as SQLite writes its logs.
 void Add(Sums& sums, const unsigned char* bytes, int size) {
     for (int at = 0; at < size; at += 8) {
@@ -72,6 +76,10 @@ struct File {
         return rc;
     }
     bool Get(unsigned char* buffer, int size, sqlite3_int64 offset) {
+        if (!pending.empty() && offset >= pendingAt) {
+            return pending.copy(reinterpret_cast<char*>(buffer), static_cast<std::size_t>(size),
+                                static_cast<std::size_t>(offset - pendingAt)) == static_cast<std::size_t>(size);
+        }
         return Does().xRead(Real(), buffer, size, offset) == SQLITE_OK;
     }
 };
@@ -84,6 +92,11 @@ std::uint64_t PageSum(const void* page, sqlite3_int64 offset) {
     return XXH3_64bits_withSeed(page, pageSize - pageReserve, static_cast<std::uint64_t>(offset / pageSize) + 1);
 }
 
+void SetPageSum(unsigned char* page, sqlite3_int64 offset) {
+    const std::uint64_t sum = PageSum(page, offset);
+    std::memcpy(page + pageSize - pageReserve, &sum, sizeof sum);
+}
+
 bool PageIsGood(const unsigned char* page, sqlite3_int64 offset) {
     const std::uint64_t sum = PageSum(page, offset);
     return std::memcmp(page + pageSize - pageReserve, &sum, sizeof sum) == 0;
@@ -93,15 +106,20 @@ sqlite3_int64 FrameAt(sqlite3_int64 frame) {
     return logHeader + frame * frameSize;
 }
 
-// Header and page of a frame against the checksum that stands before it.
-bool FrameIsGood(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page) {
-    unsigned char before[frameHeader];
-    const bool first = frame == 0;
-    if (!file.Get(before, frameHeader, first ? logHeader - frameHeader : FrameAt(frame - 1))) return false;
-    Sums sums = SumsAt(before + 16);
+// The checksum of a frame's header and page, which goes on from the one that stands before it.
+bool FrameSums(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page, Sums& sums) {
+    unsigned char before[8];
+    if (!file.Get(before, sizeof before, frame == 0 ? logHeader - 8 : FrameAt(frame - 1) + frameHeader - 8))
+        return false;
+    sums = SumsAt(before);
     Add(sums, header, 8);
     Add(sums, page, pageSize);
-    return sums == SumsAt(header + 16);
+    return true;
+}
+
+bool FrameIsGood(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page) {
+    Sums sums{};
+    return FrameSums(file, frame, header, page, sums) && sums == SumsAt(header + 16);
 }
 
 Flushed FlushedFrames(const std::string& sharedMemory) {
@@ -187,16 +205,33 @@ int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     return rc == SQLITE_OK && size == pageSize && PageIsGood(bytes, offset) ? rc : SQLITE_IOERR_DATA;
 }
 
+// A page gets its checksum on its way to the log already, so that it has one in the main file too when another program
+// brings it there, which SQLite does when it closes the file that a killed process left. The frame's checksum, made
+// before, is made anew. A page without its frame's header replaces one: SQLite makes the checksums anew itself.
+int SetSums(File& file, sqlite3_int64 offset) {
+    const sqlite3_int64 frame = (offset - logHeader) / frameSize;
+    if (offset != FrameAt(frame) + frameHeader) return SQLITE_OK;
+    unsigned char header[frameHeader];
+    if (!file.Get(header, frameHeader, FrameAt(frame))) return SQLITE_IOERR_WRITE;
+    auto* const page = reinterpret_cast<unsigned char*>(file.pending.data() + file.pending.size() - pageSize);
+    SetPageSum(page, (std::int64_t{Number(header)} - 1) * pageSize);
+    if (file.pendingAt > FrameAt(frame)) return SQLITE_OK;
+    Sums sums{};
+    if (!FrameSums(file, frame, header, page, sums)) return SQLITE_IOERR_WRITE;
+    Put(page - 8, sums);
+    return SQLITE_OK;
+}
+
 // A transaction is many small pieces.
 int WriteLog(File& file, const void* bytes, int size, sqlite3_int64 offset) try {
     constexpr std::size_t most = 0x1ffff;  // that SQLite writes at a time
     const bool follows = offset == file.pendingAt + static_cast<sqlite3_int64>(file.pending.size());
-    if (!follows || file.pending.size() + static_cast<std::size_t>(size) > most) {
+    if (!follows || (size != pageSize && file.pending.size() + frameSize > most)) {
         if (const int failed = file.PassOn()) return failed;
     }
     if (file.pending.empty()) file.pendingAt = offset;
     file.pending.append(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
-    return SQLITE_OK;
+    return size == pageSize ? SetSums(file, offset) : SQLITE_OK;
 } catch (const std::bad_alloc&) {
     return SQLITE_IOERR_NOMEM;
 }
@@ -207,8 +242,7 @@ int Write(sqlite3_file* handle, const void* bytes, int size, sqlite3_int64 offse
     if (size != pageSize) return file.Does().xWrite(file.Real(), bytes, size, offset);
     unsigned char page[pageSize];
     std::memcpy(page, bytes, pageSize - pageReserve);
-    const std::uint64_t sum = PageSum(page, offset);
-    std::memcpy(page + pageSize - pageReserve, &sum, sizeof sum);
+    SetPageSum(page, offset);
     return file.Does().xWrite(file.Real(), page, size, offset);
 }
 
