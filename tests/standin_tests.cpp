@@ -783,7 +783,8 @@ TEST_F(OnDisk, Layout) {
     ASSERT_EQ(Close(), 0);
     std::set<std::string> names;
     for (const auto& e : fs::directory_iterator(Store())) names.insert(e.path().filename());
-    EXPECT_EQ(names, (std::set<std::string>{"catalogue.db", "data", "incoming", "lost+found", "mark", "reserve"}));
+    EXPECT_EQ(names, (std::set<std::string>{"catalogue.db", "data", "incoming", "lost+found", "mark", "reserve",
+                                            "reserve.name"}));
     EXPECT_EQ(Files("data"), 3U);
     for (const auto& e : fs::recursive_directory_iterator(dir_)) {
         if (e.path() == dir_ / "dsm.opt" || e.is_symlink()) continue;

@@ -23,9 +23,18 @@ constexpr const char* repairedName = "catalogue.repaired";
 constexpr const char* awayMark = "mark.repairing";  // the mark while catalogues are exchanged, which keeps hosts out
 
 // What a store is made of.
-constexpr const char* ownFiles[] = {"mark",    "mark.new",      "catalogue.db",        "catalogue.db-wal",
-                                    "reserve", repairedName,    "catalogue.db-shm",    "catalogue.db-journal",
-                                    awayMark,  "catalogue.new", "catalogue-schema1.db"};
+constexpr const char* ownFiles[] = {"mark",
+                                    "mark.new",
+                                    "catalogue.db",
+                                    "catalogue.db-wal",
+                                    "reserve",
+                                    "reserve.name",
+                                    repairedName,
+                                    "catalogue.db-shm",
+                                    "catalogue.db-journal",
+                                    awayMark,
+                                    "catalogue.new",
+                                    "catalogue-schema1.db"};
 constexpr const char* ownFolders[] = {"data", "incoming", "lost+found"};
 
 template <class Names>

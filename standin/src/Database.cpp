@@ -1,6 +1,7 @@
 #include "Database.h"
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <chrono>
@@ -22,6 +23,13 @@ int WaitForLock(void*, int attempts) {
     return 1;
 }
 
+// SQLite tries to open a file that cannot be made once more, which hides why.
+bool HasNoMoreFiles(sqlite3* database) {
+    const char* const path = database ? sqlite3_db_filename(database, "main") : nullptr;
+    struct statvfs status {};
+    return path && statvfs(path, &status) == 0 && status.f_files != 0 && status.f_favail == 0;
+}
+
 void Check(sqlite3* database, int code) {
     if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE) return;
     const int error = database ? sqlite3_extended_errcode(database) : code;
@@ -29,7 +37,8 @@ void Check(sqlite3* database, int code) {
     const int kind = code & 0xff;
     if (kind == SQLITE_NOMEM) throw std::bad_alloc();
     const bool full = kind == SQLITE_FULL || error == SQLITE_IOERR_SHMSIZE ||
-                      (kind == SQLITE_IOERR && (system == ENOSPC || system == EDQUOT));
+                      (kind == SQLITE_IOERR && (system == ENOSPC || system == EDQUOT)) ||
+                      (kind == SQLITE_CANTOPEN && HasNoMoreFiles(database));
     if (full) throw std::system_error(ENOSPC, std::generic_category(), "catalogue");
     if (kind == SQLITE_READONLY) throw std::system_error(EROFS, std::generic_category(), "catalogue");
     if (error == SQLITE_IOERR_DATA) {

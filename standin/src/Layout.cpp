@@ -23,6 +23,7 @@ constexpr std::size_t identityDigits = 32;
 constexpr const char* catalogue = "catalogue.db";
 constexpr const char* oldCatalogue = "catalogue-schema1.db";
 constexpr const char* newMark = "mark.new";
+constexpr const char *reserve = "reserve", *reservedName = "reserve.name";  // a log needs two files
 constexpr off_t reserveSize = 8 << 20;
 
 // Rows of object_version lie in the order of a listing, so that one reads them from the table itself; small data lie
@@ -88,8 +89,8 @@ std::optional<CatalogueHeader> HeaderOf(const Folder& root) {
 
 // Links may lead to somewhere else, and SQLite opens its files by their paths.
 void NeedPlainFiles(const Folder& root) {
-    for (const char* name : {"mark", "mark.new", "reserve", "catalogue.db", "catalogue.db-wal", "catalogue.db-shm",
-                             "catalogue.db-journal", "catalogue.new", oldCatalogue}) {
+    for (const char* name : {"mark", "mark.new", reserve, reservedName, "catalogue.db", "catalogue.db-wal",
+                             "catalogue.db-shm", "catalogue.db-journal", "catalogue.new", oldCatalogue}) {
         const auto status = root.Status(name);
         if (status && (!S_ISREG(status->st_mode) || status->st_uid != geteuid())) {
             throw std::runtime_error(At(root, name) + " is not a plain file of this user");
@@ -303,16 +304,20 @@ void MakeReserve(const Folder& root) noexcept try {
     struct statvfs status {};
     if (fstatvfs(root.File().Get(), &status) != 0) return;
     if (status.f_bavail * status.f_frsize < fsblkcnt_t{4} * reserveSize) return;
-    const FileDescriptor file = root.Open("reserve", O_WRONLY | O_CREAT);
+    constexpr fsfilcnt_t plenty = 100;
+    if (status.f_files != 0 && status.f_favail < plenty) return;
+    root.Open(reservedName, O_WRONLY | O_CREAT);
+    const FileDescriptor file = root.Open(reserve, O_WRONLY | O_CREAT);
     if (file.Status().st_size >= reserveSize) return;
-    if (posix_fallocate(file.Get(), 0, reserveSize) != 0) root.Remove("reserve");
+    if (posix_fallocate(file.Get(), 0, reserveSize) != 0) root.Remove(reserve);
 } catch (const std::exception&) {
     // The store does without.
 }
 
 bool GiveUpReserve(const Folder& root) {
-    if (!root.Status("reserve")) return false;
-    root.Remove("reserve");
+    if (!root.Status(reserve) && !root.Status(reservedName)) return false;
+    root.Remove(reserve);
+    root.Remove(reservedName);
     return true;
 }
 
