@@ -23,9 +23,18 @@ constexpr const char* repairedName = "catalogue.repaired";
 constexpr const char* awayMark = "mark.repairing";  // the mark while catalogues are exchanged, which keeps hosts out
 
 // What a store is made of.
-constexpr const char* ownFiles[] = {"mark",    "mark.new",      "catalogue.db",        "catalogue.db-wal",
-                                    "reserve", repairedName,    "catalogue.db-shm",    "catalogue.db-journal",
-                                    awayMark,  "catalogue.new", "catalogue-schema1.db"};
+constexpr const char* ownFiles[] = {"mark",
+                                    "mark.new",
+                                    "catalogue.db",
+                                    "catalogue.db-wal",
+                                    "reserve",
+                                    "reserve.name",
+                                    repairedName,
+                                    "catalogue.db-shm",
+                                    "catalogue.db-journal",
+                                    awayMark,
+                                    "catalogue.new",
+                                    "catalogue-schema1.db"};
 constexpr const char* ownFolders[] = {"data", "incoming", "lost+found"};
 
 template <class Names>
@@ -87,13 +96,13 @@ std::int64_t LastId(Database& catalogue, const std::string& schema, const Object
     return last;
 }
 
-// Calls work with each value of the column from 1 to last, passing over what cannot be read. Returns how often it
-// was, a failure of work included.
+// Calls work with each value of the column, passing over what cannot be read up to last. Returns how often it was, a
+// failure of work included.
 template <class Work>
 std::int64_t ForEach(Database& catalogue, const std::string& table, std::int64_t last, Work work) {
     const std::string sql = "SELECT id FROM " + table + " WHERE id > ?1 ORDER BY id LIMIT 1";
     std::int64_t failures = 0;
-    for (std::int64_t id = 0; id <= last;) {
+    for (std::int64_t id = 0;;) {
         try {
             {
                 Statement row = catalogue.Query(sql, id);
@@ -103,7 +112,7 @@ std::int64_t ForEach(Database& catalogue, const std::string& table, std::int64_t
             work(id);
         } catch (const std::exception&) {
             ++failures;
-            ++id;
+            if (++id > last) break;
         }
     }
     return failures;
@@ -244,8 +253,8 @@ void Checker::CheckVersion(std::int64_t id) {
             const std::int64_t type = v.Int(3), stored = v.Count(4);
             if (type != DSM_OBJ_FILE && type != DSM_OBJ_DIRECTORY)
                 throw std::runtime_error("damaged: of no known type");
-            if (!v.IsNull(5) && v.Int(5) < stored) throw std::runtime_error("damaged: it ends before it begins");
-            v.Count(6);
+            if (!v.IsNull(5) && v.Int(5) <= stored) throw std::runtime_error("damaged: it ends before it begins");
+            v.Int(6);
             data.bytes = v.Count(7);
             data.checksum = v.Int(8);
             data.file = v.Bytes(9, 64);
@@ -356,7 +365,7 @@ void Checker::NeedNoHost() const {
 void Checker::Rebuild() {
     catalogue_.reset();
     NeedNoHost();
-    if (Exists(repairedName)) MoveAway(root_, repairedName, "");  // of a repair that did not come this far
+    PutAsideCatalogue(root_, repairedName);  // of a repair that did not come this far
     MakeCatalogue(Path(repairedName), identity_);
     {
         Database repaired(Path(repairedName), Database::Mode::Write);
@@ -366,6 +375,7 @@ void Checker::Rebuild() {
         CopyRows(repaired, LastId(repaired, "old", ObjectData(root_)));
         repaired.Run("PRAGMA synchronous = FULL");
     }
+    NeedNoLog(root_, repairedName);
     root_.Open(repairedName, O_RDONLY).Sync();
     root_.Sync();
     root_.Move("mark", root_, awayMark);

@@ -1,6 +1,7 @@
 #include "Database.h"
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <chrono>
@@ -22,6 +23,13 @@ int WaitForLock(void*, int attempts) {
     return 1;
 }
 
+// SQLite tries to open a file that cannot be made once more, which hides why.
+bool HasNoMoreFiles(sqlite3* database) {
+    const char* const path = database ? sqlite3_db_filename(database, "main") : nullptr;
+    struct statvfs status {};
+    return path && statvfs(path, &status) == 0 && status.f_files != 0 && status.f_favail == 0;
+}
+
 void Check(sqlite3* database, int code) {
     if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE) return;
     const int error = database ? sqlite3_extended_errcode(database) : code;
@@ -29,12 +37,14 @@ void Check(sqlite3* database, int code) {
     const int kind = code & 0xff;
     if (kind == SQLITE_NOMEM) throw std::bad_alloc();
     const bool full = kind == SQLITE_FULL || error == SQLITE_IOERR_SHMSIZE ||
-                      (kind == SQLITE_IOERR && (system == ENOSPC || system == EDQUOT));
+                      (kind == SQLITE_IOERR && (system == ENOSPC || system == EDQUOT)) ||
+                      (kind == SQLITE_CANTOPEN && HasNoMoreFiles(database));
     if (full) throw std::system_error(ENOSPC, std::generic_category(), "catalogue");
     if (kind == SQLITE_READONLY) throw std::system_error(EROFS, std::generic_category(), "catalogue");
     if (error == SQLITE_IOERR_DATA) {
         throw std::runtime_error("catalogue: damaged: a page does not have its checksum; see tsm-standin-check");
     }
+    if (error == SQLITE_IOERR_VNODE) throw std::runtime_error("catalogue: is being changed: sign on anew");
     throw std::runtime_error(std::string("catalogue: ") + (database ? sqlite3_errmsg(database) : sqlite3_errstr(code)));
 }
 
@@ -122,7 +132,8 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
     Run("PRAGMA synchronous = FULL");
     Run("PRAGMA cache_size = -16384");
     // A transaction goes to the log at its commit and in one piece, so that what is read from there is always whole.
-    Run("PRAGMA cache_spill = OFF");
+    // OFF would keep Overwrite from writing, too.
+    Run("PRAGMA cache_spill = 2147483647");
 }
 
 Database::~Database() {
@@ -155,7 +166,7 @@ void Database::NeedInPlace() {
 }
 
 void Database::AttachUnchecked(const std::string& path, const std::string& name) {
-    Run("ATTACH ?1 AS " + name, Uri(path) + "?vfs=" + sqlite3_vfs_find(nullptr)->zName);
+    Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro&vfs=" + sqlite3_vfs_find(nullptr)->zName);
 }
 
 void Database::Attach(const std::string& path, const std::string& name) {
@@ -180,10 +191,17 @@ Database::Transaction::~Transaction() {
     if (open_) sqlite3_exec(database_.handle_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
+bool Database::InTransaction() const {
+    return sqlite3_get_autocommit(handle_.get()) == 0;
+}
+
 void Database::Overwrite() {
-    Run("PRAGMA cache_spill = ON");
     Check(handle_.get(), sqlite3_db_cacheflush(handle_.get()));
-    Run("PRAGMA cache_spill = OFF");
+    sqlite3_file* log = nullptr;
+    Check(handle_.get(), sqlite3_file_control(handle_.get(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log));
+    if (!log || !log->pMethods || log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) != SQLITE_OK) {
+        throw std::runtime_error("catalogue: its log cannot be flushed");
+    }
 }
 
 void Database::Transaction::Commit() {

@@ -80,15 +80,18 @@ public:
     std::int64_t Number(const char* sql);
 
     // Within a transaction: writes what was changed so far to the log and flushes it, so that whatever lay there can
-    // never take effect any more. A process that is killed during its commit may leave its whole transaction there,
+    // never take effect any more; something must have been changed. A process that is killed during its commit may leave its whole transaction there,
     // unseen by those that live on, but found by the first one to come after them all.
     void Overwrite();
 
-    // A database without page checksums, under a name of its own.
+    // A database without page checksums, under a name of its own, only to be read.
     void AttachUnchecked(const std::string& path, const std::string& name);
 
     // Another one that may be damaged, only to be read, so that its log stays with it.
     void Attach(const std::string& path, const std::string& name);
+
+    // False once SQLite has rolled it back of its own accord, as it does after a failure to read or write.
+    bool InTransaction() const;
 
     // For schema texts of several statements.
     void Script(const char* sql);

@@ -23,6 +23,7 @@ constexpr std::size_t identityDigits = 32;
 constexpr const char* catalogue = "catalogue.db";
 constexpr const char* oldCatalogue = "catalogue-schema1.db";
 constexpr const char* newMark = "mark.new";
+constexpr const char *reserve = "reserve", *reservedName = "reserve.name";  // a log needs two files
 constexpr off_t reserveSize = 8 << 20;
 
 // Rows of object_version lie in the order of a listing, so that one reads them from the table itself; small data lie
@@ -88,8 +89,8 @@ std::optional<CatalogueHeader> HeaderOf(const Folder& root) {
 
 // Links may lead to somewhere else, and SQLite opens its files by their paths.
 void NeedPlainFiles(const Folder& root) {
-    for (const char* name : {"mark", "mark.new", "reserve", "catalogue.db", "catalogue.db-wal", "catalogue.db-shm",
-                             "catalogue.db-journal", "catalogue.new", oldCatalogue}) {
+    for (const char* name : {"mark", "mark.new", reserve, reservedName, "catalogue.db", "catalogue.db-wal",
+                             "catalogue.db-shm", "catalogue.db-journal", "catalogue.new", oldCatalogue}) {
         const auto status = root.Status(name);
         if (status && (!S_ISREG(status->st_mode) || status->st_uid != geteuid())) {
             throw std::runtime_error(At(root, name) + " is not a plain file of this user");
@@ -129,15 +130,12 @@ void SyncAbove(const Folder& root) {
     }
 }
 
-// One that was begun and perhaps never flushed as a whole, of a store in which nothing was stored yet.
-void PutAsideCatalogue(const Folder& root) {
-    for (const char* end : {"", "-wal", "-shm", "-journal"}) {
-        const std::string name = catalogue + std::string(end);
-        if (!root.Status(name)) continue;
-        const std::optional<Folder> lost = LostAndFound(root);
-        if (!lost) throw std::runtime_error(At(root, "lost+found") + " belongs to another user");
-        root.Move(name, *lost, name + "-" + RandomHex(8));
-    }
+// Other programs have files named catalogue.db, too.
+bool HasTablesOfSchema1(const Folder& root) {
+    return Database(At(root, catalogue), Database::Mode::Immutable, false)
+               .Number(
+                   "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN"
+                   " ('node', 'filespace', 'access', 'version', 'counter', 'garbage')") == 6;
 }
 
 void MakeFolders(const Folder& root) {
@@ -195,7 +193,7 @@ Folder StoreFolder(const std::string& path) {
 bool IsReadOnly(const Folder& root) {
     for (const char* name : {".", catalogue}) {
         if (faccessat(root.File().Get(), name, W_OK, AT_EACCESS) == 0) continue;
-        if (errno == EROFS || errno == EACCES) return true;
+        if (errno == EROFS || errno == EACCES || errno == EPERM) return true;
     }
     return false;
 }
@@ -222,7 +220,7 @@ std::string Prepare(const Folder& root, bool readOnly) {
     if (!mark && root.Status("mark.repairing")) {
         throw std::runtime_error(root.Path() + ": a repair was interrupted: run tsm-standin-check --repair again");
     }
-    const bool old = header && header->schema == 1;
+    const bool old = header && header->schema == 1 && HasTablesOfSchema1(root);
     if (header && header->schema > format) throw std::runtime_error(root.Path() + ": made by a newer version");
     if (!mark && !old && !IsUnused(root)) {
         throw std::runtime_error(root.Path() + " is not empty and has no mark of a store: choose another folder");
@@ -238,7 +236,8 @@ std::string Prepare(const Folder& root, bool readOnly) {
         if (root.Status(oldCatalogue)) throw std::runtime_error(At(root, catalogue) + " is damaged");
         WriteMark(root, *mark);
         SyncAbove(root);
-        PutAsideCatalogue(root);
+        // Begun before, and perhaps never flushed as a whole; nothing was stored in it yet.
+        PutAsideCatalogue(root, catalogue);
         MakeCatalogue(At(root, catalogue), mark->identity);
     }
     MakeFolders(root);
@@ -268,6 +267,19 @@ void MakeCatalogue(const std::string& path, const std::string& identity) {
     database.Run("PRAGMA journal_mode = WAL");
 }
 
+void PutAsideCatalogue(const Folder& root, const std::string& name) {
+    for (const char* end : {"", "-wal", "-shm", "-journal"}) {
+        if (!root.Status(name + end)) continue;
+        const std::optional<Folder> lost = LostAndFound(root);
+        if (!lost) throw std::runtime_error(At(root, "lost+found") + " belongs to another user");
+        root.Move(name + end, *lost, name + end + "-" + RandomHex(8));
+    }
+}
+
+void NeedNoLog(const Folder& root, const std::string& name) {
+    if (root.Status(name + "-wal")) throw std::runtime_error(At(root, name) + "-wal did not come into its catalogue");
+}
+
 void NeedIdentity(Database& database, const std::string& identity) {
     Statement row = database.Query("SELECT identity FROM store");
     if (!row.Step() || row.Bytes(0, identityDigits) != identity) {
@@ -292,16 +304,20 @@ void MakeReserve(const Folder& root) noexcept try {
     struct statvfs status {};
     if (fstatvfs(root.File().Get(), &status) != 0) return;
     if (status.f_bavail * status.f_frsize < fsblkcnt_t{4} * reserveSize) return;
-    const FileDescriptor file = root.Open("reserve", O_WRONLY | O_CREAT);
+    constexpr fsfilcnt_t plenty = 100;
+    if (status.f_files != 0 && status.f_favail < plenty) return;
+    root.Open(reservedName, O_WRONLY | O_CREAT);
+    const FileDescriptor file = root.Open(reserve, O_WRONLY | O_CREAT);
     if (file.Status().st_size >= reserveSize) return;
-    if (posix_fallocate(file.Get(), 0, reserveSize) != 0) root.Remove("reserve");
+    if (posix_fallocate(file.Get(), 0, reserveSize) != 0) root.Remove(reserve);
 } catch (const std::exception&) {
     // The store does without.
 }
 
 bool GiveUpReserve(const Folder& root) {
-    if (!root.Status("reserve")) return false;
-    root.Remove("reserve");
+    if (!root.Status(reserve) && !root.Status(reservedName)) return false;
+    root.Remove(reserve);
+    root.Remove(reservedName);
     return true;
 }
 

@@ -29,6 +29,11 @@ std::string Prepare(const Folder& root, bool readOnly);
 
 // Its catalogue as a new file, with its tables and nothing in them.
 void MakeCatalogue(const std::string& path, const std::string& identity);
+// Moves one, with the files that SQLite keeps beside it, to lost+found/.
+void PutAsideCatalogue(const Folder& root, const std::string& name);
+// Throws when a catalogue that was closed still has a log, as after a failure to write that closing does not tell of:
+// renamed without it, the catalogue would have lost what was committed.
+void NeedNoLog(const Folder& root, const std::string& name);
 // Throws when the catalogue is not the one that belongs to the mark.
 void NeedIdentity(Database& catalogue, const std::string& identity);
 

@@ -109,6 +109,7 @@ void ObjectData::Flush() {
 }
 
 void ObjectData::Remove(const std::string& file) const {
+    if (IdOf(file) < 0) return;  // never made here
     const std::string shard = ShardName(IdOf(file));
     if (data_.Status(shard)) data_.Sub(shard).Remove(file);
 }

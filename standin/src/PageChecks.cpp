@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -29,6 +31,10 @@ std::uint32_t Number(const unsigned char* bytes) {
 
 Sums SumsAt(const unsigned char* bytes) {
     return {Number(bytes), Number(bytes + 4)};
+}
+
+void Put(unsigned char* bytes, const Sums& sums) {
+    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(sums[i / 4] >> (24 - i % 4 * 8));
 }
 
 // In words of this machine's order, as SQLite writes its logs.
@@ -52,9 +58,11 @@ struct Flushed {
 struct File {
     sqlite3_file base;  // the first member, which is what SQLite knows
     bool isLog, writable;
-    bool ends;        // a log that is taken to end with its first bad frame, whatever follows
-    Flushed flushed;  // of the main file
-    File* main;       // of the log
+    bool ends;              // a log that is taken to end with its first bad frame, whatever follows
+    Flushed flushed;        // of the main file
+    File* main;             // of the log
+    const char* immutable;  // path of a main file that nobody should change, and how it was found
+    struct stat found;
     // Written to the log one piece after the other, and not passed on yet. Nobody reads them before the flush.
     std::string pending;
     sqlite3_int64 pendingAt;
@@ -69,6 +77,10 @@ struct File {
         return rc;
     }
     bool Get(unsigned char* buffer, int size, sqlite3_int64 offset) {
+        if (!pending.empty() && offset >= pendingAt) {
+            return pending.copy(reinterpret_cast<char*>(buffer), static_cast<std::size_t>(size),
+                                static_cast<std::size_t>(offset - pendingAt)) == static_cast<std::size_t>(size);
+        }
         return Does().xRead(Real(), buffer, size, offset) == SQLITE_OK;
     }
 };
@@ -81,6 +93,11 @@ std::uint64_t PageSum(const void* page, sqlite3_int64 offset) {
     return XXH3_64bits_withSeed(page, pageSize - pageReserve, static_cast<std::uint64_t>(offset / pageSize) + 1);
 }
 
+void SetPageSum(unsigned char* page, sqlite3_int64 offset) {
+    const std::uint64_t sum = PageSum(page, offset);
+    std::memcpy(page + pageSize - pageReserve, &sum, sizeof sum);
+}
+
 bool PageIsGood(const unsigned char* page, sqlite3_int64 offset) {
     const std::uint64_t sum = PageSum(page, offset);
     return std::memcmp(page + pageSize - pageReserve, &sum, sizeof sum) == 0;
@@ -90,15 +107,20 @@ sqlite3_int64 FrameAt(sqlite3_int64 frame) {
     return logHeader + frame * frameSize;
 }
 
-// Header and page of a frame against the checksum that stands before it.
-bool FrameIsGood(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page) {
-    unsigned char before[frameHeader];
-    const bool first = frame == 0;
-    if (!file.Get(before, frameHeader, first ? logHeader - frameHeader : FrameAt(frame - 1))) return false;
-    Sums sums = SumsAt(before + 16);
+// The checksum of a frame's header and page, which goes on from the one that stands before it.
+bool FrameSums(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page, Sums& sums) {
+    unsigned char before[8];
+    if (!file.Get(before, sizeof before, frame == 0 ? logHeader - 8 : FrameAt(frame - 1) + frameHeader - 8))
+        return false;
+    sums = SumsAt(before);
     Add(sums, header, 8);
     Add(sums, page, pageSize);
-    return sums == SumsAt(header + 16);
+    return true;
+}
+
+bool FrameIsGood(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page) {
+    Sums sums{};
+    return FrameSums(file, frame, header, page, sums) && sums == SumsAt(header + 16);
 }
 
 Flushed FlushedFrames(const std::string& sharedMemory) {
@@ -179,11 +201,19 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
     return size < pageSize;
 }
 
+// SQLite takes no locks on such a file, and would mix what it read before and after a change.
+bool HasChanged(const File& file) {
+    struct stat now {};
+    return stat(file.immutable, &now) != 0 || now.st_ino != file.found.st_ino || now.st_size != file.found.st_size ||
+           now.st_mtim.tv_sec != file.found.st_mtim.tv_sec || now.st_mtim.tv_nsec != file.found.st_mtim.tv_nsec;
+}
+
 int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     File& file = Of(handle);
     const auto* const bytes = static_cast<const unsigned char*>(buffer);
     if (const int failed = file.PassOn()) return failed;
     const int rc = file.Does().xRead(file.Real(), buffer, size, offset);
+    if (file.immutable && HasChanged(file)) return SQLITE_IOERR_VNODE;
     if (file.isLog && file.ends && size != pageSize) return rc;
     if (file.isLog) return rc != SQLITE_OK || LogReadIsGood(file, bytes, size, offset) ? rc : SQLITE_IOERR_DATA;
     constexpr int smallestPage = 512;
@@ -192,16 +222,33 @@ int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     return rc == SQLITE_OK && size == pageSize && PageIsGood(bytes, offset) ? rc : SQLITE_IOERR_DATA;
 }
 
+// A page gets its checksum on its way to the log already, so that it has one in the main file too when another program
+// brings it there, which SQLite does when it closes the file that a killed process left. The frame's checksum, made
+// before, is made anew. A page without its frame's header replaces one: SQLite makes the checksums anew itself.
+int SetSums(File& file, sqlite3_int64 offset) {
+    const sqlite3_int64 frame = (offset - logHeader) / frameSize;
+    if (offset != FrameAt(frame) + frameHeader) return SQLITE_OK;
+    unsigned char header[frameHeader];
+    if (!file.Get(header, frameHeader, FrameAt(frame))) return SQLITE_IOERR_WRITE;
+    auto* const page = reinterpret_cast<unsigned char*>(file.pending.data() + file.pending.size() - pageSize);
+    SetPageSum(page, (std::int64_t{Number(header)} - 1) * pageSize);
+    if (file.pendingAt > FrameAt(frame)) return SQLITE_OK;
+    Sums sums{};
+    if (!FrameSums(file, frame, header, page, sums)) return SQLITE_IOERR_WRITE;
+    Put(page - 8, sums);
+    return SQLITE_OK;
+}
+
 // A transaction is many small pieces.
 int WriteLog(File& file, const void* bytes, int size, sqlite3_int64 offset) try {
     constexpr std::size_t most = 0x1ffff;  // that SQLite writes at a time
     const bool follows = offset == file.pendingAt + static_cast<sqlite3_int64>(file.pending.size());
-    if (!follows || file.pending.size() + static_cast<std::size_t>(size) > most) {
+    if (!follows || (size != pageSize && file.pending.size() + frameSize > most)) {
         if (const int failed = file.PassOn()) return failed;
     }
     if (file.pending.empty()) file.pendingAt = offset;
     file.pending.append(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
-    return SQLITE_OK;
+    return size == pageSize ? SetSums(file, offset) : SQLITE_OK;
 } catch (const std::bad_alloc&) {
     return SQLITE_IOERR_NOMEM;
 }
@@ -212,8 +259,7 @@ int Write(sqlite3_file* handle, const void* bytes, int size, sqlite3_int64 offse
     if (size != pageSize) return file.Does().xWrite(file.Real(), bytes, size, offset);
     unsigned char page[pageSize];
     std::memcpy(page, bytes, pageSize - pageReserve);
-    const std::uint64_t sum = PageSum(page, offset);
-    std::memcpy(page + pageSize - pageReserve, &sum, sizeof sum);
+    SetPageSum(page, offset);
     return file.Does().xWrite(file.Real(), page, size, offset);
 }
 
@@ -272,13 +318,16 @@ int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, in
     File& file = *new (handle) File{};
     file.isLog = flags & SQLITE_OPEN_WAL;
     // Closing the shared memory's file lets go of all locks on it that the process has, so only its first opening
-    // may look.
+    // may look, and others wait for it.
+    static std::mutex& mutex = *new std::mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
     if (file.isLog) {
         file.main = &Of(sqlite3_database_file_object(name));
         file.ends = sqlite3_uri_boolean(name, "ends", 0) != 0;
     } else if (openFiles == 0) {
         file.flushed = FlushedFrames(std::string(name) + "-shm");
     }
+    if (!file.isLog && sqlite3_uri_boolean(name, "immutable", 0) && stat(name, &file.found) == 0) file.immutable = name;
     int got = 0;
     int rc = real->xOpen(real, name, file.Real(), flags, &got);
     if (opened) *opened = got;

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 
 #include "Layout.h"
 #include "Moments.h"
@@ -17,13 +19,19 @@ constexpr const char* newCatalogue = "catalogue.new";
 constexpr const char* oldCatalogue = "catalogue-schema1.db";
 constexpr const char* catalogue = "catalogue.db";
 
-// Of data that cannot be read, none that fits: their restore fails, as it would have.
+// Of data that are missing or cut off, none that fits: their restore fails, as it would have. Data that are there and
+// cannot be read now make the takeover fail, to be tried again.
 std::int64_t ChecksumOf(const ObjectData& data, const StoredData& stored) try {
     Checksum sum;
     const FileDescriptor file = data.Open(stored);
     std::array<char, 1 << 16> buffer;
     while (const std::size_t got = file.Read(buffer.data(), buffer.size())) sum.Add(buffer.data(), got);
     return sum.Value();
+} catch (const std::system_error& problem) {
+    if (problem.code() != std::errc::no_such_file_or_directory) throw;
+    return 0;
+} catch (const std::bad_alloc&) {
+    throw;
 } catch (const std::exception&) {
     return 0;
 }
@@ -90,13 +98,17 @@ void PutAsideIncoming(const Folder& incoming, const Folder& lost) {
 
 void TakeOver(const Folder& root, const Mark& mark) {
     const std::string oldPath = root.Path() + "/" + catalogue, newPath = root.Path() + "/" + newCatalogue;
-    // Brings the log into the file, and fails while another process has the store open.
-    Database(oldPath, Database::Mode::Write, false).Run("PRAGMA journal_mode = DELETE");
+    // Brings the log into the file, and fails while another process has the store open. One that opens it now cannot
+    // write, and later it finds the file moved.
+    Database old(oldPath, Database::Mode::Write, false);
+    old.Run("PRAGMA journal_mode = DELETE");
+    NeedNoLog(root, catalogue);
+    const Database::Transaction alone(old);
     for (const char* folder : {"data", "incoming"}) root.Make(folder);
     const std::optional<Folder> lost = LostAndFound(root);
     if (!lost) throw std::runtime_error(root.Path() + "/lost+found belongs to another user");
     // Of an opening that did not come to its end.
-    if (root.Status(newCatalogue)) root.Move(newCatalogue, *lost, newCatalogue + ("-" + RandomHex(8)));
+    PutAsideCatalogue(root, newCatalogue);
     MakeCatalogue(newPath, mark.identity);
     {
         Database database(newPath, Database::Mode::Write);
@@ -110,11 +122,12 @@ void TakeOver(const Folder& root, const Mark& mark) {
         database.Run("UPDATE store SET next_id = (SELECT next_id FROM old.counter)");
         transaction.Commit();
     }
+    NeedNoLog(root, newCatalogue);
     PutAsideIncoming(root.Sub("incoming"), *lost);
     // The old file gets a second name and loses its first one when the new one takes that.
     if (linkat(root.File().Get(), catalogue, root.File().Get(), oldCatalogue, 0) != 0) {
-        const auto kept = root.Status(oldCatalogue), old = root.Status(catalogue);
-        if (!kept || kept->st_ino != old->st_ino) ThrowErrno("link " + root.Path() + "/" + oldCatalogue);
+        const auto kept = root.Status(oldCatalogue), linked = root.Status(catalogue);
+        if (!kept || kept->st_ino != linked->st_ino) ThrowErrno("link " + root.Path() + "/" + oldCatalogue);
     }
     WriteMark(root, mark);
     root.Move(newCatalogue, root, catalogue, true);

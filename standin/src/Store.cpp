@@ -13,8 +13,13 @@ namespace {
 // The process's stores by device and inode, so that every path to one finds it. Never destroyed, as the sessions may
 // outlast it.
 struct Stores {
+    struct Place {
+        std::weak_ptr<Store> store;
+        bool open = false;  // until the store has closed its files, which is later than its last user let go of it
+    };
     std::mutex mutex;
-    std::map<std::pair<dev_t, ino_t>, std::weak_ptr<Store>> open;
+    std::condition_variable closed;
+    std::map<std::pair<dev_t, ino_t>, Place> places;
 
     static Stores& Instance() {
         static Stores& instance = *new Stores;
@@ -27,32 +32,40 @@ bool HasRow(Database& database, const std::string& file) {
         .Step();
 }
 
+// An update to the value that is there already would leave the page as it is, and the log too.
+void ChangeSomething(Database& database) {
+    database.Run("INSERT OR IGNORE INTO garbage VALUES (x'')");
+    database.Run("DELETE FROM garbage WHERE file = x''");
+}
+
 }  // namespace
 
 std::shared_ptr<Store> Store::Open(const std::string& storeDir) {
     Stores& stores = Stores::Instance();
-    const std::lock_guard<std::mutex> lock(stores.mutex);
-    Folder root = StoreFolder(storeDir);
+    std::shared_ptr<Store> store;  // if it ends here, then without the lock
+    std::unique_lock<std::mutex> lock(stores.mutex);
+    const Folder root = StoreFolder(storeDir);
     const struct stat status = root.File().Status();
-    std::weak_ptr<Store>& place = stores.open[{status.st_dev, status.st_ino}];
+    Stores::Place& place = stores.places[{status.st_dev, status.st_ino}];
+    // Prepare reads the catalogue's file: not while SQLite has it open in this process, which would lose its locks.
+    stores.closed.wait(lock, [&] { return (store = place.store.lock()) || !place.open; });
     const Folder locked = root.Sub(".");  // SQLite cannot create one file twice at a time
     locked.File().Lock(true);
-    std::shared_ptr<Store> store = place.lock();
     if (!store) {
         const bool readOnly = IsReadOnly(root);
-        // What is opened is looked at by Prepare, which reads the catalogue's file: not while SQLite has it open.
         const std::string identity = UsingReserve(root, [&] { return Prepare(root, readOnly); });
-        store = UsingReserve(root, [&] { return std::make_shared<Store>(Folder(storeDir), readOnly, identity); });
-        place = store;
+        auto made = UsingReserve(root, [&] { return std::make_unique<Store>(Folder(storeDir), readOnly, identity); });
+        place.open = true;
+        store = {made.release(), [&stores, &place](Store* ended) {
+                     delete ended;
+                     const std::lock_guard<std::mutex> closing(stores.mutex);
+                     place.open = false;
+                     stores.closed.notify_all();
+                 }};
+        place.store = store;
     }
     if (!store->readOnly_) UsingReserve(root, [&] { store->Tidy(); });
     return store;
-}
-
-std::shared_ptr<Store> Store::Look(const std::string& storeDir) {
-    Folder root(storeDir);
-    const std::string identity = Prepare(root, true);
-    return std::make_shared<Store>(std::move(root), true, identity);
 }
 
 Store::Store(Folder root, bool readOnly, std::string identity)
@@ -95,18 +108,17 @@ void Store::SweepData() {
     const std::optional<Folder> lost = LostAndFound(root_);
     if (lost) data_.TidyIncoming(*lost);
     Database reader(CataloguePath(), Database::Mode::Write);
-    const bool any = reader.Query("SELECT 1 FROM garbage").Step() ||
-                     !data_.FilesFrom(reader.Number("SELECT next_id FROM store")).empty();
-    if (!any) return;
+    // Only that of removals that last: those that share the transaction may still fail.
+    std::set<std::string> garbage;
+    for (Statement rows = reader.Query("SELECT file FROM garbage"); rows.Step();) {
+        garbage.emplace(rows.Bytes(0, longestFileName));
+    }
+    if (garbage.empty() && data_.FilesFrom(reader.Number("SELECT next_id FROM store")).empty()) return;
+    for (const std::string& file : garbage) data_.Remove(file);
+    data_.FlushRemovals(garbage);
     Submit(Need::None, [&](Change& change) {
-        std::set<std::string> garbage;
-        for (Statement rows = change.database.Query("SELECT file FROM garbage"); rows.Step();) {
-            garbage.emplace(rows.Bytes(0, longestFileName));
-        }
-        for (const std::string& file : garbage) data_.Remove(file);
-        data_.FlushRemovals(garbage);
-        change.database.Run("DELETE FROM garbage");
-        change.database.Run("UPDATE store SET next_id = next_id");
+        for (const std::string& file : garbage) change.database.Run("DELETE FROM garbage WHERE file = ?1", file);
+        ChangeSomething(change.database);
         // Before it is judged what has no row: a killed commit in the log may have one.
         change.database.Overwrite();
         if (!lost) return;
@@ -174,7 +186,13 @@ void Store::Submit(Need need, const Work& work) {
         const Group group = std::exchange(queue_, {});
         lastGroup_ = group.size();
         lock.unlock();
-        Carry(group);
+        try {
+            Carry(group);
+        } catch (...) {  // no memory to sort the outcomes; those who wait must wake all the same
+            for (Waiting* const one : group) {
+                if (!one->failure) one->failure = std::current_exception();
+            }
+        }
         lock.lock();
         Waiting* const next = queue_.empty() ? nullptr : queue_.front();
         carrying_ = next != nullptr;
@@ -249,8 +267,9 @@ void Store::CarryOnce(const Group& group) {
                     any = true;
                 } catch (...) {
                     if (only) throw;
-                    database.Run("ROLLBACK TO one");
                     one->failure = std::current_exception();
+                    if (!database.InTransaction()) throw;  // all is undone
+                    database.Run("ROLLBACK TO one");
                     for (std::size_t i = placed; i < change.placed.size(); ++i) RemoveQuietly(change.placed[i]);
                     change.placed.resize(placed);
                     change.garbage = garbage;
@@ -258,17 +277,18 @@ void Store::CarryOnce(const Group& group) {
                 if (!only) database.Run("RELEASE one");
             }
             if (!any) return;
+            if (!inDoubt_.empty()) ChangeSomething(database);
             if (change.nextId != firstId) database.Run("UPDATE store SET next_id = ?1", change.nextId);
             data_.Flush();
         } catch (...) {
             for (const std::string& file : change.placed) RemoveQuietly(file);
             throw;
         }
-        // A commit that fails leaves it open whether it lasts, so the files stay until a later one has.
-        const std::vector<std::string> before = inDoubt_;
+        // A commit that fails leaves it open whether it lasts, so the files stay until a later one has overwritten it.
+        const std::size_t before = inDoubt_.size();
         inDoubt_.insert(inDoubt_.end(), change.placed.begin(), change.placed.end());
         transaction.Commit();
-        inDoubt_ = before;
+        inDoubt_.resize(before);
     }
     RemoveFilesAfter(change);
 }

@@ -45,8 +45,6 @@ public:
     // Makes the store where there is nothing, takes one of schema 1 over, and tidies up what interrupted processes
     // left. What is no store, or not one that can be trusted, is refused and left as it is.
     static std::shared_ptr<Store> Open(const std::string& storeDir);
-    // The same store as if it could only be read: nothing is made, tidied up or changed.
-    static std::shared_ptr<Store> Look(const std::string& storeDir);
     Store(Folder root, bool readOnly, std::string identity);  // for Open
     ~Store();
 
