@@ -80,8 +80,9 @@ public:
     std::int64_t Number(const char* sql);
 
     // Within a transaction: writes what was changed so far to the log and flushes it, so that whatever lay there can
-    // never take effect any more; something must have been changed. A process that is killed during its commit may leave its whole transaction there,
-    // unseen by those that live on, but found by the first one to come after them all.
+    // never take effect any more; something must have been changed. A process that is killed during its commit may
+    // leave its whole transaction there, unseen by those that live on, but found by the first one to come after them
+    // all.
     void Overwrite();
 
     // A database without page checksums, under a name of its own, only to be read.
