@@ -34,7 +34,7 @@ Sums SumsAt(const unsigned char* bytes) {
 }
 
 void Put(unsigned char* bytes, const Sums& sums) {
-    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(sums[i / 4] >> (24 - i % 4 * 8));
+    for (unsigned i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(sums[i / 4] >> (24 - i % 4 * 8));
 }
 
 // In words of this machine's order, as SQLite writes its logs.
