@@ -75,30 +75,30 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
     for (const std::string& part : files) {
         std::ifstream in(part, std::ios::binary);
         if (!in) throw Failure(part + ": cannot be read");
-        for (std::string text; std::getline(in, text);) {
-            if (const auto end = text.find('\0'); end == 0) break;  // the unused rest of what is held
-            Json line = Json::parse(text, nullptr, false);
-            if (!line.is_object() || !line.contains("pid") || !line.contains("at")) {
-                health.unreadable += !text.empty();
-                continue;
+        for (std::string text; std::getline(in, text);) try {
+                if (text.empty()) continue;
+                if (text[0] == '\0') break;  // the unused rest of what is held
+                Json line = Json::parse(text);
+                const long long pid = line.at("pid").get<long long>();
+                const std::string event = line.value("event", "");
+                if (event == "gap") health.lost += line.value("lost", 0LL);
+                if (event == "end") {
+                    health.lost += line.value("lost", 0LL);
+                    ++health.ended;
+                }
+                if (const long long number = line.value("n", 0LL)) {
+                    const bool known = last.count(pid) != 0;
+                    if (event == "start" && known && number <= last[pid])
+                        last[pid] = 0;  // another process of this number
+                    if (known && number <= last[pid]) continue;
+                    health.missing += number - last[pid] - 1;
+                    last[pid] = number;
+                }
+                health.begun += event == "start";
+                take(line);
+            } catch (const Json::exception&) {
+                ++health.unreadable;
             }
-            const long long pid = line.at("pid").get<long long>();
-            const std::string event = line.value("event", "");
-            if (event == "gap") health.lost += line.value("lost", 0LL);
-            if (event == "end") {
-                health.lost += line.value("lost", 0LL);
-                ++health.ended;
-            }
-            if (const long long number = line.value("n", 0LL)) {
-                const bool known = last.count(pid) != 0;
-                if (event == "start" && known && number <= last[pid]) last[pid] = 0;  // another process of this number
-                if (known && number <= last[pid]) continue;
-                health.missing += number - last[pid] - 1;
-                last[pid] = number;
-            }
-            health.begun += event == "start";
-            take(line);
-        }
     }
     return health;
 }
