@@ -79,7 +79,10 @@ class Trace(unittest.TestCase):
         shutil.copy(os.path.join(build, "lib", "libtsmtrace.so"), "place/libApiTSM64.so")
         host = os.path.join(build, "trace-api", "trace_host")
         run(host, "calls", status=1, LD_LIBRARY_PATH="place")  # nobody said what it stands for
-        self.check_calls(run(host, "calls", LD_LIBRARY_PATH="place", TSMTRACE_API=api, TSMTRACE_FILE="r", TSMTRACE_CHECKSUMS="1"))
+        for preloaded in ("", os.path.join(build, "lib", "libtsmtrace.so")):  # by itself, and behind another one
+            self.check_calls(run(host, "calls", LD_LIBRARY_PATH="place", TSMTRACE_API=api, TSMTRACE_FILE="r",
+                                 TSMTRACE_CHECKSUMS="1", LD_PRELOAD=preloaded))
+            os.remove("r")
 
     def test_nothing_is_lost_by_ends_of_processes(self):
         for what, status, processes, calls, ended in (("fork", 0, 3, 10, 2), ("kill", -9, 1, 100, 0)):
@@ -142,6 +145,7 @@ class Trace(unittest.TestCase):
         found = b"".join(pathlib.Path(name).read_bytes() for name in ("a", "a.replay", "c", *glob.glob("d/*")))
         self.assertGreater(len(found), 10000)
         self.assertIn(b"SECRETOPTION  (not shown)", found)
+        self.assertEqual(pathlib.Path("d/recording").read_bytes(), pathlib.Path("a").read_bytes())
         self.assertIsNone(re.search(rb"PLANTED|UExBTlRFR|BMQU5URU|QTEFOVEVE|(?i:504c414e544544)|P\0L\0A\0N", found))
 
     def test_diff_show_and_export(self):
@@ -169,10 +173,10 @@ class Trace(unittest.TestCase):
         run("tsmtrace", "run", "-o", "r", "--", "/nowhere", status=127)
         run("tsmtrace", "replay", "none", status=2)
         with open("torn", "w", encoding="utf-8") as recording:
-            recording.write('{"pid":1,"at":1,"call":"dsmNew","rc":-7}\n{"pid":1,"at"\n[]\n{"pid":1,"at":2,"call":"dsmSendObj","rc":5')
+            recording.write('{"pid":1,"at":1,"call":"dsmNew","rc":-7}\n{"pid":1,"at"\n[]\n{"pid":"1","at":1}\n{"pid":1,"at":2,"call":"dsmSendObj","rc":5')
         found = run("tsmtrace", "summary", "torn")
         self.assertIn("1 calls in", found)
-        self.assertIn("3 lines cannot be read", found)
+        self.assertIn("4 lines cannot be read", found)
 
     def test_manual_and_completion_agree(self):
         with open(os.path.join(sources, "trace", "tsmtrace.1.in"), encoding="utf-8") as file:

@@ -28,6 +28,9 @@
 
 #include "records.h"
 
+// The next function of the name that the program knows, else that of the library named. Null: the API has none.
+extern "C" __attribute__((visibility("default"))) void* dsmRecorderNext(const char* name, void* own);
+
 namespace {
 
 constexpr std::size_t longestText = 2048;     // of a pointer's text, which nothing else limits
@@ -41,15 +44,15 @@ struct Thread {
     std::size_t top;
     char buffer[bufferSize];
 };
-pthread_key_t threads;
+pthread_key_t threadKey;
 
 // Mapped when the thread first calls: a thread_local variable would be taken from the stacks of all the host's threads,
 // however small they are. Null: no memory.
 Thread* OwnThread() {
-    if (void* const own = pthread_getspecific(threads)) return static_cast<Thread*>(own);
+    if (void* const own = pthread_getspecific(threadKey)) return static_cast<Thread*>(own);
     void* const made = mmap(nullptr, sizeof(Thread), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (made == MAP_FAILED) return nullptr;
-    if (pthread_setspecific(threads, made) == 0) return static_cast<Thread*>(made);
+    if (pthread_setspecific(threadKey, made) == 0) return static_cast<Thread*>(made);
     munmap(made, sizeof(Thread));
     return nullptr;
 }
@@ -596,14 +599,14 @@ private:
 
 void* named = nullptr;  // the API's library, where one is named and until it is needed where none is
 
-// The next function of the name that the program knows, else that of the library named. Null: the API has none.
-void* Find(const char* name, void* own) {
-    void* found = dlsym(RTLD_NEXT, name);
-    if (found == nullptr) {
-        if (named == nullptr) named = dlopen("libApiTSM64.so", RTLD_LAZY | RTLD_GLOBAL);
-        if (named != nullptr) found = dlsym(named, name);
-    }
-    return found == own ? nullptr : found;
+// A library's function; of a recorder's, what it would hand the call on to, lest both write a line.
+void* Beyond(void* library, const char* name) {
+    void* const found = dlsym(library, name);
+    void* const next = dlsym(library, "dsmRecorderNext");
+    Dl_info one = {}, other = {};
+    if (found == nullptr || next == nullptr || next == reinterpret_cast<void*>(&dsmRecorderNext)) return found;
+    if (dladdr(found, &one) == 0 || dladdr(next, &other) == 0 || one.dli_fbase != other.dli_fbase) return found;
+    return reinterpret_cast<decltype(&dsmRecorderNext)>(next)(name, found);
 }
 
 void SayStart(Thread& thread, void* function) {
@@ -619,10 +622,10 @@ void SayStart(Thread& thread, void* function) {
 void Initialise() {
     const char* const library = secure_getenv("TSMTRACE_API");
     if (library != nullptr && *library != '\0') named = dlopen(library, RTLD_LAZY | RTLD_GLOBAL);
-    if (pthread_key_create(&threads, [](void* own) { munmap(own, sizeof(Thread)); }) == 0) file.Open();
+    if (pthread_key_create(&threadKey, [](void* own) { munmap(own, sizeof(Thread)); }) == 0) file.Open();
     pthread_atfork(nullptr, nullptr, [] {
         if (!file.on) return;
-        if (void* const own = pthread_getspecific(threads)) static_cast<Thread*>(own)->id = 0;
+        if (void* const own = pthread_getspecific(threadKey)) static_cast<Thread*>(own)->id = 0;
         file.Forked();
     });
 }
@@ -642,7 +645,7 @@ Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& 
     const int before = errno;
     Prepare();
     void* found = slot.load(std::memory_order_acquire);
-    if (found == nullptr) slot = found = Find(name, reinterpret_cast<void*>(own));
+    if (found == nullptr) slot = found = dsmRecorderNext(name, reinterpret_cast<void*>(own));
     const auto function = reinterpret_cast<Result (*)(Declared...)>(found);
     const auto call = [&]() -> dsInt16_t {
         errno = before;
@@ -687,6 +690,16 @@ struct Prototype<R(Arguments...)> {
 };
 
 }  // namespace
+
+void* dsmRecorderNext(const char* name, void* own) {
+    Prepare();
+    void* found = Beyond(RTLD_NEXT, name);
+    if (found == nullptr) {
+        if (named == nullptr) named = dlopen("libApiTSM64.so", RTLD_LAZY | RTLD_GLOBAL);
+        if (named != nullptr) found = Beyond(named, name);
+    }
+    return found == own ? nullptr : found;
+}
 
 // As the API's own header declares them, whichever it is.
 #define ARGUMENT(name, i) Prototype<decltype(name)>::Argument<i> a##i
