@@ -1,6 +1,7 @@
 /* A host that does what recorders stumble over. Usage: trace_host calls|fork|threads|kill|full */
 #define _GNU_SOURCE
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -15,11 +16,15 @@
 
 int dsmOfTheFuture(int number);
 
-static int disk_is_short, disk_is_full;
+static int disk_is_short, disk_is_full, interrupted;
 
-/* In front of the system's: a disk that takes a part only, or nothing, of what is not meant for a terminal. */
+static void* Send(void* count);
+
+/* In front of the system's: a disk that takes a part only, or nothing, of what is not meant for a terminal. The first
+   time that it is full a signal's handler makes a call as well. */
 __attribute__((visibility("default"))) ssize_t write(int file, const void* bytes, size_t size) {
     if (disk_is_full && file > 2) {
+        if (!interrupted++) Send((void*)1);
         errno = ENOSPC;
         return -1;
     }
@@ -51,9 +56,19 @@ static void Calls(void) {
     Must(dsmGetNextQObj(1, &block) == DSM_RC_MORE_DATA && room[99] == 'x', "dsmGetNextQObj");
     errno = 5;
     Must(dsmBeginTxn(1) == 0 && errno == 77, "errno");
-    Send((void*)1);
+    /* The recording's descriptor is closed, and its number another file's; and a thread has a small stack. */
+    const int own = open("own", O_RDWR | O_CREAT | O_TRUNC, 0600);
+    dup2(own, 512);
+    pthread_attr_t small;
+    pthread_t thread;
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 64 << 10);
+    Must(pthread_create(&thread, &small, Send, (void*)1) == 0, "pthread_create");
+    pthread_join(thread, NULL);
+    dsmGetList list = {dsmGetListVersion, 1, NULL, (PartialObjData*)1};
     errno = 5;
-    Must(dsmRenameObj(NULL, NULL) == DSM_RC_ABORT_SYSTEM_ERROR && errno == 5, "a function that is missing");
+    Must(dsmBeginGetData(1, bTrue, gtBackup, &list) == DSM_RC_ABORT_SYSTEM_ERROR && errno == 5, "a missing function");
+    Must(lseek(own, 0, SEEK_END) == 0, "the host's own file");
     printf("%d\n", dsmOfTheFuture(41));
 }
 

@@ -42,7 +42,7 @@ std::map<std::pair<std::size_t, std::size_t>, Sequence> Read(const std::string& 
     std::map<std::pair<std::size_t, std::size_t>, Sequence> sequences;
     std::map<long long, std::map<std::pair<long long, long long>, std::size_t>> handles;
     std::map<long long, std::size_t> processes;
-    ForEachCall(file, [&](Json& line) {
+    const Health health = ForEachCall(file, [&](Json& line) {
         // One process makes the calls of all again.
         const long long pid = replayed ? 0 : line.at("pid").get<long long>();
         const auto handle = std::pair(line.at("pid").get<long long>(), HandleOf(line));
@@ -53,6 +53,8 @@ std::map<std::pair<std::size_t, std::size_t>, Sequence> Read(const std::string& 
         sequence.Reduce(line, replayed);
         sequence.calls.push_back(std::move(line));
     });
+    if (const long long gone = health.missing + health.unreadable; gone > 0)
+        fmt::print(stderr, "{}: {} lines are missing or cannot be read\n", file, gone);
     return sequences;
 }
 

@@ -68,7 +68,10 @@ int Doctor(const std::string& file, const std::string& folder, std::string optio
     }
     say(fmt::format("lines lost {}, missing {}, unreadable {}; processes begun {}, ended {}", health.lost,
                     health.missing, health.unreadable, health.begun, health.ended));
-    for (const std::string& part : FilesOf(file)) fs::copy_file(part, fs::path(folder) / fs::path(part).filename());
+    for (const std::string& part : FilesOf(file)) {  // by a name that no other file here has
+        const std::string suffix = fs::path(part).filename().string().substr(fs::path(file).filename().string().size());
+        fs::copy_file(part, fs::path(folder) / ("recording" + suffix));
+    }
     if (std::ifstream in(options); !options.empty() && in) {
         std::ofstream out(fs::path(folder) / "options");
         for (std::string line; std::getline(in, line);) out << WithoutSecrets(line);

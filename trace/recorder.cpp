@@ -5,11 +5,13 @@
 // it outlives the process however that ends. Where that fails, the host goes on and what is missing is counted.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,20 +28,34 @@
 
 #include "records.h"
 
+// The next function of the name that the program knows, else that of the library named. Null: the API has none.
+extern "C" __attribute__((visibility("default"))) void* dsmRecorderNext(const char* name, void* own);
+
 namespace {
 
 constexpr std::size_t longestText = 2048;     // of a pointer's text, which nothing else limits
 constexpr dsUint32_t mostIds = 256;           // of a list to read
 constexpr std::size_t bufferSize = 96 << 10;  // of a thread; used from the front, so that most of it is never touched
 
-// Lines grow on top of each other where the API calls its own functions.
+// What a thread has for its lines; they grow on top of each other where the API calls its own functions.
 struct Thread {
     long id;
     int depth;
     std::size_t top;
     char buffer[bufferSize];
 };
-thread_local Thread thread;
+pthread_key_t threadKey;
+
+// Mapped when the thread first calls: a thread_local variable would be taken from the stacks of all the host's threads,
+// however small they are. Null: no memory.
+Thread* OwnThread() {
+    if (void* const own = pthread_getspecific(threadKey)) return static_cast<Thread*>(own);
+    void* const made = mmap(nullptr, sizeof(Thread), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (made == MAP_FAILED) return nullptr;
+    if (pthread_setspecific(threadKey, made) == 0) return static_cast<Thread*>(made);
+    munmap(made, sizeof(Thread));
+    return nullptr;
+}
 
 long long Nanoseconds(clockid_t clock) {
     timespec now;
@@ -120,11 +136,15 @@ public:
         on = true;
     }
 
-    // Takes the file for a line that is about to be written, and numbers it. No thread is cancelled in between.
+    // Takes the file for a line that is about to be written, and numbers it. No thread is cancelled in between. 0: this
+    // thread has it already, and is in a signal's handler now.
     long long Lock() {
         int cancel;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel);
-        pthread_mutex_lock(&mutex_);
+        if (pthread_mutex_lock(&mutex_) != 0) {
+            pthread_setcancelstate(cancel, nullptr);
+            return 0;
+        }
         cancel_ = cancel;
         if (text_ == nullptr) Hold();
         return lines_ + 1;
@@ -137,11 +157,7 @@ public:
 
     // Both with the lock. A line that must be seen at once does not wait.
     void Write(const char* line, std::size_t size, long long now, bool atOnce) {
-        if (lost_ != 0) {
-            const long long lost = lost_;
-            lost_ = 0;
-            if (!Event("gap", lost)) lost_ = lost;
-        }
+        if (const long long lost = lost_.exchange(0); lost != 0 && !Event("gap", lost)) lost_ += lost;
         if (lost_ != 0 || !Append(line, size)) return Lose();
         ++lines_;
         if (atOnce || !mapped_ || used_ > capacity - capacity / 4 || now - flushed_ > 100000) {
@@ -153,8 +169,7 @@ public:
 
     // At the end of a process that ends by itself.
     void Close() {
-        if (!on || lines_ + lost_ == 0) return;
-        Lock();
+        if (!on || lines_ + lost_ == 0 || Lock() == 0) return;
         Flush();
         Event("end", lost_);
         Flush();
@@ -167,11 +182,12 @@ public:
 
     // In the child after a fork. It goes on in the same file, and holds its lines by itself.
     void Forked() {
-        pthread_mutex_init(&mutex_, nullptr);
+        mutex_ = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
         if (mapped_) munmap(text_, capacity);
         text_ = nullptr;
         pid = getpid();
-        lines_ = lost_ = 0;
+        lines_ = 0;
+        lost_ = 0;
         started = false;
     }
 
@@ -193,26 +209,30 @@ private:
     }
 
     // What a process of the same number left in the file is written first. Its blocks are there before it is mapped, so
-    // that a full disk cannot strike later.
+    // that a full disk cannot strike later, and end the host. Filesystems that want new ones then are not used so.
     void Hold() {
         static char own[capacity];
         static const char nothing[4096] = {};
         text_ = own;
         used_ = 0;
         mapped_ = false;
-        struct stat now;
-        if (fstat(fd_, &now) != 0 || !S_ISREG(now.st_mode)) return;  // a terminal, a pipe
+        if (!S_ISREG(attached_.st_mode)) return;  // a terminal
         std::snprintf(held_, sizeof held_, "%s.held.%d", path_, pid);
         const int opened = open(held_, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         if (opened < 0) return;
-        bool whole = fstat(opened, &now) == 0 && S_ISREG(now.st_mode);
+        struct stat now = {};
+        struct statfs disk;
+        bool whole = fstat(opened, &now) == 0 && S_ISREG(now.st_mode) && now.st_uid == geteuid() &&
+                     fstatfs(opened, &disk) == 0 &&
+                     (disk.f_type == EXT4_SUPER_MAGIC || disk.f_type == XFS_SUPER_MAGIC || disk.f_type == TMPFS_MAGIC ||
+                      disk.f_type == OVERLAYFS_SUPER_MAGIC);
         for (off_t at = now.st_size; whole && at < static_cast<off_t>(capacity); at += sizeof nothing) {
             whole = pwrite(opened, nothing, sizeof nothing, at) == sizeof nothing;
         }
         void* const area = whole ? mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_SHARED, opened, 0) : MAP_FAILED;
         close(opened);
         if (area == MAP_FAILED) {
-            unlink(held_);
+            if (now.st_size == 0) unlink(held_);
             return;
         }
         text_ = static_cast<char*>(area);
@@ -232,23 +252,34 @@ private:
 
     void Compare() { ahead_ = Nanoseconds(CLOCK_REALTIME) - Nanoseconds(CLOCK_MONOTONIC); }
 
+    // The file is looked at first: the host may have closed it, and opened another under its number; and what was in it
+    // before, or other processes wrote, may be all that it may hold.
     void Flush() {
         Compare();
+        if (used_ == 0) return;
+        struct stat now = {};
+        if (fstat(fd_, &now) != 0 || !Same(now, attached_)) {
+            fd_ = -1;
+            Attach();
+            now = attached_;
+        }
+        if (now.st_size > limit_) {
+            attached_ = now;
+            Rotate();
+            if (attached_.st_size > limit_) return;  // writing on might end the host
+        }
         while (used_ > 0) {
-            ssize_t done = write(fd_, text_, used_);
+            const ssize_t done = write(fd_, text_, used_);
             if (done < 0 && errno == EINTR) continue;
-            if (done < 0 && errno == EBADF) {  // the host closed it
-                fd_ = -1;
-                Attach();
-                done = write(fd_, text_, used_);
-            }
             if (done <= 0) return;
             used_ -= static_cast<std::size_t>(done);
             std::memmove(text_, text_ + done, used_);
             std::memset(text_ + used_, 0, static_cast<std::size_t>(done));
         }
-        struct stat now;  // with what other processes wrote
-        if (fstat(fd_, &now) == 0 && now.st_size > limit_) Rotate();
+    }
+
+    static bool Same(const struct stat& a, const struct stat& b) {
+        return a.st_ino == b.st_ino && a.st_dev == b.st_dev;
     }
 
     bool Event(const char* event, long long lost) {
@@ -260,10 +291,16 @@ private:
     }
 
     // Opens the file under its name, in place of the one that is open. Its descriptor is a high one: hosts that become
-    // daemons close the low ones, and open others under these numbers.
+    // daemons close the low ones, and open others under these numbers. A pipe could stop or end the host.
     void Attach() {
-        const int opened = open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0600);
+        const int opened = open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
+        struct stat made;
         if (opened < 0) return;
+        if (fstat(opened, &made) != 0 || S_ISFIFO(made.st_mode)) {
+            close(opened);
+            return;
+        }
+        attached_ = made;
         if (fd_ >= 0) {
             dup3(opened, fd_, O_CLOEXEC);
         } else {
@@ -275,9 +312,8 @@ private:
 
     // The file becomes FILE.1, that one FILE.2, and so on. Where another process did so, this one only follows.
     void Rotate() {
-        struct stat mine, named;
-        const bool same = fstat(fd_, &mine) == 0 && stat(path_, &named) == 0 && mine.st_ino == named.st_ino &&
-                          mine.st_dev == named.st_dev && S_ISREG(mine.st_mode);
+        struct stat now;
+        const bool same = S_ISREG(attached_.st_mode) && stat(path_, &now) == 0 && Same(now, attached_);
         for (int i = keep_; same && i > 0; --i) {
             char from[PATH_MAX + 16], to[PATH_MAX + 16];
             std::snprintf(from, sizeof from, i > 1 ? "%s.%d" : "%s", path_, i - 1);
@@ -287,9 +323,10 @@ private:
         Attach();
     }
 
-    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_t mutex_ = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     char path_[PATH_MAX] = {}, held_[PATH_MAX + 24] = {};
     int fd_ = -1;
+    struct stat attached_ = {};  // what that was opened for
     int keep_ = 0;
     long long limit_ = LLONG_MAX;
     char* text_ = nullptr;
@@ -297,7 +334,8 @@ private:
     bool mapped_ = false;
     std::atomic<long long> ahead_{0};  // how far one clock is of the other
     int cancel_ = 0;
-    long long lines_ = 0, lost_ = 0, flushed_ = 0;
+    long long lines_ = 0, flushed_ = 0;
+    std::atomic<long long> lost_{0};
 };
 
 File file;
@@ -311,7 +349,7 @@ std::atomic<std::uint64_t> queries[256];
 // The visitor that writes. A line is a JSON object; what does not fit into the buffer is left out as a whole.
 class Line {
 public:
-    Line() : thread_(thread), begin_(thread_.top), end_(begin_) {
+    explicit Line(Thread& thread) : thread_(thread), begin_(thread_.top), end_(begin_) {
         ++thread_.depth;
         if (thread_.id == 0) thread_.id = syscall(SYS_gettid);
         Raw("{");
@@ -475,7 +513,9 @@ public:
 
 private:
     void Finish(bool atOnce) {
-        Number("n", file.Lock());
+        const long long number = file.Lock();
+        if (number == 0) return file.Lose();
+        Number("n", number);
         Raw("}\n");
         if (full_) file.Lose();
         if (!full_) file.Write(thread_.buffer + begin_, end_ - begin_, at_, atOnce);
@@ -559,22 +599,22 @@ private:
 
 void* named = nullptr;  // the API's library, where one is named and until it is needed where none is
 
-// The next function of the name that the program knows, else that of the library named. Null: the API has none.
-void* Find(const char* name, void* own) {
-    void* found = dlsym(RTLD_NEXT, name);
-    if (found == nullptr) {
-        if (named == nullptr) named = dlopen("libApiTSM64.so", RTLD_LAZY | RTLD_GLOBAL);
-        if (named != nullptr) found = dlsym(named, name);
-    }
-    return found == own ? nullptr : found;
+// A library's function; of a recorder's, what it would hand the call on to, lest both write a line.
+void* Beyond(void* library, const char* name) {
+    void* const found = dlsym(library, name);
+    void* const next = dlsym(library, "dsmRecorderNext");
+    Dl_info one = {}, other = {};
+    if (found == nullptr || next == nullptr || next == reinterpret_cast<void*>(&dsmRecorderNext)) return found;
+    if (dladdr(found, &one) == 0 || dladdr(next, &other) == 0 || one.dli_fbase != other.dli_fbase) return found;
+    return reinterpret_cast<decltype(&dsmRecorderNext)>(next)(name, found);
 }
 
-void SayStart(void* function) {
+void SayStart(Thread& thread, void* function) {
     char program[PATH_MAX] = "";
     Dl_info where = {};
     if (readlink("/proc/self/exe", program, sizeof program - 1) < 0) program[0] = '\0';
     if (function != nullptr) dladdr(function, &where);
-    Line line;
+    Line line(thread);
     line.Start(program, where.dli_fname);
 }
 
@@ -582,9 +622,10 @@ void SayStart(void* function) {
 void Initialise() {
     const char* const library = secure_getenv("TSMTRACE_API");
     if (library != nullptr && *library != '\0') named = dlopen(library, RTLD_LAZY | RTLD_GLOBAL);
-    file.Open();
+    if (pthread_key_create(&threadKey, [](void* own) { munmap(own, sizeof(Thread)); }) == 0) file.Open();
     pthread_atfork(nullptr, nullptr, [] {
-        thread.id = 0;
+        if (!file.on) return;
+        if (void* const own = pthread_getspecific(threadKey)) static_cast<Thread*>(own)->id = 0;
         file.Forked();
     });
 }
@@ -604,7 +645,7 @@ Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& 
     const int before = errno;
     Prepare();
     void* found = slot.load(std::memory_order_acquire);
-    if (found == nullptr) slot = found = Find(name, reinterpret_cast<void*>(own));
+    if (found == nullptr) slot = found = dsmRecorderNext(name, reinterpret_cast<void*>(own));
     const auto function = reinterpret_cast<Result (*)(Declared...)>(found);
     const auto call = [&]() -> dsInt16_t {
         errno = before;
@@ -617,11 +658,13 @@ Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& 
         }
     };
     dsInt16_t rc;
-    if (!file.on) {
+    Thread* const thread = file.on ? OwnThread() : nullptr;
+    if (thread == nullptr) {
+        if (file.on) file.Lose();
         rc = call();
     } else {
-        if (!file.started.exchange(true)) SayStart(found);
-        Line line;
+        if (!file.started.exchange(true)) SayStart(*thread, found);
+        Line line(*thread);
         line.Begin(name);
         describe(line, arguments...);
         line.Called();
@@ -647,6 +690,16 @@ struct Prototype<R(Arguments...)> {
 };
 
 }  // namespace
+
+void* dsmRecorderNext(const char* name, void* own) {
+    Prepare();
+    void* found = Beyond(RTLD_NEXT, name);
+    if (found == nullptr) {
+        if (named == nullptr) named = dlopen("libApiTSM64.so", RTLD_LAZY | RTLD_GLOBAL);
+        if (named != nullptr) found = Beyond(named, name);
+    }
+    return found == own ? nullptr : found;
+}
 
 // As the API's own header declares them, whichever it is.
 #define ARGUMENT(name, i) Prototype<decltype(name)>::Argument<i> a##i

@@ -50,16 +50,20 @@ Code CodeOf(long long code) {
 
 std::vector<std::string> FilesOf(const std::string& file) {
     std::vector<std::string> files;
-    for (int i = 1; fs::exists(fmt::format("{}.{}", file, i)); ++i) {
-        files.insert(files.begin(), fmt::format("{}.{}", file, i));
-    }
-    if (fs::exists(file)) files.push_back(file);
+    std::map<int, std::string> older;  // there may be gaps, where two processes began new files at the same time
     const fs::path folder = fs::path(file).has_parent_path() ? fs::path(file).parent_path() : ".";
-    const std::string held = fs::path(file).filename().string() + ".held.";
+    const std::string name = fs::path(file).filename().string() + ".";
     std::error_code ignored;
+    if (fs::exists(file)) files.push_back(file);
     for (const auto& entry : fs::directory_iterator(folder, ignored)) {
-        if (entry.path().filename().string().rfind(held, 0) == 0) files.push_back(entry.path().string());
+        const std::string found = entry.path().filename().string();
+        if (found.rfind(name, 0) != 0) continue;
+        const std::string rest = found.substr(name.size());
+        if (rest.rfind("held.", 0) == 0) files.push_back(entry.path().string());
+        if (rest.size() < 5 && rest.find_first_not_of("0123456789") == std::string::npos && !rest.empty())
+            older[std::stoi(rest)] = entry.path().string();
     }
+    for (const auto& [number, part] : older) files.insert(files.begin(), part);
     return files;
 }
 
@@ -71,30 +75,30 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
     for (const std::string& part : files) {
         std::ifstream in(part, std::ios::binary);
         if (!in) throw Failure(part + ": cannot be read");
-        for (std::string text; std::getline(in, text);) {
-            if (const auto end = text.find('\0'); end == 0) break;  // the unused rest of what is held
-            Json line = Json::parse(text, nullptr, false);
-            if (!line.is_object() || !line.contains("pid") || !line.contains("at")) {
-                health.unreadable += !text.empty();
-                continue;
+        for (std::string text; std::getline(in, text);) try {
+                if (text.empty()) continue;
+                if (text[0] == '\0') break;  // the unused rest of what is held
+                Json line = Json::parse(text);
+                const long long pid = line.at("pid").get<long long>();
+                const std::string event = line.value("event", "");
+                if (event == "gap") health.lost += line.value("lost", 0LL);
+                if (event == "end") {
+                    health.lost += line.value("lost", 0LL);
+                    ++health.ended;
+                }
+                if (const long long number = line.value("n", 0LL)) {
+                    const bool known = last.count(pid) != 0;
+                    if (event == "start" && known && number <= last[pid])
+                        last[pid] = 0;  // another process of this number
+                    if (known && number <= last[pid]) continue;
+                    health.missing += number - last[pid] - 1;
+                    last[pid] = number;
+                }
+                health.begun += event == "start";
+                take(line);
+            } catch (const Json::exception&) {
+                ++health.unreadable;
             }
-            const long long pid = line.at("pid").get<long long>();
-            const std::string event = line.value("event", "");
-            if (event == "gap") health.lost += line.value("lost", 0LL);
-            if (event == "end") {
-                health.lost += line.value("lost", 0LL);
-                ++health.ended;
-            }
-            if (const long long number = line.value("n", 0LL)) {
-                const bool known = last.count(pid) != 0;
-                if (event == "start" && known && number <= last[pid]) last[pid] = 0;  // another process of this number
-                if (known && number <= last[pid]) continue;
-                health.missing += number - last[pid] - 1;
-                last[pid] = number;
-            }
-            health.begun += event == "start";
-            take(line);
-        }
     }
     return health;
 }

@@ -74,8 +74,9 @@ FIELDS(ObjAttr, v("v", r.stVersion), v("owner", r.owner), v("size", r.sizeEstima
 
 FIELDS(DataBlk, v("v", r.stVersion), v.Blank("offered", r.bufferPtr, r.bufferLen))
 
+// Callers of the version for whole objects need not set the parts.
 FIELDS(dsmGetList, v("v", r.stVersion), v.Ids("ids", r.objId, r.numObjId),
-       v.Parts("parts", r.partialObjData, r.numObjId))
+       r.stVersion > 2 ? v.Parts("parts", r.partialObjData, r.numObjId) : void())
 
 FIELDS(delBack, v("v", r.stVersion), v("name", r.objNameP), v("group", r.copyGroup))
 

@@ -23,8 +23,9 @@ constexpr bool hasVersion<T, std::void_t<decltype(T::stVersion)>> = true;
 // What is kept from call to call: which handle and which identifier stand for those of the recording.
 struct World {
     std::string options, password;
-    std::map<std::pair<long long, long long>, dsUint32_t> handles;
-    std::map<std::uint64_t, std::uint64_t> ids;
+    bool setUp = false;
+    std::map<std::pair<long long, long long>, dsUint32_t> handles = {};
+    std::map<std::uint64_t, std::uint64_t> ids = {};
 };
 
 std::uint64_t Whole(const dsStruct64_t& number) {
@@ -37,8 +38,12 @@ public:
 
     void Called(long long code) {
         answered_ = true;
-        if (code == 0 && newHandle_ != 0)
-            world_.handles[{line_.at("pid").get<long long>(), HandleOf(line_)}] = newHandle_;
+        const Json& call = line_.at("call");
+        if (call == "dsmSetUp" && code == 0) world_.setUp = true;
+        if (call == "dsmCleanUp") world_.setUp = false;
+        // Calls of a session that there is not go nowhere, lest they go to another one.
+        if (call == "dsmInitEx" && HandleOf(line_) != 0)
+            world_.handles[{line_.at("pid").get<long long>(), HandleOf(line_)}] = code == 0 ? newHandle_ : 0;
     }
 
     template <class T>
@@ -95,7 +100,7 @@ public:
         const Json& all = Get(key);
         if (!all.is_array()) return;
         parts = NewArray<PartialObjData>(count);
-        for (std::size_t i = 0; i < all.size(); ++i) {
+        for (std::size_t i = 0; i < std::min(all.size(), std::size_t{2} * count); ++i) {
             Set(i % 2 == 0 ? parts[i / 2].partialObjOffset : parts[i / 2].partialObjLength, all[i], false);
         }
     }
@@ -150,7 +155,8 @@ private:
     long long Integer(const char* key) const { return Get(key).is_number() ? Get(key).get<long long>() : 0; }
     void Set(dsStruct64_t& number, const Json& value, bool isId) const {
         std::uint64_t whole = value.is_number() ? value.get<std::uint64_t>() : 0;
-        if (isId && world_.ids.count(whole) != 0) whole = world_.ids[whole];
+        // One that this server did not tell names nothing, lest it be of another object.
+        if (isId && whole != 0) whole = world_.ids.count(whole) != 0 ? world_.ids[whole] : whole | 1ULL << 63;
         number = {static_cast<dsUint32_t>(whole >> 32), static_cast<dsUint32_t>(whole)};
     }
     template <class T>
@@ -225,15 +231,16 @@ int Replay(const std::string& file, const std::string& options, const std::strin
     setenv("TSMTRACE_FILE", output.c_str(), 1);
     void* const library = dlopen(recorder.c_str(), RTLD_NOW);
     if (library == nullptr) throw Failure(dlerror());
-    World world{options, password, {}, {}};
+    World world{options, password};
     ForEachCall(file, [&](Json& line) {
         const std::string call = line.at("call");
         const auto maker = makers.find(call);
         void* const function = maker == makers.end() ? nullptr : dlsym(library, call.c_str());
         if (function == nullptr) throw Failure(call + ": there is no such function");
+        if (call == "dsmInitEx" && !world.setUp)
+            throw Failure("a sign-on without a set-up: the API would choose the server");
         Filler filler(world, line);
         maker->second(filler, function);
     });
-    dlclose(library);  // completes the new recording
     return Diff(file, output, true);
 }
