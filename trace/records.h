@@ -74,7 +74,7 @@ FIELDS(ObjAttr, v("v", r.stVersion), v("owner", r.owner), v("size", r.sizeEstima
 
 FIELDS(DataBlk, v("v", r.stVersion), v.Blank("offered", r.bufferPtr, r.bufferLen))
 
-// Callers of the version for whole objects need not set the parts.
+// Callers of the version for whole objects need not set the ranges.
 FIELDS(dsmGetList, v("v", r.stVersion), v.Ids("ids", r.objId, r.numObjId),
        r.stVersion > 2 ? v.Parts("parts", r.partialObjData, r.numObjId) : void())
 
