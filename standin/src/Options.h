@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Faults.h"
 #include "dsmapitd.h"
 
 namespace standin {
@@ -24,15 +25,18 @@ struct MgmtClass {
 };
 
 struct Options {
-    // Throws std::runtime_error when the options file cannot be read or understood.
+    // Throws std::runtime_error when the options file, or the variable with rules, cannot be read or understood.
     explicit Options(const envSetUp* setUp);
 
     std::string storeDir;
     std::vector<MgmtClass> classes;  // never empty; the first one is the default
     bool mayDeleteBackups = true;
+    Faults faults;
 
 private:
     void ReadFile(const std::string& path);
+    void ReadRules(std::string rules);
+    bool TakeFault(const std::string& place, const std::string& keyword, const std::string& rest);
     bool Take(const std::string& keyword, const std::string& value, const std::string& baseDir);
 };
 
