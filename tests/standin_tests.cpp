@@ -291,7 +291,7 @@ TEST_F(StandIn, MistakesInRules) {
 }
 
 TEST_F(StandIn, SessionsEndWhenTheyAreIdle) {
-    ASSERT_EQ(SetUpWith("STOREDIR store\nSESSIONS 2\nIDLE 1000\nLATENCY dsmEndSendObj 1500\n"), 0);
+    ASSERT_EQ(SetUpWith("STOREDIR store\nSESSIONS 2\nIDLE 2000\nLATENCY dsmEndSendObj 2400\n"), 0);
     const auto name = Name("/d", "/f");
     {
         const Host first, second, third;
@@ -300,7 +300,7 @@ TEST_F(StandIn, SessionsEndWhenTheyAreIdle) {
         EXPECT_EQ(first.Put(name, "slow, not idle"), 0);
         EXPECT_EQ(dsmBeginTxn(first.handle), 0);
         first.Begin(name, std::string(100000, 'x'));
-        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2400));
         EXPECT_EQ(Host().rc, 0) << "those that are gone do not count";
         dsUint16_t reason = 0;
         EXPECT_EQ(first.Send("x"), DSM_RC_BAD_CALL_SEQUENCE);
