@@ -295,7 +295,7 @@ TEST_F(StandIn, SessionsEndWhenTheyAreIdle) {
     const auto name = Name("/d", "/f");
     {
         const Host first, second, third;
-        EXPECT_EQ(third.rc, DSM_RC_ABORT_SYSTEM_ERROR);
+        EXPECT_EQ(third.rc, DSM_RC_REJECT_NO_RESOURCES);
         EXPECT_EQ(first.Register(), 0);
         EXPECT_EQ(first.Put(name, "slow, not idle"), 0);
         EXPECT_EQ(dsmBeginTxn(first.handle), 0);

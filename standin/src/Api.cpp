@@ -11,7 +11,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <utility>
 
 #include "Faults.h"
@@ -190,7 +189,7 @@ dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) 
         if (node.size() > DSM_MAX_NODE_LENGTH) return DSM_RC_STRING_TOO_LONG;
         const std::string password = in->clientPasswordP ? in->clientPasswordP : "";
         const dsUint32_t place = Process::Instance().Reserve(environment->options.faults.sessions);
-        if (place == 0) throw std::runtime_error("sign-on refused: as many sessions as SESSIONS allows are open");
+        if (place == 0) return DSM_RC_REJECT_NO_RESOURCES;
         try {
             Process::Instance().Add(place, std::make_shared<Session>(environment, node, password));
         } catch (...) {

@@ -331,7 +331,7 @@ writer.__exit__(None, None, None)
                 use()
 
         rows: List[Any] = [
-            ("FAULT dsmSetUp 102", second, -102), ("FAULT dsmInitEx 137", second, -137), ("SESSIONS 1", self.open, -1),
+            ("FAULT dsmSetUp 102", second, -102), ("FAULT dsmInitEx 137", second, -137), ("SESSIONS 1", self.open, -51),
             ("FAULT dsmSendData 157 11", second, -11), ("FAULT dsmEndTxn 2302 12", second, -12),
             ("FAULT dsmEndTxn 0 15", second, -15), ("STRICTSIZE", second, -13), ("IDLE 500", slowly, -2041),
             ("FAULT dsmBeginGetData 9", lambda: self.fetch("", "f"), -9), ("FAULT dsmGetNextQObj 1", self.names, -1),
