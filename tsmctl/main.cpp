@@ -11,16 +11,18 @@
 #include <memory>
 #include <sstream>
 
-#include "commands.h"
-#include "completion.h"
-#include "errors.h"
-#include "help.h"
-#include "local.h"
-#include "log.h"
-#include "names.h"
-#include "usage.h"
+#include "Commands.h"
+#include "Completion.h"
+#include "ErrorLog.h"
+#include "Errors.h"
+#include "HelpFormatter.h"
+#include "LocalTree.h"
+#include "ObjectNames.h"
+#include "UsageText.h"
 
+namespace tsmctl {
 namespace {
+
 using Function = void (*)(Context&);
 
 struct Command {
@@ -79,11 +81,11 @@ int Print(const std::string& text) {
 
 class CommandLine {
 public:
-    explicit CommandLine(Options& target) : options(target) {
-        app.formatter(std::make_shared<HelpFormatter>());
-        app.fallthrough();
-        app.require_subcommand(1);
-        app.footer(
+    explicit CommandLine(Options& target) : options_(target) {
+        app_.formatter(std::make_shared<HelpFormatter>());
+        app_.fallthrough();
+        app_.require_subcommand(1);
+        app_.footer(
             "Environment:\n"
             "  A variable in [brackets] stands in for the option. TSMCTL_PASSWORD is the password\n"
             "  where no file is named; without either, it is asked for on the terminal.\n\n"
@@ -93,7 +95,7 @@ public:
             "  2  the command line makes no sense, or nobody could be asked: nothing was changed\n"
             "  128 and the number of the signal, where one ended it\n\n"
             "'tsmctl help COMMAND' gives a command's options and examples, man tsmctl the rest.");
-        AddCommonOptions(app, options);
+        AddCommonOptions(app_, options_);
         AddTransfers();
         AddInventory();
         AddServer();
@@ -102,31 +104,31 @@ public:
         CLI::App* const help =
             Add("help", "Show this help, or that of a command", {"tsmctl help", "tsmctl help backup"}, nullptr);
         std::vector<std::string> names;
-        for (const Command& command : commands) names.push_back(command.app->get_name());
-        AddChoice(help, "COMMAND", options.topic, "the command", names);
-        for (const Command& command : commands) RefuseValuesOfFlags(*command.app);
-        RefuseValuesOfFlags(app);
+        for (const Command& command : commands_) names.push_back(command.app->get_name());
+        AddChoice(help, "COMMAND", options_.topic, "the command", names);
+        for (const Command& command : commands_) RefuseValuesOfFlags(*command.app);
+        RefuseValuesOfFlags(app_);
     }
 
     // The function of the command that was typed. Throws CLI::ParseError and UsageError.
     Function Parse(int argc, char** argv) {
         RefuseEmptyValues({argv, argv + argc});
-        app.parse(argc, argv);
-        for (const Command& command : commands) {
+        app_.parse(argc, argv);
+        for (const Command& command : commands_) {
             if (command.app->parsed()) RefuseOptionsAsValues(*command.app);
         }
-        if (options.filespace.empty()) throw UsageError("--filespace needs a name");
-        if (app.get_subcommand("restore")->count("--to") > 0 && options.to.empty()) {
+        if (options_.filespace.empty()) throw UsageError("--filespace needs a name");
+        if (app_.get_subcommand("restore")->count("--to") > 0 && options_.to.empty()) {
             throw UsageError("restore --to needs a folder, or - for standard output");
         }
-        const bool input = std::find(options.paths.begin(), options.paths.end(), "-") != options.paths.end();
-        const bool transfers = app.got_subcommand("backup") || app.got_subcommand("verify");
-        if (transfers && input != !options.as.empty()) throw UsageError("- and --as NAME belong together");
-        if (transfers && input && options.paths.size() > 1) throw UsageError("- stands alone");
-        if (transfers && input && ParsePath(options.as).empty()) throw UsageError("--as needs a name");
-        if (options.size && !input) throw UsageError("--size belongs to -");
-        if (options.node.empty()) options.node = HostName();
-        for (const Command& command : commands) {
+        const bool input = std::find(options_.paths.begin(), options_.paths.end(), "-") != options_.paths.end();
+        const bool transfers = app_.got_subcommand("backup") || app_.got_subcommand("verify");
+        if (transfers && input != !options_.as.empty()) throw UsageError("- and --as NAME belong together");
+        if (transfers && input && options_.paths.size() > 1) throw UsageError("- stands alone");
+        if (transfers && input && ParsePath(options_.as).empty()) throw UsageError("--as needs a name");
+        if (options_.size && !input) throw UsageError("--size belongs to -");
+        if (options_.node.empty()) options_.node = HostName();
+        for (const Command& command : commands_) {
             if (command.app->parsed()) return command.run;
         }
         throw UsageError("no command");
@@ -134,40 +136,40 @@ public:
 
     // What the commands without a server print.
     std::string Text() const {
-        if (app.got_subcommand("completion")) return CompletionScript(app);
-        const CLI::App* const about = options.topic.empty() ? &app : app.get_subcommand(options.topic);
-        const std::string name = options.topic.empty() ? "tsmctl" : "tsmctl " + options.topic;
-        return app.get_formatter()->make_help(about, name, CLI::AppFormatMode::Normal);
+        if (app_.got_subcommand("completion")) return CompletionScript(app_);
+        const CLI::App* const about = options_.topic.empty() ? &app_ : app_.get_subcommand(options_.topic);
+        const std::string name = options_.topic.empty() ? "tsmctl" : "tsmctl " + options_.topic;
+        return app_.get_formatter()->make_help(about, name, CLI::AppFormatMode::Normal);
     }
 
     int Explain(const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             std::ostringstream text;
-            app.exit(error, text);
+            app_.exit(error, text);
             return Print(text.str());
         }
-        Tell(UsageText(app, error));
+        Tell(UsageText(app_, error));
         return 2;
     }
 
 private:
     CLI::App* Add(const char* name, const char* description, const std::vector<std::string>& examples, Function run) {
-        CLI::App* const command = app.add_subcommand(name, description);
+        CLI::App* const command = app_.add_subcommand(name, description);
         std::string footer = "Examples:\n";
         for (const std::string& example : examples) footer += "  " + example + "\n";
         command->footer(footer + "\nThe options of 'tsmctl --help' may stand before or after the command.");
-        commands.push_back({command, run});
+        commands_.push_back({command, run});
         return command;
     }
 
     // The type tells whether these are local files.
     CLI::Option* AddPaths(CLI::App* command, const char* name, const char* type, const char* description, int count) {
-        CLI::Option* const paths = command->add_option(name, options.paths, description)->type_name(type);
+        CLI::Option* const paths = command->add_option(name, options_.paths, description)->type_name(type);
         return paths->expected(count)->allow_extra_args(count < 0);
     }
 
     void AddAt(CLI::App* command, const char* description) {
-        command->add_option("--at", options.at, description)->type_name("MOMENT")->check(CheckMoment);
+        command->add_option("--at", options_.at, description)->type_name("MOMENT")->check(CheckMoment);
     }
 
     // Decimal only. What CLI11 reads as a number may also be octal, and is cut down where it is too large.
@@ -200,12 +202,12 @@ private:
 
     // Nor does CLI11 see that a value is missing where the option that follows is not of the same level.
     void RefuseOptionsAsValues(const CLI::App& command) const {
-        for (const CLI::App* const owner : {&app, &command}) {
+        for (const CLI::App* const owner : {&app_, &command}) {
             for (const CLI::Option* option : owner->get_options({})) {
                 for (const std::string& value : option->results()) {
                     if (option->get_positional() || value.size() < 2 || value[0] != '-') continue;
                     const std::string name = value.substr(0, value[1] == '-' ? value.find('=') : 2);
-                    if (name == "--" || app.get_option_no_throw(name) || command.get_option_no_throw(name)) {
+                    if (name == "--" || app_.get_option_no_throw(name) || command.get_option_no_throw(name)) {
                         throw UsageError(fmt::format("{} needs a value, not {}", option->get_name(), value));
                     }
                 }
@@ -222,8 +224,8 @@ private:
 
     void AddJobs(CLI::App* command) {
         AddNumber(command, "-j,--jobs", "NUMBER", "sessions at the same time, 1 to 64", 1, 64,
-                  [this](long long number) { options.jobs = static_cast<int>(number); })
-            ->default_str(std::to_string(options.jobs));
+                  [this](long long number) { options_.jobs = static_cast<int>(number); })
+            ->default_str(std::to_string(options_.jobs));
     }
 
     static CLI::Option* AddChoice(CLI::App* command, const char* name, std::string& value, const char* description,
@@ -244,19 +246,19 @@ private:
                                       "tar -c docs | tsmctl backup - --as dumps/docs.tar"},
                                      RunBackup);
         AddPaths(backup, "PATH", fileType, "what to store, under its last part; - is standard input", -1)->required();
-        backup->add_option("--class", options.mgmtClass, "management class (default: the server's choice)")
+        backup->add_option("--class", options_.mgmtClass, "management class (default: the server's choice)")
             ->type_name("NAME");
         AddNumber(backup, "--size", "BYTES", "of standard input, where it is known", 0, LLONG_MAX,
-                  [this](long long number) { options.size = number; });
+                  [this](long long number) { options_.size = number; });
         CLI::App* const verify = Add("verify", "Compare what is stored with the local files, byte for byte",
                                      {"tsmctl verify docs --to nightly -j 4",
                                       "tsmctl restore dumps/docs.tar --to - | tsmctl verify - --as dumps/docs.tar"},
                                      RunVerify);
         AddPaths(verify, "PATH", fileType, "what was stored, as it was given to backup", -1)->required();
         for (CLI::App* const command : {backup, verify}) {
-            command->add_option("--to", options.to, "directory among the objects (default: the top)")
+            command->add_option("--to", options_.to, "directory among the objects (default: the top)")
                 ->type_name("PATH");
-            command->add_option("--as", options.as, "object path for standard input, below --to")->type_name("PATH");
+            command->add_option("--as", options_.as, "object path for standard input, below --to")->type_name("PATH");
             AddJobs(command);
         }
         CLI::App* const restore =
@@ -266,9 +268,9 @@ private:
                  "tsmctl restore dumps/docs.tar --to - | tar -t", "tsmctl restore / --to everything"},
                 RunRestore);
         AddPaths(restore, "PATH", "OBJECT", "object path; / is everything", 1)->required();
-        restore->add_option("--to", options.to, "where to (default: here); - is standard output")
+        restore->add_option("--to", options_.to, "where to (default: here); - is standard output")
             ->type_name(folderType);
-        restore->add_flag("--force", options.force, "replace files that exist");
+        restore->add_flag("--force", options_.force, "replace files that exist");
         AddAt(restore, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
         AddJobs(restore);
     }
@@ -280,9 +282,9 @@ private:
                  "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
                 RunList);
         AddPaths(list, "PATH", "OBJECT", "object path, may hold * and ? (default: everything)", 1);
-        AddChoice(list, "--type", options.type, "kind of object", {"any", "dir", "file"})->capture_default_str();
-        list->add_flag("--json", options.json, "one JSON object a line");
-        list->add_flag("--all-versions", options.allVersions, "inactive versions too");
+        AddChoice(list, "--type", options_.type, "kind of object", {"any", "dir", "file"})->capture_default_str();
+        list->add_flag("--json", options_.json, "one JSON object a line");
+        list->add_flag("--all-versions", options_.allVersions, "inactive versions too");
         AddAt(list, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
         list->get_option("--at")->excludes("--all-versions");
         CLI::App* const remove =
@@ -291,21 +293,21 @@ private:
                  "tsmctl delete nightly/docs --recursive --yes", "tsmctl delete dumps/docs.tar --all-versions"},
                 RunDelete);
         AddPaths(remove, "PATH", "OBJECT", "object path, its last part may hold * and ?", -1)->required();
-        remove->add_flag("--recursive", options.recursive, "with all that lies below");
-        remove->add_flag("--all-versions", options.allVersions, "every version, for good");
+        remove->add_flag("--recursive", options_.recursive, "with all that lies below");
+        remove->add_flag("--all-versions", options_.allVersions, "every version, for good");
         AddAt(remove, "only what was current at 'YYYY-MM-DD HH:MM:SS', server time");
-        remove->add_flag("--yes", options.yes, "do not ask before more than one object goes");
+        remove->add_flag("--yes", options_.yes, "do not ask before more than one object goes");
         for (CLI::App* const command : {list, remove}) {
-            command->add_flag("--literal", options.literal, "take * and ? in PATH as they are");
+            command->add_flag("--literal", options_.literal, "take * and ? in PATH as they are");
         }
         CLI::App* const rename =
             Add("rename", "Give an object or a tree a new object path, with all its versions",
                 {"tsmctl rename nightly/docs archive/docs-2024", "tsmctl rename dumps/docs.tar dumps/latest.tar --yes"},
                 RunRename);
         // Names of positionals hold no blank: newer versions of CLI11 refuse one.
-        rename->add_option("OLD", options.oldPath, "the object path")->type_name("OBJECT")->required();
-        rename->add_option("NEW", options.newPath, "its new object path")->type_name("OBJECT")->required();
-        rename->add_flag("--yes", options.yes, "replace what is stored at NEW without asking");
+        rename->add_option("OLD", options_.oldPath, "the object path")->type_name("OBJECT")->required();
+        rename->add_option("NEW", options_.newPath, "its new object path")->type_name("OBJECT")->required();
+        rename->add_flag("--yes", options_.yes, "replace what is stored at NEW without asking");
     }
 
     void AddServer() {
@@ -314,20 +316,20 @@ private:
         CLI::App* const classes =
             Add("classes", "List the management classes", {"tsmctl classes", "tsmctl classes --json"}, RunClasses);
         for (CLI::App* const command : {spaces, classes}) {
-            command->add_flag("--json", options.json, "one JSON object a line");
+            command->add_flag("--json", options_.json, "one JSON object a line");
         }
         CLI::App* const remove = Add("delete-filespace", "Delete a filespace with everything in it, for good",
                                      {"tsmctl delete-filespace old-host --yes"}, RunDeleteFilespace);
         AddPaths(remove, "NAME", "NAME", "the filespace", 1)->required();
-        remove->add_flag("--yes", options.yes, "do not ask");
+        remove->add_flag("--yes", options_.yes, "do not ask");
         CLI::App* const grant = Add("grant", "Let another node read the filespace",
                                     {"tsmctl grant NODE2", "tsmctl grant NODE2 --filespace shared"}, RunGrant);
         AddPaths(grant, "NODE", "NAME", "the node that gets access", 1)->required();
     }
 
-    CLI::App app{"Stores files on a TSM server and brings them back.", "tsmctl"};
-    Options& options;
-    std::vector<Command> commands;
+    CLI::App app_{"Stores files on a TSM server and brings them back.", "tsmctl"};
+    Options& options_;
+    std::vector<Command> commands_;
 };
 
 int Run(int argc, char** argv) {
@@ -354,9 +356,10 @@ int Run(int argc, char** argv) {
     if (log.Changed()) Tell("the client API's log has more: " + log.Path());
     return 1;
 }
+
 }  // namespace
 
-int main(int argc, char** argv) try {
+int Main(int argc, char** argv) try {
     ReserveStandardStreams();
     CatchSignals();
     return Run(argc, argv);
@@ -369,4 +372,10 @@ int main(int argc, char** argv) try {
 } catch (const std::exception& error) {
     Tell(error.what());
     return 1;
+}
+
+}  // namespace tsmctl
+
+int main(int argc, char** argv) {
+    return tsmctl::Main(argc, argv);
 }

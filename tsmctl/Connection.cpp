@@ -1,0 +1,98 @@
+#include "Connection.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "Errors.h"
+#include "LocalTree.h"
+#include "Report.h"
+#include "Terminal.h"
+#include "tsmconnector.h"
+
+namespace tsmctl {
+namespace {
+
+std::string PasswordIn(const std::string& path) try {
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status = {};
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
+    if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        Tell(path + ": warning: other users can read this password file (chmod 600 ends that)");
+    }
+    std::string line = ReadLine(file.Get());
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return line;
+} catch (const Failure& failure) {
+    throw Failure(fmt::format("password file {}: {}", path, failure.what()));
+}
+
+std::string PasswordFor(const Options& options) {
+    const char* const variable = std::getenv("TSMCTL_PASSWORD");
+    std::string password = !options.passwordFile.empty() ? PasswordIn(options.passwordFile)
+                           : variable                    ? variable
+                                      : AskPassword(fmt::format("Password of node {}: ", Printable(options.node)));
+    if (password.empty()) throw UsageError("the password is empty");
+    if (password.find('\0') != std::string::npos) throw UsageError("the password holds a byte 0");
+    return password;
+}
+
+}  // namespace
+
+Connection::Connection(const Options& chosen) : options_(chosen), password_(PasswordFor(chosen)) {
+    char application[] = "tsmctl";
+    const int result =
+        TsmInitApi(TextOrNull(options_.config), TextOrNull(options_.logDir), TextOrNull(options_.apiDir), application);
+    if (result != 0) {
+        TsmReleaseApi();
+        explicit_bzero(password_.data(), password_.size());
+        const std::string file =
+            options_.config.empty() ? "the default options file" : "options file " + options_.config;
+        const char* const log = options_.logDir.empty() ? "; --log-dir FOLDER keeps a log of the reasons" : "";
+        throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + log);
+    }
+}
+
+Connection::~Connection() {
+    TsmReleaseApi();
+    explicit_bzero(password_.data(), password_.size());
+}
+
+Session::Session(const Connection& owner, bool withFilespace) : connection_(owner), filespace_(withFilespace) {}
+
+Session::~Session() {
+    Drop();
+}
+
+int Session::Handle() {
+    if (handle_ > 0) return handle_;
+    const Options& options = connection_.options_;
+    char delimiter[] = "/";
+    handle_ = TsmOpenSession(TextOrNull(options.node), TextOrNull(options.owner), Text(connection_.password_), nullptr,
+                             nullptr, nullptr, delimiter);
+    if (handle_ <= 0) {
+        const int result = std::exchange(handle_, 0);
+        throw Failure(CodeText("cannot sign on as node " + options.node, result));
+    }
+    const std::string what = "cannot connect to the filespace " + options.filespace;
+    if (filespace_) Check(what.c_str(), TsmConnectToFileSpace(handle_, Text(options.filespace)));
+    return handle_;
+}
+
+void Session::Drop() {
+    if (handle_ > 0) TsmCloseSession(handle_);
+    handle_ = 0;
+}
+
+long long Session::Check(const char* what, long long result) {
+    if (result >= 0) return result;
+    Drop();
+    throw Failure(CodeText(what, result));
+}
+
+}  // namespace tsmctl
