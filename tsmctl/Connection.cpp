@@ -10,7 +10,8 @@
 #include <utility>
 
 #include "Errors.h"
-#include "LocalTree.h"
+#include "Files.h"
+#include "ObjectNames.h"
 #include "Report.h"
 #include "Terminal.h"
 #include "tsmconnector.h"
@@ -23,7 +24,7 @@ std::string PasswordIn(const std::string& path) try {
     struct stat status = {};
     if (file.Get() < 0 || fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
     if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-        Tell(path + ": warning: other users can read this password file (chmod 600 ends that)");
+        PrintMessage(path + ": warning: other users can read this password file (chmod 600 ends that)");
     }
     std::string line = ReadLine(file.Get());
     if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -32,7 +33,7 @@ std::string PasswordIn(const std::string& path) try {
     throw Failure(fmt::format("password file {}: {}", path, failure.what()));
 }
 
-std::string PasswordFor(const Options& options) {
+std::string PasswordFor(const ConnectionOptions& options) {
     const char* const variable = std::getenv("TSMCTL_PASSWORD");
     std::string password = !options.passwordFile.empty() ? PasswordIn(options.passwordFile)
                            : variable                    ? variable
@@ -44,26 +45,37 @@ std::string PasswordFor(const Options& options) {
 
 }  // namespace
 
-Connection::Connection(const Options& chosen) : options_(chosen), password_(PasswordFor(chosen)) {
-    char application[] = "tsmctl";
-    const int result =
-        TsmInitApi(TextOrNull(options_.config), TextOrNull(options_.logDir), TextOrNull(options_.apiDir), application);
-    if (result != 0) {
-        TsmReleaseApi();
-        explicit_bzero(password_.data(), password_.size());
-        const std::string file =
-            options_.config.empty() ? "the default options file" : "options file " + options_.config;
-        const char* const log = options_.logDir.empty() ? "; --log-dir FOLDER keeps a log of the reasons" : "";
-        throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + log);
-    }
-}
+Connection::Connection(const ConnectionOptions& options) : options_(options) {}
 
 Connection::~Connection() {
-    TsmReleaseApi();
+    if (!password_.empty()) TsmReleaseApi();
     explicit_bzero(password_.data(), password_.size());
 }
 
-Session::Session(const Connection& owner, bool withFilespace) : connection_(owner), filespace_(withFilespace) {}
+void Connection::SetUp() {
+    std::call_once(once_, [this] { SetUpOnce(); });
+}
+
+void Connection::SetUpOnce() {
+    options_.logDir = LogFolder(options_.logDir);
+    log_.emplace(options_.logDir);
+    password_ = PasswordFor(options_);
+    char application[] = "tsmctl";
+    const int result =
+        TsmInitApi(TextOrNull(options_.config), TextOrNull(options_.logDir), TextOrNull(options_.apiDir), application);
+    if (result == 0) return;
+    const std::string file = options_.config.empty() ? "the default options file" : "options file " + options_.config;
+    const char* const hint = options_.logDir.empty() ? "; --log-dir FOLDER keeps a log of the reasons" : "";
+    throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + hint);
+}
+
+std::string Connection::GrownLog() const {
+    return log_ && log_->Changed() ? log_->Path() : "";
+}
+
+Session::Session(Connection& connection, bool withFilespace) : connection_(connection), withFilespace_(withFilespace) {
+    connection_.SetUp();
+}
 
 Session::~Session() {
     Drop();
@@ -71,7 +83,7 @@ Session::~Session() {
 
 int Session::Handle() {
     if (handle_ > 0) return handle_;
-    const Options& options = connection_.options_;
+    const ConnectionOptions& options = connection_.options_;
     char delimiter[] = "/";
     handle_ = TsmOpenSession(TextOrNull(options.node), TextOrNull(options.owner), Text(connection_.password_), nullptr,
                              nullptr, nullptr, delimiter);
@@ -80,7 +92,7 @@ int Session::Handle() {
         throw Failure(CodeText("cannot sign on as node " + options.node, result));
     }
     const std::string what = "cannot connect to the filespace " + options.filespace;
-    if (filespace_) Check(what.c_str(), TsmConnectToFileSpace(handle_, Text(options.filespace)));
+    if (withFilespace_) Check(what.c_str(), TsmConnectToFileSpace(handle_, Text(options.filespace)));
     return handle_;
 }
 

@@ -29,7 +29,7 @@ bool IsMine(const fs::path& folder) {
     return stat(folder.c_str(), &status) == 0 && status.st_uid == geteuid();
 }
 
-// Below a folder of somebody else's, as HOME may be after sudo, the log could be made to stand for another file.
+// Another user's folder, as HOME may be after sudo, is not used: its owner could make the log a link to another file.
 fs::path StateFolder() {
     const auto variable = [](const char* name) {
         const char* const value = std::getenv(name);

@@ -1,4 +1,4 @@
-// The client API's error log, which has the reasons behind many a failure.
+// The client API's error log, which has the reasons for many failures.
 #pragma once
 
 #include <sys/types.h>
@@ -7,11 +7,11 @@
 
 namespace tsmctl {
 
-// The folder for the log: the one that was asked for, else tsmctl's own in the user's state folder; empty where that
-// cannot be made. Throws Failure where the log could not be written to the folder that was asked for.
+// The folder for the log: the wanted one, else tsmctl's own in the user's state folder, which is created; empty where
+// that fails. Throws Failure where the log could not be written to the wanted folder.
 std::string LogFolder(const std::string& wanted);
 
-// Tells whether something was logged since it was made.
+// Knows whether something was logged since it was created.
 class LogWatch {
 public:
     explicit LogWatch(const std::string& folder);

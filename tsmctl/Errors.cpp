@@ -16,7 +16,7 @@ namespace {
 std::atomic<int> pendingSignal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs it");
 
-// The second signal does not wait: the server may be hanging.
+// The second signal does not wait, since the server may hang.
 void OnSignal(int number) {
     if (pendingSignal.exchange(number) != 0) _exit(128 + number);
 }
@@ -44,12 +44,16 @@ std::string CodeText(const std::string& what, long long result) {
     return fmt::format("{}: {} ({}), {}", what, *code.name ? code.name : "return code", result, code.meaning);
 }
 
+Failure NotFound(const std::string& place) {
+    return Failure(CodeText(place.empty() ? "not found" : "not found " + place, -2));
+}
+
 void FailLocal(const std::string& what, int error) {
     throw Failure(fmt::format("{}: {}", what, std::generic_category().message(error)));
 }
 
-// Calls are restarted, so that no signal breaks into the client API; what may wait for long polls (LocalTree.cpp).
-// What the caller ignores, as nohup does, stays ignored.
+// Calls are restarted, so that no signal breaks into the client API; what may wait for long polls (Files.cpp).
+// Signals that the caller ignores, as nohup does, stay ignored.
 void CatchSignals() {
     struct sigaction action = {};
     action.sa_handler = OnSignal;

@@ -1,4 +1,4 @@
-// How things go wrong: what is thrown, the names of the API's codes, and the wish of a signal to stop.
+// What is thrown, the names of the API's return codes, and signals that ask to stop.
 #pragma once
 
 #include <stdexcept>
@@ -6,28 +6,33 @@
 
 namespace tsmctl {
 
-// One object, or the whole command, could not be done or was declined: exit status 1.
+// One object or the whole command failed, or a question was declined: exit status 1.
 class Failure : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// The command line does not make sense, or a question has no terminal to be asked on (--yes was not given): exit status
-// 2, no object was changed.
+// The command line makes no sense, or there is no terminal to ask on: exit status 2. No object was changed.
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// A signal asked to stop. Not a std::exception, so that no handler takes it for the failure of one object.
+// A signal asked to stop. It is no std::exception, so that no handler takes it for the failure of one object.
 struct Interrupted {};
 
 // "what: DSM_RC_NAME (-code), meaning" for a result of the connector.
 std::string CodeText(const std::string& what, long long result);
+// No object matches. place may say where it was sought.
+Failure NotFound(const std::string& place = "");
+// Throws Failure with the text of an errno.
 [[noreturn]] void FailLocal(const std::string& what, int error);
 
+// From now on SIGINT, SIGTERM and SIGHUP are remembered; a second one ends the process.
 void CatchSignals();
+// The signal that asked to stop, or 0.
 int PendingSignal();
+// Throws Interrupted once a signal has asked to stop.
 void CheckInterrupt();
 
 }  // namespace tsmctl

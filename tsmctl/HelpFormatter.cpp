@@ -4,7 +4,7 @@
 
 namespace tsmctl {
 
-std::string ValueOf(const CLI::Option& option) {
+std::string TypeOfValue(const CLI::Option& option) {
     return option.get_expected_max() == 0 ? "" : option.get_type_name();
 }
 
@@ -24,7 +24,7 @@ std::string Row(const std::string& left, const std::string& right) {
 
 std::string RowOf(const CLI::Option& option) {
     std::string names = Names(option);
-    if (!option.get_positional() && !ValueOf(option).empty()) names += " " + ValueOf(option);
+    if (!option.get_positional() && !TypeOfValue(option).empty()) names += " " + TypeOfValue(option);
     std::string text = option.get_description();
     if (!option.get_default_str().empty()) text += " (default: " + option.get_default_str() + ")";
     if (!option.get_envname().empty()) text += " [" + option.get_envname() + "]";

@@ -1,4 +1,4 @@
-// How --help looks, and what the completion needs to know of an option too.
+// How the help looks, and what the completion needs to know of an option as well.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -6,14 +6,14 @@
 
 namespace tsmctl {
 
-// Type names of the values that are local names; the completion offers files or folders for them.
+// Type names of values that are local names. The completion offers files or folders for them.
 constexpr const char* fileType = "FILE";
 constexpr const char* folderType = "FOLDER";
 
-// What an option takes: "FILE", or "any|dir|file" where only these will do. Empty for a flag.
-std::string ValueOf(const CLI::Option& option);
+// The type of an option's value: "FILE", or "any|dir|file" where it is one of these words. Empty for a flag.
+std::string TypeOfValue(const CLI::Option& option);
 
-// One layout, whatever the version of CLI11 would make of it.
+// The layout is ours, so that it does not depend on the version of CLI11.
 class HelpFormatter : public CLI::FormatterBase {
 public:
     std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override;

@@ -8,7 +8,6 @@
 #include <tuple>
 
 #include "Errors.h"
-#include "tsmconnector.h"
 
 namespace tsmctl {
 
@@ -54,10 +53,10 @@ StoredObject CopyOf(const TsmObject& record) {
 
 class Lister {
 public:
-    Lister(Session& open, const NamePattern& wanted, const Selection& limits)
-        : session_(open), pattern_(wanted), selection_(limits) {}
+    Lister(Session& session, const NamePattern& pattern, const Selection& selection)
+        : session_(session), pattern_(pattern), selection_(selection) {}
 
-    // Keeps what matches at a depth from least to most, so that overlapping queries give nothing twice.
+    // Keeps what matches at a depth from least to most, so that queries which overlap give nothing twice.
     void Query(const std::string& path, const char* name, size_t least, size_t most) {
         TsmObject* records = nullptr;
         const int handle = session_.Handle();
@@ -151,13 +150,12 @@ void RequireChangeable(Session& session, const StoredObject& object) {
     if (HasWildcard(object.name)) RequireOnlyMatch(session, object, "", true);
 }
 
-void FilesAbove::Refuse(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo) {
-    for (size_t depth = 1; depth < object.size(); ++depth) {
-        for (const StoredObject& file :
-             FilesAt(Parts(object.begin(), object.begin() + static_cast<std::ptrdiff_t>(depth)))) {
+void FilesAbove::RequireNone(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo) {
+    for (const Parts& directory : DirectoriesAbove(object)) {
+        for (const StoredObject& file : FilesAt(directory)) {
             if (mayGo(file)) continue;
             throw Failure(fmt::format("a file is stored under the name of a directory above ({}); it would be lost",
-                                      file.Shown()));
+                                      file.ObjectPath()));
         }
     }
 }

@@ -10,6 +10,7 @@
 #include "Connection.h"
 #include "ObjectInfo.h"
 #include "ObjectNames.h"
+#include "tsmconnector.h"
 
 namespace tsmctl {
 
@@ -25,36 +26,39 @@ struct StoredObject {
 
     Parts StoredParts() const;
     Parts PlainParts() const;
-    std::string Shown() const { return Join(PlainParts()); }
+    // Exactly as stored, path and name.
+    std::string StoredPath() const { return path + "/" + name; }
+    std::string ObjectPath() const { return Join(PlainParts()); }
     Kind GetKind() const;
     std::optional<long long> Size() const;
 };
 
+// Self is what the pattern names, Tree also everything below it.
 enum class Scope { Self, Tree };
 
 struct Selection {
     bool allVersions = false;
     std::string at = {};
-    int objectType = 0;
+    int objectType = TSM_OBJECTS_ANY;
 };
 
-// Every object that the pattern names, with Tree also all that lies below; the root has a Tree only. Ordered by plain
-// name and date.
+// The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.
 std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection);
 
-// Makes sure that the library reads just this object by its name, which may hold bytes that the library gives a
-// meaning to. Throws Failure where it would not.
+// Throws Failure unless the library reads just this object by its name, which may hold bytes that the library gives a
+// meaning to.
 void RequireReadable(Session& session, const StoredObject& object, const std::string& at);
-// The same before a change: stricter, since directories on the way may be removed by their names.
+// The same before a change. It is stricter, because the library may remove directories above by their names.
 void RequireChangeable(Session& session, const StoredObject& object);
 
-// The library removes emptied directories by name, and a file of such a name with them. Asks about each directory once.
+// The library removes directories that have become empty by their names, and a file of the same name with them. Lists
+// the files that are in danger, each directory once.
 class FilesAbove {
 public:
-    FilesAbove(Session& signedOn, Selection limits) : session_(signedOn), selection_(std::move(limits)) {}
+    FilesAbove(Session& session, const Selection& selection) : session_(session), selection_(selection) {}
 
-    // Throws Failure where a file, unless it may go, bears the name of a directory above the object (plain parts).
-    void Refuse(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo);
+    // Throws Failure if a file has the name of a directory above the object (plain parts), unless it may go.
+    void RequireNone(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo);
 
 private:
     const std::vector<StoredObject>& FilesAt(const Parts& directory);

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,81 +13,14 @@
 #include <system_error>
 
 #include "Errors.h"
-#include "Report.h"
 
 namespace tsmctl {
 
 namespace fs = std::filesystem;
 
-UniqueFd::~UniqueFd() {
-    if (fd_ >= 0) close(fd_);
-}
-
 namespace {
 
-// Pipes and terminals may be silent for long; polling leaves room for a signal.
-void WaitFor(int fd, short events) {
-    pollfd entry = {fd, events, 0};
-    do {
-        CheckInterrupt();
-        entry.revents = 0;
-    } while (poll(&entry, 1, 200) == 0 || (entry.revents == 0 && errno == EINTR));
-}
-
-}  // namespace
-
-size_t ReadFull(int fd, void* memory, size_t length) {
-    size_t done = 0;
-    while (done < length) {
-        WaitFor(fd, POLLIN);
-        const ssize_t got = read(fd, static_cast<char*>(memory) + done, length - done);
-        if (got == 0) break;
-        if (got < 0 && errno != EINTR && errno != EAGAIN) FailLocal("cannot read", errno);
-        if (got > 0) done += static_cast<size_t>(got);
-    }
-    return done;
-}
-
-void WriteAll(int fd, const void* memory, size_t length) {
-    size_t done = 0;
-    while (done < length) {
-        WaitFor(fd, POLLOUT);
-        const ssize_t put = write(fd, static_cast<const char*>(memory) + done, length - done);
-        if (put < 0 && errno != EINTR && errno != EAGAIN) FailLocal("cannot write", errno);
-        if (put > 0) done += static_cast<size_t>(put);
-    }
-}
-
-std::string ReadLine(int fd) {
-    std::string line;
-    char c = 0;
-    while (ReadFull(fd, &c, 1) == 1 && c != '\n') line += c;
-    return line;
-}
-
-void ReserveStandardStreams() {
-    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(stream, F_GETFD) < 0) open("/", O_PATH);  // the lowest number that is free
-    }
-}
-
-UniqueFd OpenBelow(int top, const Parts& parts, bool create) {
-    UniqueFd current(fcntl(top, F_DUPFD_CLOEXEC, 0));
-    for (const std::string& part : parts) {
-        if (create && mkdirat(current.Get(), part.c_str(), 0777) != 0 && errno != EEXIST) {
-            FailLocal("cannot create the directory " + part, errno);
-        }
-        UniqueFd next(openat(current.Get(), part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (next.Get() < 0) FailLocal(part + " is in the way or cannot be opened", errno);
-        current = std::move(next);
-    }
-    if (current.Get() < 0) FailLocal("cannot open", errno);
-    return current;
-}
-
-namespace {
-
-// The item's folder, and its name in there.
+// The folder of the item, and its name in there.
 std::pair<UniqueFd, std::string> PlaceOf(const LocalItem& item) {
     Parts parts = SplitAtSlash(item.local.substr(item.below));
     const std::string name = parts.back();
@@ -114,10 +46,10 @@ std::string ReadLink(const LocalItem& item) {
     return target;
 }
 
-std::vector<Landing> MapPaths(const std::vector<std::string>& paths, const std::string& to) {
+std::vector<Source> ResolveSources(const std::vector<std::string>& paths, const std::string& to) {
     const Parts head = ParsePath(to);
-    std::vector<Landing> landings;
-    std::set<Parts> taken;
+    std::vector<Source> sources;
+    std::set<Parts> known;
     for (const std::string& path : paths) {
         if (path.empty()) throw UsageError("an empty path");
         const std::string last = SplitAtSlash(path).back();
@@ -126,35 +58,34 @@ std::vector<Landing> MapPaths(const std::vector<std::string>& paths, const std::
         // "dir/", "." and ".." name the folder itself, whatever links lead to it.
         if (last.empty() || last == "." || last == "..") real = fs::canonical(path, error).native();
         if (error) real = path.substr(0, path.find_last_not_of('/') + 1);
-        Landing landing = {real, head, real == "/"};
-        if (!landing.top) landing.object.push_back(SplitAtSlash(real).back());
-        if (!taken.insert(landing.object).second) {
-            throw UsageError(path + ": lands on a name that another path has");
+        Source source = {real, head, real == "/"};
+        if (!source.isRoot) source.object.push_back(SplitAtSlash(real).back());
+        if (!known.insert(source.object).second) {
+            throw UsageError(path + ": would be stored under the same name as another path");
         }
-        landings.push_back(std::move(landing));
+        sources.push_back(std::move(source));
     }
-    const auto top = std::find_if(landings.begin(), landings.end(), [](const Landing& l) { return l.top; });
-    if (top != landings.end() && landings.size() > 1) {
-        throw UsageError("/: holds the other paths, which would land on the same names");
+    if (sources.size() > 1 && std::any_of(sources.begin(), sources.end(), [](const auto& s) { return s.isRoot; })) {
+        throw UsageError("/: holds the other paths, which would be stored under the same names");
     }
-    return landings;
+    return sources;
 }
 
 namespace {
 
 class Scanner {
 public:
-    Scanner(Report& sink, std::vector<LocalItem>& list, std::vector<std::string>& bad)
-        : report_(sink), items_(list), unreadable_(bad) {}
+    Scanner(Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable)
+        : report_(report), items_(items), unreadable_(unreadable) {}
 
-    void Start(const Landing& landing) {
-        below_ = landing.local.rfind('/') + 1;
-        Attempt(landing.local, landing.object, [&] {
-            const std::string folder = below_ == 0 ? "." : landing.local.substr(0, below_);
+    void Start(const Source& source) {
+        below_ = source.local.rfind('/') + 1;
+        Attempt(source.local, source.object, [&] {
+            const std::string folder = below_ == 0 ? "." : source.local.substr(0, below_);
             top_ = std::make_shared<UniqueFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             if (top_->Get() < 0) FailLocal("cannot read", errno);
-            if (landing.top) return Enter(OpenBelow(top_->Get(), {"."}, false), landing.local, landing.object);
-            if (Visit(top_->Get(), landing.local, landing.object).kind != Kind::Other) return;
+            if (source.isRoot) return Enter(OpenBelow(top_->Get(), {"."}, false), source.local, source.object);
+            if (Visit(top_->Get(), source.local, source.object).kind != Kind::Other) return;
             items_.pop_back();
             throw Failure("is neither a file nor a link nor a directory");
         });
@@ -210,8 +141,8 @@ private:
 
 }  // namespace
 
-void Scan(const Landing& landing, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable) {
-    Scanner(report, items, unreadable).Start(landing);
+void Scan(const Source& source, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable) {
+    Scanner(report, items, unreadable).Start(source);
 }
 
 }  // namespace tsmctl

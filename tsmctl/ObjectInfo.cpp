@@ -45,8 +45,8 @@ std::optional<Info> ParseInfo(const std::string& text) {
                                    &info.mtime.tv_nsec, &size);
     info.kind = static_cast<Kind>(kind);
     if (fields == 5) info.size = size;
-    const bool sound = fields >= 4 && std::strchr("flds", kind) != nullptr && info.mode <= 07777 && size >= 0;
-    // What does not read back as it stands was not written here.
+    const bool sound = fields >= 4 && std::strchr("flds", kind) && info.mode <= 07777 && size >= 0;
+    // A text that FormatInfo would write differently is not ours.
     return sound && FormatInfo(info) == text ? std::optional(info) : std::nullopt;
 }
 

@@ -1,5 +1,5 @@
-// The text that travels with an object: "tsmctl1 f 0644 1700000000.123456789 12345", that is version, kind, mode,
-// modification time (seconds rounded down, nanoseconds) and true size; a stream whose size was not known has none.
+// The text that is stored with an object: "tsmctl1 f 0644 1700000000.123456789 12345", that is version, kind, mode,
+// modification time (seconds rounded down, nanoseconds) and true size. A stream whose size was not known has no size.
 #pragma once
 
 #include <sys/stat.h>
@@ -21,7 +21,7 @@ struct Info {
 };
 
 std::string FormatInfo(const Info& info);
-// Nothing for a text of another host.
+// Nothing for a text that another program stored.
 std::optional<Info> ParseInfo(const std::string& text);
 Info InfoOf(const struct stat& status);
 

@@ -13,7 +13,7 @@ constexpr std::string_view specialBytes = "%\\*?";
 constexpr size_t maxPath = 1024;
 constexpr size_t maxName = 255;
 
-// * matches any run of characters, ? one; linear in memory, backs up to the last * only.
+// * matches any run of characters and ? matches one. Only the last * is tried again, so that no memory is needed.
 bool WildcardMatch(std::string_view pattern, std::string_view text) {
     size_t p = 0;
     size_t t = 0;
@@ -68,7 +68,7 @@ Character FirstOf(std::string_view text) {
 }
 
 // Controls (C0, DEL, C1), separators of lines and paragraphs, marks of direction.
-bool IsObeyed(char32_t code) {
+bool IsControl(char32_t code) {
     return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e || code == 0x200f ||
            (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
 }
@@ -138,11 +138,17 @@ Parts Append(Parts head, const Parts& tail) {
     return head;
 }
 
+std::vector<Parts> DirectoriesAbove(const Parts& parts) {
+    std::vector<Parts> above;
+    for (auto end = parts.begin(); end + 1 < parts.end();) above.emplace_back(parts.begin(), ++end);
+    return above;
+}
+
 std::string Printable(std::string_view text) {
     std::string shown;
     while (!text.empty()) {
         const Character next = FirstOf(text);
-        if (IsObeyed(next.code)) {
+        if (IsControl(next.code)) {
             shown += '?';
         } else {
             shown += text.substr(0, next.length);
@@ -180,7 +186,7 @@ StoredName ToStoredRaw(Parts parts) {
     return stored;
 }
 
-NamePattern::NamePattern(Parts plainParts, bool wild) : parts_(std::move(plainParts)), wildcards_(wild) {}
+NamePattern::NamePattern(Parts parts, bool wildcards) : parts_(std::move(parts)), wildcards_(wildcards) {}
 
 bool NamePattern::IsWild() const {
     return wildcards_ && std::any_of(parts_.begin(), parts_.end(), [](const auto& part) { return HasWildcard(part); });

@@ -1,6 +1,6 @@
-// Names of objects. What the user types and the local file names are plain bytes divided by "/"; in the names that are
-// stored, the bytes that the connector gives a meaning to (\ * ?) and % stand as %XX. Other hosts' names may hold
-// those bytes as they are: they are shown unchanged.
+// Names of objects. Typed object paths and local file names are plain: bytes divided by "/". In stored names, % and the
+// bytes that the connector gives a meaning to (\ * ?) are written as %XX. Other programs may have stored those bytes as
+// they are; such names are shown unchanged.
 #pragma once
 
 #include <string>
@@ -22,10 +22,12 @@ std::string Join(const Parts& parts);
 Parts ParsePath(std::string_view typed);
 bool StartsWith(const Parts& parts, const Parts& head);
 Parts Append(Parts head, const Parts& tail);
+// The paths of the directories above, from the top down.
+std::vector<Parts> DirectoriesAbove(const Parts& parts);
 
-// For a terminal: what it might obey, or what breaks a line or turns its direction, becomes "?".
+// For a terminal: characters that it obeys, or that break a line or turn its direction, become "?".
 std::string Printable(std::string_view text);
-// For scripts that read names as they are: only what breaks a line becomes "?".
+// For scripts, which read names as they are: only line breaks become "?".
 std::string OneLine(std::string text);
 
 // A name as the connector takes it.
@@ -33,24 +35,25 @@ struct StoredName {
     std::string path;  // "/a/b", empty at the top
     std::string name;
 };
-// Throws Failure where the stored form is too long. The components are plain, there is at least one.
+// The stored name of plain parts, of which there is at least one. Throws Failure where it is too long.
 StoredName ToStored(const Parts& parts);
-// The same of parts that are stored bytes already.
+// The same for parts in their stored form.
 StoredName ToStoredRaw(Parts parts);
 
-// What a typed path selects. The server is asked for a superset (each special byte stands for any run); Matches, on
-// the plain names, decides.
+// What a typed path selects. The server is asked for too much, with any run of characters in the place of a special
+// byte; Matches then decides on the plain names.
 class NamePattern {
 public:
-    NamePattern(Parts plainParts, bool wildcards);
+    // The parts are plain. Without wildcards, * and ? stand for themselves.
+    NamePattern(Parts parts, bool wildcards);
 
     bool IsRoot() const { return parts_.empty(); }
     bool IsWild() const;
     size_t Depth() const { return parts_.size(); }
     const Parts& Plain() const { return parts_; }
-    // Do the first Depth() parts match?
+    // Whether the first Depth() parts match.
     bool Matches(const Parts& plain) const;
-    // The server's pattern for the first count parts, as a path.
+    // The pattern for the server: the first count parts as a path, and the last part as a name.
     std::string ServerPath(size_t count) const;
     std::string ServerName() const;
 

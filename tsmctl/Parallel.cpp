@@ -10,28 +10,9 @@
 #include "Errors.h"
 
 namespace tsmctl {
-namespace {
 
-constexpr const char* noMemory = "not done: not enough memory";
-
-}  // namespace
-
-bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work) try {
-    CheckInterrupt();
-    work();
-    return true;
-} catch (const UsageError&) {
-    throw;
-} catch (const std::bad_alloc&) {
-    report.Failed(subject, noMemory);
-    return false;
-} catch (const std::exception& failure) {
-    report.Failed(subject, failure.what());
-    return false;
-}
-
-void RunParallel(Context& context, Session& own, size_t first, size_t count, const Job& job) {
-    std::atomic<size_t> next{first};
+void RunParallel(Context& context, Session& own, int sessions, size_t count, const Job& job) {
+    std::atomic<size_t> next{0};
     const auto worker = [&](Session& session) {
         size_t i = count;
         try {
@@ -42,13 +23,13 @@ void RunParallel(Context& context, Session& own, size_t first, size_t count, con
         } catch (const Interrupted&) {
             // The calling thread sees the signal too.
         } catch (const std::bad_alloc&) {
-            // The others go on; without the buffer there is room to say what this one had begun.
+            // The other threads go on. Without the buffer there is memory to report what this one had begun.
             if (i < count) context.report.Failed(job.subject(i), noMemory);
         } catch (const std::exception& failure) {
             context.report.Failed("worker", failure.what());
         }
     };
-    const size_t wanted = std::min(static_cast<size_t>(context.options.jobs), count - std::min(first, count));
+    const size_t wanted = std::min(static_cast<size_t>(sessions), count);
     std::vector<std::thread> threads;
     try {
         while (threads.size() + 1 < wanted) {
@@ -58,7 +39,7 @@ void RunParallel(Context& context, Session& own, size_t first, size_t count, con
             });
         }
     } catch (const std::system_error&) {
-        // The threads that did start do the work.
+        // The threads that have started do the work.
     }
     worker(own);
     for (std::thread& thread : threads) thread.join();

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "Errors.h"
 #include "ObjectNames.h"
 
 namespace tsmctl {
@@ -32,10 +34,10 @@ size_t Room() {
 
 }  // namespace
 
-Report::Report(bool isQuiet)
-    : quiet_(isQuiet), bar_(!isQuiet && isatty(STDERR_FILENO) == 1), onTerminal_(isatty(STDOUT_FILENO) == 1) {}
+Report::Report(bool quiet)
+    : quiet_(quiet), bar_(!quiet && isatty(STDERR_FILENO) == 1), onTerminal_(isatty(STDOUT_FILENO) == 1) {}
 
-void Tell(std::string_view text) {
+void PrintMessage(std::string_view text) {
     const std::string line = "tsmctl: " + Printable(text) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
@@ -46,7 +48,7 @@ Report::~Report() {
 
 void Report::Say(const std::string& text) {
     Erase();
-    Tell(text);
+    PrintMessage(text);
 }
 
 void Report::Failed(std::string_view subject, std::string_view text) {
@@ -89,6 +91,18 @@ void Report::Json(const nlohmann::ordered_json& value) {
     Put(value.dump(-1, ' ', onTerminal_, nlohmann::ordered_json::error_handler_t::replace));
 }
 
+void Report::Name(const char* key, const std::string& name, bool json) {
+    if (json) {
+        Json({{key, name}});
+    } else {
+        Entry(name);
+    }
+}
+
+void Report::Text(const std::string& text) {
+    Put(text.substr(0, text.find_last_not_of('\n') + 1));
+}
+
 void Report::Differs(std::string_view text) {
     Line(text);
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -116,7 +130,7 @@ double Report::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-// Nothing where it is not known, or so far away that it means nothing.
+// Empty where the time is not known, or so long that it means nothing.
 std::string Report::TimeLeft(double rate) const {
     const double seconds = static_cast<double>(totalBytes_ - bytes_) / rate;
     if (!(seconds >= 0 && seconds < 100 * 3600)) return "";
@@ -146,7 +160,7 @@ void Report::Draw() {
     const size_t room = Room();
     const auto fits = std::find_if(lines.begin(), lines.end(), [&](const auto& line) { return line.size() <= room; });
     if (fits == lines.end()) return;
-    // Blanks wipe what stood there, since not every terminal knows a sequence for it.
+    // Blanks wipe the rest of the old line, since not every terminal knows a sequence for that.
     std::fputs(fmt::format("\r{:<{}}", *fits, std::min(onScreen_, room)).c_str(), stderr);
     onScreen_ = fits->size();
 }
@@ -173,12 +187,26 @@ void Report::Summary(const std::string& command) {
     Say(text);
 }
 
-bool Report::AllDone() {
+bool Report::Succeeded() {
     const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     if (!written) Failed("standard output", "cannot write");
     const std::lock_guard<std::mutex> lock(mutex_);
     Erase();
     return failures_ == 0 && differences_ == 0;
+}
+
+bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work) try {
+    CheckInterrupt();
+    work();
+    return true;
+} catch (const UsageError&) {
+    throw;
+} catch (const std::bad_alloc&) {
+    report.Failed(subject, noMemory);
+    return false;
+} catch (const std::exception& failure) {
+    report.Failed(subject, failure.what());
+    return false;
 }
 
 }  // namespace tsmctl

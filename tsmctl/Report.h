@@ -1,9 +1,9 @@
 // Everything that a command says: failures and warnings on standard error, results on standard output, the progress
-// line and the closing summary. What comes from outside, names and texts of the server, is made harmless here and
-// nowhere else. Safe for several threads.
+// line and the closing summary. Names and texts from outside are made harmless here and nowhere else.
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
@@ -14,9 +14,10 @@
 
 namespace tsmctl {
 
-// A line on standard error, wherever that leads.
-void Tell(std::string_view text);
+// Writes a line to standard error. Nothing is done about an error.
+void PrintMessage(std::string_view text);
 
+// Safe for several threads.
 class Report {
 public:
     explicit Report(bool quiet);
@@ -24,28 +25,33 @@ public:
     Report(const Report&) = delete;
     Report& operator=(const Report&) = delete;
 
+    // Something could not be done: one object, or the whole command.
     void Failed(std::string_view subject, std::string_view text);
-    // The same for the command as a whole.
     void Failed(std::string_view text);
     void Warn(std::string_view subject, std::string_view text);
-    // What is neither a failure nor a result; not said where the user wants quiet.
+    // Neither a failure nor a result; left out if the user wants quiet.
     void Note(std::string_view text);
+
     // A line of the result.
     void Line(std::string_view text);
-    // The same, for a result that makes the command fail.
+    // A line of the result that makes the command fail.
     void Differs(std::string_view text);
-    // The same, for a result that scripts read: what is no terminal gets the names as they are, but in one line.
+    // A line that scripts read: names are shown as they are unless it is a terminal, but on one line.
     void Entry(const std::string& text);
-    // Exactly this value; on a terminal in plain ASCII.
+    // The exact value on one line, in plain ASCII on a terminal.
     void Json(const nlohmann::ordered_json& value);
+    // An entry, or with json an object with this one member.
+    void Name(const char* key, const std::string& name, bool json);
+    // Text of our own, without the last line break.
+    void Text(const std::string& text);
 
     void ExpectBytes(long long total);
     void Advance(size_t bytes);
     void Count(Kind kind);
     void Summary(const std::string& command);
 
-    // Flushes standard output; a write that failed is a failure.
-    bool AllDone();
+    // False when anything failed or differed. Flushes standard output first; an error there is a failure.
+    bool Succeeded();
 
 private:
     void Say(const std::string& text);
@@ -70,6 +76,12 @@ private:
     long long differences_ = 0;
     std::map<Kind, long long> counts_;
 };
+
+// Does the work. A failure is reported under the subject; then the result is false. Interrupted and UsageError pass.
+bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work);
+
+// Why an object was not done for which there was no memory.
+constexpr const char* noMemory = "not done: not enough memory";
 
 std::string HumanSize(double bytes);
 

@@ -51,8 +51,8 @@ void RequireSafe(const Parts& parts) {
     }
 }
 
-NewEntry::NewEntry(const UniqueFd& folder, std::string entryName, bool mayReplace)
-    : directory_(folder), name_(std::move(entryName)), temporary_(TemporaryName()), replace_(mayReplace) {
+NewEntry::NewEntry(const UniqueFd& directory, std::string name, bool replace)
+    : directory_(directory), name_(std::move(name)), temporary_(TemporaryName()), replace_(replace) {
     struct stat status = {};
     if (fstatat(directory_.Get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
     if (S_ISDIR(status.st_mode)) throw Failure("a directory of this name exists");

@@ -1,5 +1,5 @@
-// The folder that a restore writes into. Nothing leaves it: every step goes through an open directory and no symbolic
-// link on the way is followed, whether the restore made it or found it.
+// The folder that a restore writes into. Nothing is written outside of it: every step goes through an open directory,
+// and no symbolic link on the way is followed.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,29 +13,28 @@ namespace tsmctl {
 
 class TargetFolder {
 public:
-    // Creates the folder where it is missing. The folder itself may be reached through links.
+    // Creates the folder if it is missing. Links may lead to the folder itself.
     explicit TargetFolder(const std::string& path);
 
-    // Opens a directory below; creates what is missing of it.
+    // Opens a directory below, and creates what is missing.
     UniqueFd Open(const Parts& parts) const;
-    // The same, the last level with the mode. False when it existed.
+    // Creates a directory below with this mode. False when it existed.
     bool Make(Parts parts, mode_t mode) const;
 
 private:
     UniqueFd root_;
 };
 
-// The owner is not kept, so the right to act as the owner or the group is not either.
+// These bits are not restored: since the owner is not kept, they would give rights to whoever restores.
 constexpr mode_t setIds = S_ISUID | S_ISGID;
 
-// Throws Failure for a part that no file can be called, or that leads elsewhere.
+// Throws Failure for a part that cannot be the name of a file, or that leads elsewhere.
 void RequireSafe(const Parts& parts);
 
-// A file that has its own name only when Publish has been called; until then it has a temporary one, and it is
-// removed when the object ends.
+// A file or link that is being restored. It has a temporary name until Publish, and is removed without it.
 class NewEntry {
 public:
-    // directory outlives the entry. Throws Failure where the name is taken and may not be replaced.
+    // directory outlives the entry. Throws Failure where the name exists and may not be replaced.
     NewEntry(const UniqueFd& directory, std::string name, bool replace);
     ~NewEntry();
     NewEntry(const NewEntry&) = delete;
@@ -43,7 +42,7 @@ public:
 
     int CreateFile();
     void CreateLink(const std::string& target);
-    // Without an info, a file gets the other mode.
+    // Sets mode and time, flushes, and gives the entry its name. Without an info, a file gets the other mode.
     void Publish(const std::optional<Info>& info, mode_t otherMode);
 
 private:

@@ -9,17 +9,17 @@
 #include <cerrno>
 
 #include "Errors.h"
-#include "LocalTree.h"
+#include "Files.h"
 #include "ObjectNames.h"
 
 namespace tsmctl {
 namespace {
 
-// Ctrl-\ and Ctrl-Z, and their signals, would leave the terminal silent behind: meanwhile they do nothing, not even to
+// Turns the echo off. Ctrl-\ and Ctrl-Z would leave the terminal without it, so they do nothing meanwhile, and keep
 // what was typed.
 class NoEcho {
 public:
-    explicit NoEcho(int terminal) : fd_(terminal) {
+    explicit NoEcho(int fd) : fd_(fd) {
         if (tcgetattr(fd_, &before_) != 0) FailLocal("cannot silence the terminal", errno);
         struct sigaction ignore = {};
         ignore.sa_handler = SIG_IGN;
@@ -64,8 +64,9 @@ std::string AskPassword(const std::string& question) {
 
 bool Confirmed(bool yes, const std::string& question, const std::string& answer) {
     if (yes) return true;
-    if (isatty(STDIN_FILENO) != 1)
+    if (isatty(STDIN_FILENO) != 1) {
         throw UsageError(question + ": refused without --yes (there is no terminal to ask on)");
+    }
     fmt::print(stderr, "{}? Type \"{}\" to go on: ", Printable(question), Printable(answer));
     return ReadLine(STDIN_FILENO) == answer;
 }

@@ -1,4 +1,4 @@
-// Questions to the one who sits at the terminal.
+// Questions to the user at the terminal.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@ namespace tsmctl {
 // Asks on the controlling terminal, without echo. Throws UsageError where there is none.
 std::string AskPassword(const std::string& question);
 
-// Asks for exactly this answer; true at once where the user said --yes. Throws UsageError when standard input is no
+// Whether the user gives exactly this answer; true at once with --yes. Throws UsageError when standard input is no
 // terminal.
 bool Confirmed(bool yes, const std::string& question, const std::string& answer);
 

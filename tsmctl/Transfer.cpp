@@ -7,9 +7,9 @@
 
 namespace tsmctl {
 
-Upload::Upload(Session& signedOn, const StoredName& name, long long announced, const Info& info,
+Upload::Upload(Session& session, const StoredName& name, long long announced, const Info& info,
                const std::string& mgmtClass)
-    : session_(signedOn) {
+    : session_(session) {
     const int handle = session_.Handle();
     session_.Check("cannot begin the backup", TsmBeginBackupEx(handle, Text(name.path), Text(name.name), announced,
                                                                Text(FormatInfo(info)), TextOrNull(mgmtClass)));
@@ -28,8 +28,8 @@ void Upload::Commit() {
     open_ = false;
 }
 
-Download::Download(Session& signedOn, const StoredObject& object, const std::string& at)
-    : session_(signedOn), expected_(object.info ? object.info->size : std::nullopt) {
+Download::Download(Session& session, const StoredObject& object, const std::string& at)
+    : session_(session), expected_(object.info ? object.info->size : std::nullopt) {
     RequireReadable(session_, object, at);
     const int handle = session_.Handle();
     session_.Check("cannot begin the restore",
@@ -45,7 +45,7 @@ size_t Download::Next(Buffer& buffer) {
     unsigned char* const memory = buffer.data();
     unsigned char* place = memory;
     long long count = 0;
-    // A piece without bytes is not the end, which is told again.
+    // One piece without bytes is not the end: after the end every piece is empty.
     for (int asked = 0; count == 0 && asked < 2; ++asked) {
         count = session_.Check("cannot receive", TsmGetData(session_.Handle(), &place, pieceSize));
     }
@@ -59,6 +59,23 @@ void Download::Finish() {
     if (expected_ && received_ != *expected_) {
         throw Failure(fmt::format("{} bytes received, the object has {}", received_, *expected_));
     }
+}
+
+void Receive(Download& download, Buffer& buffer, const std::function<void(size_t)>& take) {
+    while (const size_t count = download.Next(buffer)) take(count);
+    download.Finish();
+}
+
+std::string ReceiveLinkTarget(Session& session, Buffer& buffer, const StoredObject& object, const std::string& at) {
+    constexpr size_t longest = 4096;
+    Download download(session, object, at);
+    std::string target;
+    Receive(download, buffer, [&](size_t count) {
+        target.append(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(count));
+        if (target.size() > longest) throw Failure("the stored target of the link is too long");
+    });
+    if (target.find('\0') != std::string::npos) throw Failure("the stored target of the link is no path");
+    return target;
 }
 
 }  // namespace tsmctl

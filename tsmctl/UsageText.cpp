@@ -11,8 +11,8 @@
 namespace tsmctl {
 namespace {
 
-// How many characters have to be put in, taken out or replaced.
-size_t Distance(const std::string& a, const std::string& b) {
+// How many characters must be inserted, removed or replaced.
+size_t EditDistance(const std::string& a, const std::string& b) {
     std::vector<size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), 0U);
     for (size_t i = 0; i < a.size(); ++i) {
@@ -34,8 +34,8 @@ std::vector<const CLI::Option*> OptionsOf(const CLI::App& app, const CLI::App* c
     return options;
 }
 
-// Names what was typed and has no place; empty where all has one.
-std::string Unknown(const CLI::App& app, const CLI::App* command) {
+// What is wrong with the first argument that CLI11 found no use for; empty if there is none.
+std::string UnknownArgument(const CLI::App& app, const CLI::App* command) {
     const std::vector<std::string> rest = app.remaining(true);
     if (rest.empty()) return "";
     const std::string typed = rest[0].substr(0, rest[0].find('='));
@@ -62,10 +62,10 @@ bool Begins(const CLI::ParseError& error, const std::string& text) {
 std::string Problem(const CLI::App& app, const CLI::App* command, const CLI::ParseError& error) {
     const auto missing = dynamic_cast<const CLI::RequiredError*>(&error);
     if (missing || dynamic_cast<const CLI::ExtrasError*>(&error)) {
-        if (const std::string text = Unknown(app, command); !text.empty()) return text;
+        if (const std::string text = UnknownArgument(app, command); !text.empty()) return text;
         if (!command) return "no command";
     }
-    // CLI11 tells by its text alone which option it means.
+    // Only the text of CLI11's error says which option it means.
     const bool mismatch = dynamic_cast<const CLI::ArgumentMismatch*>(&error);
     for (const CLI::Option* option : OptionsOf(app, command)) {
         const std::string name = option->get_name();
@@ -73,9 +73,9 @@ std::string Problem(const CLI::App& app, const CLI::App* command, const CLI::Par
             return fmt::format("{} is missing: {}", name, option->get_description());
         }
         if (!mismatch || (!Begins(error, name + ":") && !Begins(error, name.substr(2) + " was"))) continue;
-        if (ValueOf(*option).empty()) return name + " takes no value";
+        if (TypeOfValue(*option).empty()) return name + " takes no value";
         if (option->count() > 1) return name + " is given more than once";
-        return fmt::format("{} needs a value, {}: {}", name, ValueOf(*option), option->get_description());
+        return fmt::format("{} needs a value, {}: {}", name, TypeOfValue(*option), option->get_description());
     }
     return error.what();
 }
@@ -84,10 +84,10 @@ std::string Problem(const CLI::App& app, const CLI::App* command, const CLI::Par
 
 std::string Suggestion(const std::string& typed, const std::vector<std::string>& names) {
     const std::string* best = nullptr;
-    size_t least = 3;  // what is further away was not meant
+    size_t least = 3;  // a name further away was not meant
     for (const std::string& name : names) {
         const bool begun = typed.size() > 3 && name.compare(0, typed.size(), typed) == 0;
-        const size_t distance = begun ? 0 : Distance(typed, name);
+        const size_t distance = begun ? 0 : EditDistance(typed, name);
         if (distance >= least || distance + 1 >= typed.size()) continue;
         least = distance;
         best = &name;

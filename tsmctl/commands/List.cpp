@@ -1,21 +1,33 @@
+// list: prints the objects that a path selects, as a table or as JSON.
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <tuple>
 #include <vector>
 
-#include "Commands.h"
+#include "Arguments.h"
 #include "Errors.h"
 #include "Inventory.h"
+#include "commands/Commands.h"
 
 namespace tsmctl {
 namespace {
 
-// Plain ASCII that stands for exactly these bytes.
-std::string Exact(const std::string& bytes) {
+struct ListOptions {
+    std::string path = "/";
+    std::string type = "any";
+    std::string at;
+    bool json = false;
+    bool allVersions = false;
+    bool literal = false;
+};
+
+// Plain ASCII, from which the bytes can be told exactly.
+std::string PercentEncoded(const std::string& bytes) {
     std::string text;
     for (const char c : bytes) {
         text += c > 0x20 && c < 0x7f && c != '%' ? std::string(1, c)
@@ -24,9 +36,9 @@ std::string Exact(const std::string& bytes) {
     return text;
 }
 
-// Which of the objects, sorted as they are, are active versions now.
-std::vector<bool> Active(Session& session, const NamePattern& pattern, const Selection& selection,
-                         const std::vector<StoredObject>& objects) {
+// For each object, whether this version is active now.
+std::vector<bool> FindActive(Session& session, const NamePattern& pattern, const Selection& selection,
+                             const std::vector<StoredObject>& objects) {
     if (!selection.allVersions && selection.at.empty()) return std::vector<bool>(objects.size(), true);
     Selection now;
     now.objectType = selection.objectType;
@@ -35,7 +47,7 @@ std::vector<bool> Active(Session& session, const NamePattern& pattern, const Sel
     };
     std::set<decltype(key(objects[0]))> active;
     for (const StoredObject& object : List(session, pattern, Scope::Tree, now)) active.insert(key(object));
-    // Two versions of one second can look the same: just one of them is active.
+    // Two versions of the same second can look the same. Only one of them is active.
     std::vector<bool> marks;
     for (const StoredObject& object : objects) marks.push_back(active.erase(key(object)) > 0);
     return marks;
@@ -43,7 +55,7 @@ std::vector<bool> Active(Session& session, const NamePattern& pattern, const Sel
 
 nlohmann::ordered_json JsonOf(const StoredObject& object, bool active) {
     nlohmann::ordered_json line;
-    line["path"] = object.Shown();
+    line["path"] = object.ObjectPath();
     line["kind"] = KindName(object.GetKind());
     line["size"] = nullptr;
     line["mode"] = nullptr;
@@ -57,7 +69,7 @@ nlohmann::ordered_json JsonOf(const StoredObject& object, bool active) {
     line["filespace"] = object.fileSpace;
     line["info"] = object.text;
     line["active"] = active;
-    line["storedName"] = Exact(object.path + "/" + object.name);
+    line["storedName"] = PercentEncoded(object.StoredPath());
     return line;
 }
 
@@ -79,34 +91,55 @@ void PrintTable(Report& report, const std::vector<StoredObject>& objects, const 
         const std::string mode = object.info ? ModeText(object.info->mode) : "-";
         report.Entry(fmt::format("{:<9}  {:>4}  {:>{}}  {}  {}", KindName(object.GetKind()), mode, sizeText(object),
                                  width, object.date, version) +
-                     object.Shown());
+                     object.ObjectPath());
     }
 }
 
-}  // namespace
-
-void RunList(Context& context) {
-    const Options& options = context.options;
-    const std::string typed = options.paths.empty() ? "/" : options.paths[0];
-    if (typed.empty()) throw UsageError("an empty path");
-    const NamePattern pattern(ParsePath(typed), !options.literal);
+Selection SelectionFor(const ListOptions& options) {
     Selection selection;
     selection.allVersions = options.allVersions;
     selection.at = options.at;
-    selection.objectType = options.type == "dir" ? 1 : options.type == "file" ? 2 : 0;
+    selection.objectType = options.type == "dir"    ? TSM_OBJECTS_DIRECTORIES
+                           : options.type == "file" ? TSM_OBJECTS_FILES
+                                                    : TSM_OBJECTS_ANY;
+    return selection;
+}
+
+void ListObjects(const ListOptions& options, Context& context) {
+    if (options.path.empty()) throw UsageError("an empty path");
+    const NamePattern pattern(ParsePath(options.path), !options.literal);
+    const Selection selection = SelectionFor(options);
     Session session(context.connection);
     const auto objects = List(session, pattern, Scope::Tree, selection);
     CheckInterrupt();
-    const auto active = Active(session, pattern, selection, objects);
+    const auto active = FindActive(session, pattern, selection, objects);
     if (objects.empty()) {
-        const std::string place = fmt::format("in filespace {} of node {}", options.filespace, options.node);
-        if (!pattern.IsRoot() && !pattern.IsWild() && selection.objectType == 0) {
-            return context.report.Failed(typed, CodeText("not found " + place, -2));
-        }
+        const std::string place =
+            fmt::format("in filespace {} of node {}", context.connection.Filespace(), context.connection.Node());
+        const bool onePath = !pattern.IsRoot() && !pattern.IsWild() && selection.objectType == TSM_OBJECTS_ANY;
+        if (onePath) return context.report.Failed(options.path, NotFound(place).what());
         context.report.Note("nothing to list " + place);
     }
     if (!options.json) return PrintTable(context.report, objects, options.allVersions ? &active : nullptr);
     for (size_t i = 0; i < objects.size(); ++i) context.report.Json(JsonOf(objects[i], active[i]));
+}
+
+}  // namespace
+
+void AddList(CommandLine& line) {
+    const auto options = std::make_shared<ListOptions>();
+    CLI::App& command =
+        line.Add("list", "List what is stored",
+                 {"tsmctl list", "tsmctl list 'nightly/docs/*.txt'", "tsmctl list nightly/docs --all-versions",
+                  "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
+                 [options](Context& context) { ListObjects(*options, context); });
+    command.add_option("PATH", options->path, "object path, may hold * and ? (default: everything)")
+        ->type_name("OBJECT");
+    AddChoice(command, "--type", options->type, "kind of object", {"any", "dir", "file"})->capture_default_str();
+    AddJson(command, options->json);
+    CLI::Option* const allVersions = command.add_flag("--all-versions", options->allVersions, "inactive versions too");
+    AddMoment(command, options->at, "as things were at 'YYYY-MM-DD HH:MM:SS', server time")->excludes(allVersions);
+    AddLiteral(command, options->literal);
 }
 
 }  // namespace tsmctl

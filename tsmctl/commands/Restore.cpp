@@ -1,100 +1,108 @@
+// restore: brings an object or a tree back into a local folder, or one object to standard output.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <set>
 #include <tuple>
 
-#include "Commands.h"
+#include "Arguments.h"
 #include "Errors.h"
+#include "HelpFormatter.h"
+#include "Inventory.h"
 #include "Parallel.h"
 #include "TargetFolder.h"
 #include "Transfer.h"
+#include "commands/Commands.h"
 
 namespace tsmctl {
 namespace {
 
-struct Wanted {
+struct RestoreOptions {
+    std::string path;
+    std::string to = ".";  // "-" for standard output
+    std::string at;
+    bool force = false;
+    int jobs = 1;
+};
+
+struct RestoreItem {
     StoredObject object;
     Parts local;  // below the target folder
 };
 
-constexpr size_t maxLink = 4096;
-
 class Restorer {
 public:
-    explicit Restorer(Context& owner) : context_(owner), folder_(owner.options.to.empty() ? "." : owner.options.to) {
+    Restorer(const RestoreOptions& options, Report& report) : options_(options), report_(report), folder_(options.to) {
         const mode_t mask = umask(0);
         umask(mask);
         defaultMode_ = 0666 & ~mask;
     }
 
-    void MakeDirectory(const Wanted& wanted) {
-        const bool made = folder_.Make(wanted.local, wanted.object.info ? 0700 : 0777);
-        if (!made && !context_.options.force) untouched_.insert(wanted.local);
+    void MakeDirectory(const RestoreItem& item) {
+        const bool made = folder_.Make(item.local, item.object.info ? 0700 : 0777);
+        if (!made && !options_.force) untouched_.insert(item.local);
     }
 
-    // After all that the directory holds is in place, since that changes its time and its mode may forbid it.
-    void FinishDirectory(const Wanted& wanted) {
-        context_.report.Count(Kind::Directory);
-        if (!wanted.object.info || untouched_.count(wanted.local) > 0) return;
-        const UniqueFd directory = folder_.Open(wanted.local);
-        const timespec times[2] = {{0, UTIME_OMIT}, wanted.object.info->mtime};
-        if (fchmod(directory.Get(), wanted.object.info->mode & ~setIds) != 0) FailLocal("cannot set the mode", errno);
+    // Comes after everything that the directory holds, since that changes its time and its mode may forbid it.
+    void FinishDirectory(const RestoreItem& item) {
+        report_.Count(Kind::Directory);
+        if (!item.object.info || untouched_.count(item.local) > 0) return;
+        const UniqueFd directory = folder_.Open(item.local);
+        const timespec times[2] = {{0, UTIME_OMIT}, item.object.info->mtime};
+        if (fchmod(directory.Get(), item.object.info->mode & ~setIds) != 0) FailLocal("cannot set the mode", errno);
         if (futimens(directory.Get(), times) != 0) FailLocal("cannot set the time", errno);
-        WarnOfSetIds(wanted);
+        WarnOfSetIds(item);
     }
 
-    void Fetch(Session& session, Buffer& buffer, const Wanted& wanted) {
-        Parts parent = wanted.local;
+    void RestoreOne(Session& session, Buffer& buffer, const RestoreItem& item) {
+        Parts parent = item.local;
         parent.pop_back();
         const UniqueFd directory = folder_.Open(parent);
-        NewEntry entry(directory, wanted.local.back(), context_.options.force);
-        Download download(session, wanted.object, context_.options.at);
-        if (wanted.object.GetKind() == Kind::Link) {
-            std::string target;
-            Drain(download, buffer, [&](size_t count) {
-                target.append(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(count));
-                if (target.size() > maxLink) throw Failure("the target of the link is too long");
-            });
-            if (target.find('\0') != std::string::npos) throw Failure("the target of the link is no path");
+        NewEntry entry(directory, item.local.back(), options_.force);
+        if (item.object.GetKind() == Kind::Link) {
+            const std::string target = ReceiveLinkTarget(session, buffer, item.object, options_.at);
+            report_.Advance(target.size());
             entry.CreateLink(target);
         } else {
-            const int file = entry.CreateFile();
-            Drain(download, buffer, [&](size_t count) { WriteAll(file, buffer.data(), count); });
+            Download download(session, item.object, options_.at);
+            ReceiveInto(entry.CreateFile(), download, buffer, report_);
         }
-        entry.Publish(wanted.object.info, defaultMode_);
-        context_.report.Count(wanted.object.GetKind());
-        WarnOfSetIds(wanted);
+        entry.Publish(item.object.info, defaultMode_);
+        report_.Count(item.object.GetKind());
+        WarnOfSetIds(item);
     }
 
-    void Drain(Download& download, Buffer& buffer, const std::function<void(size_t)>& take) {
-        while (const size_t count = download.Next(buffer)) {
-            take(count);
-            context_.report.Advance(count);
-        }
-        download.Finish();
+    static void ReceiveInto(int fd, Download& download, Buffer& buffer, Report& report) {
+        Receive(download, buffer, [&](size_t count) {
+            WriteAll(fd, buffer.data(), count);
+            report.Advance(count);
+        });
     }
 
 private:
-    void WarnOfSetIds(const Wanted& wanted) {
-        if (!wanted.object.info || (wanted.object.info->mode & setIds) == 0) return;
-        context_.report.Warn(Join(wanted.local), "restored without its set-user-id and set-group-id bits");
+    void WarnOfSetIds(const RestoreItem& item) {
+        if (!item.object.info || (item.object.info->mode & setIds) == 0) return;
+        report_.Warn(Join(item.local), "restored without its set-user-id and set-group-id bits");
     }
 
-    Context& context_;
+    const RestoreOptions& options_;
+    Report& report_;
     TargetFolder folder_;
-    std::set<Parts> untouched_;  // directories that were here already keep their mode and time
+    std::set<Parts> untouched_;  // directories that existed keep their mode and time
     mode_t defaultMode_;
 };
 
-// Of two objects with one local name. Two stored names can stand for it, when another host stored it in a way of its
-// own: ours comes first. A stored name can hold a file and a directory: the newer is what was there last.
-std::vector<Wanted> Plan(Context& context, const std::vector<StoredObject>& objects, size_t above) {
+// Decides what is restored where, in the order of the local names; above is the number of parts that are left out. Two
+// objects can have the same local name. If their stored names differ, because another program wrote one of them in its
+// own way, ours is restored. If they are a file and a directory of one stored name, the newer is restored.
+std::vector<RestoreItem> Plan(Report& report, const std::vector<StoredObject>& objects, size_t above) {
     const auto ours = [](const StoredObject& object) {
         const Parts stored = object.StoredParts();
         return std::all_of(stored.begin(), stored.end(),
@@ -105,9 +113,9 @@ std::vector<Wanted> Plan(Context& context, const std::vector<StoredObject>& obje
         return std::tie(object.date, object.directory) > std::tie(rival.date, rival.directory);
     };
     std::map<Parts, const StoredObject*> byName;
-    std::set<Parts> filesFirst;  // in the place of a directory, which goes with all that it holds
+    std::set<Parts> filesFirst;  // restored instead of a directory with everything below it
     for (const StoredObject& object : objects) {
-        Attempt(context.report, object.Shown(), [&] {
+        Attempt(report, object.ObjectPath(), [&] {
             const Parts plain = object.PlainParts();
             const Parts local(plain.begin() + static_cast<std::ptrdiff_t>(above), plain.end());
             RequireSafe(local);
@@ -126,7 +134,7 @@ std::vector<Wanted> Plan(Context& context, const std::vector<StoredObject>& obje
                                             skipped->directory ? "directory, with all that it holds," : "file"));
         });
     }
-    std::vector<Wanted> plan;
+    std::vector<RestoreItem> plan;
     for (const auto& entry : byName) {
         const Parts& name = entry.first;
         const bool skipped = std::any_of(filesFirst.begin(), filesFirst.end(), [&](const Parts& file) {
@@ -137,66 +145,79 @@ std::vector<Wanted> Plan(Context& context, const std::vector<StoredObject>& obje
     return plan;
 }
 
-void RestoreTree(Context& context, Session& session, const std::vector<Wanted>& plan) {
-    Restorer restorer(context);
-    std::vector<const Wanted*> directories;
-    std::vector<const Wanted*> others;
+void RestoreTree(const RestoreOptions& options, Context& context, Session& session,
+                 const std::vector<RestoreItem>& plan) {
+    Restorer restorer(options, context.report);
+    std::vector<const RestoreItem*> directories;
+    std::vector<const RestoreItem*> others;
     long long bytes = 0;
-    // The plan is in the order of the names: a directory comes before what it holds.
-    for (const Wanted& wanted : plan) {
-        bytes += wanted.object.Size().value_or(0);
-        if (!wanted.object.directory) {
-            others.push_back(&wanted);
-        } else if (Attempt(context.report, Join(wanted.local), [&] { restorer.MakeDirectory(wanted); })) {
-            directories.push_back(&wanted);
+    // In the order of the names a directory comes before what it holds.
+    for (const RestoreItem& item : plan) {
+        bytes += item.object.Size().value_or(0);
+        if (!item.object.directory) {
+            others.push_back(&item);
+        } else if (Attempt(context.report, Join(item.local), [&] { restorer.MakeDirectory(item); })) {
+            directories.push_back(&item);
         }
     }
     context.report.ExpectBytes(bytes);
-    const Job job = {[&](size_t i) { return others[i]->object.Shown(); },
-                     [&](Session& own, Buffer& buffer, size_t i) { restorer.Fetch(own, buffer, *others[i]); }};
-    RunParallel(context, session, 0, others.size(), job);
-    std::for_each(directories.rbegin(), directories.rend(), [&](const Wanted* wanted) {
-        Attempt(context.report, Join(wanted->local), [&] { restorer.FinishDirectory(*wanted); });
+    const Job job = {[&](size_t i) { return others[i]->object.ObjectPath(); },
+                     [&](Session& own, Buffer& buffer, size_t i) { restorer.RestoreOne(own, buffer, *others[i]); }};
+    RunParallel(context, session, options.jobs, others.size(), job);
+    std::for_each(directories.rbegin(), directories.rend(), [&](const RestoreItem* item) {
+        Attempt(context.report, Join(item->local), [&] { restorer.FinishDirectory(*item); });
     });
 }
 
-void RestoreToOutput(Context& context, Session& session, const std::vector<StoredObject>& objects, size_t depth) {
+// The objects are what is stored at the path, and below it.
+void RestoreToOutput(const RestoreOptions& options, Report& report, Session& session,
+                     const std::vector<StoredObject>& objects, size_t depth) {
     std::vector<StoredObject> files;
     std::copy_if(objects.begin(), objects.end(), std::back_inserter(files),
                  [&](const auto& object) { return object.PlainParts().size() == depth && !object.directory; });
     if (files.size() != 1) throw Failure("is not one file or stream");
     Buffer buffer(pieceSize);
-    Download download(session, files[0], context.options.at);
-    context.report.ExpectBytes(files[0].Size().value_or(0));
-    while (const size_t count = download.Next(buffer)) {
-        WriteAll(STDOUT_FILENO, buffer.data(), count);
-        context.report.Advance(count);
-    }
-    download.Finish();
-    context.report.Count(files[0].GetKind());
+    Download download(session, files[0], options.at);
+    report.ExpectBytes(files[0].Size().value_or(0));
+    Restorer::ReceiveInto(STDOUT_FILENO, download, buffer, report);
+    report.Count(files[0].GetKind());
+}
+
+void Restore(const RestoreOptions& options, Context& context) {
+    const NamePattern pattern(ParsePath(options.path), false);
+    const bool toOutput = options.to == "-";
+    if (options.to.empty()) throw UsageError("restore --to needs a folder, or - for standard output");
+    if (options.path.empty() || (toOutput && pattern.IsRoot())) throw UsageError("an object path is needed");
+    Session session(context.connection);
+    Selection selection;
+    selection.at = options.at;
+    Attempt(context.report, options.path, [&] {
+        const auto objects = List(session, pattern, Scope::Tree, selection);
+        if (objects.empty()) throw NotFound();
+        if (toOutput) {
+            RestoreToOutput(options, context.report, session, objects, pattern.Depth());
+        } else {
+            const size_t above = pattern.IsRoot() ? 0 : pattern.Depth() - 1;
+            RestoreTree(options, context, session, Plan(context.report, objects, above));
+        }
+    });
+    context.report.Summary("restore");
 }
 
 }  // namespace
 
-void RunRestore(Context& context) {
-    const std::string& path = context.options.paths[0];
-    const NamePattern pattern(ParsePath(path), false);
-    const bool toOutput = context.options.to == "-";
-    if (path.empty() || (toOutput && pattern.IsRoot())) throw UsageError("an object path is needed");
-    Session session(context.connection);
-    Selection selection;
-    selection.at = context.options.at;
-    Attempt(context.report, path, [&] {
-        const auto objects = List(session, pattern, Scope::Tree, selection);
-        if (objects.empty()) throw Failure(CodeText("not found", -2));
-        const size_t above = pattern.IsRoot() ? 0 : pattern.Depth() - 1;
-        if (toOutput) {
-            RestoreToOutput(context, session, objects, pattern.Depth());
-        } else {
-            RestoreTree(context, session, Plan(context, objects, above));
-        }
-    });
-    context.report.Summary("restore");
+void AddRestore(CommandLine& line) {
+    const auto options = std::make_shared<RestoreOptions>();
+    CLI::App& command = line.Add("restore", "Bring back one object or a whole tree",
+                                 {"tsmctl restore nightly/docs --to restored -j 4",
+                                  "tsmctl restore nightly/docs/a.txt --to january --at '2024-01-31 23:59:59'",
+                                  "tsmctl restore dumps/docs.tar --to - | tar -t", "tsmctl restore / --to everything"},
+                                 [options](Context& context) { Restore(*options, context); });
+    command.add_option("PATH", options->path, "object path; / is everything")->type_name("OBJECT")->required();
+    command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
+    command.add_flag("--force", options->force, "replace files that exist");
+    AddMoment(command, options->at, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
+    AddJobs(command, options->jobs);
 }
 
 }  // namespace tsmctl

@@ -1,17 +1,29 @@
+// verify: compares active versions with the local files or standard input, and names each difference.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <set>
 
-#include "Commands.h"
+#include "Arguments.h"
 #include "Errors.h"
+#include "HelpFormatter.h"
+#include "Inventory.h"
+#include "LocalTree.h"
 #include "Parallel.h"
 #include "Transfer.h"
+#include "commands/Commands.h"
 
 namespace tsmctl {
 namespace {
+
+struct VerifyOptions {
+    SourceOptions source;
+    int jobs = 1;
+};
 
 // For people, in the local time zone.
 std::string LocalTime(const timespec& time) {
@@ -25,18 +37,16 @@ std::string LocalTime(const timespec& time) {
     return fmt::format("{}.{:09} {}", date, time.tv_nsec, zone);
 }
 
-// Names a difference as a result, and counts it as what it is: something that is not as it should be.
 class Verifier {
 public:
-    explicit Verifier(Context& owner) : context_(owner) {}
+    explicit Verifier(Report& report) : report_(report) {}
 
-    void Differs(const std::string& subject, const std::string& text) {
-        context_.report.Differs(subject + ": " + text);
-    }
+    // A difference is a result, and makes the command fail.
+    void Differs(const std::string& subject, const std::string& text) { report_.Differs(subject + ": " + text); }
 
     void Compare(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const Kind stored = object.GetKind();
-        context_.report.Count(item.info.kind);
+        report_.Count(item.info.kind);
         const bool sameKind = stored == item.info.kind || (stored == Kind::Stream && item.info.kind == Kind::File);
         if (!sameKind) {
             return Differs(item.local, fmt::format("{} here, {} stored", KindName(item.info.kind), KindName(stored)));
@@ -63,7 +73,7 @@ public:
             const auto first = static_cast<std::ptrdiff_t>(got);
             const auto unequal = std::mismatch(here.begin(), here.begin() + first, buffer.begin()).first - here.begin();
             offset += unequal;
-            context_.report.Advance(got);
+            report_.Advance(got);
             if (static_cast<size_t>(unequal) < count) {
                 return Differs(local, fmt::format("content differs from byte {} on", offset));
             }
@@ -87,41 +97,43 @@ private:
 
     void CompareLink(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const std::string here = ReadLink(item);
-        std::string there;
-        Download download(session, object, "");
-        while (const size_t count = download.Next(buffer)) {
-            there.append(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(count));
-            if (there.size() > pieceSize) throw Failure("the stored target of the link is too long");
-        }
-        download.Finish();
-        context_.report.Advance(here.size());
+        const std::string there = ReceiveLinkTarget(session, buffer, object, "");
+        report_.Advance(here.size());
         if (here != there) {
             Differs(item.local, fmt::format("link to {} here, to {} stored", here, there));
         }
     }
 
-    Context& context_;
+    Report& report_;
 };
 
-void VerifyTrees(Context& context, Session& session) {
-    Verifier verifier(context);
-    std::vector<LocalItem> items;
-    std::vector<std::string> unreadable;
+// What is stored where the paths were stored, by object path.
+std::map<std::string, StoredObject> FindStored(const std::vector<Source>& sources, Session& session) {
     std::map<std::string, StoredObject> stored;
-    for (const Landing& landing : MapPaths(context.options.paths, context.options.to)) {
-        Scan(landing, context.report, items, unreadable);
-        for (StoredObject& object : List(session, NamePattern(landing.object, false), Scope::Tree, {})) {
-            // The folder that "/" lands in belongs to nobody.
-            if (!landing.top || object.PlainParts().size() > landing.object.size()) {
-                stored.emplace(object.Shown(), std::move(object));
-            }
+    for (const Source& source : sources) {
+        for (StoredObject& object : List(session, NamePattern(source.object, false), Scope::Tree, {})) {
+            // The directory that the entries of "/" are stored in was not stored from it.
+            if (source.isRoot && object.PlainParts().size() <= source.object.size()) continue;
+            stored.emplace(object.ObjectPath(), std::move(object));
         }
     }
-    std::set<std::string> known(unreadable.begin(), unreadable.end());
+    return stored;
+}
+
+void VerifyTrees(const VerifyOptions& options, Context& context) {
+    const std::vector<Source> sources = ResolveSources(options.source.paths, options.source.to);
+    Session session(context.connection);
+    Verifier verifier(context.report);
+    std::vector<LocalItem> items;
+    std::vector<std::string> unreadable;
+    for (const Source& source : sources) Scan(source, context.report, items, unreadable);
+    const std::map<std::string, StoredObject> stored = FindStored(sources, session);
+
+    std::set<std::string> here(unreadable.begin(), unreadable.end());
     std::vector<std::pair<const LocalItem*, const StoredObject*>> pairs;
     long long bytes = 0;
     for (const LocalItem& item : items) {
-        known.insert(item.object);
+        here.insert(item.object);
         const auto found = stored.find(item.object);
         if (found != stored.end()) {
             pairs.emplace_back(&item, &found->second);
@@ -130,43 +142,60 @@ void VerifyTrees(Context& context, Session& session) {
             verifier.Differs(item.local, "is not stored");
         }
     }
-    context.report.ExpectBytes(bytes);
-    const auto inUnreadable = [&](const std::string& name) {
+    const auto isInUnreadable = [&](const std::string& name) {
         return std::any_of(unreadable.begin(), unreadable.end(), [&](const std::string& folder) {
             return name.compare(0, folder.size() + 1, folder + "/") == 0;
         });
     };
     for (const auto& [name, object] : stored) {
-        if (known.count(name) == 0 && !inUnreadable(name)) verifier.Differs(name, "is stored and not here");
+        if (here.count(name) == 0 && !isInUnreadable(name)) verifier.Differs(name, "is stored and not here");
     }
+    context.report.ExpectBytes(bytes);
     const Job job = {[&](size_t i) { return pairs[i].first->local; },
                      [&](Session& own, Buffer& buffer, size_t i) {
                          verifier.Compare(own, buffer, *pairs[i].first, *pairs[i].second);
                      }};
-    RunParallel(context, session, 0, pairs.size(), job);
+    RunParallel(context, session, options.jobs, pairs.size(), job);
 }
 
-void VerifyInput(Context& context, Session& session) {
-    const Parts name = Append(ParsePath(context.options.to), ParsePath(context.options.as));
+void VerifyInput(const VerifyOptions& options, Context& context) {
+    const Parts name = options.source.InputObject();
+    Session session(context.connection);
     Attempt(context.report, "standard input", [&] {
         Selection files;
-        files.objectType = 2;
+        files.objectType = TSM_OBJECTS_FILES;
         const auto found = List(session, NamePattern(name, false), Scope::Self, files);
-        if (found.empty()) throw Failure(CodeText("not found", -2));
+        if (found.empty()) throw NotFound();
         Buffer buffer(pieceSize);
         context.report.Count(Kind::Stream);
-        Verifier(context).CompareContent(
-            session, buffer, Join(name), found[0],
-            [](unsigned char* memory, size_t length) { return ReadFull(0, memory, length); });
+        Verifier(context.report)
+            .CompareContent(session, buffer, Join(name), found[0], [](unsigned char* memory, size_t length) {
+                return ReadFull(STDIN_FILENO, memory, length);
+            });
     });
+}
+
+void Verify(const VerifyOptions& options, Context& context) {
+    CheckSource(options.source);
+    if (options.source.IsInput()) {
+        VerifyInput(options, context);
+    } else {
+        VerifyTrees(options, context);
+    }
+    context.report.Summary("verify");
 }
 
 }  // namespace
 
-void RunVerify(Context& context) {
-    Session session(context.connection);
-    context.options.as.empty() ? VerifyTrees(context, session) : VerifyInput(context, session);
-    context.report.Summary("verify");
+void AddVerify(CommandLine& line) {
+    const auto options = std::make_shared<VerifyOptions>();
+    CLI::App& command = line.Add("verify", "Compare what is stored with the local files, byte for byte",
+                                 {"tsmctl verify docs --to nightly -j 4",
+                                  "tsmctl restore dumps/docs.tar --to - | tsmctl verify - --as dumps/docs.tar"},
+                                 [options](Context& context) { Verify(*options, context); });
+    AddPaths(command, options->source.paths, fileType, "what was stored, as it was given to backup");
+    AddPlace(command, options->source);
+    AddJobs(command, options->jobs);
 }
 
 }  // namespace tsmctl

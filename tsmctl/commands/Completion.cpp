@@ -1,16 +1,16 @@
-#include "Completion.h"
-
+// completion: prints the completion for bash. It needs no server.
 #include <fmt/format.h>
 
 #include <algorithm>
 
 #include "HelpFormatter.h"
+#include "commands/Commands.h"
 
 namespace tsmctl {
 namespace {
 
-// bash hands over the words that its own rules cut, "--type=dir" as three; $2 ends at the cursor. Files and folders are
-// left to bash itself, which knows how to quote them.
+// bash cuts the words by its own rules, "--type=dir" into three. $2 ends at the cursor. Files and folders are left to
+// bash, which knows how to quote them.
 constexpr const char* function = R"bash(
 _tsmctl() {
     local cur=$2 command=tsmctl option='' plain='' prefix='' word values
@@ -23,13 +23,13 @@ _tsmctl() {
         elif [[ ! $plain && $word == -- ]]; then
             plain=1
         elif [[ ! $plain && $word == -* ]]; then
-            option=$(_tsmctl_taking "$command" "$word")
+            option=$(_tsmctl_value_key "$command" "$word")
         elif [[ $command == tsmctl && ${_tsmctl_options[$word]+known} ]]; then
             command=$word
         fi
     done
     if [[ ! $option && ! $plain && $cur == --*=* ]]; then
-        option=$(_tsmctl_taking "$command" "${cur%%=*}")
+        option=$(_tsmctl_value_key "$command" "${cur%%=*}")
         prefix=${cur%%=*}=
         cur=${cur#*=}
     fi
@@ -53,7 +53,7 @@ _tsmctl() {
 }
 
 # The entry of _tsmctl_values for an option of a command, where the option takes a value.
-_tsmctl_taking() {
+_tsmctl_value_key() {
     local key
     for key in "$1 $2" "tsmctl $2"; do
         [[ ${_tsmctl_values[$key]+known} ]] && printf '%s' "$key" && return
@@ -65,7 +65,7 @@ complete -F _tsmctl tsmctl
 
 // What to offer for a value: the word FILE or FOLDER, a list of words, or nothing.
 std::string Offer(const CLI::Option& option) {
-    std::string value = ValueOf(option);
+    std::string value = TypeOfValue(option);
     if (value.find('|') == std::string::npos) return value == fileType || value == folderType ? value : "";
     std::replace(value.begin(), value.end(), '|', ' ');
     return value;
@@ -94,7 +94,7 @@ private:
                   const std::vector<std::string>& list, std::string& names) {
         for (const std::string& name : list) {
             names += (names.empty() ? "" : " ") + (dashes + name);
-            if (!ValueOf(option).empty()) AddValue(command + " " + dashes + name, option);
+            if (!TypeOfValue(option).empty()) AddValue(command + " " + dashes + name, option);
         }
     }
 
@@ -103,8 +103,7 @@ private:
     }
 };
 
-}  // namespace
-
+// Defines and registers the completion. Everything that it offers is read from the command line's own tree.
 std::string CompletionScript(const CLI::App& app) {
     Tables tables;
     std::string commands;
@@ -117,9 +116,17 @@ std::string CompletionScript(const CLI::App& app) {
         "# Completion of tsmctl for bash, printed by 'tsmctl completion'.\n"
         "_tsmctl_commands='{}'\n"
         "declare -gA _tsmctl_options=(\n{})\n"
-        "# What stands after an option of a command, and where the command has its PATH.\n"
+        "# What follows an option of a command, or is the PATH of a command.\n"
         "declare -gA _tsmctl_values=(\n{})\n{}",
         commands, tables.options, tables.values, function);
+}
+
+}  // namespace
+
+void AddCompletion(CommandLine& line) {
+    line.Add("completion", "Print the completion for bash",
+             {"tsmctl completion > tsmctl.bash", "source <(tsmctl completion)"},
+             [&line](Context& context) { context.report.Text(CompletionScript(line.Syntax())); });
 }
 
 }  // namespace tsmctl
