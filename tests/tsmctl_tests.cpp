@@ -1,4 +1,4 @@
-// The command-line host from end to end: real trees, a store in a folder of its own, the shipped binary in a shell.
+// tsmctl from end to end: real trees, a store in a folder of its own, the shipped binary in a shell.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -83,16 +83,16 @@ protected:
     fs::path root_;
 };
 
-// Objects that another host stored, in its own way.
-class OtherHost {
+// Another program, which stores objects in its own way.
+class OtherProgram {
 public:
-    explicit OtherHost(const fs::path& root) {
+    explicit OtherProgram(const fs::path& root) {
         EXPECT_EQ(TsmInitApi(Text(root / "dsm.opt"), nullptr, nullptr, nullptr), 0);
         handle_ = TsmOpenSession(Text("node"), nullptr, Text("secret"), nullptr, nullptr, nullptr, Text("/"));
         EXPECT_GT(handle_, 0);
         EXPECT_EQ(TsmConnectToFileSpace(handle_, Text("tsmctl")), 0);
     }
-    ~OtherHost() { TsmReleaseApi(); }
+    ~OtherProgram() { TsmReleaseApi(); }
 
     void Put(const std::string& path, const std::string& name, const std::string& info, std::string data) {
         auto* const bytes = reinterpret_cast<unsigned char*>(data.data());
@@ -156,7 +156,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
         {"-q frobnicate a", "no such command: frobnicate (see 'tsmctl help')"},
         {"backpu a", "no such command: backpu; did you mean backup?"},
         {"restore a --forse", "no such option: --forse; did you mean --force? (see 'tsmctl help restore')"},
-        {"--force restore a", "--force stands behind the command"},
+        {"--force restore a", "--force has to come after the command"},
         {"rename a", "NEW is missing: its new object path"},
         {"list a b", "unexpected argument: b"},
         {"backup a --jobs", "--jobs needs a value, NUMBER: sessions"},
@@ -283,20 +283,20 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
 TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
     fs::create_directories(root_ / "outside");
     {
-        OtherHost host(root_);
-        host.Put("t/evil", "f", "", "bad");
-        host.Put("t", "evil2", "tsmctl1 l 0777 1.000000000 " + std::to_string((root_ / "outside").native().size()),
-                 (root_ / "outside").native());
-        host.Put("t", "evil", "tsmctl1 l 0777 1.000000000 2", "..");
-        host.Put("t/evil2", "f", "", "bad");
-        host.Put("t", "..", "", "bad");
-        host.Put("t/..", "up", "", "bad");
-        host.Put("t", "a/b", "", "bad");
-        host.Put("t", "short", "tsmctl1 f 0644 1.000000000 9", "eight...");
-        host.Put("t", "st*r", "", "wild");
-        host.Put("u", "x*", "", "wrong");
-        host.Put("u", "xy", "", "right");
-        host.Put("u", "fine", "hello", "other");
+        OtherProgram other(root_);
+        other.Put("t/evil", "f", "", "bad");
+        other.Put("t", "evil2", "tsmctl1 l 0777 1.000000000 " + std::to_string((root_ / "outside").native().size()),
+                  (root_ / "outside").native());
+        other.Put("t", "evil", "tsmctl1 l 0777 1.000000000 2", "..");
+        other.Put("t/evil2", "f", "", "bad");
+        other.Put("t", "..", "", "bad");
+        other.Put("t/..", "up", "", "bad");
+        other.Put("t", "a/b", "", "bad");
+        other.Put("t", "short", "tsmctl1 f 0644 1.000000000 9", "eight...");
+        other.Put("t", "st*r", "", "wild");
+        other.Put("u", "x*", "", "wrong");
+        other.Put("u", "xy", "", "right");
+        other.Put("u", "fine", "hello", "other");
     }
     Expect("umask 022; tsmctl restore t --to out", 1, "", "cannot be that of a file here");
     Expect("tsmctl restore t --to out --force; find out ../outside .. -maxdepth 1 -name f -o -name up -o -name short",
@@ -429,8 +429,8 @@ TEST_F(Tsmctl, TheExamplesOfTheHelpWork) {
         fs::create_directories(root_ / "work/docs");
         standinSetClock("2024-01-01 00:00:00");
         {
-            OtherHost host(root_);
-            host.Put("nightly/docs", "a.txt", "", "old");
+            OtherProgram other(root_);
+            other.Put("nightly/docs", "a.txt", "", "old");
         }
         standinSetClock(nullptr);
         Expect(

@@ -35,7 +35,7 @@ std::string CheckMoment(const std::string& text) {
     return real ? "" : "not a moment like '2024-01-31 23:59:59': " + text;
 }
 
-// -1 for what is no decimal number. What CLI11 reads as a number may also be octal, and is cut where it is too large.
+// -1 for anything but a decimal number. CLI11 would also read octal, and would cut a number that is too large.
 long long DecimalNumber(const std::string& text) {
     long long number = -1;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -100,7 +100,7 @@ void AddPlace(CLI::App& command, SourceOptions& source) {
 void CheckSource(const SourceOptions& source) {
     const bool input = std::count(source.paths.begin(), source.paths.end(), "-") > 0;
     if (input != source.IsInput()) throw UsageError("- and --as NAME belong together");
-    if (input && source.paths.size() > 1) throw UsageError("- stands alone");
+    if (input && source.paths.size() > 1) throw UsageError("- cannot be given with other paths");
     if (input && ParsePath(source.as).empty()) throw UsageError("--as needs a name");
 }
 

@@ -43,14 +43,14 @@ CommandLine::CommandLine() {
     app_.require_subcommand(1);
     app_.footer(
         "Environment:\n"
-        "  A variable in [brackets] stands in for the option. TSMCTL_PASSWORD is the password\n"
-        "  where no file is named; without either, it is asked for on the terminal.\n\n"
+        "  A variable in [brackets] is used if the option is not given. TSMCTL_PASSWORD is the\n"
+        "  password if no file is given; without either, tsmctl asks for it on the terminal.\n\n"
         "Exit status:\n"
-        "  0  all was done, and verify found no difference\n"
-        "  1  something failed or differs, as told in a line each; the rest was done\n"
-        "  2  the command line makes no sense, or nobody could be asked: nothing was changed\n"
-        "  128 and the number of the signal, where one ended it\n\n"
-        "'tsmctl help COMMAND' gives a command's options and examples, man tsmctl the rest.");
+        "  0  everything was done, and verify found no difference\n"
+        "  1  something failed or differs, each on a line of its own; the rest was done\n"
+        "  2  the command line makes no sense, or there was nobody to ask: nothing was changed\n"
+        "  128 + the number of the signal that ended it\n\n"
+        "'tsmctl help COMMAND' shows a command's options and examples, 'man tsmctl' everything.");
     AddCommonOptions();
 }
 
@@ -69,7 +69,7 @@ void CommandLine::AddCommonOptions() {
     add("--filespace", connection_.filespace, "NAME", "filespace to work in")
         ->capture_default_str()
         ->envname("TSMCTL_FILESPACE");
-    add("--password-file", connection_.passwordFile, fileType, "its first line is the password")
+    add("--password-file", connection_.passwordFile, fileType, "file whose first line is the password")
         ->envname("TSMCTL_PASSWORD_FILE");
     app_.add_flag("-q,--quiet", quiet_, "no progress, no summary");
 }
@@ -78,7 +78,7 @@ CLI::App& CommandLine::Add(const std::string& name, const std::string& descripti
                            const std::vector<std::string>& examples, RunFunction run) {
     CLI::App* const command = app_.add_subcommand(name, description);
     command->footer(
-        fmt::format("Examples:\n  {}\n\nThe options of 'tsmctl --help' may stand before or after the command.",
+        fmt::format("Examples:\n  {}\n\nThe options of 'tsmctl --help' can be given before or after the command.",
                     fmt::join(examples, "\n  ")));
     commands_.push_back({command, std::move(run)});
     return *command;

@@ -51,8 +51,8 @@ void RequireReadable(Session& session, const StoredObject& object, const std::st
 // The same before a change. It is stricter, because the library may remove directories above by their names.
 void RequireChangeable(Session& session, const StoredObject& object);
 
-// The library removes directories that have become empty by their names, and a file of the same name with them. Lists
-// the files that are in danger, each directory once.
+// When a directory becomes empty, the library removes it by its name, and a file of that name with it. This lists the
+// files that are in danger, each directory once.
 class FilesAbove {
 public:
     FilesAbove(Session& session, const Selection& selection) : session_(session), selection_(selection) {}

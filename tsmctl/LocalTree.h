@@ -34,7 +34,7 @@ struct Source {
 std::vector<Source> ResolveSources(const std::vector<std::string>& paths, const std::string& to);
 
 // Appends the source's tree, each directory before what it holds. What cannot be read is reported, and its object path
-// goes to unreadable. A source that is a special file counts as such.
+// goes to unreadable. So is a source that is a special file.
 void Scan(const Source& source, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable);
 
 }  // namespace tsmctl

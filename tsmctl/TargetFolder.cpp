@@ -39,7 +39,7 @@ bool TargetFolder::Make(Parts parts, mode_t mode) const {
     const Parts whole = parts;
     parts.pop_back();
     const bool made = mkdirat(Open(parts).Get(), whole.back().c_str(), mode) == 0;
-    Open(whole);  // also tells what is in the way
+    Open(whole);  // throws if something is in the way
     return made;
 }
 
@@ -71,8 +71,9 @@ int NewEntry::CreateFile() {
 }
 
 void NewEntry::CreateLink(const std::string& target) {
-    if (symlinkat(target.c_str(), directory_.Get(), temporary_.c_str()) != 0)
+    if (symlinkat(target.c_str(), directory_.Get(), temporary_.c_str()) != 0) {
         FailLocal("cannot create the link", errno);
+    }
     exists_ = true;
 }
 

@@ -43,7 +43,7 @@ std::string UnknownArgument(const CLI::App& app, const CLI::App* command) {
     if (typed[0] == '-') {
         for (const CLI::App* const owner : app.get_subcommands({})) {
             const bool misplaced = (!command || command == owner) && owner->get_option_no_throw(typed);
-            if (misplaced) return typed + " stands behind the command that it belongs to";
+            if (misplaced) return typed + " has to come after the command that it belongs to";
         }
         for (const CLI::Option* option : OptionsOf(app, command)) {
             for (const std::string& name : option->get_lnames()) names.push_back("--" + name);

@@ -221,10 +221,10 @@ void AddBackup(CommandLine& line) {
                                  {"tsmctl backup docs --to nightly -j 4", "tsmctl backup docs/a.txt docs/b.txt",
                                   "tar -c docs | tsmctl backup - --as dumps/docs.tar"},
                                  [options](Context& context) { Backup(*options, context); });
-    AddPaths(command, options->source.paths, fileType, "what to store, under its last part; - is standard input");
+    AddPaths(command, options->source.paths, fileType, "what to store, by its last part; - is standard input");
     command.add_option("--class", options->mgmtClass, "management class (default: the server's choice)")
         ->type_name("NAME");
-    AddNumber(command, "--size", "BYTES", "of standard input, where it is known", 0, LLONG_MAX,
+    AddNumber(command, "--size", "BYTES", "of standard input, if it is known", 0, LLONG_MAX,
               [options](long long number) { options->size = number; });
     AddPlace(command, options->source);
     AddJobs(command, options->jobs);

@@ -1,4 +1,5 @@
-// The commands. Each adds itself to the command line, with its options, its help, its examples and its run.
+// The commands, each in the source of its name: its options, its help, its examples and its run. A new one is declared
+// here, added in main.cpp, listed in CMakeLists.txt and described in tsmctl.1.in.
 #pragma once
 
 #include "CommandLine.h"

@@ -51,8 +51,8 @@ public:
         const auto below = [&](const StoredObject& object) { return object.PlainParts().size() > pattern.Depth(); };
         if (!options_.recursive) {
             for (const StoredObject& object : active) {
-                if (below(object))
-                    throw Failure("is a directory that holds " + object.ObjectPath() + " (use --recursive)");
+                if (!below(object)) continue;
+                throw Failure("is a directory that holds " + object.ObjectPath() + " (use --recursive)");
             }
         }
         bool found = false;
@@ -92,7 +92,7 @@ public:
 
     void Delete() {
         const RecordMap before = FindRecords();
-        // A directory goes when nothing is left in it: files come before directories, and the deepest names first.
+        // A directory can only go when it is empty: files come before directories, and the deepest names first.
         std::vector<const StoredObject*> order;
         for (const auto& entry : objects_) order.push_back(&entry.second);
         std::sort(order.begin(), order.end(), [](const StoredObject* a, const StoredObject* b) {
@@ -161,8 +161,8 @@ private:
             const auto was = before.find(entry.first);
             const auto is = after.find(entry.first);
             const bool stays = was != before.end() && is != after.end() && is->second.versions >= was->second.versions;
-            const bool told = std::count(kept_.begin(), kept_.end(), entry.second.StoredParts()) > 0;
-            if (!stays || told || PendingSignal() != 0) continue;
+            const bool reported = std::count(kept_.begin(), kept_.end(), entry.second.StoredParts()) > 0;
+            if (!stays || reported || PendingSignal() != 0) continue;
             report_.Failed(entry.second.ObjectPath(), options_.OnlyActiveAt() ? notActive : "is still there");
         }
     }
@@ -215,10 +215,10 @@ void AddDelete(CommandLine& line) {
                   "tsmctl delete nightly/docs --recursive --yes", "tsmctl delete dumps/docs.tar --all-versions"},
                  [options](Context& context) { Delete(*options, context); });
     AddPaths(command, options->paths, "OBJECT", "object path, its last part may hold * and ?");
-    command.add_flag("--recursive", options->recursive, "with all that lies below");
+    command.add_flag("--recursive", options->recursive, "with everything below");
     command.add_flag("--all-versions", options->allVersions, "every version, for good");
-    AddMoment(command, options->at, "only what was current at 'YYYY-MM-DD HH:MM:SS', server time");
-    command.add_flag("--yes", options->yes, "do not ask before more than one object goes");
+    AddMoment(command, options->at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
+    command.add_flag("--yes", options->yes, "do not ask before deleting more than one object");
     AddLiteral(command, options->literal);
 }
 

@@ -26,7 +26,7 @@ struct ListOptions {
     bool literal = false;
 };
 
-// Plain ASCII, from which the bytes can be told exactly.
+// Plain ASCII that keeps every byte apart.
 std::string PercentEncoded(const std::string& bytes) {
     std::string text;
     for (const char c : bytes) {
@@ -137,8 +137,8 @@ void AddList(CommandLine& line) {
         ->type_name("OBJECT");
     AddChoice(command, "--type", options->type, "kind of object", {"any", "dir", "file"})->capture_default_str();
     AddJson(command, options->json);
-    CLI::Option* const allVersions = command.add_flag("--all-versions", options->allVersions, "inactive versions too");
-    AddMoment(command, options->at, "as things were at 'YYYY-MM-DD HH:MM:SS', server time")->excludes(allVersions);
+    CLI::Option* const allVersions = command.add_flag("--all-versions", options->allVersions, "also inactive versions");
+    AddMoment(command, options->at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time")->excludes(allVersions);
     AddLiteral(command, options->literal);
 }
 

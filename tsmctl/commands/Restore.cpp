@@ -216,7 +216,7 @@ void AddRestore(CommandLine& line) {
     command.add_option("PATH", options->path, "object path; / is everything")->type_name("OBJECT")->required();
     command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
     command.add_flag("--force", options->force, "replace files that exist");
-    AddMoment(command, options->at, "as things were at 'YYYY-MM-DD HH:MM:SS', server time");
+    AddMoment(command, options->at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time");
     AddJobs(command, options->jobs);
 }
 
