@@ -16,6 +16,7 @@
 #include "Faults.h"
 #include "Refusal.h"
 #include "Session.h"
+#include "TestControl.h"
 #include "dsmrc.h"
 
 namespace standin {
@@ -164,7 +165,14 @@ dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
         if (const auto fault = faults::Enter(Call::dsmSetUp)) return fault->rc;
         if (rc != DSM_RC_OK) return rc;
         return Guarded(&log, DSM_RC_ABORT_SYSTEM_ERROR, [&] {
-            environment->store = Store::Open(environment->options.storeDir);
+            const Options& options = environment->options;
+            control::SetServerClock(options.clockStoppedAt, options.clockAheadBy);
+            environment->store = Store::Open(options.storeDir);
+            try {
+                options.policy.Apply(*environment->store);
+            } catch (const std::exception& problem) {  // queries obey it all the same
+                log.Write(std::string("versions that need not be kept: ") + problem.what());
+            }
             Process::Instance().SetUp(std::move(environment));
             return rc;
         });

@@ -158,7 +158,10 @@ std::vector<Fault> FaultsOf(Call call) {
         case Call::dsmCleanUp:
             return {{DSM_RC_ABORT_SYSTEM_ERROR, 0}, {DSM_RC_NO_MEMORY, 0}};
         case Call::dsmInitEx:
-            return {{DSM_RC_ABORT_SYSTEM_ERROR, 0}, {DSM_RC_REJECT_NO_RESOURCES, 0}, {DSM_RC_AUTH_FAILURE, 0}};
+            return {{DSM_RC_ABORT_SYSTEM_ERROR, 0},
+                    {DSM_RC_REJECT_NO_RESOURCES, 0},
+                    {DSM_RC_REJECT_VERIFIER_EXPIRED, 0},
+                    {DSM_RC_AUTH_FAILURE, 0}};
         case Call::dsmRCMsg:
         case Call::dsmTerminate:
             return {{DSM_RC_ABORT_SYSTEM_ERROR, 0}};
