@@ -13,20 +13,20 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "${TSM_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_COMPONENTS_ALL library development)
-# What is stripped off goes into packages of its own (NAME-dbgsym).
+# Debug symbols go into packages of their own (NAME-dbgsym).
 set(CPACK_STRIP_FILES OFF)
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-# Installed as if to the prefix, which stands in files.
+# Staged as if installed to the prefix, because some files contain it.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# Libraries with a version in their names only, so that the stand-in has none.
+# This covers libraries with a version in their names, so not the stand-in.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-# What stands here belongs to no package that could be depended on: the API's library, and our own.
+# Libraries in these folders (the API's and our own) belong to no package that could be depended on.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 if(TSM_SDK_DIR)
   list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sdk_folder})
@@ -87,8 +87,8 @@ Any other libApiTSM64.so that the dynamic linker knows takes precedence.")
   endforeach()
 endif()
 
-# Each package carries the project's licence, as soon as there is one, and the notices of the libraries whose headers are
-# compiled into its programs.
+# Each package carries the project's licence, as soon as there is one, and the notices of the libraries whose headers
+# are compiled into its programs.
 set(notices "")
 if(TSM_TOOL)
   foreach(library libcli11-dev libfmt-dev nlohmann-json3-dev)
