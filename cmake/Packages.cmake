@@ -40,8 +40,8 @@ set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "backup objects on a TSM server - library
 Through this library a backup product stores byte streams as backup objects
 on a TSM server, lists them, reads them back, renames and deletes them.
 .
-It needs libApiTSM64.so, the TSM client API, which is no part of Debian:
-install it from the server's vendor. No package stands in for it unasked.")
+It needs libApiTSM64.so, the TSM client API, which is not part of Debian:
+install it from the server's vendor.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtsmconnector-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -66,19 +66,19 @@ set(CPACK_DEBIAN_TRACE_PACKAGE_NAME tsm-trace)
 set(CPACK_DEBIAN_TRACE_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TRACE_DESCRIPTION "record what programs and the TSM client API say to each other
 tsmtrace records the calls that a program makes on the TSM client API, without
-passwords and data, and tells what went wrong, in words. Nothing has to be
-built anew.
+passwords and data, and tells what went wrong, in words. The programs need not
+be rebuilt.
 .
-It works with any libApiTSM64.so; that is no part of it.")
+It works with any libApiTSM64.so, which it does not contain.")
 
 if(NOT TSM_SDK_DIR)
   list(APPEND CPACK_COMPONENTS_ALL standin)
   set(CPACK_DEBIAN_STANDIN_PACKAGE_NAME tsm-standin)
   set(CPACK_DEBIAN_STANDIN_PACKAGE_SECTION devel)
   set(CPACK_DEBIAN_STANDIN_DESCRIPTION "stand-in for the TSM client API, for tests
-Stands in for the TSM client API where there is no server. All that is backed
-up goes to a folder of THIS MACHINE: it serves tests and development, and
-saves nothing from the loss of the machine.
+Takes the place of the TSM client API where there is no server. Everything that
+is backed up goes to a folder of THIS MACHINE. It is for tests and development,
+and does not protect against the loss of the machine.
 .
 Any other libApiTSM64.so that the dynamic linker knows takes precedence.")
   foreach(file postinst prerm triggers)
