@@ -1,4 +1,4 @@
-"""Keeps what a build makes on its way out of this folder, and packs the project's licence, once there is one."""
+"""Keeps the files that a build makes on its way out of this folder."""
 
 import atexit
 import shutil
@@ -10,6 +10,8 @@ from setuptools.command.build_py import build_py
 
 
 class BuildWithLicence(build_py):
+    """Packs the project's licence, as soon as there is one."""
+
     def run(self):
         super().run()
         licence = Path(__file__).resolve().parents[2] / "LICENSE"
