@@ -1,4 +1,4 @@
-"""What a build makes on its way stays out of this folder."""
+"""Keeps the files that a build makes on its way out of this folder."""
 
 import atexit
 import shutil

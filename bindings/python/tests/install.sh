@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the package from its folder into an environment of its own, without a registry, and leaves nothing behind.
+# Installs the package from its folder into an environment of its own, without a package index, and checks that nothing
+# is left behind in the folder.
 # Usage: install.sh PYTHON VERSION, with TSMCONNECTOR_LIBRARY set.
 set -euo pipefail
 folder=$(cd "$(dirname "$0")/.." && pwd)
