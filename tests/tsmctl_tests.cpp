@@ -175,6 +175,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     Expect("tsmctl frobnicate 2> /dev/full", 2);
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
     Expect("tsmctl --password-file . list", 1, "", "password file .: cannot read: Is a directory");
+    Expect("tsmctl --password-file /dev/zero list", 1, "", "password file /dev/zero: a line is longer than 4096 bytes");
     Expect("TSMCTL_PASSWORD= tsmctl --node new list", 2, "", "password is empty");
     Expect("umask 077; : > pw; tsmctl --password-file pw --node new list", 2, "", "password is empty");
     Expect("printf 'a\\0b' > pw; tsmctl --password-file pw --node new list", 2, "", "holds a byte 0");

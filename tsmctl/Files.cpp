@@ -53,7 +53,12 @@ void WriteAll(int fd, const void* memory, size_t length) {
 std::string ReadLine(int fd) {
     std::string line;
     char c = 0;
-    while (ReadFull(fd, &c, 1) == 1 && c != '\n') line += c;
+    while (ReadFull(fd, &c, 1) == 1 && c != '\n') {
+        if (line.size() == 4096) {
+            throw Failure("a line is longer than 4096 bytes");  // as in an endless file
+        }
+        line += c;
+    }
     return line;
 }
 

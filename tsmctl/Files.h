@@ -33,7 +33,7 @@ private:
 // Reads until length bytes are there or the input ends. Both throw Failure, and Interrupted at a signal.
 size_t ReadFull(int fd, void* memory, size_t length);
 void WriteAll(int fd, const void* memory, size_t length);
-// Reads up to the end or a line break, which is left out.
+// Reads up to the end or a line break, which is left out. Fails for a line of more than 4096 bytes.
 std::string ReadLine(int fd);
 
 // Occupies the numbers of standard streams that are closed, so that no file gets them. Using such a stream still fails.
