@@ -360,11 +360,18 @@ private:
 }  // namespace
 
 void Catalogue::Commit(std::vector<Operation>& operations) {
-    const bool stores = std::any_of(operations.begin(), operations.end(),
-                                    [](const Operation& o) { return std::holds_alternative<NewVersion>(o); });
-    store_->Submit(stores ? Store::Need::Space : Store::Need::None, [&](Change& change) {
-        for (Operation& operation : operations) std::visit(Applying(change, node_), operation);
-    });
+    bool stores = false, inFiles = false;
+    for (const Operation& operation : operations) {
+        const auto* const version = std::get_if<NewVersion>(&operation);
+        stores = stores || version;
+        inFiles = inFiles || (version && version->data && version->data->InFile());
+    }
+    store_->Submit(
+        stores ? Store::Need::Space : Store::Need::None,
+        [&](Change& change) {
+            for (Operation& operation : operations) std::visit(Applying(change, node_), operation);
+        },
+        inFiles ? Store::Leaves::Anything : Store::Leaves::OnlyRows);
 }
 
 bool NodeView::CheckRenaming(const Renaming& renaming) const {
