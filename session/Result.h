@@ -1,6 +1,5 @@
 // How outcomes of the API become the results that hosts see.
-#ifndef SESSION_RESULT_H
-#define SESSION_RESULT_H
+#pragma once
 
 #include <algorithm>
 #include <climits>
@@ -8,6 +7,8 @@
 #include <new>
 
 #include "util/DsmApi.h"
+
+namespace connector {
 
 // A failing return code as a result: minus its magnitude.
 inline int Negated(dsInt16_t rc) {
@@ -29,11 +30,11 @@ inline int Saturated(std::size_t count) {
     return static_cast<int>(std::min<std::size_t>(count, INT_MAX));
 }
 
-// Runs an operation so that no exception leaves the library.
-template <class Operation>
-auto NoThrow(Operation operation) noexcept -> decltype(operation()) {
+// The exception that is being handled, as a result. No exception may leave an exported function: one whose body can
+// throw is a try block as a whole, with this in its handler.
+inline int CaughtResult() noexcept {
     try {
-        return operation();
+        throw;
     } catch (const std::bad_alloc&) {
         return -DSM_RC_NO_MEMORY;
     } catch (...) {
@@ -41,4 +42,4 @@ auto NoThrow(Operation operation) noexcept -> decltype(operation()) {
     }
 }
 
-#endif
+}  // namespace connector

@@ -29,8 +29,8 @@ TEST(Helpers, CutAndTestPaths) {
         EXPECT_EQ(StringUtil::StringEndsWith(t.text, t.part), t.ends) << t.text << " " << t.part;
     }
 
-    EXPECT_EQ(Saturated(2147483647), 2147483647);
-    EXPECT_EQ(Saturated(2147483657), 2147483647);
+    EXPECT_EQ(connector::Saturated(2147483647), 2147483647);
+    EXPECT_EQ(connector::Saturated(2147483657), 2147483647);
     const struct {
         long long size;
         dsUint32_t hi, lo;

@@ -42,8 +42,13 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) {
     return operator new(size);
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Fails() ? nullptr : std::malloc(size);
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept try {
+    return operator new(size);
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
 }
 void operator delete(void* block) noexcept {
     Release(block);
@@ -153,9 +158,7 @@ TEST(Memory, EveryFailedAllocationIsAResult) {
             EXPECT_EQ(TsmBeginBackup(session, C("d"), C("again"), 1), 0) << "the session is still of use";
             EXPECT_EQ(TsmCloseSession(session), 0);
         } while (failed);
-        const bool allocates = operation.name != std::string("restore") &&
-                               !(SANITIZER_INSIDE && operation.name == std::string("inventory"));
-        EXPECT_EQ(nth > 1, allocates);
+        EXPECT_GT(nth, 1) << "it allocates";
     }
     TsmReleaseApi();
 }
