@@ -49,9 +49,10 @@ int NameLevel(dsmObjName& pattern, std::string_view hl, std::string_view ll, std
 
 int TsmSession::BeginBackup(char* path, char* name, long long size, char* objInfo, char* mgmtClass) try {
     if (!path || !name) return -DSM_RC_NULL_OBJNAME;
-    std::string directory = NormalName(path, dirDelimiter);
-    const char* const hl = directory == dirDelimiter ? "" : directory.c_str();  // HighLevelName, without a copy
-    const std::string ll = NameAsGiven(name, dirDelimiter);
+    const std::string_view delimiter = dirDelimiter;
+    std::string directory = NormalName(path, delimiter);
+    const char* const hl = directory == delimiter ? "" : directory.c_str();  // HighLevelName, without a copy
+    const std::string ll = NameAsGiven(name, delimiter);
     // What would be refused is refused before the first directory object is created.
     if (const int refused = CheckObjectName(fileSpaceName, hl, ll)) return refused;
     if (objInfo && std::strlen(objInfo) > TSM_LIMIT_OBJECT_INFO) return -DSM_RC_STRING_TOO_LONG;
@@ -62,11 +63,12 @@ int TsmSession::BeginBackup(char* path, char* name, long long size, char* objInf
 }
 
 int TsmSession::_BackupDirectories(char* path, char* mgmtClass) try {
+    const std::string_view directory = path;
     const std::string_view delimiter = dirDelimiter;
-    if (const int refused = CheckLevels(path, delimiter)) return refused;
+    if (const int refused = CheckLevels(directory, delimiter)) return refused;
     dsmObjName pattern;
     if (const int refused = FillObjectName(pattern, fileSpaceName, "", "", DSM_OBJ_DIRECTORY)) return refused;
-    return ForEachLevel(path, delimiter, [&](std::string_view hl, std::string_view ll) {
+    return ForEachLevel(directory, delimiter, [&](std::string_view hl, std::string_view ll) {
         if (const int refused = NameLevel(pattern, hl, ll, delimiter)) return refused;
         const int found = LookUpAndEndListing(*this, handle, pattern, true).count;
         if (found < 0) return found;

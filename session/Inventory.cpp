@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,8 +18,12 @@
 
 using namespace connector;
 
-// Hosts index arrays of records themselves.
-static_assert(sizeof(TsmObject) == 2600 && alignof(TsmObject) == 8, "the record is part of the binary interface");
+// Hosts read the records, and index arrays of them, by these offsets.
+static_assert(sizeof(TsmObject) == 2600 && alignof(TsmObject) == 8 && offsetof(TsmObject, lowLevelName) == 1027 &&
+                  offsetof(TsmObject, size) == 1288 && offsetof(TsmObject, backupDate) == 1296 &&
+                  offsetof(TsmObject, objectInfo) == 1316 && offsetof(TsmObject, fileSpace) == 1571 &&
+                  offsetof(TsmObject, isFile) == 2596,
+              "the record is part of the binary interface");
 
 namespace {
 
