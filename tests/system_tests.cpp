@@ -210,8 +210,8 @@ TEST_F(System, ServesManyThreads) {
             for (int i = 0; i < 5; ++i) {
                 const int own = Open();
                 failures[t] |= TsmConnectToFileSpace(own, C("vm"));
-                for (int n = 0; n < 3; ++n)
-                    failures[t] |= Store(own, "t/" + std::to_string(t), std::to_string(n), data);
+                const std::string path = "t/" + std::to_string(t);
+                for (int n = 0; n < 3; ++n) failures[t] |= Store(own, path, std::to_string(n), data);
                 failures[t] |= TsmCloseSession(own);
             }
         });
@@ -397,10 +397,11 @@ TEST_P(Sweep, SurvivesFailuresOfEveryCall) {
     const auto undisturbed = calls;
     const Contents after = Look();
     std::string changes;
-    for (const std::string& line : Minus(after.names, before.names))
-        changes += "+" + line.substr(0, line.find(' ')) + " ";
-    for (const std::string& line : Minus(before.names, after.names))
-        changes += "-" + line.substr(0, line.find(' ')) + " ";
+    const auto add = [&](const char* sign, const Lines& lines) {
+        for (const std::string& line : lines) changes += sign + line.substr(0, line.find(' ')) + " ";
+    };
+    add("+", Minus(after.names, before.names));
+    add("-", Minus(before.names, after.names));
     EXPECT_EQ(changes, op.changes);
 
     int count = 0;
