@@ -1,12 +1,12 @@
-# The client API from an installed SDK, as the imported target ApiTSM64. SDKs differ in their layout, so that the
-# pieces are sought anywhere below TSM_SDK_DIR.
+# The client API from an installed SDK, as the imported target ApiTSM64. SDKs differ in their layout, so this looks for
+# the pieces anywhere below TSM_SDK_DIR.
 if(NOT IS_DIRECTORY "${TSM_SDK_DIR}")
   message(FATAL_ERROR "TSM_SDK_DIR: there is no folder ${TSM_SDK_DIR}")
 endif()
 file(REAL_PATH "${TSM_SDK_DIR}" sdk)
 string(REGEX REPLACE "([][*?])" "[\\1]" sdk_pattern "${sdk}")
 
-# Headers of one version belong together: all of them must stand in one folder.
+# Headers of one version belong together: all of them must be in one folder.
 set(headers dsmapitd.h dsmapifp.h dsmrc.h)
 set(never_found ${headers})
 set(split "")
@@ -47,17 +47,17 @@ message(STATUS "Client API: ${sdk_library}, headers in ${include_folder}")
 cmake_path(GET sdk_library PARENT_PATH sdk_folder)
 list(PREPEND CMAKE_INSTALL_RPATH "${sdk_folder}") # for the build only
 
-# What the API's library itself needs may be known at run time only.
+# The libraries that the API's library needs may be known only at run time.
 add_link_options(-Wl,--allow-shlib-undefined)
 
-# Where its library has no SONAME, linking it by its path would leave that path in what is linked.
+# If the library has no SONAME, linking it by its path would leave that path in the programs.
 add_library(ApiTSM64 SHARED IMPORTED GLOBAL)
 set_target_properties(ApiTSM64 PROPERTIES
   IMPORTED_LOCATION "${sdk_library}"
   IMPORTED_NO_SONAME ON
   INTERFACE_INCLUDE_DIRECTORIES "${include_folder}")
 
-# An SDK made from the stand-in can be steered by tests.
+# Tests can control an SDK that was made from the stand-in.
 set(api_is_standin OFF)
 if(EXISTS "${include_folder}/standin/testcontrol.h")
   set(api_is_standin ON)

@@ -1,4 +1,4 @@
-# What hosts are built with. Libraries and programs are installed where they are made.
+# Installs what hosts are built with. Libraries and programs are installed by their own folder's CMakeLists.txt.
 include(CMakePackageConfigHelpers)
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tsmconnector)
 
@@ -12,7 +12,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tsmconnectorConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/tsmconnectorConfigVersion.cmake
   DESTINATION ${config_folder} COMPONENT development)
 
-# Written when it is installed: the prefix may be another one by then.
+# Written at installation, as the prefix may be another one by then.
 install(CODE "
   set(PROJECT_VERSION \"${PROJECT_VERSION}\")
   set(libdir \"${CMAKE_INSTALL_LIBDIR}\")

@@ -13,20 +13,20 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "${TSM_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_COMPONENTS_ALL library development)
-# What is stripped off goes into packages of its own (NAME-dbgsym).
+# Debug symbols go into packages of their own (NAME-dbgsym).
 set(CPACK_STRIP_FILES OFF)
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-# Installed as if to the prefix, which stands in files.
+# Staged as if installed to the prefix, because some files contain it.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# Libraries with a version in their names only, so that the stand-in has none.
+# This covers libraries with a version in their names, so not the stand-in.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-# What stands here belongs to no package that could be depended on: the API's library, and our own.
+# Libraries in these folders (the API's and our own) belong to no package that could be depended on.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 if(TSM_SDK_DIR)
   list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sdk_folder})
@@ -40,8 +40,8 @@ set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "backup objects on a TSM server - library
 Through this library a backup product stores byte streams as backup objects
 on a TSM server, lists them, reads them back, renames and deletes them.
 .
-It needs libApiTSM64.so, the TSM client API, which is no part of Debian:
-install it from the server's vendor. No package stands in for it unasked.")
+It needs libApiTSM64.so, the TSM client API, which is not part of Debian:
+install it from the server's vendor.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtsmconnector-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -66,19 +66,19 @@ set(CPACK_DEBIAN_TRACE_PACKAGE_NAME tsm-trace)
 set(CPACK_DEBIAN_TRACE_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TRACE_DESCRIPTION "record what programs and the TSM client API say to each other
 tsmtrace records the calls that a program makes on the TSM client API, without
-passwords and data, and tells what went wrong, in words. Nothing has to be
-built anew.
+passwords and data, and tells what went wrong, in words. The programs need not
+be rebuilt.
 .
-It works with any libApiTSM64.so; that is no part of it.")
+It works with any libApiTSM64.so, which it does not contain.")
 
 if(NOT TSM_SDK_DIR)
   list(APPEND CPACK_COMPONENTS_ALL standin)
   set(CPACK_DEBIAN_STANDIN_PACKAGE_NAME tsm-standin)
   set(CPACK_DEBIAN_STANDIN_PACKAGE_SECTION devel)
   set(CPACK_DEBIAN_STANDIN_DESCRIPTION "stand-in for the TSM client API, for tests
-Stands in for the TSM client API where there is no server. All that is backed
-up goes to a folder of THIS MACHINE: it serves tests and development, and
-saves nothing from the loss of the machine.
+Takes the place of the TSM client API where there is no server. Everything that
+is backed up goes to a folder of THIS MACHINE. It is for tests and development,
+and does not protect against the loss of the machine.
 .
 Any other libApiTSM64.so that the dynamic linker knows takes precedence.")
   foreach(file postinst prerm triggers)
@@ -86,6 +86,31 @@ Any other libApiTSM64.so that the dynamic linker knows takes precedence.")
     list(APPEND CPACK_DEBIAN_STANDIN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packaging/${file})
   endforeach()
 endif()
+
+# Each package carries the project's licence, as soon as there is one, and the notices of the libraries whose headers
+# are compiled into its programs.
+set(notices "")
+if(TSM_TOOL)
+  foreach(library libcli11-dev libfmt-dev nlohmann-json3-dev)
+    set(notice /usr/share/doc/${library}/copyright)
+    if(EXISTS ${notice})
+      list(APPEND notices ${library})
+    else()
+      message(NOTICE "There is no ${notice}: add that library's notice before you pass the programs on")
+    endif()
+  endforeach()
+endif()
+foreach(component ${CPACK_COMPONENTS_ALL})
+  string(TOUPPER ${component} name)
+  set(folder ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${name}_PACKAGE_NAME})
+  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${folder} RENAME copyright COMPONENT ${component} OPTIONAL)
+  if(component MATCHES "^(tool|trace|standin)$")
+    foreach(library ${notices})
+      install(FILES /usr/share/doc/${library}/copyright
+        DESTINATION ${folder}/notices RENAME ${library} COMPONENT ${component})
+    endforeach()
+  endif()
+endforeach()
 
 set(CPACK_TSM_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/DebianFiles.cmake)

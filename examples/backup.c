@@ -5,7 +5,7 @@
 
 static unsigned char piece[256 * 1024];
 
-/* Returns the length of the next piece, 0 after the last one, -1 after reporting that there is no reading on. */
+/* Returns the length of the next piece, 0 after the last one, -1 after reporting that reading failed. */
 static int ReadPiece(void) {
     const size_t length = fread(piece, 1, sizeof piece, stdin);
     if (!ferror(stdin)) return (int)length;
@@ -13,7 +13,7 @@ static int ReadPiece(void) {
     return -1;
 }
 
-/* What to announce: 0 would store a directory object, so that an empty or unknown stream is announced with 1. */
+/* The size to announce. 0 would store a directory object, so an empty stream, or one of unknown size, announces 1. */
 static long long Announced(const char* text) {
     if (text == NULL) return 1;
     char* end = NULL;
@@ -24,7 +24,7 @@ static long long Announced(const char* text) {
 }
 
 static int Backup(int session, char** arguments) {
-    /* Before TsmBeginBackup, which creates directory objects for good. */
+    /* Read before TsmBeginBackup, which commits directory objects at once. */
     int length = ReadPiece();
     if (length < 0) return EXIT_FAILURE;
     int result = TsmBeginBackup(session, arguments[0], arguments[1], Announced(arguments[2]));

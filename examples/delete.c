@@ -6,14 +6,14 @@ static int DeleteEach(int session, TsmObject* objects, int count) {
     for (int i = 0; i < count; ++i) {
         char* const path = objects[i].highLevelName;
         char* const name = objects[i].lowLevelName;
-        /* Another host's name may hold what matches more than itself. */
+        /* Another host's name may have wildcards in it, and match more than itself. */
         if (!NameIsPlain(path, name + 1) || CheckKinds(session, path, name + 1, 1) != 0) {
             failed = EXIT_FAILURE;
             continue;
         }
         /* 1 instead of 0: every version, for good. */
         const int result = TsmDelete(session, path, name, 0, NULL);
-        /* A transaction may be left open: nothing more with this session. */
+        /* A transaction may be left open: do nothing more with this session. */
         if (result < 0) return Problem("TsmDelete", result);
         /* 0 is also the result when the library's own search failed. */
         const int left = Count(session, path, name, 1, TSM_OBJECTS_FILES);
@@ -31,7 +31,7 @@ static int Delete(int session, char** arguments) {
         fprintf(stderr, "%s %s: nothing is stored under this name\n", arguments[0], arguments[1]);
         return EXIT_FAILURE;
     }
-    /* The records are the session's, and the first TsmDelete ends them. */
+    /* The records are the session's, and invalid after the first TsmDelete. */
     const size_t bytes = (size_t)count * sizeof *objects;
     TsmObject* const copies = malloc(bytes);
     if (copies != NULL) memcpy(copies, objects, bytes);

@@ -1,7 +1,7 @@
 /*
- * What the examples share: signing on, signing off, reporting failures and checking names. As C11 and as C++17.
+ * Shared by the examples, in C11 and in C++17: signing on and off, reporting failures, checking names.
  * The environment says where to sign on:
- *   TSM_CONFIG     the client API's options file; where it is not set, the API decides
+ *   TSM_CONFIG     the client API's options file; if it is not set, the API decides
  *   TSM_NODE, TSM_PASSWORD, TSM_FILESPACE
  */
 #ifndef EXAMPLES_HOST_H
@@ -24,7 +24,7 @@ static inline int Problem(const char* call, long long result) {
     return EXIT_FAILURE;
 }
 
-/* Backups and restores take names as they are, listings and deletions rewrite them: accepts what both read alike. */
+/* Backups and restores take names as they are, listings and deletions rewrite them. Accepts what both read alike. */
 static inline int NameIsPlain(const char* path, const char* name) {
     if (strpbrk(path, "*?\\") == NULL && strstr(path, "//") == NULL && *name != '\0' && strpbrk(name, "*?\\/") == NULL)
         return 1;
@@ -34,20 +34,20 @@ static inline int NameIsPlain(const char* path, const char* name) {
     return 0;
 }
 
-/* What standard output still holds back may fail to be written. Returns 0 when all of it was. */
+/* Writing what standard output still buffers may fail. Returns 0 when all of it was written. */
 static inline int FinishOutput(void) {
     if (fflush(stdout) == 0 && !ferror(stdout)) return 0;
     perror("standard output");
     return EXIT_FAILURE;
 }
 
-/* Once in a process, before other threads use the library. Returns 0, or EXIT_FAILURE after reporting why. */
+/* Call it once, before other threads use the library. Returns 0, or EXIT_FAILURE after reporting why. */
 static inline int StartApi(void) {
     const int result = TsmInitApi(getenv("TSM_CONFIG"), NULL, NULL, NULL);
     return result == 0 ? 0 : Problem("TsmInitApi", result);
 }
 
-/* Once, after the last call of every thread, and also when StartApi failed. Returns the exit status. */
+/* Call it once, after the last call of every thread, and also when StartApi failed. Returns the exit status. */
 static inline int EndApi(int failed) {
     const int result = TsmReleaseApi();
     if (result != 0) failed = Problem("TsmReleaseApi", result);
@@ -81,7 +81,7 @@ static inline int Refuse(const char* path, const char* name, const char* why) {
     return EXIT_FAILURE;
 }
 
-/* Returns how many versions a name holds, or -1 after reporting why that is not known. */
+/* Returns how many versions a name has, or -1 after reporting why that is not known. */
 static inline int Count(int session, char* path, char* name, int activeOnly, int objectType) {
     TsmObject* objects = NULL;
     const int count = TsmGetBackupInfo(session, path, name, activeOnly, objectType, &objects);
@@ -91,9 +91,9 @@ static inline int Count(int session, char* path, char* name, int activeOnly, int
 }
 
 /*
- * Deleting and renaming go by name: a directory object that bears the file's name would go with it, and so would a file
- * that bears the name of a directory above which is left empty. Returns 0 where there is none of them, or EXIT_FAILURE
- * after reporting what is in the way.
+ * Deleting and renaming go by name. A directory object with the file's name would go with it, and so would a file with
+ * the name of a directory above that is left empty. Returns 0 if there is neither, or EXIT_FAILURE after reporting what
+ * is in the way.
  */
 static inline int CheckKinds(int session, const char* path, const char* name, int activeOnly) {
     char level[1300]; /* more than a path and a name can have */
@@ -111,8 +111,8 @@ static inline int CheckKinds(int session, const char* path, const char* name, in
 }
 
 /*
- * The next piece of a restore into size bytes of room, never below 32768. Returns the number of bytes, 0 after the last
- * one, or a negative code. A piece may also be empty: only a 0 that repeats is the end.
+ * Reads the next piece of a restore into size bytes of memory, 32768 or more. Returns the number of bytes, 0 after the
+ * last one, or a negative code. A piece may also be empty: only a 0 that repeats is the end.
  */
 static inline int GetPiece(int session, unsigned char* room, int size) {
     const int length = TsmGetData(session, &room, size);
@@ -120,9 +120,9 @@ static inline int GetPiece(int session, unsigned char* room, int size) {
 }
 
 /*
- * A program with one task on one session: the task gets the session and the command line's arguments (ended by a null
- * pointer) and returns 0 when it is done. The session is closed whatever comes of it, so that the server drops what a
- * failed task left open. Returns the exit status.
+ * Runs a program with one task on one session. The task gets the session and the command line's arguments (ended by a
+ * null pointer) and returns 0 when it is done. The session is always closed, so that the server drops what a failed
+ * task left open. Returns the exit status.
  */
 static inline int RunTask(int (*task)(int session, char** arguments), char** arguments) {
     int failed = StartApi();

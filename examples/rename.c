@@ -7,7 +7,7 @@ static int Rename(int session, char** arguments) {
     char* const newPath = arguments[2];
     char* const newName = arguments[3];
     if (CheckKinds(session, oldPath, oldName, 0) != 0) return EXIT_FAILURE;
-    /* A renaming begins with deleting every version under the new name. */
+    /* A rename first deletes every version under the new name. */
     const int taken = Count(session, newPath, newName, 0, TSM_OBJECTS_ANY);
     if (taken != 0) return taken < 0 ? EXIT_FAILURE : Refuse(newPath, newName, "is taken");
 
@@ -18,7 +18,7 @@ static int Rename(int session, char** arguments) {
     return renamed > 0 ? 0 : renamed < 0 ? EXIT_FAILURE : Refuse(newPath, newName, "the server did not rename");
 }
 
-/* The library drops one slash at a path's end and puts one in front where it is missing. */
+/* The library drops one slash at the end of a path and adds one in front where it is missing. */
 static int SamePath(const char* one, const char* other) {
     size_t oneLength = strlen(one);
     size_t otherLength = strlen(other);

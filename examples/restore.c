@@ -14,12 +14,12 @@ static int Copy(int session) {
 static int Restore(int session, char** arguments) {
     const long long size = TsmBeginRestore(session, arguments[0], arguments[1], arguments[2]);
     const int failed = size < 0 ? Problem("TsmBeginRestore", size) : Copy(session);
-    /* After a failure too; then its result does not matter. */
+    /* Called after a failure too; its result does not matter then. */
     const int result = TsmEndRestore(session);
     return failed || result >= 0 ? failed : Problem("TsmEndRestore", result);
 }
 
-/* What the library cannot read as a moment counts as none, and any version might come back. */
+/* A text that the library cannot read as a moment counts as none, and any version might come back. */
 static int IsMoment(const char* text) {
     int year, month, day, hour, minute, second, end = 0;
     return sscanf(text, "%4d-%2d-%2d %2d:%2d:%2d%n", &year, &month, &day, &hour, &minute, &second, &end) == 6 &&

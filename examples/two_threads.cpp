@@ -11,7 +11,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// The library only reads the texts that it is given.
+// The library never writes to the texts that it is given.
 char* Text(const std::string& text) {
     return const_cast<char*>(text.c_str());
 }
@@ -20,7 +20,7 @@ void Check(const char* call, long long result) {
     if (result < 0) throw std::runtime_error(std::string(call) + " failed: " + std::to_string(result));
 }
 
-// Used by one thread. After an exception it is good for nothing but being closed, which drops what was left open.
+// Used by one thread. After an exception, destroy it: that drops what was left open.
 class Session {
 public:
     Session() : handle(OpenSession()) {
@@ -48,7 +48,7 @@ public:
         while (size >= 0 && (length = GetPiece(handle, room.data(), static_cast<int>(pieceSize))) > 0) {
             data.insert(data.end(), room.begin(), room.begin() + length);
         }
-        const int end = TsmEndRestore(handle);  // after a failure too; then its result does not matter
+        const int end = TsmEndRestore(handle);  // called after a failure too; its result does not matter then
         Check("TsmBeginRestore", size);
         Check("TsmGetData", length);
         Check("TsmEndRestore", end);
@@ -56,11 +56,11 @@ public:
     }
 
 private:
-    static constexpr std::size_t pieceSize = 256 * 1024;  // a restore needs 32768 at the least
+    static constexpr std::size_t pieceSize = 256 * 1024;  // a restore needs at least 32768
     const int handle;
 };
 
-// What one thread does from its sign-on to its sign-off. Returns what to say of it.
+// The work of one thread from sign-on to sign-off. Returns a line to print.
 std::string StoreAndFetch(const std::string& name, unsigned char fill) {
     Session session;
     Bytes data(1000000, fill);
@@ -69,7 +69,7 @@ std::string StoreAndFetch(const std::string& name, unsigned char fill) {
     return name + ": " + std::to_string(data.size()) + " bytes stored and read back";
 }
 
-// Returns 0 when both threads did their work, having waited for both in any case.
+// Waits for both threads. Returns 0 when both did their work.
 int RunThreads() try {
     std::future<std::string> results[] = {std::async(std::launch::async, StoreAndFetch, "one", '1'),
                                           std::async(std::launch::async, StoreAndFetch, "two", '2')};

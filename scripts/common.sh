@@ -1,8 +1,8 @@
-# Shared by the scripts: their help, what they need installed, and how they build. Sourced, not run.
+# Sourced by the scripts: their help, installing what they need, building, testing.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=$(nproc)
 
-# What a script says of itself, before it does anything.
+# --help prints the comment at the top of the script.
 if [ "${1:-}" = --help ] || [ "${1:-}" = -h ]; then
     sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
     exit
@@ -10,7 +10,7 @@ fi
 
 say() { printf '\n== %s\n' "$*"; }
 
-# Installs those of the named Debian packages that are missing.
+# need PACKAGE...: installs the Debian packages that are missing
 need() {
     local missing=()
     for package in "$@"; do
@@ -28,11 +28,11 @@ need() {
 }
 
 build_packages=(g++ cmake ninja-build libsqlite3-dev libxxhash-dev libcrypt-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
-test_packages=(binutils libgtest-dev abigail-tools groff-base python3-venv python3-setuptools python3-wheel mypy pkgconf)
+test_packages=(binutils libgtest-dev abigail-tools groff-base python3-pytest python3-venv python3-setuptools python3-wheel mypy pkgconf)
 clang_packages=(clang libclang-rt-dev)
 packaging_packages=(binutils doxygen dpkg-dev file)
 
-# build FOLDER [CMAKE OPTION...]: configures and builds below build/, with ninja's progress on a terminal.
+# build FOLDER [CMAKE OPTION...]: configures and builds in build/FOLDER; on a terminal, shows ninja's progress
 build() {
     local folder=$root/build/$1 quiet=(-- --quiet)
     shift
@@ -42,7 +42,8 @@ build() {
     cmake --build "$folder" -j "$jobs" "${quiet[@]}"
 }
 
-# run_tests FOLDER [CTEST OPTION...]: the tests of a build; shows those that fail, and on a terminal how far they are.
+# run_tests FOLDER [CTEST OPTION...]: runs the tests of a build, and shows those that fail; on a terminal, its progress
+# too
 run_tests() {
     local tests=(ctest --test-dir "$root/build/$1" --output-on-failure -j "$jobs" --no-tests=error "${@:2}")
     if [ -t 1 ]; then
@@ -52,10 +53,10 @@ run_tests() {
     fi
 }
 
-# copy_sources DIR: the files that belong to the project, into a folder that is made
+# copy_sources DIR: makes DIR, and copies the files that belong to the project into it
 copy_sources() {
     mkdir -p "$1"
-    if [ -e "$root/.git" ] && command -v git >/dev/null; then # which may be another user's
+    if [ -e "$root/.git" ] && command -v git >/dev/null; then # the folder may be another user's
         git -C "$root" -c safe.directory="$root" ls-files -z | while IFS= read -r -d '' file; do
             [ ! -e "$root/$file" ] || printf '%s\0' "$file"
         done | tar -C "$root" --null -T - -c

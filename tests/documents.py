@@ -9,8 +9,8 @@ What a document's fenced blocks mean:
   console         commands that are only shown: what installs packages or builds the project itself
 Any other kind fails, and so does a block that is indented instead of fenced.
 
-Everything runs in a copy of the project in which build/demo leads to the build under test, and which is the home
-folder too; its path has a blank. The environment is what documents suppose: the tools and nothing of the project's variables, but that Python
+Everything runs in a copy of the project, whose build/demo leads to the build under test. The copy is the home folder,
+too, and its path has a blank. The tools are found, and none of the project's variables are set, except that Python
 programs find the binding and the library.
 """
 
@@ -89,8 +89,8 @@ def write(path, text, mode=0o644):
     return path
 
 
-def run(command, what):
-    done = subprocess.run(command, cwd=project, env=environment, encoding="utf-8",
+def run(command, what, **more):
+    done = subprocess.run(command, cwd=project, env={**environment, **more}, encoding="utf-8",
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
     if done.returncode != 0:
         print(done.stdout, end="")
@@ -106,19 +106,16 @@ def compare(blocks, output, what):
 
 def run_program(kind, blocks):
     source = write(os.path.join(scratch, f"{os.path.basename(arguments.document)}.{kind}"), in_place(blocks))
+    library, binding = os.path.join(arguments.build, "lib"), os.path.join(project, "bindings/python")
+    command, found_by = [os.path.join(scratch, f"{kind}-program")], {}
     if kind == "python":
-        environment.update(PYTHONPATH=os.path.join(project, "bindings/python"),
-                           TSMCONNECTOR_LIBRARY=os.path.join(arguments.build, "lib/libtsmconnector.so"))
         command = ["python3", source]
+        found_by = {"PYTHONPATH": binding, "TSMCONNECTOR_LIBRARY": os.path.join(library, "libtsmconnector.so")}
     else:
-        command = [os.path.join(scratch, f"{kind}-program")]
-        library = os.path.join(arguments.build, "lib")
         run([*compilers[kind], source, "-o", *command, "-I", os.path.join(root, "api"), "-L", library, "-ltsmconnector",
              "-lApiTSM64", "-I", os.path.join(root, "standin/include"), f"-Wl,-rpath,{library}"],
             f"compiling the {kind} program")
-    compare(blocks, run(command, f"the {kind} program"), f"the {kind} program")
-    for variable in ("PYTHONPATH", "TSMCONNECTOR_LIBRARY"):
-        environment.pop(variable, None)
+    compare(blocks, run(command, f"the {kind} program", **found_by), f"the {kind} program")
 
 
 def run_shell(kind, blocks):

@@ -1,14 +1,15 @@
-"""The checker's command line: what it finds in stores that were damaged in one way each, what --repair leaves, its exit
-status and its JSON. Usage: standin_check.py TSMCTL TSM-STANDIN-CHECK"""
+"""The checker's command line, with stores that are damaged in one way each: what it finds, what --repair leaves, its
+exit status and its JSON."""
+
 import json
 import os
 import shutil
 import subprocess
-import sys
-import tempfile
 from pathlib import Path
 
-TSMCTL, CHECK = sys.argv[1:]
+import pytest
+
+BIN = Path(os.environ["TSM_BUILD"], "bin").resolve()
 HEX = "0123456789abcdef"
 
 
@@ -16,6 +17,10 @@ def flip(path, at):
     content = bytearray(path.read_bytes())
     content[at] ^= 16
     path.write_bytes(content)
+
+
+def flip_catalogue(store):
+    flip(store / "catalogue.db", os.path.getsize(store / "catalogue.db") - 300)
 
 
 def large(store):
@@ -44,8 +49,7 @@ CASES = {
              "files", False),
     "data": (lambda store: flip(large(store), 70000), "version", "version", "version", False),
     "cut off": (lambda store: os.truncate(large(store), 70000), "version", "version", "version", False),
-    "page": (lambda store: flip(store / "catalogue.db", os.path.getsize(store / "catalogue.db") - 300), "catalogue version",
-             "catalogue version", "version", False),
+    "page": (flip_catalogue, "catalogue version", "catalogue version", "version", False),
     "mark": (lambda store: flip(store / "mark", 60), "mark", "mark", "", True),
     "no mark": (lambda store: (store / "mark").unlink(), "mark", "mark", "", True),
     "no catalogue": (lambda store: (store / "catalogue.db").unlink(), "catalogue", "catalogue", "catalogue", False),
@@ -53,11 +57,17 @@ CASES = {
 }
 
 
+def tsmctl(store, *arguments, start=subprocess.run, **options):
+    environment = {name: value for name, value in os.environ.items() if name != "TSMCTL_CONFIG"}
+    environment.update(TSM_STANDIN_STORE=str(store), TSMCTL_NODE="N", TSMCTL_PASSWORD="p")
+    return start([BIN / "tsmctl", *arguments], env=environment, **options)
+
+
 def check(store, *options):
-    process = subprocess.run([CHECK, store, "--json", *options], capture_output=True, text=True)
+    process = subprocess.run([BIN / "tsm-standin-check", store, "--json", *options], capture_output=True, text=True)
     *findings, summary = map(json.loads, process.stdout.splitlines())
-    assert summary["findings"] == len(findings), process
-    assert process.returncode == (2 if "failure" in summary else 1 if findings else 0), process
+    assert summary["findings"] == len(findings)
+    assert process.returncode == (2 if "failure" in summary else 1 if findings else 0)
     return process.returncode, " ".join(sorted({finding["finding"] for finding in findings})), summary
 
 
@@ -65,54 +75,47 @@ def content(store):
     return {path: path.is_file() and path.read_bytes() for path in store.rglob("*")}
 
 
-def main(work):
-    environment = dict(os.environ, TSM_STANDIN_STORE=str(work / "store"), TSMCTL_NODE="N", TSMCTL_PASSWORD="p")
-    environment.pop("TSMCTL_CONFIG", None)
-
-    def tsmctl(*arguments, **options):
-        return subprocess.run([TSMCTL, *arguments], env=environment, capture_output=True, **options)
-
-    tree = work / "tree"
-    tree.mkdir()
+@pytest.fixture(scope="module")
+def sound(tmp_path_factory):
+    """A folder with a tree, and with the store that it was backed up to."""
+    folder = tmp_path_factory.mktemp("sound")
+    (folder / "tree").mkdir()
     for i in range(60):
-        (tree / f"f{i}").write_bytes(os.urandom(200 * i))
-    (tree / "large").write_bytes(os.urandom(200000))
-    assert tsmctl("backup", tree).returncode == 0
-    store, sound = work / "store", work / "sound"
-    store.rename(sound)
-    for name, (damage, found, repaired, left, restores) in CASES.items():
-        shutil.rmtree(store, ignore_errors=True)
-        shutil.copytree(sound, store)
-        damage(store)
-        before = content(store)
-        assert check(store)[:2] == (1 if found else 0, found), (name, check(store))
-        assert content(store) == before, f"{name}: a check has changed something"
-        result = check(store, "--repair")
-        assert result[1] == repaired, (name, result)
-        after = content(store).values()
-        assert all(bytes_ in after for bytes_ in before.values() if bytes_), f"{name}: a repair has deleted something"
-        assert check(store)[1] == left, (name, check(store))
-        done = tsmctl("restore", "/", "--to", work / "back").returncode
-        same = subprocess.run(["diff", "-r", tree, work / "back/tree"], capture_output=True).returncode
-        assert (done == 0) == (same == 0) == restores, (name, done, same)
-        shutil.rmtree(work / "back", ignore_errors=True)
-
-    # A host at work is no finding, but it keeps a repair of the catalogue out.
-    shutil.rmtree(store)
-    shutil.copytree(sound, store)
-    host = subprocess.Popen([TSMCTL, "backup", "-", "--as", "a/b"], env=environment, stdin=subprocess.PIPE)
-    while not list((store / "incoming").iterdir()):
-        host.stdin.write(b"x" * 1000000)
-    assert check(store)[:2] == (0, ""), check(store)
-    assert check(store, "--repair")[:2] == (0, ""), check(store)
-    flip(store / "catalogue.db", os.path.getsize(store / "catalogue.db") - 300)
-    status, _, summary = check(store, "--repair")
-    assert status == 2 and "host" in summary["failure"], summary
-    host.communicate()
-    for folder in (tree, work / "none"):
-        assert check(folder)[0] == 2
-    print(f"{len(CASES)} damages found and repaired")
+        (folder / "tree" / f"f{i}").write_bytes(os.urandom(200 * i))
+    (folder / "tree/large").write_bytes(os.urandom(200000))
+    assert tsmctl(folder / "store", "backup", folder / "tree").returncode == 0
+    return folder
 
 
-with tempfile.TemporaryDirectory() as folder:
-    main(Path(folder))
+@pytest.fixture
+def store(sound, tmp_path):
+    return shutil.copytree(sound / "store", tmp_path / "store")
+
+
+@pytest.mark.parametrize("damage, found, repaired, left, restores", CASES.values(), ids=CASES)
+def test_damage(sound, store, tmp_path, damage, found, repaired, left, restores):
+    damage(store)
+    before = content(store)
+    assert check(store)[:2] == (1 if found else 0, found)
+    assert content(store) == before, "a check has changed something"
+    assert check(store, "--repair")[1] == repaired
+    after = content(store).values()
+    assert all(data in after for data in before.values() if data), "a repair has deleted something"
+    assert check(store)[1] == left
+    done = tsmctl(store, "restore", "/", "--to", tmp_path / "back").returncode
+    same = subprocess.run(["diff", "-r", sound / "tree", tmp_path / "back/tree"]).returncode
+    assert (done == 0) == (same == 0) == restores
+
+
+def test_host_at_work_is_no_finding_but_keeps_out_a_repair_of_the_catalogue(store):
+    with tsmctl(store, "backup", "-", "--as", "a/b", start=subprocess.Popen, stdin=subprocess.PIPE) as host:
+        while not list((store / "incoming").iterdir()):
+            host.stdin.write(b"x" * 1000000)
+        assert check(store)[:2] == (0, "")
+        assert check(store, "--repair")[:2] == (0, "")
+        flip_catalogue(store)
+        assert "host" in check(store, "--repair")[2]["failure"]
+
+
+def test_folders_that_are_no_stores(tmp_path):
+    assert (check(tmp_path)[0], check(tmp_path / "none")[0]) == (2, 2)

@@ -225,11 +225,24 @@ TEST_F(StandIn, OptionsFile) {
         {"STOREDIR dsm.opt/below\n", DSM_RC_ABORT_SYSTEM_ERROR},
     };
     for (const auto& [text, rc] : files) EXPECT_EQ(SetUpWith(text), rc) << text;
+    const Texts mistakes = {"KEEP STANDARD",
+                            "KEEP STANDARD EXISTING 0",
+                            "KEEP STANDARD DELETED 1 DELETED 2",
+                            "KEEP OTHER DELETED 1",
+                            "KEEP STANDARD DELETED -1",
+                            "KEEP STANDARD LASTDAYS 10000",
+                            "KEEP STANDARD SOME 1",
+                            "EXPIRE 1 day",
+                            "CLOCK 2021-03-07 09:05:00 secret",
+                            "CLOCK tomorrow",
+                            "CLOCK +",
+                            "CLOCK 1969-12-31 00:00:00"};
+    for (const std::string& line : mistakes) EXPECT_EQ(SetUpWith(line), DSM_RC_INVALID_PARM) << line;
     EXPECT_TRUE(fs::exists(dir_ / "a b" / "catalogue.db"));
     std::ifstream log(dir_ / "dsierror.log");
     std::size_t lines = 0;
     for (std::string line; std::getline(log, line); ++lines) EXPECT_EQ(line.find("secret"), line.npos) << line;
-    EXPECT_EQ(lines, 5U);
+    EXPECT_EQ(lines, 5 + mistakes.size());
 
     envSetUp missing{};
     Set(missing.dsmiConfig, (dir_ / "none.opt").string());
@@ -1171,6 +1184,133 @@ TEST_F(StandIn, MomentsNeverRunBackwards) {
     tzset();
 }
 
+// What a class keeps, at the moment of a look, and the files that are left. Every version is a letter; 0 deletes, -
+// removes the active version for good, > renames to another name, ! opens the store anew, and a capital is bound to
+// LONG.
+TEST_F(StandIn, Retention) {
+    const std::string options =
+        "STOREDIR store\nMGMTCLASS USUAL\nMGMTCLASS LONG\nkeep USUAL LastDays 8 EXISTING 3 DELETED 2 EXTRADAYS 4\n";
+    ASSERT_EQ(SetUpWith(options), 0);
+    const Host host, other("OTHER");
+    ASSERT_EQ(host.Register() + other.Register(), 0);
+    const dsmObjName name = Name("/d", "/f"), target = Name("/d", "/g");
+    const auto put = [&](const Host& by, char letter) {
+        return by.Transact([&] {
+            EXPECT_EQ(by.Announce(name, 40000, "", letter < 'a' ? "LONG" : "USUAL"), 0);
+            EXPECT_EQ(by.Send(std::string(40000, letter)), 0);
+            return dsmEndSendObj(by.handle);
+        });
+    };
+    const auto letters = [](const Texts& contents) {
+        std::string all;
+        for (const std::string& text : contents) all += text.substr(39999);
+        return all;
+    };
+    const auto act = [&](char action) {
+        if (action == '!') return SetUpWith(options);
+        if (action == '0') return host.Delete(name);
+        if (action == '>') return host.Rename(name, target, bFalse);
+        return action == '-' ? host.DeleteVersion(host.List(name, DSM_ACTIVE).at(0).objId) : put(host, action);
+    };
+    for (const char letter : {'P', 'Q', 'R', 'S'}) ASSERT_EQ(put(other, letter), 0);
+    const std::vector<std::tuple<int, const char*, const char*, std::size_t>> steps = {
+        {1, "a", "a*", 1},
+        {2, "b", "ab*", 2},
+        {3, "c", "abc*", 3},
+        {4, "d", "bcd*", 3},
+        {6, "", "bcd*", 3},
+        {7, "", "cd*", 3},
+        {7, "!", "cd*", 2},
+        {7, "0", "cd", 2},
+        {8, "", "d", 2},
+        {14, "", "d", 2},
+        {15, "", "", 2},
+        {15, "e", "e*", 1},
+        // Bound to another class, which keeps all of them, and back again.
+        {16, "FGH", "eFGH*", 4},
+        {16, "-", "eFG*", 3},
+        {17, "h", "FGh*", 3},
+        {18, "-", "FG*", 2},
+        {18, "0", "FG", 2},
+        {18, "i0", "Gi", 2},
+        {23, "", "i", 2},
+        // The last one becomes an extra one, and what is gone does not become active.
+        {23, "j", "j*", 1},
+        {24, "k", "jk*", 2},
+        {29, "-", "", 0},
+        {29, "m0>", "", 1},
+        {30, "ln", "ln*", 3},
+    };
+    for (const auto& [day, actions, expected, files] : steps) {
+        SCOPED_TRACE(std::to_string(day) + " " + actions);
+        standinSetClock(("2021-03-" + std::to_string(day) + " 12:00:00").c_str());
+        for (const char* action = actions; *action; ++action) ASSERT_EQ(act(*action), 0);
+        EXPECT_EQ(letters(host.Contents(name)), expected);
+        EXPECT_EQ(Files("data"), files + 4);
+    }
+    EXPECT_EQ(letters(other.Contents(name)), "PQRS*");
+    ASSERT_EQ(put(other, 't'), 0);
+    EXPECT_EQ(letters(other.Contents(name)), "RSt*");
+    EXPECT_STREQ(other.List(name).at(0).mcName, "USUAL");
+    // What is gone is nowhere to be had, and does not stand in the way of a rename, nor join those that take its name.
+    EXPECT_EQ(host.Rename(name, target, bFalse), DSM_RC_ABORT_DUPLICATE_OBJECT);
+    ObjID gone = host.List(target).at(0).objId;
+    dsmGetList list{dsmGetListVersion, 1, &gone, nullptr};
+    standinSetClock("2021-04-08 12:00:00");
+    EXPECT_EQ(letters(host.Contents(Name("/d", "*"))), "n*");
+    EXPECT_EQ(host.Contents(target, {2021, 3, 29, 12, 0, 0}), Texts{});
+    ASSERT_EQ(dsmBeginGetData(host.handle, bTrue, gtBackup, &list), 0);
+    EXPECT_EQ(dsmGetObj(host.handle, &gone, nullptr), DSM_RC_ABORT_NO_MATCH);
+    ASSERT_EQ(dsmEndGetData(host.handle), 0);
+    EXPECT_EQ(host.DeleteVersion(gone), DSM_RC_ABORT_NO_MATCH);
+    EXPECT_EQ(host.Rename(name, target, bFalse), 0);
+    EXPECT_EQ(letters(host.Contents(target)), "n*");
+    EXPECT_EQ(Files("data"), 4U);
+    // What a restore reads stays until it is read.
+    gone = host.List(target).at(0).objId;
+    ASSERT_EQ(dsmBeginGetData(host.handle, bTrue, gtBackup, &list), 0);
+    ASSERT_EQ(dsmGetObj(host.handle, &gone, nullptr), DSM_RC_MORE_DATA);
+    for (const char* bytes : {"2", "3", "4"}) ASSERT_EQ(Host().Put(target, bytes), 0);
+    EXPECT_EQ(Files("data"), 3U);
+    std::string buffer(40000, '\0');
+    DataBlk block = Block(buffer.data(), buffer.size());
+    EXPECT_EQ(dsmGetData(host.handle, &block), DSM_RC_FINISHED);
+    EXPECT_EQ(buffer, std::string(40000, 'n'));
+}
+
+// A clock set ahead shows what will be gone and takes nothing, but from what is changed then.
+TEST_F(OnDisk, ClockAndExpiry) {
+    const dsmObjName name = Name("/d", "/1");
+    const auto seen = [&](const std::string& lines) {
+        EXPECT_EQ(SetUpWith("STOREDIR store\nKEEP STANDARD EXTRADAYS 30\n" + lines), 0);
+        const Host host;
+        return host.rc == 0 ? static_cast<int>(host.List(name).size()) : host.rc;
+    };
+    ASSERT_EQ(Host().Put(name, "new"), 0);
+    const std::vector<std::pair<const char*, int>> cases = {
+        {"CLOCK +29", 2},
+        {"CLOCK +31", 1},
+        {"CLOCK -31", 2},
+        {"CLOCK 2999-01-01 00:00:00", 1},
+        {"EXPIRE 90\nCLOCK +89", 1},
+        {"EXPIRE 90\nCLOCK +90", DSM_RC_REJECT_VERIFIER_EXPIRED},
+        {"", 2},
+    };
+    for (const auto& [lines, expected] : cases) EXPECT_EQ(seen(lines), expected) << lines;
+    EXPECT_EQ(seen("EXPIRE 9\nCLOCK +10"), DSM_RC_REJECT_VERIFIER_EXPIRED);
+    EXPECT_EQ(Host("NODE", "wrong").rc, DSM_RC_AUTH_FAILURE);
+    EXPECT_EQ(Host("NEW").rc, 0);
+    // Passwords without a date count from the first sign-on that asks for it.
+    Sql("UPDATE node SET secret = CAST(substr(secret, 1, instr(secret, x'20') - 1) AS BLOB)");
+    EXPECT_EQ(seen("EXPIRE 9\nCLOCK +10"), 2);
+    EXPECT_EQ(seen("EXPIRE 9\nCLOCK +19"), DSM_RC_REJECT_VERIFIER_EXPIRED);
+
+    ASSERT_EQ(seen("CLOCK 2099-01-31 12:00:00"), 1);
+    ASSERT_EQ(Host().Put(name, "later"), 0);
+    EXPECT_EQ(seen(""), 2);
+    EXPECT_EQ(Host().List(name).at(1).insDate.year, 2099);
+}
+
 // A store of schema 1 is taken over when it is opened, not while another program has it open.
 TEST_F(StandIn, TakesSchema1Over) {
     constexpr const char* old = R"(
@@ -1239,6 +1379,9 @@ TEST_F(StandIn, TakesSchema1Over) {
     std::size_t lost = 0;
     for ([[maybe_unused]] const auto& e : fs::directory_iterator(folder / "lost+found")) ++lost;
     EXPECT_EQ(lost, 3U);
+    ASSERT_EQ(SetUpWith("STOREDIR old\nKEEP STANDARD EXISTING 1"), 0);
+    EXPECT_EQ(Host("N", "pw").Contents(Name("/d", "/f")), Texts{"five*"});
+    EXPECT_FALSE(fs::exists(data / "0/1"));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-"""What tsmctl says of itself: its help, its manual page and its completion agree, and the completion works in bash.
-
-Usage: tsmctl_interface.py TSMCTL SOURCES
-"""
+"""What tsmctl says of itself and shows on a terminal: its help, manual page and completion agree, the completion works
+in bash, progress fits the terminal, and questions are asked there."""
 
 import fcntl
 import json
@@ -12,24 +10,20 @@ import select
 import shutil
 import struct
 import subprocess
-import sys
-import tempfile
 import termios
 import time
+from pathlib import Path
 
-tsmctl, sources = (os.path.abspath(path) for path in sys.argv[1:])
-failures = []
+import pytest
 
-
-def expect(subject, found, wanted):
-    if found != wanted:
-        failures.append(f"{subject}\n  found:  {found}\n  wanted: {wanted}")
+tsmctl = os.path.abspath(os.path.join(os.environ["TSM_BUILD"], "bin/tsmctl"))
+sources = Path(__file__).resolve().parents[1] / "tsmctl"
 
 
 def run(*arguments):
     environment = {"PATH": os.environ["PATH"], "TSMCTL_CONFIG": "/nowhere"}
     done = subprocess.run([tsmctl, *arguments], env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True)
-    expect(f"tsmctl {arguments}", (done.returncode, done.stderr), (0, ""))
+    assert (done.returncode, done.stderr) == (0, "")
     return done.stdout
 
 
@@ -38,17 +32,10 @@ def section(text, begin, end):
     return found[1] if found else ""
 
 
-# ---- help and manual page
-
-with open(os.path.join(sources, "tsmctl.1.in"), encoding="utf-8") as file:
-    page = file.read()
+page = (sources / "tsmctl.1.in").read_text(encoding="utf-8")
 top = run("--help")
-version = re.search(r"^tsmctl \d+\.\d+\.\d+\n$", run("--version"))
-expect("--version", bool(version), True)
 commands = re.findall(r"^  (\S+)", section(top, "Commands:", "\n\n"), re.M)
 helps = {command: run(command, "--help") for command in commands}
-for text in (top, *helps.values()):
-    expect("wide lines of the help", [line for line in text.split("\n") if len(line) > 100], [])
 
 
 def options_of(text):
@@ -62,30 +49,36 @@ def options_of_page(text):
 
 
 described = section(page, r"\.Sh COMMANDS", r"\n\.Sh")
-expect("commands of the page", re.findall(r"^\.Ss (\S+)", described, re.M), commands)
-if failures:
-    sys.exit("\n".join(failures))
-for command in commands:
+
+
+def test_help():
+    assert re.search(r"^tsmctl \d+\.\d+\.\d+\n$", run("--version"))
+    assert run("help") == top
+    assert [line for text in (top, *helps.values()) for line in text.split("\n") if len(line) > 100] == []
+
+
+@pytest.mark.parametrize("command", commands)
+def test_help_and_page_of(command):
     part = section("\n" + described, r"\n\.Ss " + command + r"(?: [^\n]*)?", r"\n\.Ss")
-    expect(f"options of {command}", options_of_page(part), options_of(helps[command]) - {"-h", "--help"})
+    assert options_of_page(part) == options_of(helps[command]) - {"-h", "--help"}
     arguments = re.search(r"^Usage: tsmctl \S+ \[OPTIONS\](.*)", helps[command], re.M)[1].replace("...", " ...").split()
     headed = re.search(r"^\.Ss " + command + r"((?: .*)?)$", described, re.M)[1].split()
     optional = headed[:1] == ["Op"]
-    headed = [f"[{word}]" if optional else word for word in headed if word not in ("Op", "Ar")]
-    expect(f"arguments of {command}", headed, arguments)
-    expect(f"help {command}", run("help", command), helps[command])
-expect("help", run("help"), top)
-expect("common options", options_of_page(section(page, r"\.Sh COMMON OPTIONS", r"\n\.Sh")), options_of(top))
-expect("variables", set(re.findall(r"^\.It Ev (\S+)", page, re.M)), set(re.findall(r"TSMCTL_[A-Z_]+", top)))
-every = options_of(top).union(*map(options_of, helps.values()))
-expect("options that nobody has", {"-" + name for name in re.findall(r"\bFl ([\w-]+)", page)} - every, set())
-for checker in (["mandoc", "-T", "lint", "-W", "warning"], ["groff", "-ww", "-z", "-mandoc", "-T", "utf8"]):
-    if shutil.which(checker[0]):
-        done = subprocess.run([*checker, os.path.join(sources, "tsmctl.1.in")], capture_output=True, text=True)
-        expect(checker[0], done.stdout + done.stderr, "")
+    assert [f"[{word}]" if optional else word for word in headed if word not in ("Op", "Ar")] == arguments
+    assert run("help", command) == helps[command]
 
 
-# ---- completion, as readline carries it out
+def test_page():
+    assert re.findall(r"^\.Ss (\S+)", described, re.M) == commands
+    assert options_of_page(section(page, r"\.Sh COMMON OPTIONS", r"\n\.Sh")) == options_of(top)
+    assert set(re.findall(r"^\.It Ev (\S+)", page, re.M)) == set(re.findall(r"TSMCTL_[A-Z_]+", top))
+    every = options_of(top).union(*map(options_of, helps.values()))
+    assert {"-" + name for name in re.findall(r"\bFl ([\w-]+)", page)} <= every
+    for checker in (["mandoc", "-T", "lint", "-W", "warning"], ["groff", "-ww", "-z", "-mandoc", "-T", "utf8"]):
+        if shutil.which(checker[0]):
+            done = subprocess.run([*checker, sources / "tsmctl.1.in"], capture_output=True, text=True)
+            assert done.stdout + done.stderr == ""
+
 
 class Bash:
     """An interactive bash on a terminal of its own, that writes the line under the cursor to a file at Ctrl-T."""
@@ -106,11 +99,10 @@ class Bash:
         end = time.monotonic() + 60
         while not os.path.exists(path):
             if time.monotonic() > end:
-                sys.exit(f"bash does not answer: {path}\n" + "\n".join(failures))
+                pytest.fail(f"bash does not answer: {path}")
             if select.select([self.terminal], [], [], 0.005)[0]:
                 os.read(self.terminal, 65536)  # what it shows, which nobody looks at
-        with open(path, encoding="utf-8") as answer:
-            text = answer.read()
+        text = Path(path).read_text(encoding="utf-8")
         os.remove(path)
         return text.rstrip("\n")
 
@@ -168,57 +160,58 @@ whole_words = [("tsmctl list --type=d" + TAB, "tsmctl list --type=dir |"),
 cut_words = [("tsmctl list --type=" + ALL, "tsmctl list --type=any dir file |"),
              ("tsmctl restore x --to=my" + TAB, "tsmctl restore x --to=my\\ docs/|")]
 
-with tempfile.TemporaryDirectory() as work:
-    os.chdir(work)
+
+
+@pytest.mark.parametrize("setup, cases", [
+    ("source <(tsmctl completion)", anywhere + cut_words),
+    (f"COMP_WORDBREAKS=${{COMP_WORDBREAKS//=}}; set -u; source '{sources}/completion.bash'", anywhere + whole_words),
+], ids=["printed", "installed"])
+def test_completion(setup, cases, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
     os.makedirs("my docs/in side")
     os.mkdir("notes.d")
     for name in ("notes.txt", "my file"):
-        open(name, "w", encoding="utf-8").close()
-    installed = f"set -u; source '{sources}/completion.bash'"
-    for setup, cases in (("source <(tsmctl completion)", anywhere + cut_words),
-                         (f"COMP_WORDBREAKS=${{COMP_WORDBREAKS//=}}; {installed}", anywhere + whole_words)):
-        bash = Bash(setup)
-        for typed, wanted in cases:
-            expect(f"{setup}: {typed!r}", bash.complete(typed), wanted)
-        bash.close()
-    expect("what a line would have run", os.path.exists("ran"), False)
-    os.chdir("/")
+        Path(name).touch()
+    bash = Bash(setup)
+    assert [bash.complete(typed) for typed, _ in cases] == [wanted for _, wanted in cases]
+    bash.close()
+    assert not os.path.exists("ran"), "the line was run"
 
 
-# ---- progress, on terminals of several widths
-
-def progress(columns, size):
+def progress(columns, size, work):
     """The lines that a backup draws over each other, up to the end of its input."""
     shown, terminal = pty.openpty()
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 25, columns, 0, 0))
-    with tempfile.TemporaryDirectory() as work:
-        environment = {"TSM_STANDIN_STORE": work + "/store", "HOME": work, "TSMCTL_PASSWORD": "secret"}
-        with subprocess.Popen([tsmctl, "backup", "-", "--as", "x", "--size", str(size)], env=environment,
-                              stdin=subprocess.PIPE, stderr=terminal) as child:
-            os.close(terminal)
-            drawn = ""
-            while drawn.count("\r") < 3:
-                child.stdin.write(bytes(1 << 20))
-                child.stdin.flush()
-                if select.select([shown], [], [], 0.15)[0]:
-                    drawn += os.read(shown, 65536).decode()
-            child.stdin.close()
-            while "tsmctl: backup:" not in drawn:
+    environment = {"TSM_STANDIN_STORE": f"{work}/store", "HOME": str(work), "TSMCTL_PASSWORD": "secret"}
+    with subprocess.Popen([tsmctl, "backup", "-", "--as", "x", "--size", str(size)], env=environment,
+                          stdin=subprocess.PIPE, stderr=terminal) as child:
+        os.close(terminal)
+        drawn = ""
+        while drawn.count("\r") < 3:
+            child.stdin.write(bytes(1 << 20))
+            child.stdin.flush()
+            if select.select([shown], [], [], 0.15)[0]:
                 drawn += os.read(shown, 65536).decode()
+        child.stdin.close()
+        while "tsmctl: backup:" not in drawn:
+            drawn += os.read(shown, 65536).decode()
     os.close(shown)
     return drawn.split("tsmctl:")[0].split("\r")[1:]
 
 
-for columns, form in ((8, r" +\d+%"), (30, r" +\d+%  \S+ .iB/s  0:\d\d left"), (60, r" +\d+%  \S+ .iB of 95.4 MiB  .* left"),
-                      (100, r"\[[#-]{24}\]  +\d+%  \S+ .iB of .* left")):
-    lines = progress(columns, 10 ** 8)
-    wiped = lines[-2:] == [" " * len(lines[-3].rstrip()), ""]
-    expect(f"progress in {columns} columns: {lines}", (bool(re.fullmatch(form, lines[0].rstrip())), wiped,
-                                                       max(map(len, lines)) < columns), (True, True, True))
-expect("a time left that means nothing", "left" in "".join(progress(100, 10 ** 18)), False)
+@pytest.mark.parametrize("columns, form", [
+    (8, r" +\d+%"), (30, r" +\d+%  \S+ .iB/s  0:\d\d left"), (60, r" +\d+%  \S+ .iB of 95.4 MiB  .* left"),
+    (100, r"\[[#-]{24}\]  +\d+%  \S+ .iB of .* left")])
+def test_progress(columns, form, tmp_path):
+    lines = progress(columns, 10 ** 8, tmp_path)
+    assert re.fullmatch(form, lines[0].rstrip())
+    assert lines[-2:] == [" " * len(lines[-3].rstrip()), ""], "wiped"
+    assert max(map(len, lines)) < columns
 
 
-# ---- the terminal: questions, and what it is shown
+def test_no_time_left_that_means_nothing(tmp_path):
+    assert "left" not in "".join(progress(100, 10 ** 18, tmp_path))
+
 
 def on_terminal(environment, *arguments, typed=""):
     """The exit status, what was shown, and whether the terminal echoes: at the question, and at the end."""
@@ -240,27 +233,37 @@ def on_terminal(environment, *arguments, typed=""):
     return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), shown.decode(errors="replace"), echo
 
 
-with tempfile.TemporaryDirectory() as work:
-    with open(os.path.join(work, "dsm.opt"), "w", encoding="utf-8") as file:
-        file.write(f"STOREDIR {work}/store\n")
-    asked = {"TSMCTL_CONFIG": file.name, "TSMCTL_NODE": "node", "HOME": work}
-    known = {**asked, "TSMCTL_PASSWORD": "secret"}
-    expect("sign-on", on_terminal(known, "filespaces"), (0, "", [True]))
-    for typed, status, answer in (("sec\x1a\x1cret\n", 0, "node: \r\n"), ("\n", 2, "password is empty"),
-                                  ("se\x03", 130, "stopped"), ("wrong\n", 1, "AUTH_FAILURE")):
-        status_found, shown, echo = on_terminal(asked, "filespaces", typed=typed)
-        expect(f"typed {typed!r}", (status_found, answer in shown, "secret" in shown, echo),
-               (status, True, False, [False, True]))
-    forged = "a\nb\x9bé\x1b"
-    expect("a new filespace", on_terminal(known, "--filespace", forged, "list")[0], 0)
-    for answer, status, said in (("a\n", 1, "not confirmed"), ("two\n", 0, "deleted filespace two")):
-        on_terminal(known, "--filespace", "two", "list")
-        found = on_terminal(known, "delete-filespace", "two", typed=answer)
-        expect("confirmation", (found[0], said in found[1]), (status, True))
-    expect("names", on_terminal(known, "filespaces")[1], "a?b?é?\r\n")
-    expect("--json", on_terminal(known, "filespaces", "--json")[1],
-           json.dumps({"filespace": forged}, separators=(",", ":")) + "\r\n")
+@pytest.fixture
+def asked(tmp_path):
+    """An environment without what tsmctl then asks for."""
+    (tmp_path / "dsm.opt").write_text(f"STOREDIR {tmp_path}/store\n", encoding="utf-8")
+    return {"TSMCTL_CONFIG": str(tmp_path / "dsm.opt"), "TSMCTL_NODE": "node", "HOME": str(tmp_path)}
 
-if failures:
-    sys.exit("\n".join(failures))
-print(f"{len(commands)} commands, {len(every)} options, {len(anywhere)} lines to complete")
+
+@pytest.fixture
+def known(asked):
+    environment = {**asked, "TSMCTL_PASSWORD": "secret"}
+    assert on_terminal(environment, "filespaces") == (0, "", [True])
+    return environment
+
+
+@pytest.mark.parametrize("typed, status, answer", [
+    ("sec\x1a\x1cret\n", 0, "node: \r\n"), ("\n", 2, "password is empty"), ("se\x03", 130, "stopped"),
+    ("wrong\n", 1, "AUTH_FAILURE")])
+def test_password(known, asked, typed, status, answer):
+    found, shown, echo = on_terminal(asked, "filespaces", typed=typed)
+    assert (found, answer in shown, "secret" in shown, echo) == (status, True, False, [False, True])
+
+
+@pytest.mark.parametrize("answer, status, said", [("a\n", 1, "not confirmed"), ("two\n", 0, "deleted filespace two")])
+def test_confirmation(known, answer, status, said):
+    on_terminal(known, "--filespace", "two", "list")
+    found, shown, _ = on_terminal(known, "delete-filespace", "two", typed=answer)
+    assert (found, said in shown) == (status, True)
+
+
+def test_names_that_would_steer_the_terminal(known):
+    forged = "a\nb\x9bé\x1b"
+    assert on_terminal(known, "--filespace", forged, "list")[0] == 0
+    assert on_terminal(known, "filespaces")[1] == "a?b?é?\r\n"
+    assert on_terminal(known, "filespaces", "--json")[1] == f'{{"filespace":{json.dumps(forged)}}}\r\n'

@@ -1,4 +1,4 @@
-// The command-line host from end to end: real trees, a store in a folder of its own, the shipped binary in a shell.
+// tsmctl from end to end: real trees, a store in a folder of its own, the shipped binary in a shell.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -41,32 +41,32 @@ class Tsmctl : public testing::Test {
 protected:
     void SetUp() override {
         std::string pattern = fs::temp_directory_path() / "tsmctl-test-XXXXXX";
-        root = mkdtemp(pattern.data());
-        std::ofstream(root / "dsm.opt") << "STOREDIR " << (root / "store").native() << "\nBACKDELETE YES\n";
-        fs::create_directories(root / "work");
-        setenv("TSMCTL_CONFIG", (root / "dsm.opt").c_str(), 1);
+        root_ = mkdtemp(pattern.data());
+        std::ofstream(root_ / "dsm.opt") << "STOREDIR " << (root_ / "store").native() << "\nBACKDELETE YES\n";
+        fs::create_directories(root_ / "work");
+        setenv("TSMCTL_CONFIG", (root_ / "dsm.opt").c_str(), 1);
         setenv("TSMCTL_PASSWORD", "secret", 1);
         setenv("TSMCTL_NODE", "node", 1);
-        setenv("TSMCTL_LOG_DIR", root.c_str(), 1);
+        setenv("TSMCTL_LOG_DIR", root_.c_str(), 1);
         unsetenv("TSMCTL_FILESPACE");
     }
     void TearDown() override {
         if (HasFailure()) {
-            std::cout << root << '\n' << Content(root / "dsierror.log");
+            std::cout << root_ << '\n' << Content(root_ / "dsierror.log");
             return;
         }
-        fs::permissions(root, fs::perms::owner_all);
-        fs::remove_all(root);
+        fs::permissions(root_, fs::perms::owner_all);
+        fs::remove_all(root_);
     }
 
     // Runs lines of shell in the work folder; "tsmctl" is the binary, "faulty" lets a call of the API fail, and "low"
     // runs what follows without root's way past the modes. No terminal is in reach.
     Outcome Run(const std::string& script) {
-        std::ofstream(root / "script") << "T='" TSMCTL_BINARY "'" << helpers << script << '\n';
+        std::ofstream(root_ / "script") << "T='" TSMCTL_BINARY "'" << helpers << script << '\n';
         const std::string command =
-            "cd '" + (root / "work").native() + "' && setsid -w bash ../script >../out 2>../err </dev/null";
+            "cd '" + (root_ / "work").native() + "' && setsid -w bash ../script >../out 2>../err </dev/null";
         const int status = std::system(command.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Content(root / "out"), Content(root / "err")};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Content(root_ / "out"), Content(root_ / "err")};
     }
 
     // out and err are parts of what is written; without an err, nothing but summaries may be.
@@ -80,34 +80,35 @@ protected:
         EXPECT_EQ(err.empty() ? std::regex_replace(outcome.err, summary, "") : "", "");
     }
 
-    fs::path root;
+    fs::path root_;
 };
 
-// Objects that another host stored, in its own way.
-class OtherHost {
+// Another program, which stores objects in its own way.
+class OtherProgram {
 public:
-    explicit OtherHost(const fs::path& root) {
+    explicit OtherProgram(const fs::path& root) {
         EXPECT_EQ(TsmInitApi(Text(root / "dsm.opt"), nullptr, nullptr, nullptr), 0);
-        handle = TsmOpenSession(Text("node"), nullptr, Text("secret"), nullptr, nullptr, nullptr, Text("/"));
-        EXPECT_GT(handle, 0);
-        EXPECT_EQ(TsmConnectToFileSpace(handle, Text("tsmctl")), 0);
+        handle_ = TsmOpenSession(Text("node"), nullptr, Text("secret"), nullptr, nullptr, nullptr, Text("/"));
+        EXPECT_GT(handle_, 0);
+        EXPECT_EQ(TsmConnectToFileSpace(handle_, Text("tsmctl")), 0);
     }
-    ~OtherHost() { TsmReleaseApi(); }
+    ~OtherProgram() { TsmReleaseApi(); }
 
     void Put(const std::string& path, const std::string& name, const std::string& info, std::string data) {
         auto* const bytes = reinterpret_cast<unsigned char*>(data.data());
-        EXPECT_EQ(TsmBeginBackupEx(handle, Text(path), Text(name), 1, info.empty() ? nullptr : Text(info), nullptr), 0);
-        EXPECT_EQ(TsmSendData(handle, bytes, static_cast<int>(data.size())), 0);
-        EXPECT_EQ(TsmEndBackup(handle), 0) << path << ' ' << name;
+        EXPECT_EQ(TsmBeginBackupEx(handle_, Text(path), Text(name), 1, info.empty() ? nullptr : Text(info), nullptr),
+                  0);
+        EXPECT_EQ(TsmSendData(handle_, bytes, static_cast<int>(data.size())), 0);
+        EXPECT_EQ(TsmEndBackup(handle_), 0) << path << ' ' << name;
     }
 
 private:
     char* Text(const std::string& text) {
-        kept.push_back(std::make_unique<std::string>(text));
-        return kept.back()->data();
+        kept_.push_back(std::make_unique<std::string>(text));
+        return kept_.back()->data();
     }
-    std::vector<std::unique_ptr<std::string>> kept;
-    int handle = 0;
+    std::vector<std::unique_ptr<std::string>> kept_;
+    int handle_ = 0;
 };
 
 const char* const makeTree = R"(
@@ -155,7 +156,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
         {"-q frobnicate a", "no such command: frobnicate (see 'tsmctl help')"},
         {"backpu a", "no such command: backpu; did you mean backup?"},
         {"restore a --forse", "no such option: --forse; did you mean --force? (see 'tsmctl help restore')"},
-        {"--force restore a", "--force stands behind the command"},
+        {"--force restore a", "--force has to come after the command"},
         {"rename a", "NEW is missing: its new object path"},
         {"list a b", "unexpected argument: b"},
         {"backup a --jobs", "--jobs needs a value, NUMBER: sessions"},
@@ -174,6 +175,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     Expect("tsmctl frobnicate 2> /dev/full", 2);
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
     Expect("tsmctl --password-file . list", 1, "", "password file .: cannot read: Is a directory");
+    Expect("tsmctl --password-file /dev/zero list", 1, "", "password file /dev/zero: a line is longer than 4096 bytes");
     Expect("TSMCTL_PASSWORD= tsmctl --node new list", 2, "", "password is empty");
     Expect("umask 077; : > pw; tsmctl --password-file pw --node new list", 2, "", "password is empty");
     Expect("printf 'a\\0b' > pw; tsmctl --password-file pw --node new list", 2, "", "holds a byte 0");
@@ -212,7 +214,7 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
 TEST_F(Tsmctl, WhatTheApiRefusesIsExplained) {
     const std::string fullStore = "head -c 3M /dev/zero > big; trap '' XFSZ; ulimit -f 1000; tsmctl -q backup big";
     Expect(fullStore, 1, "", "(-1), the server failed, as with storage that is full");
-    Expect(fullStore, 1, "", "tsmctl: the client API's log has more: " + (root / "dsierror.log").native());
+    Expect(fullStore, 1, "", "tsmctl: the client API's log has more: " + (root_ / "dsierror.log").native());
     Expect("export XDG_STATE_HOME=$PWD/state; unset TSMCTL_LOG_DIR; umask 0; " + fullStore, 1, "",
            "state/tsmctl/dsierr");
     Expect("stat -c %a state state/tsmctl", 0, "700\n700\n");
@@ -280,29 +282,29 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
 }
 
 TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
-    fs::create_directories(root / "outside");
+    fs::create_directories(root_ / "outside");
     {
-        OtherHost host(root);
-        host.Put("t/evil", "f", "", "bad");
-        host.Put("t", "evil2", "tsmctl1 l 0777 1.000000000 " + std::to_string((root / "outside").native().size()),
-                 (root / "outside").native());
-        host.Put("t", "evil", "tsmctl1 l 0777 1.000000000 2", "..");
-        host.Put("t/evil2", "f", "", "bad");
-        host.Put("t", "..", "", "bad");
-        host.Put("t/..", "up", "", "bad");
-        host.Put("t", "a/b", "", "bad");
-        host.Put("t", "short", "tsmctl1 f 0644 1.000000000 9", "eight...");
-        host.Put("t", "st*r", "", "wild");
-        host.Put("u", "x*", "", "wrong");
-        host.Put("u", "xy", "", "right");
-        host.Put("u", "fine", "hello", "other");
+        OtherProgram other(root_);
+        other.Put("t/evil", "f", "", "bad");
+        other.Put("t", "evil2", "tsmctl1 l 0777 1.000000000 " + std::to_string((root_ / "outside").native().size()),
+                  (root_ / "outside").native());
+        other.Put("t", "evil", "tsmctl1 l 0777 1.000000000 2", "..");
+        other.Put("t/evil2", "f", "", "bad");
+        other.Put("t", "..", "", "bad");
+        other.Put("t/..", "up", "", "bad");
+        other.Put("t", "a/b", "", "bad");
+        other.Put("t", "short", "tsmctl1 f 0644 1.000000000 9", "eight...");
+        other.Put("t", "st*r", "", "wild");
+        other.Put("u", "x*", "", "wrong");
+        other.Put("u", "xy", "", "right");
+        other.Put("u", "fine", "hello", "other");
     }
     Expect("umask 022; tsmctl restore t --to out", 1, "", "cannot be that of a file here");
     Expect("tsmctl restore t --to out --force; find out ../outside .. -maxdepth 1 -name f -o -name up -o -name short",
            0, "", "8 bytes received, the object has 9");
-    EXPECT_TRUE(fs::is_empty(root / "outside"));
-    EXPECT_FALSE(fs::exists(root / "work/out/f") || fs::exists(root / "work/out/t/short") ||
-                 fs::exists(root / "work/up"));
+    EXPECT_TRUE(fs::is_empty(root_ / "outside"));
+    EXPECT_FALSE(fs::exists(root_ / "work/out/f") || fs::exists(root_ / "work/out/t/short") ||
+                 fs::exists(root_ / "work/up"));
     Expect("cat 'out/t/st*r'", 0, "wild");
     Expect("tsmctl restore 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl restore u/fine -q && stat -c %a fine && cat fine", 0, "644\nother");
@@ -423,13 +425,13 @@ TEST_F(Tsmctl, TheExamplesOfTheHelpWork) {
     ASSERT_NE(commands.find("backup\n"), std::string::npos);
     std::istringstream lines(commands);
     for (std::string command; std::getline(lines, command);) {
-        fs::remove_all(root / "store");
-        fs::remove_all(root / "work");
-        fs::create_directories(root / "work/docs");
+        fs::remove_all(root_ / "store");
+        fs::remove_all(root_ / "work");
+        fs::create_directories(root_ / "work/docs");
         standinSetClock("2024-01-01 00:00:00");
         {
-            OtherHost host(root);
-            host.Put("nightly/docs", "a.txt", "", "old");
+            OtherProgram other(root_);
+            other.Put("nightly/docs", "a.txt", "", "old");
         }
         standinSetClock(nullptr);
         Expect(
@@ -473,7 +475,7 @@ TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
         "truncate -s 256M big; tsmctl -q backup big; mkdir out; $T restore big --to out & "
         "until ls -A out | grep -q tsmctl || ! kill -0 $!; do :; done; kill $!; wait $!",
         143, "", "stopped");
-    EXPECT_TRUE(fs::is_empty(root / "work/out"));
+    EXPECT_TRUE(fs::is_empty(root_ / "work/out"));
     Expect("tsmctl list s", 1, "", "not found");
 }
 }  // namespace

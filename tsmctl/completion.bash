@@ -1,3 +1,3 @@
-# Completion of tsmctl for bash: tsmctl itself knows its commands and options. Where it cannot run, bash goes on as ever.
+# Completion of tsmctl for bash. tsmctl prints it; if it cannot run, bash completes names of files as usual.
 eval "$(tsmctl completion 2>/dev/null)"
 complete -p tsmctl &>/dev/null || complete -o default tsmctl

@@ -120,6 +120,7 @@ constexpr Meaning meanings[] = {
     MEANING(DSM_RC_ABORT_NO_REPOSIT_SPACE, "the disk of the store is full"),
     MEANING(DSM_RC_ABORT_BY_CLIENT, "the client voted to abort the transaction"),
     MEANING(DSM_RC_ABORT_DUPLICATE_OBJECT, "the new name has stored versions"),
+    MEANING(DSM_RC_REJECT_VERIFIER_EXPIRED, "the password has expired"),
     MEANING(DSM_RC_NO_MEMORY, "no memory"),
     MEANING(DSM_RC_ACCESS_DENIED, "the node has no permission for this"),
     MEANING(DSM_RC_INVALID_PARM, "an argument or an option is not valid"),
@@ -174,7 +175,14 @@ dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
         });
         if (rc != DSM_RC_OK) return rc;
         return Guarded(&log, DSM_RC_ABORT_SYSTEM_ERROR, [&] {
-            environment->store = Store::Open(environment->options.storeDir);
+            const Options& options = environment->options;
+            control::SetServerClock(options.clockStoppedAt, options.clockAheadBy);
+            environment->store = Store::Open(options.storeDir);
+            try {
+                options.policy.Apply(*environment->store);
+            } catch (const std::exception& problem) {  // queries obey it all the same
+                log.Write(std::string("versions that need not be kept: ") + problem.what());
+            }
             Process::Instance().SetUp(std::move(environment));
             return rc;
         });

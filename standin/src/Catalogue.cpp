@@ -39,6 +39,11 @@ std::string NewSecret(const std::string& password) {
     return Hashed(password, setting.get());
 }
 
+// What stands behind the hash in a secret: since when it holds.
+std::string SinceNow() {
+    return " " + std::to_string(control::Now());
+}
+
 }  // namespace
 
 bool operator==(const ObjectName& a, const ObjectName& b) {
@@ -82,20 +87,35 @@ std::string Pattern::Above() const {
 
 // --------------------------------------------------------- nodes, filespaces
 
-Catalogue::Catalogue(std::shared_ptr<Store> store)
-    : store_(std::move(store)), database_(store_->CataloguePath(), store_->ReadingMode()) {}
+Catalogue::Catalogue(std::shared_ptr<Store> store, const Policy& policy)
+    : store_(std::move(store)), policy_(policy), database_(store_->CataloguePath(), store_->ReadingMode()) {}
 
-void Catalogue::SignOn(const std::string& node, const std::string& password) {
+void Catalogue::SignOn(const std::string& node, const std::string& password, std::optional<std::int64_t> passwordDays) {
     const auto known = [&] {
-        Statement row = database_.Query("SELECT id, secret FROM node WHERE name = ?1", node);
-        if (!row.Step()) return false;
-        const std::string secret(row.Bytes(1, longestSecret));
-        if (Hashed(password, secret) != secret) throw Refusal(DSM_RC_AUTH_FAILURE);
-        node_ = row.Int(0);
+        std::string secret;
+        {
+            Statement row = database_.Query("SELECT id, secret FROM node WHERE name = ?1", node);
+            if (!row.Step()) return false;
+            secret = row.Bytes(1, longestSecret);
+            node_ = row.Int(0);
+        }
+        const std::size_t blank = secret.find(' ');
+        const std::string hash = secret.substr(0, blank);
+        if (Hashed(password, hash) != hash) throw Refusal(DSM_RC_AUTH_FAILURE);
+        if (!passwordDays) return true;
+        if (blank != secret.npos) {
+            const std::int64_t age = control::Now() - std::atoll(secret.c_str() + blank);
+            if (age >= *passwordDays * 86400) throw Refusal(DSM_RC_REJECT_VERIFIER_EXPIRED);
+        } else if (!store_->ReadOnly()) {  // registered when no date was kept: it counts from now on
+            store_->Submit(Store::Need::None, [&](Change& change) {
+                change.database.Run("UPDATE node SET secret = ?2 WHERE id = ?1 AND secret = ?3", node_,
+                                    hash + SinceNow(), hash);
+            });
+        }
         return true;
     };
     if (known()) return;
-    const std::string secret = NewSecret(password);
+    const std::string secret = NewSecret(password) + SinceNow();
     store_->Submit(Store::Need::None, [&](Change& change) {
         change.database.Run("INSERT INTO node (name, secret) VALUES (?1, ?2) ON CONFLICT DO NOTHING", node, secret);
     });
@@ -138,7 +158,7 @@ bool Catalogue::Register(const Filespace& filespace) {
 void Catalogue::DeleteFilespace(const std::string& name) {
     View().NeedFilespace(name);
     store_->Submit(Store::Need::None, [&](Change& change) {
-        const NodeView view{change.database, node_};
+        const NodeView view{change.database, policy_, node_};
         change.last = {};
         // No node has the number 0; the name only has to be another one than those of its like.
         change.database.Run("UPDATE filespace SET node = 0, name = CAST(id AS BLOB) WHERE id = ?1",
@@ -149,7 +169,7 @@ void Catalogue::DeleteFilespace(const std::string& name) {
 
 void Catalogue::SetAccess(const AccessRule& rule) {
     store_->Submit(Store::Need::Space, [&](Change& change) {
-        const NodeView view{change.database, node_};
+        const NodeView view{change.database, policy_, node_};
         change.database.Run("INSERT OR REPLACE INTO access VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)",
                             view.NeedFilespace(rule.name.fs), rule.name.hl, rule.name.ll, rule.name.type, rule.type,
                             rule.node, rule.owner);
@@ -198,7 +218,27 @@ VersionListing Catalogue::List(const VersionFilter& filter) {
     Statement rows = filter.pointInTime == 0            ? bound()
                      : moments.earlier == moments.later ? bound(moments.later)
                                                         : bound(moments.later, moments.earlier);
-    return {std::move(rows), std::move(hl), std::move(ll)};
+    return {std::move(rows), std::move(hl), std::move(ll), database_, policy_, fs};
+}
+
+VersionListing::VersionListing(Statement rows, Pattern hl, Pattern ll, Database& database, const Policy& policy,
+                               std::int64_t fs)
+    : rows_(std::move(rows)),
+      hl_(std::move(hl)),
+      ll_(std::move(ll)),
+      database_(database),
+      policy_(policy),
+      object_{fs, {}, {}, 0},
+      moment_(control::Now()) {}
+
+// Versions of an object come one after the other. The look-up sees what the listing sees, being within it.
+bool VersionListing::IsGone(const Version& version) {
+    if (version.ended == 0 || policy_.KeepsAll()) return false;
+    if (version.type != object_.type || version.ll != object_.ll || version.hl != object_.hl) {
+        object_ = {object_.fs, std::string(version.hl), std::string(version.ll), version.type};
+        gone_ = policy_.Gone(database_, object_, moment_);
+    }
+    return gone_.count(version.id) != 0;
 }
 
 std::optional<Version> VersionListing::Next() {
@@ -221,7 +261,7 @@ std::optional<Version> VersionListing::Next() {
         if (!isKnown || (version.ended != 0 && version.ended <= version.stored)) {
             throw std::runtime_error("catalogue: damaged: version " + std::to_string(version.id));
         }
-        return version;
+        if (!IsGone(version)) return version;
     }
     return std::nullopt;
 }
@@ -233,17 +273,31 @@ bool NodeView::Has(const ObjectName& name, const char* condition) const {
     return database.Query(sql + condition + " LIMIT 1", *fs, name.hl, name.ll, name.type).Step();
 }
 
+bool NodeView::HasVersions(const ObjectName& name) const {
+    if (!Has(name, "TRUE")) return false;
+    if (policy.KeepsAll() || HasActive(name)) return true;
+    const ObjectKey key{NeedFilespace(name.fs), name.hl, name.ll, name.type};
+    Statement all =
+        database.Query("SELECT COUNT(*) FROM object_version WHERE " THIS_NAME, key.fs, key.hl, key.ll, key.type);
+    all.Step();
+    return all.Count(0) > static_cast<std::int64_t>(policy.Gone(database, key, control::Now()).size());
+}
+
 std::optional<Catalogue::Found> Catalogue::Find(std::int64_t id) {
     database_.NeedInPlace();
     Statement row = database_.Query(
-        "SELECT bytes, checksum, file, f.name, hl, ll FROM object_version v JOIN filespace f ON f.id = v.fs"
+        "SELECT bytes, checksum, file, f.name, hl, ll, f.id, v.type FROM object_version v JOIN filespace f ON f.id = "
+        "v.fs"
         " WHERE v.id = ?1 AND f.node = ?2",
         id, node_);
     if (!row.Step()) return std::nullopt;
+    const ObjectKey key{row.Int(6), std::string(row.Bytes(4, DSM_MAX_HL_LENGTH)),
+                        std::string(row.Bytes(5, DSM_MAX_LL_LENGTH)), row.Int(7)};
+    if (policy_.Gone(database_, key, control::Now()).count(id) != 0) return std::nullopt;
     Found found;
     found.data = {id, row.Count(0), row.Int(1), std::string(row.Bytes(2, longestFileName))};
-    found.name = std::string(row.Bytes(3, DSM_MAX_FSNAME_LENGTH)) + " " + std::string(row.Bytes(4, DSM_MAX_HL_LENGTH)) +
-                 std::string(row.Bytes(5, DSM_MAX_LL_LENGTH)) + " (version " + std::to_string(id) + ")";
+    found.name = std::string(row.Bytes(3, DSM_MAX_FSNAME_LENGTH)) + " " + key.hl + key.ll + " (version " +
+                 std::to_string(id) + ")";
     return found;
 }
 
@@ -270,24 +324,28 @@ namespace {
 // Carries out operations of a node as a part of a change.
 class Applying {
 public:
-    Applying(Change& change, std::int64_t node) : change_(change), view_{change.database, node} {}
+    Applying(Change& change, const NodeView& view) : change_(change), view_(view) {}
 
     void operator()(NewVersion& version) {
         Database& database = change_.database;
         const ObjectName& name = version.name;
         const std::int64_t fs = NeedFilespace(name.fs);
+        Touch(name);
         // Not before the version began or ended that it follows, whatever the clock says.
         std::int64_t stored = control::Now();
-        bool hasActive = false;
+        bool hasActive = false, rebinds = false;
         {
             Statement last = database.Query(
-                "SELECT MAX(stored), MAX(ended), COUNT(*) - COUNT(ended) FROM object_version WHERE " THIS_NAME, fs,
-                name.hl, name.ll, name.type);
+                "SELECT MAX(stored), MAX(ended), COUNT(*) - COUNT(ended), COUNT(NULLIF(class, ?5))"
+                " FROM object_version WHERE " THIS_NAME,
+                fs, name.hl, name.ll, name.type, version.mgmtClass);
             last.Step();
             if (!last.IsNull(0)) stored = std::max(stored, last.Count(0) + 1);
             if (!last.IsNull(1)) stored = std::max(stored, last.Count(1));
             hasActive = last.Int(2) != 0;
+            rebinds = last.Int(3) != 0;
         }
+        if (rebinds) RunOn(name, "UPDATE object_version SET class = ?5 WHERE " THIS_NAME, version.mgmtClass);
         if (hasActive) database.Run(deactivate, fs, name.hl, name.ll, name.type, stored);
         const std::int64_t id = change_.nextId++;
         std::string file;
@@ -305,6 +363,7 @@ public:
     }
 
     void operator()(const Deactivation& deactivation) {
+        Touch(deactivation.name);
         if (RunOn(deactivation.name, deactivate, control::Now()) == 0) throw Refusal(DSM_RC_ABORT_NO_MATCH);
     }
 
@@ -326,6 +385,7 @@ public:
             wasActive = row.Int(4) != 0;
             file = row.Bytes(5, longestFileName);
         }
+        Touch({fs, name.hl, name.ll, name.type});
         change_.RemoveVersion(removal.id, file);
         if (wasActive) {
             change_.database.Run("UPDATE object_version SET ended = NULL WHERE " THIS_NAME
@@ -335,13 +395,35 @@ public:
     }
 
     void operator()(const Renaming& renaming) {
+        Touch(renaming.from);
+        Touch(renaming.to);
         if (!view_.CheckRenaming(renaming)) return;
         if (view_.HasActive(renaming.from)) RunOn(renaming.to, deactivate, control::Now());
         RunOn(renaming.from, "UPDATE object_version SET hl = ?5, ll = ?6 WHERE " THIS_NAME, renaming.to.hl,
               renaming.to.ll);
     }
 
+    // What the operations have made surplus.
+    void RemoveGone() {
+        for (const ObjectKey& key : touched_) RemoveGone(key);
+    }
+
 private:
+    // Before an object changes: what is gone by now must not come back.
+    void Touch(ObjectKey key) {
+        RemoveGone(key);
+        touched_.push_back(std::move(key));
+    }
+    void Touch(const ObjectName& name) {
+        if (view_.policy.KeepsAll()) return;
+        if (const auto fs = view_.FindFilespace(name.fs)) Touch({*fs, name.hl, name.ll, name.type});
+    }
+
+    void RemoveGone(const ObjectKey& key) {
+        const auto gone = view_.policy.Gone(change_.database, key, control::Now());
+        for (const auto& [id, file] : gone) change_.RemoveVersion(id, file);
+    }
+
     std::int64_t NeedFilespace(const std::string& name) {
         auto& last = change_.last;
         if (last.node != view_.node || last.name != name) last = {view_.node, view_.NeedFilespace(name), name};
@@ -355,6 +437,7 @@ private:
 
     Change& change_;
     const NodeView view_;
+    std::vector<ObjectKey> touched_;
 };
 
 }  // namespace
@@ -363,7 +446,9 @@ void Catalogue::Commit(std::vector<Operation>& operations) {
     const bool stores = std::any_of(operations.begin(), operations.end(),
                                     [](const Operation& o) { return std::holds_alternative<NewVersion>(o); });
     store_->Submit(stores ? Store::Need::Space : Store::Need::None, [&](Change& change) {
-        for (Operation& operation : operations) std::visit(Applying(change, node_), operation);
+        Applying applying(change, {change.database, policy_, node_});
+        for (Operation& operation : operations) std::visit(applying, operation);
+        applying.RemoveGone();
     });
 }
 

@@ -14,6 +14,7 @@
 
 #include "Database.h"
 #include "ObjectData.h"
+#include "Policy.h"
 #include "Store.h"
 #include "dsmapitd.h"
 
@@ -92,33 +93,40 @@ public:
 
 private:
     friend class Catalogue;
-    VersionListing(Statement rows, Pattern hl, Pattern ll)
-        : rows_(std::move(rows)), hl_(std::move(hl)), ll_(std::move(ll)) {}
+    VersionListing(Statement rows, Pattern hl, Pattern ll, Database& database, const Policy& policy, std::int64_t fs);
+    bool IsGone(const Version& version);
 
     Statement rows_;
     Pattern hl_, ll_;
+    Database& database_;
+    const Policy& policy_;
+    ObjectKey object_;  // the one whose versions that are gone are known
+    std::map<std::int64_t, std::string> gone_;
+    std::int64_t moment_;
 };
 
 // Look-ups of a node, by a connection of its session or by the one that changes the store.
 struct NodeView {
     Database& database;
+    const Policy& policy;
     std::int64_t node;
 
     std::optional<std::int64_t> FindFilespace(const std::string& name) const;
     std::int64_t NeedFilespace(const std::string& name) const;
     bool Has(const ObjectName& name, const char* condition) const;
     bool HasActive(const ObjectName& name) const { return Has(name, "ended IS NULL"); }
-    bool HasVersions(const ObjectName& name) const { return Has(name, "TRUE"); }
+    bool HasVersions(const ObjectName& name) const;  // that are kept
     // False: nothing to do. Throws Refusal when the new name is taken.
     bool CheckRenaming(const Renaming& renaming) const;
 };
 
 class Catalogue {
 public:
-    explicit Catalogue(std::shared_ptr<Store> store);
+    Catalogue(std::shared_ptr<Store> store, const Policy& policy);
 
-    // All further calls act for this node. An unknown one is registered with the password.
-    void SignOn(const std::string& node, const std::string& password);
+    // All further calls act for this node. An unknown one is registered with the password, which expires when it is
+    // this many days old.
+    void SignOn(const std::string& node, const std::string& password, std::optional<std::int64_t> passwordDays);
 
     bool Register(const Filespace& filespace);  // false: was known already
     void DeleteFilespace(const std::string& name);
@@ -126,7 +134,7 @@ public:
     Statement Filespaces();  // name, type, info, occupancy, capacity
     VersionListing List(const VersionFilter& filter);
 
-    NodeView View() { return {database_, node_}; }
+    NodeView View() { return {database_, policy_, node_}; }
     // Remembers the answer, so that another process's deletion is noticed by the commit only.
     bool HasFilespace(const std::string& name);
     // Data of a version of this node, and their name for messages.
@@ -145,6 +153,7 @@ public:
 
 private:
     const std::shared_ptr<Store> store_;
+    const Policy& policy_;
     Database database_;
     std::int64_t node_ = 0;
     std::optional<std::string> known_;  // a filespace, since this many deletions of the store

@@ -28,7 +28,8 @@ constexpr off_t reserveSize = 8 << 20;
 
 // Rows of object_version lie in the order of a listing, so that one reads them from the table itself; small data lie
 // in a table of their own, out of its way. The next id is kept apart from the rows because it must never go back:
-// a host may hold the id of a version that was removed. A deleted filespace has node 0 until its rows are gone.
+// a host may hold the id of a version that was removed. A deleted filespace has node 0 until its rows are gone. A
+// secret is the hash of a password, and behind a blank the moment since which it holds; older ones have no moment.
 constexpr const char* schema = R"(
     CREATE TABLE store (identity BLOB NOT NULL, next_id INTEGER NOT NULL);
     CREATE TABLE node (id INTEGER PRIMARY KEY, name BLOB NOT NULL UNIQUE, secret BLOB NOT NULL);

@@ -1,6 +1,8 @@
 #include "Moments.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace standin {
@@ -43,6 +45,18 @@ Moments MomentsOf(std::int64_t localTime) {
     if (!fits(before) && !fits(after)) return {before, before};
     const std::int64_t one = fits(before) ? before : after, other = fits(after) ? after : before;
     return {std::max(one, other), std::min(one, other)};
+}
+
+std::optional<std::int64_t> MomentIn(const char* text) {
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, length = -1;
+    std::sscanf(text, "%4d-%2d-%2d %2d:%2d:%2d%n", &year, &month, &day, &hour, &minute, &second, &length);
+    const auto within = [](int value, int low, int high) { return low <= value && value <= high; };
+    if (length != static_cast<int>(std::strlen(text)) || !within(year, 1, 9999) || !within(month, 1, 12) ||
+        !within(day, 1, 31) || !within(hour, 0, 23) || !within(minute, 0, 59) || !within(second, 0, 60)) {
+        return std::nullopt;
+    }
+    const std::int64_t date = (year * INT64_C(100) + month) * 100 + day;
+    return MomentsOf(((date * 100 + hour) * 100 + minute) * 100 + second).later;
 }
 
 }  // namespace standin

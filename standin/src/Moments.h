@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 namespace standin {
 
@@ -14,5 +15,8 @@ struct Moments {
     std::int64_t later, earlier;
 };
 Moments MomentsOf(std::int64_t localTime);
+
+// Of a text such as "2021-03-07 09:05:00", the later one; none where it is no moment.
+std::optional<std::int64_t> MomentIn(const char* text);
 
 }  // namespace standin

@@ -4,12 +4,16 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+
+#include "Moments.h"
 
 namespace standin {
 namespace {
@@ -43,6 +47,14 @@ std::string TakeWord(std::string& text) {
 std::string Unquoted(const std::string& text) {
     const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
     return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
+// Of days or versions: with any of these, moments stay after 1970.
+std::optional<std::int64_t> Number(const std::string& text) {
+    std::int64_t number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool good = error == std::errc() && end == text.data() + text.size() && number >= 0 && number <= 9999;
+    return good ? std::optional(number) : std::nullopt;
 }
 
 std::string DefaultStoreDir() {
@@ -89,6 +101,12 @@ Options::Options(const envSetUp* setUp) {
     if (storeDir.empty()) storeDir = DefaultStoreDir();
     storeDir = fs::absolute(storeDir).string();
     if (classes.empty()) classes.push_back({"STANDARD", "Default management class"});
+    for (const auto& [name, retention] : policy.classes) {
+        if (std::none_of(classes.begin(), classes.end(),
+                         [&name = name](const MgmtClass& c) { return c.name == name; })) {
+            throw std::runtime_error("options file: KEEP names a class that no MGMTCLASS does");
+        }
+    }
 }
 
 void Options::ReadFile(const std::string& path) {
@@ -126,7 +144,37 @@ bool Options::Take(const std::string& keyword, const std::string& value, const s
         mayDeleteBackups = Same(value, "YES");
         return mayDeleteBackups || Same(value, "NO");
     }
+    if (Same(keyword, "KEEP")) return TakeKeep(value);
+    if (Same(keyword, "EXPIRE")) return (passwordDays = Number(value)).value_or(0) > 0;
+    if (Same(keyword, "CLOCK")) return TakeClock(value);
     return false;
+}
+
+bool Options::TakeKeep(std::string value) {
+    const std::string name = TakeWord(value);
+    const auto [place, isNew] = policy.classes.emplace(name, Retention{});
+    if (!isNew || value.empty()) return false;
+    Retention& rules = place->second;
+    while (!value.empty()) {
+        const std::string limit = TakeWord(value);
+        std::optional<std::int64_t>* const rule = Same(limit, "EXISTING")    ? &rules.existing
+                                                  : Same(limit, "DELETED")   ? &rules.deleted
+                                                  : Same(limit, "EXTRADAYS") ? &rules.extraDays
+                                                  : Same(limit, "LASTDAYS")  ? &rules.lastDays
+                                                                             : nullptr;
+        if (!rule || *rule || !(*rule = Number(TakeWord(value)))) return false;
+    }
+    return rules.existing != 0;
+}
+
+bool Options::TakeClock(const std::string& value) {
+    if (value[0] == '+' || value[0] == '-') {
+        const std::optional<std::int64_t> days = Number(value.substr(1));
+        clockAheadBy = (value[0] == '+' ? 1 : -1) * days.value_or(0) * 86400;
+        return days.has_value();
+    }
+    clockStoppedAt = MomentIn(value.c_str()).value_or(0);
+    return clockStoppedAt > 0;
 }
 
 }  // namespace standin

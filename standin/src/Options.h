@@ -1,9 +1,12 @@
 // What the operator decides: where the store is, what the server offers and permits, where errors are written.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "Policy.h"
 #include "dsmapitd.h"
 
 namespace standin {
@@ -30,10 +33,15 @@ struct Options {
     std::string storeDir;
     std::vector<MgmtClass> classes;  // never empty; the first one is the default
     bool mayDeleteBackups = true;
+    Policy policy;
+    std::optional<std::int64_t> passwordDays;           // until a password expires
+    std::int64_t clockStoppedAt = 0, clockAheadBy = 0;  // for control::SetServerClock
 
 private:
     void ReadFile(const std::string& path);
     bool Take(const std::string& keyword, const std::string& value, const std::string& baseDir);
+    bool TakeKeep(std::string value);
+    bool TakeClock(const std::string& value);
 };
 
 }  // namespace standin

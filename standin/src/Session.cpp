@@ -130,8 +130,8 @@ dsInt16_t CodeOf(const std::exception& problem, dsInt16_t otherwise) {
 }
 
 Session::Session(std::shared_ptr<const Environment> environment, const std::string& node, const std::string& password)
-    : environment_(std::move(environment)), catalogue_(environment_->store) {
-    catalogue_.SignOn(node, password);
+    : environment_(std::move(environment)), catalogue_(environment_->store, environment_->options.policy) {
+    catalogue_.SignOn(node, password, environment_->options.passwordDays);
 }
 
 // ------------------------------------------------------------- order of calls

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -29,6 +28,8 @@ struct Waiting {
     Fault fault;
 };
 
+std::atomic<std::int64_t> serverStoppedAt{0}, serverAheadBy{0};  // as the options file has it
+
 struct Control {
     std::array<std::atomic<unsigned long>, callCount> calls{};
     std::atomic<std::int64_t> clock{0};
@@ -52,11 +53,6 @@ std::optional<Call> Named(const char* function) {
 
 bool IsAny(const char* function) {
     return std::strcmp(function, "*") == 0;
-}
-
-std::int64_t Packed(const std::tm& t) {
-    return ((((t.tm_year * INT64_C(100) + t.tm_mon) * 100 + t.tm_mday) * 100 + t.tm_hour) * 100 + t.tm_min) * 100 +
-           t.tm_sec;
 }
 
 }  // namespace
@@ -87,8 +83,14 @@ dsUint32_t TakeAtMost(dsUint32_t offered) {
 }
 
 std::int64_t Now() {
-    const std::int64_t set = TheControl().clock;
-    return set != 0 ? set : static_cast<std::int64_t>(std::time(nullptr));
+    if (const std::int64_t set = TheControl().clock) return set;
+    if (const std::int64_t stopped = serverStoppedAt) return stopped;
+    return static_cast<std::int64_t>(std::time(nullptr)) + serverAheadBy;
+}
+
+void SetServerClock(std::int64_t stoppedAt, std::int64_t aheadBy) {
+    serverStoppedAt = stoppedAt;
+    serverAheadBy = aheadBy;
 }
 
 }  // namespace control
@@ -101,18 +103,9 @@ int standinSetClock(const char* moment) {
         TheControl().clock = 0;
         return 0;
     }
-    std::tm t{};
-    if (std::sscanf(moment, "%4d-%2d-%2d %2d:%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday, &t.tm_hour, &t.tm_min,
-                    &t.tm_sec) != 6) {
-        return -1;
-    }
-    const auto within = [](int value, int low, int high) { return low <= value && value <= high; };
-    if (!within(t.tm_year, 1, 9999) || !within(t.tm_mon, 1, 12) || !within(t.tm_mday, 1, 31) ||
-        !within(t.tm_hour, 0, 23) || !within(t.tm_min, 0, 59) || !within(t.tm_sec, 0, 60)) {
-        return -1;
-    }
-    TheControl().clock = MomentsOf(Packed(t)).later;
-    return 0;
+    const std::optional<std::int64_t> set = MomentIn(moment);
+    if (set) TheControl().clock = *set;
+    return set ? 0 : -1;
 }
 
 int standinFail(const char* function, unsigned nth, dsInt16_t rc, dsUint16_t reason) {

@@ -36,5 +36,8 @@ dsUint32_t TakeAtMost(dsUint32_t offered);
 // The server's clock, in seconds since 1970 in UTC.
 std::int64_t Now();
 
+// How it goes where no test has set it: stopped at a moment if that is not 0, or ahead of the machine's by seconds.
+void SetServerClock(std::int64_t stoppedAt, std::int64_t aheadBy);
+
 }  // namespace control
 }  // namespace standin

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the package from its folder into an environment of its own, without a registry, and leaves nothing behind.
+# Installs the package from its folder into a new environment, without a package index, and leaves the folder as it was.
 # Usage: install.sh PYTHON VERSION, with TSMCONNECTOR_LIBRARY set.
 set -euo pipefail
 folder=$(cd "$(dirname "$0")/.." && pwd)

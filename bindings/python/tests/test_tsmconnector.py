@@ -1,4 +1,4 @@
-"""The binding with the library and the stand-in, which TSMCONNECTOR_LIBRARY names."""
+"""The binding, with the stand-in. TSMCONNECTOR_LIBRARY is the path of the library."""
 
 import contextlib
 import copy
@@ -30,7 +30,7 @@ from tsmconnector._errors import CODES
 from tsmconnector._library import TsmObject
 
 ROOT = Path(__file__).resolve().parents[3]
-STANDIN = ctypes.CDLL(os.environ["TSMCONNECTOR_LIBRARY"])  # with what it is linked with
+STANDIN = ctypes.CDLL(os.environ["TSMCONNECTOR_LIBRARY"])  # and the API that it is linked with
 STANDIN.standinCalls.restype = ctypes.c_ulong
 
 
@@ -272,7 +272,7 @@ def fork():
                 session.close()
     print(end="hung" if os.wait()[1] else "")
 thread = threading.Thread(target=fork)
-with session._lock, tsmconnector._session._life:
+with session._handle._lock, tsmconnector._api._life:
     thread.start()
     thread.join()
 writer.__exit__(None, None, None)
@@ -348,7 +348,7 @@ writer.__exit__(None, None, None)
         self.assertEqual([o.name for o in self.open().list()], ["g"])
 
     def test_break_ins(self) -> None:
-        """Wherever Python lets a signal handler in (behind calls, at the start of functions), one breaks in."""
+        """A signal handler interrupts once at each place where Python lets one in: after calls, at function starts."""
 
         @functools.lru_cache(None)
         def gaps(code: Any) -> List[int]:
@@ -364,7 +364,7 @@ writer.__exit__(None, None, None)
                     frame.f_trace_opcodes = True
                     if event == "opcode" and frame.f_lasti in gaps(frame.f_code):
                         code = linecache.getline(frame.f_code.co_filename, frame.f_lineno or 1).split()
-                        # Not where a `with` is left (its line comes again); what comes before a `try` is the caller's.
+                        # Not where a `with` is left (its line comes again), nor before a `try`: the caller's.
                         passed += code[0] not in ("with", "try:")
                         if passed == stop:
                             passed += 1
@@ -377,7 +377,7 @@ writer.__exit__(None, None, None)
                     operation()
                 except (KeyboardInterrupt, RuntimeError, ValueError) as error:
                     self.broken: Any = error  # keeps the frames that it left
-                    self.assertFalse(self.session._mine())
+                    self.assertFalse(self.session._handle.used_by_this_thread())
                 sys.settrace(None)
                 check(stop)
                 if passed < stop:

@@ -7,8 +7,9 @@
             data.read()
 """
 
+from ._api import Api
 from ._errors import NotFoundError, TsmError
-from ._session import Api, Session, StoredObject
+from ._session import Session, StoredObject
 from ._streams import BackupWriter, RestoreReader
 
 __version__ = "1.0.0"

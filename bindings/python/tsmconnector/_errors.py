@@ -1,4 +1,4 @@
-"""What the library answers when it fails: the TSM client API's return codes, by name."""
+"""The TSM client API's return codes, which the library returns when a call fails, and the exceptions for them."""
 
 from typing import Dict, Tuple
 
@@ -11,6 +11,7 @@ CODES: Dict[int, Tuple[str, str]] = {
     3: ("DSM_RC_ABORT_BY_CLIENT", "the transaction was given up"),
     11: ("DSM_RC_ABORT_NO_REPOSIT_SPACE", "the server has no room left"),
     32: ("DSM_RC_ABORT_DUPLICATE_OBJECT", "the name is taken"),
+    52: ("DSM_RC_REJECT_VERIFIER_EXPIRED", "the password has expired"),
     102: ("DSM_RC_NO_MEMORY", "no memory"),
     106: ("DSM_RC_ACCESS_DENIED", "the node has no permission for this"),
     109: ("DSM_RC_INVALID_PARM", "a value out of range"),
@@ -37,9 +38,9 @@ CODES: Dict[int, Tuple[str, str]] = {
 class TsmError(Exception):
     """A call of the library failed.
 
-    code       the library's negative result, e.g. -137 (positive ones, of set-up and clean-up, with their sign turned)
-    name       the TSM client API's name for it, e.g. "DSM_RC_AUTH_FAILURE"; "unknown" for a code without one here
-    operation  the function of the library that gave it, e.g. "TsmOpenSession"
+    code       the library's result, e.g. -137; always negative, although set-up and clean-up return positive codes
+    name       the TSM client API's name for it, e.g. "DSM_RC_AUTH_FAILURE"; "unknown" for a code that is not known here
+    operation  the function of the library that returned it, e.g. "TsmOpenSession"
     """
 
     def __init__(self, code: int, operation: str, about: str = "") -> None:

@@ -1,4 +1,4 @@
-"""The functions and the record of tsmconnector.h, as ctypes sees them."""
+"""The functions and the record of tsmconnector.h, declared for ctypes."""
 
 import ctypes
 import itertools
@@ -51,7 +51,7 @@ _ARGUMENTS = {
 
 def load() -> ctypes.CDLL:
     """Loads the library and declares its functions. Raises ImportError when it cannot be loaded."""
-    # 1: the major version of the interface declared above, whatever the package's own version is.
+    # .1 is the major version of the interface declared above; the package's own version does not matter.
     name = os.environ.get("TSMCONNECTOR_LIBRARY") or "libtsmconnector.so.1"
     try:
         library = ctypes.CDLL(name)
@@ -69,8 +69,11 @@ def load() -> ctypes.CDLL:
 
 
 class Once:
-    """A call of the library that is made once, whoever asks for it and however often. An interrupt comes before it,
-    which leaves it to be made, or when its result is kept: to the interpreter, all of it is one step."""
+    """A call of the library that is made once, however often it is asked for.
+
+    To the interpreter, the call and keeping its result are one step. An interrupt comes before both, and then the call
+    can still be made, or after both.
+    """
 
     def __init__(self, function: Callable[..., int], arguments: Iterable[Iterable[object]]) -> None:
         self._calls = itertools.starmap(function, arguments)
@@ -87,7 +90,7 @@ class Once:
 
 
 class Sole:
-    """Owns something in the library, which the end of a copy would end too."""
+    """The one owner of something in the library. It cannot be copied: the end of the copy would end that, too."""
 
     def __reduce_ex__(self, protocol: SupportsIndex) -> NoReturn:
         raise TypeError(f"{type(self).__name__} can be neither copied nor pickled")

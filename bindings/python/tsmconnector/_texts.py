@@ -1,4 +1,4 @@
-"""How names and moments are handed to the library, and which of them are refused because it would misread them."""
+"""Names and moments in the form that the library reads. Those that it would misread are refused."""
 
 import os
 import re
@@ -32,7 +32,7 @@ def parsed(text: str) -> datetime:
 
 
 def moment(at: Moment) -> bytes:
-    # What the library cannot read it takes for no moment at all, and then gives every version.
+    # A moment that the library cannot read counts as none, and a listing then gives every version.
     when = parsed(at) if isinstance(at, str) else at
     if not isinstance(when, datetime):
         raise TypeError(f"a moment is a str or a datetime, not {type(at).__name__}")
@@ -42,7 +42,7 @@ def moment(at: Moment) -> bytes:
 
 
 def exact(text: str) -> bytes:
-    """The path or name of one object. Wildcards would match others, whose data a restore or a rename would take."""
+    """The path or name of one object. With a wildcard, a restore or a rename would take other objects, too."""
     data = encoded(text)
     if "*" in text or "?" in text:
         raise ValueError(f"{text!r} has a wildcard in it")
@@ -50,7 +50,7 @@ def exact(text: str) -> bytes:
 
 
 def plain(name: str) -> bytes:
-    """A name that all functions of the library read alike: listings, deletions and renames rewrite slashes in names."""
+    """A name without slashes: listings, deletions and renames rewrite them, other functions of the library do not."""
     data = exact(name)
     if not data or b"/" in data or b"\\" in data:  # in some encodings a part of other characters
         raise ValueError(f"{name!r} is no name: it is empty or has a slash in it")
@@ -58,7 +58,8 @@ def plain(name: str) -> bytes:
 
 
 def directory(path: str, delimiter: bytes) -> bytes:
-    """A path as the server keeps it. Empty components are read in two ways, and the other slash as the delimiter."""
+    """A path as the server keeps it. Refuses empty components, which the library's functions read in different ways,
+    and the other slash, which they read as the delimiter."""
     data = exact(path)
     text = rooted(data, delimiter)
     if _other(delimiter) in data or (text != delimiter and b"" in text[1:].split(delimiter)):

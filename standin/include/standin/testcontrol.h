@@ -16,7 +16,7 @@ extern "C" {
 
 /*
  * Stops the server's clock at a moment, "2021-03-07 09:05:00"; null lets it run
- * again. Returns 0, or -1 for a text that is no moment.
+ * again, as the options file has it. Returns 0, or -1 for a text that is no moment.
  */
 int standinSetClock(const char* moment);
 

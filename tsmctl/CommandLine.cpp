@@ -1,0 +1,145 @@
+#include "CommandLine.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <memory>
+#include <sstream>
+#include <utility>
+
+#include "Errors.h"
+#include "HelpFormatter.h"
+#include "UsageText.h"
+
+namespace tsmctl {
+namespace {
+
+std::string HostName() {
+    char name[256] = {};
+    return gethostname(name, sizeof name - 1) == 0 ? name : "localhost";
+}
+
+// CLI11 would turn "--json=no" into a flag that is not set.
+void ForbidValuesOfFlags(CLI::App& app) {
+    for (CLI::Option* option : app.get_options([](const CLI::Option* o) { return o->get_expected_max() == 0; })) {
+        option->disable_flag_override();
+    }
+}
+
+// CLI11 takes the argument behind "--to=" as its value, and then misses that argument where it belongs.
+void CheckNoValueIsMissing(const std::vector<std::string>& arguments) {
+    for (const std::string& typed : arguments) {
+        if (typed == "--") return;
+        if (typed.size() < 4 || typed.compare(0, 2, "--") != 0 || typed.find('=') != typed.size() - 1) continue;
+        throw UsageError(typed + " has nothing behind it; an empty value is an argument of its own");
+    }
+}
+
+}  // namespace
+
+CommandLine::CommandLine() {
+    app_.formatter(std::make_shared<HelpFormatter>());
+    app_.fallthrough();
+    app_.require_subcommand(1);
+    app_.footer(
+        "Environment:\n"
+        "  A variable in [brackets] is used if the option is not given. TSMCTL_PASSWORD is the\n"
+        "  password if no file is given; without either, tsmctl asks for it on the terminal.\n\n"
+        "Exit status:\n"
+        "  0  everything was done, and verify found no difference\n"
+        "  1  something failed or differs, each on a line of its own; the rest was done\n"
+        "  2  the command line makes no sense, or there was nobody to ask: nothing was changed\n"
+        "  128 + the number of the signal that ended it\n\n"
+        "'tsmctl help COMMAND' shows a command's options and examples, 'man tsmctl' everything.");
+    AddCommonOptions();
+}
+
+void CommandLine::AddCommonOptions() {
+    app_.set_help_flag("-h,--help", "show this help");
+    app_.set_version_flag("--version", std::string("tsmctl ") + TSMCTL_VERSION, "show the version");
+    const auto add = [this](const char* name, std::string& value, const char* type, const char* description) {
+        return app_.add_option(name, value, description)->type_name(type);
+    };
+    add("--config", connection_.config, fileType, "options file of the client API")->envname("TSMCTL_CONFIG");
+    add("--log-dir", connection_.logDir, folderType, "where the client API keeps its error log")
+        ->envname("TSMCTL_LOG_DIR");
+    add("--api-dir", connection_.apiDir, folderType, "where the client API is installed");
+    add("--node", connection_.node, "NAME", "node to sign on as (default: the host name)")->envname("TSMCTL_NODE");
+    add("--owner", connection_.owner, "NAME", "owner to sign on as");
+    add("--filespace", connection_.filespace, "NAME", "filespace to work in")
+        ->capture_default_str()
+        ->envname("TSMCTL_FILESPACE");
+    add("--password-file", connection_.passwordFile, fileType, "file whose first line is the password")
+        ->envname("TSMCTL_PASSWORD_FILE");
+    app_.add_flag("-q,--quiet", quiet_, "no progress, no summary");
+}
+
+CLI::App& CommandLine::Add(const std::string& name, const std::string& description,
+                           const std::vector<std::string>& examples, RunFunction run) {
+    CLI::App* const command = app_.add_subcommand(name, description);
+    command->footer(
+        fmt::format("Examples:\n  {}\n\nThe options of 'tsmctl --help' can be given before or after the command.",
+                    fmt::join(examples, "\n  ")));
+    commands_.push_back({command, std::move(run)});
+    return *command;
+}
+
+// CLI11 does not see that a value is missing where the next argument is an option of the other level.
+void CommandLine::CheckNoOptionIsAValue(const CLI::App& command) const {
+    for (const CLI::App* const owner : {&app_, &command}) {
+        for (const CLI::Option* option : owner->get_options({})) {
+            for (const std::string& value : option->results()) {
+                if (option->get_positional() || value.size() < 2 || value[0] != '-') continue;
+                const std::string name = value.substr(0, value[1] == '-' ? value.find('=') : 2);
+                if (name == "--" || app_.get_option_no_throw(name) || command.get_option_no_throw(name)) {
+                    throw UsageError(fmt::format("{} needs a value, not {}", option->get_name(), value));
+                }
+            }
+        }
+    }
+}
+
+const CommandLine::Command& CommandLine::Parse(int argc, char** argv) {
+    ForbidValuesOfFlags(app_);
+    for (const Command& command : commands_) ForbidValuesOfFlags(*command.syntax);
+    CheckNoValueIsMissing({argv, argv + argc});
+    app_.parse(argc, argv);
+    for (const Command& command : commands_) {
+        if (!command.syntax->parsed()) continue;
+        CheckNoOptionIsAValue(*command.syntax);
+        if (connection_.filespace.empty()) throw UsageError("--filespace needs a name");
+        if (connection_.node.empty()) connection_.node = HostName();
+        return command;
+    }
+    throw UsageError("no command");
+}
+
+int CommandLine::Run(int argc, char** argv) {
+    const Command* command = nullptr;
+    std::ostringstream help;
+    try {
+        command = &Parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0) throw UsageError(UsageText(app_, error));
+        app_.exit(error, help);
+    }
+    Report report(quiet_);
+    Connection connection(connection_);
+    try {
+        if (command) {
+            Context context = {connection, report};
+            command->run(context);
+        } else {
+            report.Text(help.str());
+        }
+    } catch (const Failure& failure) {
+        report.Failed(failure.what());
+    }
+    if (report.Succeeded()) return 0;
+    if (const std::string log = connection.GrownLog(); !log.empty()) {
+        PrintMessage("the client API's log has more: " + log);
+    }
+    return 1;
+}
+
+}  // namespace tsmctl

@@ -1,0 +1,110 @@
+#include "Connection.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "Errors.h"
+#include "Files.h"
+#include "ObjectNames.h"
+#include "Report.h"
+#include "Terminal.h"
+#include "tsmconnector.h"
+
+namespace tsmctl {
+namespace {
+
+std::string PasswordIn(const std::string& path) try {
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status = {};
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
+    if (S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        PrintMessage(path + ": warning: other users can read this password file (chmod 600 ends that)");
+    }
+    std::string line = ReadLine(file.Get());
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return line;
+} catch (const Failure& failure) {
+    throw Failure(fmt::format("password file {}: {}", path, failure.what()));
+}
+
+std::string PasswordFor(const ConnectionOptions& options) {
+    const char* const variable = std::getenv("TSMCTL_PASSWORD");
+    std::string password = !options.passwordFile.empty() ? PasswordIn(options.passwordFile)
+                           : variable                    ? variable
+                                      : AskPassword(fmt::format("Password of node {}: ", Printable(options.node)));
+    if (password.empty()) throw UsageError("the password is empty");
+    if (password.find('\0') != std::string::npos) throw UsageError("the password holds a byte 0");
+    return password;
+}
+
+}  // namespace
+
+Connection::Connection(const ConnectionOptions& options) : options_(options) {}
+
+Connection::~Connection() {
+    if (!password_.empty()) TsmReleaseApi();
+    explicit_bzero(password_.data(), password_.size());
+}
+
+void Connection::SetUp() {
+    std::call_once(once_, [this] { SetUpOnce(); });
+}
+
+void Connection::SetUpOnce() {
+    options_.logDir = LogFolder(options_.logDir);
+    log_.emplace(options_.logDir);
+    password_ = PasswordFor(options_);
+    char application[] = "tsmctl";
+    const int result =
+        TsmInitApi(TextOrNull(options_.config), TextOrNull(options_.logDir), TextOrNull(options_.apiDir), application);
+    if (result == 0) return;
+    const std::string file = options_.config.empty() ? "the default options file" : "options file " + options_.config;
+    const char* const hint = options_.logDir.empty() ? "; --log-dir FOLDER keeps a log of the reasons" : "";
+    throw Failure(CodeText(fmt::format("cannot set up the client API with {}", file), result) + hint);
+}
+
+std::string Connection::GrownLog() const {
+    return log_ && log_->Changed() ? log_->Path() : "";
+}
+
+Session::Session(Connection& connection, bool withFilespace) : connection_(connection), withFilespace_(withFilespace) {
+    connection_.SetUp();
+}
+
+Session::~Session() {
+    Drop();
+}
+
+int Session::Handle() {
+    if (handle_ > 0) return handle_;
+    const ConnectionOptions& options = connection_.options_;
+    char delimiter[] = "/";
+    handle_ = TsmOpenSession(TextOrNull(options.node), TextOrNull(options.owner), Text(connection_.password_), nullptr,
+                             nullptr, nullptr, delimiter);
+    if (handle_ <= 0) {
+        const int result = std::exchange(handle_, 0);
+        throw Failure(CodeText("cannot sign on as node " + options.node, result));
+    }
+    const std::string what = "cannot connect to the filespace " + options.filespace;
+    if (withFilespace_) Check(what.c_str(), TsmConnectToFileSpace(handle_, Text(options.filespace)));
+    return handle_;
+}
+
+void Session::Drop() {
+    if (handle_ > 0) TsmCloseSession(handle_);
+    handle_ = 0;
+}
+
+long long Session::Check(const char* what, long long result) {
+    if (result >= 0) return result;
+    Drop();
+    throw Failure(CodeText(what, result));
+}
+
+}  // namespace tsmctl

@@ -1,0 +1,82 @@
+// The connector's library and its sessions.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "ErrorLog.h"
+
+namespace tsmctl {
+
+// The API takes text that it does not change as char*.
+inline char* Text(const std::string& text) {
+    return const_cast<char*>(text.c_str());
+}
+inline char* TextOrNull(const std::string& text) {
+    return text.empty() ? nullptr : Text(text);
+}
+
+// Where the client API is, and which node and filespace to work in. What is empty is left to the client API.
+struct ConnectionOptions {
+    std::string config;
+    std::string logDir;  // empty for a folder of tsmctl's own
+    std::string apiDir;
+    std::string node;
+    std::string owner;
+    std::string filespace = "tsmctl";
+    std::string passwordFile;  // empty for TSMCTL_PASSWORD, or the terminal
+};
+
+// The library with the node's password. The first session sets it up, so that commands which need no server, and
+// command lines that make no sense, do not ask for a password. Outlives every session.
+class Connection {
+public:
+    explicit Connection(const ConnectionOptions& options);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    const std::string& Node() const { return options_.node; }
+    const std::string& Filespace() const { return options_.filespace; }
+    // The path of the client API's error log when something was logged since the library was set up; else empty.
+    std::string GrownLog() const;
+
+private:
+    friend class Session;
+    // Safe for several threads. Throws UsageError where no password can be had, Failure where the library refuses.
+    void SetUp();
+    void SetUpOnce();
+
+    ConnectionOptions options_;
+    std::once_flag once_;
+    std::string password_;
+    std::optional<LogWatch> log_;
+};
+
+// One session for one thread. It signs on when it is first needed. After a failure it is closed, which discards what
+// was not committed, and the next use signs on again.
+class Session {
+public:
+    // Works in the filespace of the connection. Throws what setting the library up throws.
+    explicit Session(Connection& connection) : Session(connection, true) {}
+    static Session WithoutFilespace(Connection& connection) { return {connection, false}; }
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Throws Failure where the sign-on fails.
+    int Handle();
+    void Drop();
+    // Returns a good result; drops the session and throws Failure for a negative one.
+    long long Check(const char* what, long long result);
+
+private:
+    Session(Connection& connection, bool withFilespace);
+
+    Connection& connection_;
+    const bool withFilespace_;
+    int handle_ = 0;
+};
+
+}  // namespace tsmctl

@@ -1,0 +1,78 @@
+#include "Errors.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <system_error>
+
+namespace tsmctl {
+namespace {
+
+std::atomic<int> pendingSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs it");
+
+// The second signal does not wait, since the server may hang.
+void OnSignal(int number) {
+    if (pendingSignal.exchange(number) != 0) _exit(128 + number);
+}
+
+struct Code {
+    const char* name;
+    const char* meaning;
+};
+
+const std::map<long long, Code>& Codes() {
+#define CODE(value, name, meaning) {value, {name, meaning}},
+    static const std::map<long long, Code> codes = {
+#include "../trace/codes.def"
+    };
+#undef CODE
+    return codes;
+}
+
+}  // namespace
+
+std::string CodeText(const std::string& what, long long result) {
+    const auto found = Codes().find(std::llabs(result));
+    const Code code =
+        found == Codes().end() ? Code{"return code", "the client API's manual explains it"} : found->second;
+    return fmt::format("{}: {} ({}), {}", what, *code.name ? code.name : "return code", result, code.meaning);
+}
+
+Failure NotFound(const std::string& place) {
+    return Failure(CodeText(place.empty() ? "not found" : "not found " + place, -2));
+}
+
+void FailLocal(const std::string& what, int error) {
+    throw Failure(fmt::format("{}: {}", what, std::generic_category().message(error)));
+}
+
+// Calls are restarted, so that no signal breaks into the client API; what may wait for long polls (Files.cpp).
+// Signals that the caller ignores, as nohup does, stay ignored.
+void CatchSignals() {
+    struct sigaction action = {};
+    action.sa_handler = OnSignal;
+    action.sa_flags = SA_RESTART;
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction inherited = {};
+        sigaction(number, nullptr, &inherited);
+        if (inherited.sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
+    }
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+int PendingSignal() {
+    return pendingSignal.load();
+}
+
+void CheckInterrupt() {
+    if (PendingSignal() != 0) throw Interrupted{};
+}
+
+}  // namespace tsmctl

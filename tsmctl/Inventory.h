@@ -1,0 +1,71 @@
+// The server's inventory, copied out of the library.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Connection.h"
+#include "ObjectInfo.h"
+#include "ObjectNames.h"
+#include "tsmconnector.h"
+
+namespace tsmctl {
+
+struct StoredObject {
+    std::string path;  // high-level name as stored
+    std::string name;  // low-level name as stored, without its delimiter
+    long long announced = 0;
+    std::string date;
+    std::string text;
+    std::string fileSpace;
+    bool directory = false;
+    std::optional<Info> info;  // when the text is ours and fits the object
+
+    Parts StoredParts() const;
+    Parts PlainParts() const;
+    // Exactly as stored, path and name.
+    std::string StoredPath() const { return path + "/" + name; }
+    std::string ObjectPath() const { return Join(PlainParts()); }
+    Kind GetKind() const;
+    std::optional<long long> Size() const;
+};
+
+// Self is what the pattern names, Tree also everything below it.
+enum class Scope { Self, Tree };
+
+struct Selection {
+    bool allVersions = false;
+    std::string at = {};
+    int objectType = TSM_OBJECTS_ANY;
+};
+
+// The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.
+std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection);
+
+// Throws Failure unless the library reads just this object by its name, which may hold bytes that the library gives a
+// meaning to.
+void RequireReadable(Session& session, const StoredObject& object, const std::string& at);
+// The same before a change. It is stricter, because the library may remove directories above by their names.
+void RequireChangeable(Session& session, const StoredObject& object);
+
+// When a directory becomes empty, the library removes it by its name, and a file of that name with it. This lists the
+// files that are in danger, each directory once.
+class FilesAbove {
+public:
+    FilesAbove(Session& session, const Selection& selection) : session_(session), selection_(selection) {}
+
+    // Throws Failure if a file has the name of a directory above the object (plain parts), unless it may go.
+    void RequireNone(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo);
+
+private:
+    const std::vector<StoredObject>& FilesAt(const Parts& directory);
+
+    Session& session_;
+    const Selection selection_;
+    std::map<Parts, std::vector<StoredObject>> known_;
+};
+
+}  // namespace tsmctl

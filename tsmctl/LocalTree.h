@@ -1,0 +1,40 @@
+// The local files and trees that are backed up or verified.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Files.h"
+#include "ObjectInfo.h"
+#include "ObjectNames.h"
+#include "Report.h"
+
+namespace tsmctl {
+
+struct LocalItem {
+    std::string local;   // path
+    std::string object;  // plain object path
+    Info info;
+    std::shared_ptr<const UniqueFd> top;  // the folder that holds the path that was typed; links may lead to it
+    size_t below;                         // where the part below top begins in local
+};
+// Opens for reading, or reads a link. No link below the item's top is followed, whatever has changed since the scan.
+UniqueFd OpenItem(const LocalItem& item);
+std::string ReadLink(const LocalItem& item);
+
+// A path of the command line, and the object path that it is stored under.
+struct Source {
+    std::string local;
+    Parts object;
+    bool isRoot;  // "/" has no name of its own: its entries go directly below the object path
+};
+// Throws UsageError when two paths have the same object path.
+std::vector<Source> ResolveSources(const std::vector<std::string>& paths, const std::string& to);
+
+// Appends the source's tree, each directory before what it holds. What cannot be read is reported, and its object path
+// goes to unreadable. So is a source that is a special file.
+void Scan(const Source& source, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable);
+
+}  // namespace tsmctl

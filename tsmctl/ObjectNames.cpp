@@ -1,0 +1,212 @@
+#include "ObjectNames.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "Errors.h"
+
+namespace tsmctl {
+namespace {
+
+constexpr std::string_view specialBytes = "%\\*?";
+constexpr size_t maxPath = 1024;
+constexpr size_t maxName = 255;
+
+// * matches any run of characters and ? matches one. Only the last * is tried again, so that no memory is needed.
+bool WildcardMatch(std::string_view pattern, std::string_view text) {
+    size_t p = 0;
+    size_t t = 0;
+    size_t star = std::string_view::npos;
+    size_t resume = 0;
+    while (t < text.size()) {
+        if (p < pattern.size() && pattern[p] == '*') {
+            star = p++;
+            resume = t;
+        } else if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
+            ++p;
+            ++t;
+        } else if (star != std::string_view::npos) {
+            p = star + 1;
+            t = ++resume;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of('*', p) == std::string_view::npos;
+}
+
+std::string ServerPattern(std::string_view part) {
+    std::string pattern;
+    for (const char c : part) {
+        const bool special = specialBytes.find(c) != std::string_view::npos;
+        if (!special) {
+            pattern += c;
+        } else if (pattern.empty() || pattern.back() != '*') {
+            pattern += '*';
+        }
+    }
+    return pattern;
+}
+
+struct Character {
+    char32_t code;
+    size_t length;
+};
+
+// The first character of UTF-8; a byte that begins none counts as the character of its number.
+Character FirstOf(std::string_view text) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const size_t length = byte(0) < 0xc2 ? 1 : byte(0) < 0xe0 ? 2 : byte(0) < 0xf0 ? 3 : byte(0) < 0xf5 ? 4 : 1;
+    char32_t code = byte(0) & (0x7fU >> length);
+    for (size_t i = 1; i < length; ++i) {
+        if (i >= text.size() || (byte(i) & 0xc0U) != 0x80) return {byte(0), 1};
+        code = code << 6U | (byte(i) & 0x3fU);
+    }
+    constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    return length == 1 || code < least[length] ? Character{byte(0), 1} : Character{code, length};
+}
+
+// Controls (C0, DEL, C1), separators of lines and paragraphs, marks of direction.
+bool IsControl(char32_t code) {
+    return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e || code == 0x200f ||
+           (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
+}
+
+}  // namespace
+
+std::string Escape(std::string_view plain) {
+    std::string stored;
+    for (const char c : plain) {
+        if (specialBytes.find(c) == std::string_view::npos) {
+            stored += c;
+        } else {
+            stored += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+        }
+    }
+    return stored;
+}
+
+std::string Unescape(std::string_view stored) {
+    std::string plain;
+    for (size_t i = 0; i < stored.size(); ++i) {
+        const std::string_view rest = stored.substr(i, 3);
+        const auto same = [&](char c) { return rest == Escape({&c, 1}); };
+        const auto found =
+            rest[0] == '%' ? std::find_if(specialBytes.begin(), specialBytes.end(), same) : specialBytes.end();
+        plain += found == specialBytes.end() ? stored[i] : *found;
+        i += found == specialBytes.end() ? 0 : 2;
+    }
+    return plain;
+}
+
+bool HasWildcard(std::string_view text) {
+    return text.find_first_of("*?") != std::string_view::npos;
+}
+
+Parts SplitAtSlash(std::string_view text) {
+    Parts parts;
+    size_t start = 0;
+    for (size_t end = 0; end != std::string_view::npos; start = end + 1) {
+        end = text.find('/', start);
+        parts.emplace_back(text.substr(start, end == std::string_view::npos ? end : end - start));
+    }
+    return parts;
+}
+
+std::string Join(const Parts& parts) {
+    return fmt::format("{}", fmt::join(parts, "/"));
+}
+
+Parts ParsePath(std::string_view typed) {
+    Parts parts = SplitAtSlash(typed);
+    parts.erase(std::remove(parts.begin(), parts.end(), ""), parts.end());
+    for (const std::string& part : parts) {
+        if (part == "." || part == "..") {
+            throw UsageError(fmt::format("{}: an object path cannot hold \".\" or \"..\"", typed));
+        }
+    }
+    return parts;
+}
+
+bool StartsWith(const Parts& parts, const Parts& head) {
+    return parts.size() >= head.size() && std::equal(head.begin(), head.end(), parts.begin());
+}
+
+Parts Append(Parts head, const Parts& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+std::vector<Parts> DirectoriesAbove(const Parts& parts) {
+    std::vector<Parts> above;
+    for (auto end = parts.begin(); end + 1 < parts.end();) above.emplace_back(parts.begin(), ++end);
+    return above;
+}
+
+std::string Printable(std::string_view text) {
+    std::string shown;
+    while (!text.empty()) {
+        const Character next = FirstOf(text);
+        if (IsControl(next.code)) {
+            shown += '?';
+        } else {
+            shown += text.substr(0, next.length);
+        }
+        text.remove_prefix(next.length);
+    }
+    return shown;
+}
+
+std::string OneLine(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, '?');
+    return text;
+}
+
+StoredName ToStored(const Parts& parts) {
+    Parts stored;
+    for (const std::string& part : parts) stored.push_back(Escape(part));
+    return ToStoredRaw(std::move(stored));
+}
+
+StoredName ToStoredRaw(Parts parts) {
+    for (const std::string& part : parts) {
+        if (part.size() > maxName) {
+            throw Failure(fmt::format("name too long: {} bytes when stored, {} fit", part.size(), maxName));
+        }
+    }
+    StoredName stored;
+    stored.name = std::move(parts.back());
+    parts.pop_back();
+    for (const std::string& part : parts) stored.path += "/" + part;
+    if (stored.path.size() > maxPath) {
+        throw Failure(fmt::format("path too long: {} bytes when stored, {} fit", stored.path.size(), maxPath));
+    }
+    return stored;
+}
+
+NamePattern::NamePattern(Parts parts, bool wildcards) : parts_(std::move(parts)), wildcards_(wildcards) {}
+
+bool NamePattern::IsWild() const {
+    return wildcards_ && std::any_of(parts_.begin(), parts_.end(), [](const auto& part) { return HasWildcard(part); });
+}
+
+bool NamePattern::Matches(const Parts& plain) const {
+    if (plain.size() < parts_.size()) return false;
+    return std::equal(parts_.begin(), parts_.end(), plain.begin(), [this](const auto& pattern, const auto& part) {
+        return wildcards_ ? WildcardMatch(pattern, part) : pattern == part;
+    });
+}
+
+std::string NamePattern::ServerPath(size_t count) const {
+    std::string path;
+    for (size_t i = 0; i < count; ++i) path += "/" + ServerPattern(parts_[i]);
+    return path;
+}
+
+std::string NamePattern::ServerName() const {
+    return ServerPattern(parts_.back());
+}
+
+}  // namespace tsmctl

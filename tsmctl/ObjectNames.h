@@ -1,0 +1,65 @@
+// Names of objects. Typed object paths and local file names are plain: bytes divided by "/". In stored names, % and the
+// bytes that the connector gives a meaning to (\ * ?) are written as %XX. Other programs may have stored those bytes as
+// they are; such names are shown unchanged.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tsmctl {
+
+using Parts = std::vector<std::string>;
+
+std::string Escape(std::string_view plain);
+std::string Unescape(std::string_view stored);
+bool HasWildcard(std::string_view text);
+
+Parts SplitAtSlash(std::string_view text);
+std::string Join(const Parts& parts);
+
+// Cuts a typed object path; empty for the top. Throws UsageError for "." and "..".
+Parts ParsePath(std::string_view typed);
+bool StartsWith(const Parts& parts, const Parts& head);
+Parts Append(Parts head, const Parts& tail);
+// The paths of the directories above, from the top down.
+std::vector<Parts> DirectoriesAbove(const Parts& parts);
+
+// For a terminal: characters that it obeys, or that break a line or turn its direction, become "?".
+std::string Printable(std::string_view text);
+// For scripts, which read names as they are: only line breaks become "?".
+std::string OneLine(std::string text);
+
+// A name as the connector takes it.
+struct StoredName {
+    std::string path;  // "/a/b", empty at the top
+    std::string name;
+};
+// The stored name of plain parts, of which there is at least one. Throws Failure where it is too long.
+StoredName ToStored(const Parts& parts);
+// The same for parts in their stored form.
+StoredName ToStoredRaw(Parts parts);
+
+// What a typed path selects. The server is asked for too much, with any run of characters in the place of a special
+// byte; Matches then decides on the plain names.
+class NamePattern {
+public:
+    // The parts are plain. Without wildcards, * and ? stand for themselves.
+    NamePattern(Parts parts, bool wildcards);
+
+    bool IsRoot() const { return parts_.empty(); }
+    bool IsWild() const;
+    size_t Depth() const { return parts_.size(); }
+    const Parts& Plain() const { return parts_; }
+    // Whether the first Depth() parts match.
+    bool Matches(const Parts& plain) const;
+    // The pattern for the server: the first count parts as a path, and the last part as a name.
+    std::string ServerPath(size_t count) const;
+    std::string ServerName() const;
+
+private:
+    Parts parts_;
+    bool wildcards_;
+};
+
+}  // namespace tsmctl

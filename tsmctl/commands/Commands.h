@@ -1,0 +1,22 @@
+// The commands, each in the source of its name: its options, its help, its examples and its run. A new one is declared
+// here, added in main.cpp, listed in CMakeLists.txt and described in tsmctl.1.in.
+#pragma once
+
+#include "CommandLine.h"
+
+namespace tsmctl {
+
+void AddBackup(CommandLine& line);
+void AddClasses(CommandLine& line);
+void AddCompletion(CommandLine& line);
+void AddDelete(CommandLine& line);
+void AddDeleteFilespace(CommandLine& line);
+void AddFilespaces(CommandLine& line);
+void AddGrant(CommandLine& line);
+void AddHelp(CommandLine& line);  // knows the commands that were added before
+void AddList(CommandLine& line);
+void AddRename(CommandLine& line);
+void AddRestore(CommandLine& line);
+void AddVerify(CommandLine& line);
+
+}  // namespace tsmctl
