@@ -27,7 +27,7 @@ namespace {
 constexpr int noSession = -DSM_RC_INVALID_DS_HANDLE;
 constexpr int nowhereToWrite = -DSM_RC_NULL_BUFPTR;
 
-// Flags mean true at exactly 1.
+// Only 1 means true.
 bool Flag(int value) {
     return value == 1;
 }

@@ -1,6 +1,5 @@
 // Runs the registered benchmarks in random order and prints their medians against each other.
-#ifndef BENCH_TABLE_H
-#define BENCH_TABLE_H
+#pragma once
 
 #include <benchmark/benchmark.h>
 
@@ -24,5 +23,3 @@ struct Row {
 
 // Prints a line for every row, of the medians over all repetitions. Returns 0, or 1 when a target is missed.
 int RunAndPrint(int argc, char** argv, const std::vector<Row>& rows);
-
-#endif

@@ -40,7 +40,7 @@ int Remove(dsUint32_t handle, Entry& entry, dsUint16_t& reason) {
 }
 
 // Finds the objects and removes them in the server's order. Returns 0 when all are gone, when there were none, and when
-// the query broke off.
+// the query broke off: in all three cases the directory above may be empty now.
 int RemoveMatching(dsUint32_t handle, dsmObjName& pattern, bool allVersions, const char* pointInTime) {
     qryBackupData query = BackupQuery(pattern, allVersions ? DSM_ANY_MATCH : DSM_ACTIVE, pointInTime);
     qryRespBackupData response = EmptyBackupResponse();
@@ -99,9 +99,10 @@ void TsmSession::_DeleteOrphanDirectories(char* path, bool allVersions) try {
             return;
         }
         if (RemoveMatching(handle, pattern, allVersions, nullptr) != 0) return;
-        // With a delimiter of several characters the directory above can have as many levels, and so on for ever.
+        // With a delimiter of several characters the name above can have as many levels as the one below, and the
+        // climb would never end.
         if (StringUtil::Split(directory, dirDelimiter[0]).size() > parts.size()) return;
     }
 } catch (...) {
-    // Like any failure, want of memory ends the climb and is not told.
+    // Want of memory ends the climb like any other failure, and like these it is not reported.
 }

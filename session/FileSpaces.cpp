@@ -11,7 +11,7 @@
 
 using namespace connector;
 
-static_assert(sizeof(qryRespFSData) == 1672, "the API's headers are not those of the answers expected");
+static_assert(sizeof(qryRespFSData) == 1672, "the API's headers have another layout than its answers");
 
 int TsmSession::ConnectToFileSpace(char* name) try {
     if (!name) return -DSM_RC_NULL_OBJNAME;
@@ -51,7 +51,7 @@ int TsmSession::GetFileSpaces(char**& list) {
     qryRespFSData response = {};
     response.stVersion = 4;
     const auto take = [](const qryRespFSData& found, std::vector<std::string>& names) {
-        // Without even its delimiter a name is not that of a filespace that anyone could connect to.
+        // Every name begins with a delimiter. No host can connect to an empty one.
         const std::size_t length = strnlen(found.fsName, sizeof found.fsName);
         if (length > 0) names.emplace_back(found.fsName + 1, length - 1);
     };

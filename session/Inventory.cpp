@@ -59,12 +59,12 @@ void FillRecord(TsmObject& record, const qryRespBackupData& found) {
     CopyCut(record.backupDate, text);
 }
 
-// Records that grow by doubling and end as one block of exactly their number. Growing a large block moves pages,
-// not bytes, so that a million records need little more room than their own.
+// An array of records that grows by doubling and is cut to its exact size in the end. The C library grows a large
+// block by moving pages, not bytes, so that a million records need little more room than their own.
 class Records {
 public:
     TsmObject& Add() {
-        if (count_ == INT_MAX) throw std::bad_alloc();  // more than a result can tell
+        if (count_ == INT_MAX) throw std::bad_alloc();  // more than fit into a result
         if (count_ == capacity_) Resize(capacity_ == 0 ? 16 : 2 * capacity_);
         return block_.get()[count_++];
     }

@@ -12,8 +12,8 @@ struct Existing {
     bool firstIsFile;  // false only when the first of them is a directory object
 };
 
-// Looks up what is stored under pattern, as a listing that the session ends at once: the records that a host still
-// holds are released.
+// Counts what is stored under pattern. Like a listing that is ended at once, it releases the records that the session
+// still holds for the host.
 Existing LookUpAndEndListing(TsmSession& session, dsUint32_t handle, dsmObjName& pattern, bool activeOnly);
 
 }  // namespace connector

@@ -6,7 +6,7 @@
 
 using namespace connector;
 
-static_assert(sizeof(qryRespMCData) == 290, "the API's headers are not those of the answers expected");
+static_assert(sizeof(qryRespMCData) == 290, "the API's headers have another layout than its answers");
 
 int TsmSession::GetMgmtClasses(char**& list) {
     EndGetMgmtClasses();

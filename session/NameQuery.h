@@ -29,7 +29,7 @@ int ListNames(dsUint32_t handle, const NameQuery& query, Response& response, Tak
     std::vector<std::string> names;
     const dsInt16_t end = ForEachResponse(handle, response, [&](const Response& found) {
         take(found, names);
-        if (names.size() > INT_MAX) throw std::bad_alloc();  // more than a result can tell
+        if (names.size() > INT_MAX) throw std::bad_alloc();  // more than fit into a result
     });
     if (end == DSM_RC_ABORT_NO_MATCH) return query.noMatch;
     if (end != DSM_RC_FINISHED) return NegatedUnexpected(end);

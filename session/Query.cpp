@@ -5,7 +5,7 @@
 #include <cstring>
 
 static_assert(sizeof(qryRespBackupData) == 4600 && offsetof(qryRespBackupData, objInfo) == 3064,
-              "the API's headers are not those of the answers expected");
+              "the API's headers have another layout than its answers");
 
 namespace connector {
 

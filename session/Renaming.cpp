@@ -22,7 +22,7 @@ struct Name {
 
 struct Outcome {
     bool renamed;
-    int result;  // of the whole operation, which ends where nothing was renamed; 0 where the server gave no reason
+    int result;  // of the whole operation, which ends when nothing was renamed; 0 when the server gave no reason
 };
 
 // Renames one object in a transaction of its own.

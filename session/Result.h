@@ -15,7 +15,7 @@ inline int Negated(dsInt16_t rc) {
     return rc > 0 ? -rc : rc;
 }
 
-// The same where not even 0 is among the answers: the API contradicted itself, which must not read as success.
+// The same where 0 is no valid answer either: an API that gives it contradicts itself, which must not read as success.
 inline int NegatedUnexpected(dsInt16_t rc) {
     return rc == 0 ? -DSM_RC_ABORT_SYSTEM_ERROR : Negated(rc);
 }
@@ -25,7 +25,7 @@ inline int NegatedReason(dsUint16_t reason) {
     return -static_cast<int>(reason);
 }
 
-// A count as a result: as many as a result can tell.
+// A count as a result: at most as many as fit.
 inline int Saturated(std::size_t count) {
     return static_cast<int>(std::min<std::size_t>(count, INT_MAX));
 }

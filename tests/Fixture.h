@@ -64,7 +64,7 @@ protected:
         api.Taken();
     }
     void TearDown() override {
-        if (tsmApi != nullptr) TsmReleaseApi();
+        if (tsmApi) TsmReleaseApi();
     }
     int Open(const char* delimiter, dsUint32_t handle = 7) {
         EXPECT_EQ(api.Taken(), Lines{}) << "calls that nobody looked at";

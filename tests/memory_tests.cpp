@@ -24,7 +24,7 @@ bool Fails() {
 }
 
 void Release(void* block) {
-    if (block != nullptr && watchedSize != 0 && watched.count(block) != 0) {
+    if (block && watchedSize != 0 && watched.count(block) != 0) {
         const auto* bytes = static_cast<const char*>(block);
         wiped += std::all_of(bytes, bytes + watchedSize, [](char byte) { return byte == 0; });
     }
@@ -35,7 +35,7 @@ void Release(void* block) {
 
 void* operator new(std::size_t size) {
     void* block = Fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (block == nullptr) throw std::bad_alloc();
+    if (!block) throw std::bad_alloc();
     if (size != 0 && size == watchedSize && ApiDouble::inside == 0) watched.insert(block);
     return block;
 }
@@ -95,7 +95,7 @@ TEST(Initialisation, IsRefusedWithoutMemory) {
     ApiDouble::Get().Reset();
     const auto check = [](long long result) {
         EXPECT_EQ(result, failed ? -102 : 0);
-        if (tsmApi != nullptr) TsmReleaseApi();
+        if (tsmApi) TsmReleaseApi();
     };
     const auto init = [] { return TsmInitApi(nullptr, nullptr, nullptr, C("APPLICATION")); };
     EXPECT_GT(FailEachAllocation([] {}, init, check), 1);
@@ -166,7 +166,7 @@ TEST_F(Connected, EveryFailedAllocationIsAResult) {
 }
 
 TEST_F(Library, WipesTheTextsOfASignOn) {
-    char secret[] = "a text that is told by its length, which nothing else has";
+    char secret[] = "a text of a length that nothing else has, so that it is known";
     watchedSize = sizeof secret;
     const int session = TsmOpenSession(secret, secret, secret, secret, secret, secret, nullptr);
     EXPECT_EQ(watched.size(), 6u);

@@ -37,7 +37,7 @@ TEST_F(Library, NamesObjectsByTheRulesOfEachOperation) {
         EXPECT_EQ(api.Taken().at(0), asked);
         EXPECT_EQ(TsmDelete(session, path, name, 0, nullptr), 0);
         EXPECT_EQ(api.Taken().at(0), asked);
-        if (c.name == nullptr) continue;
+        if (!c.name) continue;
         EXPECT_EQ(TsmBeginRestore(session, path, name, nullptr), -2);
         EXPECT_EQ(api.Taken(), Asked(fs + c.given, 1, 1));
         EXPECT_EQ(TsmBeginBackup(session, path, name, 1), 0);

@@ -1,5 +1,5 @@
-// A double of the TSM client API: writes down every call with its arguments and answers as it was told to. It is
-// linked into the test program, in front of the library that the connector was linked with.
+// A double of the TSM client API: writes down every call with its arguments and answers as a test has scripted it. It
+// is linked into the test program, ahead of the library that the connector was linked with.
 #pragma once
 
 #include <cstdint>
