@@ -68,7 +68,7 @@ const char* CodeName(long long code) {
 #define CODE(value, name, text) \
     case value:                 \
         return name;
-#include "codes.def"
+#include "../tables/codes.def"
 #undef CODE
     }
     return "";
@@ -722,5 +722,5 @@ void* dsmRecorderNext(const char* name, void* own) {
         return HandOn(&name, #name, slot, describe, ARGUMENTS_##count); \
     }
 extern "C" {
-#include "calls.def"
+#include "../tables/calls.def"
 }
