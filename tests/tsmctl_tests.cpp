@@ -116,21 +116,34 @@ mkdir -p tree/sub/deep tree/empty tree/closed
 printf hello > tree/file; : > tree/nothing; head -c 3145729 /dev/urandom > tree/sub/big
 ln -s nowhere tree/dangling; ln -s sub tree/tosub
 for name in 'a*b?' '100%' '%41' 'back\slash' $'new\nline' $'\377\376' ' sp ace'; do echo "$name" > "tree/sub/deep/$name"; done
-mkdir 'tree/sub/%5C*'; echo x > 'tree/sub/%5C*/x'; mkfifo tree/pipe
+mkdir 'tree/sub/%5C*'; echo x > 'tree/sub/%5C*/x'; mkfifo tree/pipe; truncate -s 9000001 tree/holes tree/closed/hole
+echo data | dd of=tree/holes bs=1 seek=5000000 conv=notrunc status=none; ln tree/sub/big tree/sub/deep/twin
+[ $UID != 0 ] || { mknod tree/null c 1 3; chown 1000:1001 tree/file tree/empty; chown -h 1002:1003 tree/dangling; }
+python3 -c 'import os, stat, struct
+os.mknod("tree/socket", 0o600 | stat.S_IFSOCK)
+os.setxattr("tree/file", "user.a %:", b"x\0y\n"), os.setxattr("tree/empty", "user.empty", b"")
+acl = b"".join(struct.pack("<HHI", *e) for e in ((1, 7, 2**32-1), (2, 5, 1), (4, 5, 2**32-1), (16, 5, 2**32-1), (32, 0, 2**32-1)))
+for name in ("access", "default"): os.setxattr("tree/sub/deep", "system.posix_acl_" + name, struct.pack("<I", 2) + acl)'
 mkdir -m 6751 tree/closed/100%; chmod 4751 tree/sub/deep/100%; chmod 0400 tree/file; touch -d '1969-12-31 23:59:58.25 UTC' tree/sub/big
 touch -d '2001-02-03 04:05:06.123456789' tree/file tree/empty; touch -hd '2002-02-02 02:02:02.5' tree/dangling
 chmod 0550 tree/closed; chmod 1751 tree/sub; touch -d '2003-03-03 03:03:03.000000001' tree/sub tree)";
 
 const char* const compare = R"(
-look() { (cd "$1" && find . ! -type p ! -name 100% -printf '%p %y %m %T@ %l\n' | sort); }
-diff <(look tree) <(look out/tree) && diff -r --no-dereference -x pipe tree out/tree)";
+look() { (cd "$1" && find . ! -type s ! -name 100% -printf '%p %y %m %U:%G %n %T@ %l\n' | sort; stat -c '%t:%T' null
+python3 -c 'import os
+for path, folders, files in os.walk("."):
+    for name in (os.path.join(path, n) for n in sorted(folders + files)):
+        print(ascii(name), *((x, os.getxattr(name, x, follow_symlinks=False)) for x in sorted(os.listxattr(name, follow_symlinks=False))))
+' | grep -v socket | sort); }
+diff <(look tree) <(look out/tree) && diff -r --no-dereference -x pipe -x null -x socket tree out/tree &&
+(($(stat -c %b out/tree/holes) + $(stat -c %b out/tree/closed/hole) < 99)))";
 
 class Jobs : public Tsmctl, public testing::WithParamInterface<const char*> {};
 
 TEST_P(Jobs, ATreeComesBackAsItWas) {
     const std::string jobs = GetParam();
     Expect(makeTree, 0);
-    Expect("tsmctl backup tree --to /some/place " + jobs, 0, "", "tree/pipe: warning");
+    Expect("tsmctl backup tree --to /some/place " + jobs, 0, "", "tree/socket: warning");
     Expect("tsmctl verify tree --to some/place/ -q " + jobs, 0);
     Expect("tsmctl restore some/place/tree --to out " + jobs, 0, "",
            "tree/sub/deep/100%: warning: restored without its set-user-id and set-group-id bits\ntsmctl: "
@@ -138,6 +151,9 @@ TEST_P(Jobs, ATreeComesBackAsItWas) {
            "warning: restored without");
     Expect(compare, 0);
     Expect("stat -c %a out/tree/sub/deep/100% out/tree/closed/100%; find out -name '.tsmctl*'", 0, "751\n751\n");
+    Expect("tsmctl check some " + jobs +
+               " -q && tsmctl check some/place/tree --sums -q > sums && cd out && sha256sum -c ../sums",
+           0, "tree/sub/big: OK\n");
     Expect("cd tree/sub/.. && tsmctl verify . --to some/place -q && tsmctl verify ../tree/ --to some/place -q", 0);
 }
 INSTANTIATE_TEST_SUITE_P(All, Jobs, testing::Values("-j 1", "-j 4"));
@@ -230,7 +246,7 @@ TEST_F(Tsmctl, WhatTheApiRefusesIsExplained) {
 // The pipe for its warnings is full until the folder has changed.
 TEST_F(Tsmctl, NothingLeadsOutOfTheTreeDuringABackup) {
     Expect(
-        R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log t/pipes/$(printf %0200d 0){1..400}
+        R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log; python3 -c 'import os, stat; [os.mknod(f"t/pipes/{n:0200}", stat.S_IFSOCK) for n in range(400)]'
         tsmctl backup t 2> log & exec 3< log; read -r <&3; mv t/sub was; ln -s ../outside t/sub; cat <&3; wait $!)",
         1, "tsmctl: t/sub/f: sub is in the way");
     Expect("tsmctl list t/sub/f", 1, "", "not found");
@@ -274,7 +290,7 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
         {"echo > t/new", "t/new: is not stored"},
         {"ln -sfn b t/l; touch -hr orig/l t/l", "link to b here, to a stored"},
         {"rm t/f; mkdir t/f", "directory here, file stored"},
-        {"rm t/f; mkfifo t/f", "special file here, file stored"}};
+        {"rm t/f; mkfifo t/f", "pipe here, file stored"}};
     for (const auto& [change, line] : cases) {
         Expect("rm -rf t r; cp -a orig t; tsmctl -q verify t", 0);
         Expect(std::string(change) + "; tsmctl -q verify t", 1, line);
@@ -340,7 +356,7 @@ TEST_F(Tsmctl, ListingsAreInTheOrderOfTheNames) {
     Expect("head -c 1234567 /dev/zero | tsmctl -q backup - --as s --size 1234567; echo | tsmctl -q backup - --as u", 0);
     Expect("tsmctl list | while read -r kind mode size day time path; do echo $kind $size $path; done", 0,
            "directory - d\nfile 0 d/0\ndirectory - d/a\nfile 3 d/a/z\nfile 5 d/a.b\nlink 3 d/l\n"
-           "stream 1234567 s\nstream - u\n");
+           "stream 1234567 s\nstream 1 u\n");
     Expect("tsmctl list 'd/a*' --type file | cut -c 16-21,43-", 0, "     3  d/a/z\n     5  d/a.b\n");
 }
 
@@ -396,7 +412,7 @@ TEST_F(Tsmctl, NamesForgeNoLines) {
 TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect(makeTree, 0);
     Expect("tsmctl -q backup tree --to a/b; mkdir keep; chmod 0700 keep; tsmctl -q backup keep --to a", 0, "",
-           "tree/pipe: warning");
+           "tree/socket: warning");
     Expect("tsmctl rename a/b/tree a/keep/tree", 0, "renamed a/b/tree to a/keep/tree");
     Expect("tsmctl -q verify tree --to a/keep; tsmctl list a --json | grep '\"a/keep\"'; tsmctl list a/b", 1,
            R"("mode":"0700")", "a/b: not found");
