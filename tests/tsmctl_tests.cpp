@@ -1,6 +1,7 @@
 // tsmctl from end to end: real trees, a store in a folder of its own, the shipped binary in a shell.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "standin/testcontrol.h"
@@ -102,6 +104,22 @@ public:
         EXPECT_EQ(TsmEndBackup(handle_), 0) << path << ' ' << name;
     }
 
+    // Info, data as they are stored, and the announced size.
+    std::tuple<std::string, std::string, long long> Get(const std::string& path, const std::string& name) {
+        TsmObject* objects = nullptr;
+        EXPECT_EQ(TsmGetBackupInfo(handle_, Text(path), Text(name), 1, TSM_OBJECTS_FILES, &objects), 1);
+        const std::string info = objects->objectInfo;
+        const long long announced = objects->size;
+        EXPECT_GE(TsmBeginRestore(handle_, Text(path), Text(name), nullptr), 0);
+        std::vector<unsigned char> room(1 << 20);
+        unsigned char* buffer = room.data();
+        std::string data;
+        for (int length = 0; (length = TsmGetData(handle_, &buffer, 1 << 20)) > 0;)
+            data.append(buffer, buffer + length);
+        EXPECT_EQ(TsmEndRestore(handle_), 0);
+        return {info, data, announced};
+    }
+
 private:
     char* Text(const std::string& text) {
         kept_.push_back(std::make_unique<std::string>(text));
@@ -162,7 +180,8 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     Run("mkdir -p a/x b/x; tsmctl -q backup a b");
     std::istringstream refused(
         "|backup|backup a/x b/x|backup ''|backup / a|backup -|backup a --as n|backup a -j 0|backup a -j 65|"
-        "backup a --size 3|backup a --to ../b|restore a --at yesterday|restore ''|restore a --to ''|"
+        "backup a --size 3|backup a --estimate 3|backup - --as n --size 1 --estimate 2|check --subset 0|backup a --to "
+        "../b|restore a --at yesterday|restore ''|restore a --to ''|"
         "list --filespace ''|restore a --at '2024-02-30 00:00:00'|restore a --at '2024-02-03 24:00:00'|"
         "list --at '2024-01-01'|list --type link|delete ''|delete /|delete 'a*/x'|delete --recursive a|"
         "rename a a/|rename a a/b|rename / a|rename a /|delete-filespace tsmctl|completion bash");
@@ -294,6 +313,88 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
     for (const auto& [change, line] : cases) {
         Expect("rm -rf t r; cp -a orig t; tsmctl -q verify t", 0);
         Expect(std::string(change) + "; tsmctl -q verify t", 1, line);
+    }
+}
+
+TEST_F(Tsmctl, DamageIsNoticed) {
+    Expect("mkdir d; echo content > d/f; python3 -c 'import os; os.setxattr(\"d/f\", \"user.k\", b\"value\")'", 0);
+    Expect("tsmctl -q backup d; cat d/f | tsmctl -q backup - --as d/s", 0);
+    const char* const beside = "what is stored beside its content is damaged";
+    const char* const content = "its content does not have the SHA-256 that was stored with it";
+    const char* const unknown = "its information text is damaged, or a newer tsmctl wrote it";
+    struct Case {
+        const char *of, *info, *otherInfo;
+        long damaged, size;  // a byte of the data, and of how many bytes
+        const char* told;
+    };
+    const Case cases[] = {{"f", "", "", -170, 0, content},
+                          {"f", "", "", 8, 0, beside},
+                          {"f", "", "", -2, 0, beside},
+                          {"f", " 0644 ", " 4755 ", 0, 0, beside},
+                          {"f", "", "", 0, -1, "7 bytes received, the object has 8"},
+                          {"f", "", "", 0, 5, "0 bytes received, the object has 8"},
+                          {"f", " f 0644", " f 0644 9", 0, 0, unknown},
+                          {"f", "tsmctl2", "tsmctl3", 0, 0, unknown},
+                          {"s", " 8 ", " - ", -170, 0, content},
+                          {"s", " 8 ", " - ", 0, -1, content},
+                          {"s", " 8 ", " - ", 0, 0, beside}};
+    {
+        OtherProgram other(root_);
+        int number = 0;
+        for (const Case& c : cases) {
+            auto [info, data, announced] = other.Get("d", c.of);
+            EXPECT_EQ(announced, static_cast<long long>(data.size()));
+            if (const size_t at = info.find(c.info); *c.info) info.replace(at, strlen(c.info), c.otherInfo);
+            const long length = static_cast<long>(data.size());
+            if (c.damaged != 0) data[static_cast<size_t>((c.damaged + length) % length)] ^= 1;
+            if (c.size != 0) data.resize(static_cast<size_t>((c.size + length) % length));
+            other.Put("bad", std::to_string(number++), info, data);
+        }
+        other.Put("bad", "old", "tsmctl1 f 0644 1.000000000 3", "old");
+    }
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const std::string object = "bad/" + std::to_string(i);
+        Expect("tsmctl -q check " + object, 1, "", object + ": " + cases[i].told);
+        Expect("tsmctl -q restore " + object + " --to out", 1, "", cases[i].told);
+    }
+    Expect("tsmctl -q restore bad/old --to out; ls -A out; stat -c %a,%Y out/old", 0, "old\n644,1\n");
+    Expect("tsmctl check bad --subset 100", 1, "", "stored without a SHA-256 to compare with (1 object)\n");
+    Expect("tsmctl check bad --subset 1 2>&1 | grep -c :", 0, "2\n");
+    Expect("tsmctl check d -q --sums && tsmctl check nothing", 1, "  d/s\n", "not found");
+}
+
+TEST_F(Tsmctl, WhatMayNotBeRestoredIsTold) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root may all of this";
+    Expect("mkdir d; touch d/f; mknod d/c c 1 3; chown 1:2 d/f d; chown :3 d/c; tsmctl -q backup d", 0);
+    Expect("setpriv --bounding-set=-chown,-mknod $T -q restore d --to out && find out/d -printf '%f %U:%G '", 0,
+           "d 0:0 f 0:0 ",
+           "tsmctl: warning: owner and group not restored (2 objects)\n"
+           "tsmctl: warning: special file not restored (1 object)\n");
+}
+
+// Bigger than what is read in a tick of the clock.
+TEST_F(Tsmctl, AFileThatChangesIsNotStoredTorn) {
+    Expect("head -c 30M /dev/zero > f; while :; do echo >> f; done & tsmctl backup f; s=$?; kill $!; exit $s", 1, "",
+           "f: changed while it was read, 4 times; not stored\n");
+    Expect("tsmctl list f || tsmctl -q backup f && tsmctl -q verify f", 0, "", "not found");
+}
+
+TEST_F(Tsmctl, StreamsAreAnnouncedRatherTooLarge) {
+    struct Case {
+        const char *stream, *options;
+        long long announced;
+        const char* told;
+    };
+    const Case cases[] = {{"echo", "", 1, ""},
+                          {"head -c 2M /dev/zero", "", 1 << 20, "2097152 bytes, but 1048576 were announced"},
+                          {"head -c 2M /dev/zero", "--estimate 3000000", 3000000, ""},
+                          {"head -c 2M /dev/zero", "", 10LL << 30, ""},
+                          {"head -c 2M /dev/zero", "--size 2097152", 2 << 20, ""},
+                          {"head -c 2M /dev/zero", "", 2306867, ""}};
+    for (const Case& c : cases) {
+        Expect(std::string(c.stream) + " | tsmctl backup - --as s " + c.options, 0, "", c.told);
+        OtherProgram other(root_);
+        EXPECT_EQ(std::get<2>(other.Get("", "s")) - 169, c.announced) << c.stream << c.options;
     }
 }
 

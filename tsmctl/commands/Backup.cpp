@@ -281,7 +281,7 @@ long long EstimateFor(Session& session, const Parts& object) {
     long long estimate = largeStream;
     for (const StoredObject& last : List(session, NamePattern(object, false), Scope::Self, files)) {
         const bool known = last.info && last.info->size;
-        estimate = known ? *last.info->size / 10 * 11
+        estimate = known ? *last.info->size + *last.info->size / 10
                          : std::max(largeStream, last.announced - static_cast<long long>(sealLength));
     }
     return estimate;
