@@ -1,6 +1,5 @@
-// Runs the registered benchmarks in random order and prints their medians against each other.
-#ifndef BENCH_TABLE_H
-#define BENCH_TABLE_H
+// Runs registered benchmarks in pairs, one beside the other, and prints what the pairs gave.
+#pragma once
 
 #include <benchmark/benchmark.h>
 
@@ -22,7 +21,7 @@ struct Row {
     double target;
 };
 
-// Prints a line for every row, of the medians over all repetitions. Returns 0, or 1 when a target is missed.
+// Prints a line for every row, or for those whose text the program's argument matches: the median of the pairs' values
+// and the middle half of them. A row whose middle half crosses its target is undecided. The variable PAIRS says how
+// many pairs are run (9). Returns 0, or 1 when a target is missed or a benchmark fails.
 int RunAndPrint(int argc, char** argv, const std::vector<Row>& rows);
-
-#endif

@@ -231,7 +231,7 @@ void StreamFile(benchmark::State& state) {
 // ------------------------------------------------------------ commits
 
 constexpr std::size_t smallSize = 4096;
-constexpr int smallObjects = 1024;
+constexpr int smallObjects = 4096;
 
 using Clock = std::chrono::steady_clock;
 double Since(Clock::time_point begin) {
@@ -250,20 +250,25 @@ void StoreOne(Store& store, int session, int i) {
     store.Commit();
 }
 
-// Objects of 4 KiB, a transaction each, shared out to sessions on threads of their own. Counts flushes an object.
+// Objects of 4 KiB, a transaction each, stored by sessions on threads of their own, each of which takes the next name:
+// the same names in the same order, however many sessions there are. Counts flushes an object.
 void CommitSmall(benchmark::State& state) {
     const auto sessions = static_cast<int>(state.range(0));
     Store store(NewFolder());
     std::vector<std::unique_ptr<Store>> others;
-    for (int i = 0; i < sessions; ++i) others.push_back(std::make_unique<Store>(store));
+    for (int i = 0; i < sessions; ++i) {
+        others.push_back(std::make_unique<Store>(store));
+        StoreOne(*others.back(), 1, i);  // so that every session has done what only its first commit does
+    }
     flush = static_cast<Flush>(state.range(1));
     for (auto _ : state) {
         flushes = 0;
         const auto begin = Clock::now();
         std::vector<std::thread> threads;
-        for (int t = 0; t < sessions; ++t) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < smallObjects / sessions; ++i) StoreOne(*others[static_cast<std::size_t>(t)], t, i);
+        std::atomic<int> next{0};
+        for (const auto& session : others) {
+            threads.emplace_back([&] {
+                for (int i; (i = next++) < smallObjects;) StoreOne(*session, 0, i);
             });
         }
         for (std::thread& thread : threads) thread.join();
@@ -314,13 +319,16 @@ void CommitAgainstSqlite(benchmark::State& state) {
 
 // ------------------------------------------------------------ growth
 
-std::string Populated(long objects) {
-    return "objects-" + std::to_string(objects);
+// The name of a store with that many objects, which is made when it is first asked for.
+std::string Populated(const char* kind, long objects) {
+    const std::string name = kind + std::to_string(objects);
+    if (!fs::exists(work / name)) Store(name).Populate(0, objects);
+    return name;
 }
 
 void LookUp(benchmark::State& state) {
     const long objects = state.range(0);
-    Store store(Populated(objects));
+    Store store(Populated("objects-", objects));
     long i = 0;
     for (auto _ : state) {
         if (store.List(Store::Object(i)) != 1) state.SkipWithError("look-up");
@@ -332,7 +340,7 @@ void LookUp(benchmark::State& state) {
 void StoreSmall(benchmark::State& state) {
     constexpr int batch = 200;
     static int round = 0;
-    Store store("small-" + std::to_string(state.range(0)));
+    Store store(Populated("small-", state.range(0)));
     const std::string data(100, 's');
     for (auto _ : state) {
         ++round;
@@ -345,7 +353,7 @@ void StoreSmall(benchmark::State& state) {
 }
 
 void ListStandin(benchmark::State& state) {
-    Store store(Populated(state.range(0)));
+    Store store(Populated("objects-", state.range(0)));
     for (auto _ : state) {
         if (store.List(Name("*", "/*", DSM_OBJ_ANY_TYPE)) != state.range(0)) state.SkipWithError("listing");
     }
@@ -353,7 +361,7 @@ void ListStandin(benchmark::State& state) {
 
 void ListSqlite(benchmark::State& state) {
     sqlite3* database = nullptr;
-    const std::string path = (work / Populated(state.range(0)) / "catalogue.db").string();
+    const std::string path = (work / Populated("objects-", state.range(0)) / "catalogue.db").string();
     if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) Fail("open", 0);
     for (auto _ : state) {
         sqlite3_stmt* rows = nullptr;
@@ -432,13 +440,11 @@ int main(int argc, char** argv) {
             {std::string("stand-in: one stream of 1 GiB ") + (out == 0 ? "in" : "out"), Row::Speed, of, against, 0.6});
     }
     for (const long objects : {1000L, 1000000L}) {
-        Store(Populated(objects)).Populate(0, objects);
         add(("lookup:" + std::to_string(objects)).c_str(), LookUp, objects);
     }
     rows.push_back(
         {"stand-in: look-up among 1,000,000, against 1,000", Row::Factor, "lookup:1000000", "lookup:1000", 1.5});
     for (const long objects : {1000L, 100000L}) {
-        Store("small-" + std::to_string(objects)).Populate(0, objects);
         add(("store:" + std::to_string(objects)).c_str(), StoreSmall, objects)->Iterations(1);
     }
     rows.push_back(

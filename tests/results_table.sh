@@ -7,7 +7,7 @@ work=$(mktemp -d)
 trap 'rm -r "$work"' EXIT
 awk '$1 == "#define" && $3 > 0 { print -$3, $2 }' "$root/standin/include/dsmrc.h" | sort >"$work/list"
 sed -n 's/^| \(-[0-9]*\) `\(DSM_RC_[A-Z_]*\)` .*/\1 \2/p' "$root/docs/results.md" | sort | diff -u "$work/list" -
-sed -n 's/^CODE(\([1-9][0-9]*\), "\(DSM_RC_[A-Z_]*\)", ".*/-\1 \2/p' "$root/trace/codes.def" | sort | diff -u "$work/list" -
+sed -n 's/^CODE(\([1-9][0-9]*\), "\(DSM_RC_[A-Z_]*\)", ".*/-\1 \2/p' "$root/tables/codes.def" | sort | diff -u "$work/list" -
 test -s "$work/list"
 # The public header's version is the project's.
 version=$(sed -n 's/^#define TSMCONNECTOR_VERSION_[A-Z]* //p' "$root/api/tsmconnector.h" | paste -sd .)

@@ -253,6 +253,80 @@ TEST_F(StandIn, OptionsFile) {
     EXPECT_TRUE(fs::exists(dir_ / "from-environment" / "catalogue.db"));
 }
 
+TEST_F(StandIn, MistakesInRules) {
+    const std::map<std::string, bool> rules = {
+        {"fault dsmSendData 1", true},
+        {"FAULT dsmEndTxn 2 DSM_RC_CHECK_REASON_CODE 65535", true},
+        {"FAULT * 1000000 DSM_RC_NO_MEMORY", true},
+        {"FAULT 0.5 18446744073709551615", true},
+        {"LATENCY * 0", true},
+        {"FAULT", false},
+        {"FAULT dsmSendData", false},
+        {"FAULT dsmNothing 1", false},
+        {"FAULT dsmQueryApiVersionEx 1", false},
+        {"FAULT dsmSendData 0 1", false},
+        {"FAULT dsmSendData 1 DSM_RC_NOTHING", false},
+        {"FAULT dsmSendData 1 1 11", false},
+        {"FAULT dsmSendData 1 1 1 1", false},
+        {"FAULT dsmSendData 32768", false},
+        {"FAULT dsmSendData 0", false},
+        {"FAULT dsmEndTxn 0", false},
+        {"FAULT dsmEndTxn 0 0", false},
+        {"FAULT dsmGetNextQObj 121", false},
+        {"FAULT * DSM_RC_FINISHED", false},
+        {"FAULT 0 1", false},
+        {"FAULT 101 1", false},
+        {"FAULT 5 x", false},
+        {"LATENCY dsmSendData -1", false},
+        {"LATENCY dsmSendData", false},
+        {"PARTIALSEND 0", false},
+        {"SHORTREAD 1x", false},
+        {"SESSIONS 0", false},
+        {"IDLE 0", false},
+        {"STRICTSIZE NO", false},
+    };
+    std::size_t wrong = 0;
+    for (const auto& [rule, right] : rules) {
+        wrong += right ? 0 : 2;
+        EXPECT_EQ(SetUpWith("STOREDIR store\n" + rule + "\n"), right ? 0 : DSM_RC_INVALID_PARM) << rule;
+        setenv("TSM_STANDIN_FAULTS", (";" + rule).c_str(), 1);
+        EXPECT_EQ(SetUpWith("STOREDIR store\n"), right ? 0 : DSM_RC_INVALID_PARM) << rule;
+        setenv("TSM_STANDIN_FAULTS", "BACKDELETE NO", 1);
+        EXPECT_EQ(SetUpWith("STOREDIR store\n"), DSM_RC_INVALID_PARM);
+        unsetenv("TSM_STANDIN_FAULTS");
+    }
+    std::ifstream log(dir_ / "dsierror.log");
+    for (std::string line; std::getline(log, line);) {
+        wrong -= line.find(", line 2: ") != line.npos || line.find("FAULTS, rule 2: ") != line.npos;
+    }
+    EXPECT_EQ(wrong, 0U);
+    EXPECT_EQ(SetUpWith("STOREDIR store\n"), 0);
+}
+
+TEST_F(StandIn, SessionsEndWhenTheyAreIdle) {
+    ASSERT_EQ(SetUpWith("STOREDIR store\nSESSIONS 2\nIDLE 2000\nLATENCY dsmEndSendObj 2400\n"), 0);
+    const auto name = Name("/d", "/f");
+    {
+        const Host first, second, third;
+        EXPECT_EQ(third.rc, DSM_RC_REJECT_NO_RESOURCES);
+        EXPECT_EQ(first.Register(), 0);
+        EXPECT_EQ(first.Put(name, "slow, not idle"), 0);
+        EXPECT_EQ(dsmBeginTxn(first.handle), 0);
+        first.Begin(name, std::string(100000, 'x'));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2400));
+        EXPECT_EQ(Host().rc, 0) << "those that are gone do not count";
+        dsUint16_t reason = 0;
+        EXPECT_EQ(first.Send("x"), DSM_RC_BAD_CALL_SEQUENCE);
+        EXPECT_EQ(dsmEndTxn(first.handle, DSM_VOTE_COMMIT, &reason), DSM_RC_BAD_CALL_SEQUENCE);
+        char message[DSM_MAX_RC_MSG_LENGTH + 1];
+        EXPECT_EQ(dsmRCMsg(first.handle, DSM_RC_BAD_CALL_SEQUENCE, message), 0);
+        EXPECT_EQ(Files("incoming"), 0U);
+        EXPECT_EQ(dsmTerminate(first.handle), DSM_RC_BAD_CALL_SEQUENCE);
+        EXPECT_EQ(dsmTerminate(first.handle), DSM_RC_INVALID_DS_HANDLE);
+    }
+    EXPECT_EQ(Host().Contents(name), Texts{"slow, not idle*"});
+}
+
 TEST_F(StandIn, SignOn) {
     const Host first, second, stranger("NODE", "other"), other("OTHER", "");
     EXPECT_EQ(first.rc, 0);

@@ -22,7 +22,7 @@ const Row& RowOf(const std::string& call) {
     { __VA_ARGS__ }
 #define CALL(name, count, words, answers, ...) {#name, {words, LIST answers}},
     static const std::map<std::string, Row> rows = {
-#include "calls.def"
+#include "../tables/calls.def"
     };
 #undef CALL
     static const Row unknown = {"call", {}};
@@ -38,7 +38,7 @@ struct Code {
 Code CodeOf(long long code) {
 #define CODE(value, name, text) {value, {name, text}},
     static const std::map<long long, Code> codes = {
-#include "codes.def"
+#include "../tables/codes.def"
     };
 #undef CODE
     const auto found = codes.find(code);

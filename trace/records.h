@@ -1,5 +1,5 @@
-// The fields of the API's records that a recording holds, for the visitors of calls.def. What a record has beyond them
-// is left out: whoever compiled the caller may have known a shorter one.
+// The fields of the API's records that a recording holds, for the visitors of tables/calls.def. What a record has
+// beyond them is left out: whoever compiled the caller may have known a shorter one.
 #ifndef TRACE_RECORDS_H
 #define TRACE_RECORDS_H
 

@@ -211,7 +211,7 @@ void Make(Filler& filler, void* function, Result (*)(Arguments...), const Descri
          Make(filler, function, static_cast<decltype(&name)>(nullptr), describe); \
      }},
 const std::map<std::string, void (*)(Filler&, void*)> makers = {
-#include "calls.def"
+#include "../tables/calls.def"
 };
 #undef CALL
 

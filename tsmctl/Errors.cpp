@@ -29,7 +29,7 @@ struct Code {
 const std::map<long long, Code>& Codes() {
 #define CODE(value, name, meaning) {value, {name, meaning}},
     static const std::map<long long, Code> codes = {
-#include "../trace/codes.def"
+#include "../tables/codes.def"
     };
 #undef CODE
     return codes;

@@ -1,9 +1,10 @@
-// The exported functions: each finds the session of its handle, asks whether a test wants the call to fail, and
-// passes it on. No exception leaves them.
+// The exported functions: each finds the session of its handle, asks whether the call is to fail, and passes it on. No
+// exception leaves them.
 #pragma GCC visibility push(default)
 #include "dsmapifp.h"
 #pragma GCC visibility pop
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <exception>
@@ -12,6 +13,7 @@
 #include <mutex>
 #include <utility>
 
+#include "Faults.h"
 #include "Refusal.h"
 #include "Session.h"
 #include "TestControl.h"
@@ -40,14 +42,24 @@ public:
         return environment_;
     }
 
-    // Handles rise, so that one is not given out again soon after its session ended.
-    dsUint32_t Add(std::shared_ptr<Session> session) {
+    // A handle for a session that is about to sign on, or 0 where there are as many as the server accepts. Handles
+    // rise, so that one is not given out again soon after its session ended.
+    dsUint32_t Reserve(std::size_t most) {
         const std::lock_guard<std::mutex> lock(mutex_);
+        const auto there = [](const auto& entry) { return !entry.second || !entry.second->Gone(); };
+        if (most != 0 && static_cast<std::size_t>(std::count_if(sessions_.begin(), sessions_.end(), there)) >= most) {
+            return 0;
+        }
         do {
             lastHandle_ = lastHandle_ < INT_MAX ? lastHandle_ + 1 : 1;
         } while (sessions_.count(lastHandle_) != 0);
-        sessions_.emplace(lastHandle_, std::move(session));
+        sessions_.emplace(lastHandle_, nullptr);
         return lastHandle_;
+    }
+
+    void Add(dsUint32_t handle, std::shared_ptr<Session> session) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        sessions_[handle] = std::move(session);
     }
 
     std::shared_ptr<Session> Find(dsUint32_t handle) {
@@ -96,9 +108,11 @@ dsInt16_t Guarded(const ErrorLog* log, dsInt16_t otherwise, Work work) noexcept 
 template <class Work>
 dsInt16_t OnSession(Call call, dsUint32_t handle, Work work, dsUint16_t* reason = nullptr) noexcept {
     return Guarded(nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [&]() -> dsInt16_t {
-        const std::optional<Fault> fault = control::Enter(call);
         const std::shared_ptr<Session> session = Process::Instance().Find(handle);
+        const Session::Use use(session.get());
+        const std::optional<Fault> fault = faults::Enter(call);
         if (!session) return DSM_RC_INVALID_DS_HANDLE;
+        if (!use && call != Call::dsmRCMsg) return DSM_RC_BAD_CALL_SEQUENCE;
         if (!fault) return session->Perform(call, [&] { return work(*session); });
         if (reason) *reason = fault->reason;
         return session->Fail(call, *fault);
@@ -106,43 +120,16 @@ dsInt16_t OnSession(Call call, dsUint32_t handle, Work work, dsUint16_t* reason 
 }
 
 struct Meaning {
-    dsInt16_t code;
+    long long code;
     const char* name;
     const char* text;
 };
 
-#define MEANING(code, text) \
-    { code, #code, text }
 constexpr Meaning meanings[] = {
-    MEANING(DSM_RC_OK, "successful"),
-    MEANING(DSM_RC_ABORT_SYSTEM_ERROR, "the server failed; its error log says why"),
-    MEANING(DSM_RC_ABORT_NO_MATCH, "nothing matches"),
-    MEANING(DSM_RC_ABORT_NO_REPOSIT_SPACE, "the disk of the store is full"),
-    MEANING(DSM_RC_ABORT_BY_CLIENT, "the client voted to abort the transaction"),
-    MEANING(DSM_RC_ABORT_DUPLICATE_OBJECT, "the new name has stored versions"),
-    MEANING(DSM_RC_REJECT_VERIFIER_EXPIRED, "the password has expired"),
-    MEANING(DSM_RC_NO_MEMORY, "no memory"),
-    MEANING(DSM_RC_ACCESS_DENIED, "the node has no permission for this"),
-    MEANING(DSM_RC_INVALID_PARM, "an argument or an option is not valid"),
-    MEANING(DSM_RC_FINISHED, "no more data"),
-    MEANING(DSM_RC_AUTH_FAILURE, "wrong password"),
-    MEANING(DSM_RC_WILL_ABORT, "the server gave the transaction up; its end tells the reason"),
-    MEANING(DSM_RC_NULL_OBJNAME, "null object name"),
-    MEANING(DSM_RC_NULL_DATABLKPTR, "null data block"),
-    MEANING(DSM_RC_ZERO_BUFLEN, "buffer of length 0"),
-    MEANING(DSM_RC_NULL_BUFPTR, "null buffer"),
-    MEANING(DSM_RC_INVALID_VOTE, "neither a vote to commit nor one to abort"),
-    MEANING(DSM_RC_INVALID_DS_HANDLE, "no session has this handle"),
-    MEANING(DSM_RC_INVALID_MCNAME, "unknown management class"),
-    MEANING(DSM_RC_BAD_CALL_SEQUENCE, "the call does not fit the state of the session"),
-    MEANING(DSM_RC_FS_NOT_REGISTERED, "unknown filespace"),
-    MEANING(DSM_RC_FS_ALREADY_REGED, "the filespace is registered already"),
-    MEANING(DSM_RC_WRONG_SIZE_ESTIMATE, "data for an object announced with size 0"),
-    MEANING(DSM_RC_STRING_TOO_LONG, "a text is longer than its field"),
-    MEANING(DSM_RC_MORE_DATA, "more data to come"),
-    MEANING(DSM_RC_CHECK_REASON_CODE, "the transaction failed; the reason code says why"),
+#define CODE(value, name, text) {value, name, text},
+#include "../../tables/codes.def"
+#undef CODE
 };
-#undef MEANING
 
 constexpr dsUint16_t apiVersion = 8, apiRelease = 1;
 
@@ -154,7 +141,7 @@ using namespace standin;
 // ------------------------------------------------------- set-up and sign-on
 
 void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
-    control::Enter(Call::QueryApiVersionEx);
+    faults::Enter(Call::dsmQueryApiVersionEx);
     if (!version) return;
     version->stVersion = 2;
     version->version = apiVersion;
@@ -166,13 +153,16 @@ void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
 
 dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
     return Guarded(nullptr, DSM_RC_NO_MEMORY, [&] {
-        if (const auto fault = control::Enter(Call::SetUp)) return fault->rc;
         const ErrorLog log(setUp);
         std::shared_ptr<Environment> environment;
         const dsInt16_t rc = Guarded(&log, DSM_RC_INVALID_PARM, [&] {
+            faults::SetUp({});
             environment = std::make_shared<Environment>(setUp);
+            faults::SetUp(environment->options.faults.rules);
             return dsInt16_t{DSM_RC_OK};
         });
+        // Only now, as the options may have a rule for this very call.
+        if (const auto fault = faults::Enter(Call::dsmSetUp)) return fault->rc;
         if (rc != DSM_RC_OK) return rc;
         return Guarded(&log, DSM_RC_ABORT_SYSTEM_ERROR, [&] {
             const Options& options = environment->options;
@@ -191,7 +181,7 @@ dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
 
 dsInt16_t dsmCleanUp(dsBool_t) {
     return Guarded(nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [] {
-        const auto fault = control::Enter(Call::CleanUp);
+        const auto fault = faults::Enter(Call::dsmCleanUp);
         Process::Instance().CleanUp();
         return fault ? fault->rc : dsInt16_t{DSM_RC_OK};
     });
@@ -200,13 +190,21 @@ dsInt16_t dsmCleanUp(dsBool_t) {
 dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) {
     std::shared_ptr<const Environment> environment = Process::Instance().CurrentEnvironment();
     return Guarded(environment ? &environment->log : nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [&]() -> dsInt16_t {
-        if (const auto fault = control::Enter(Call::InitEx)) return fault->rc;
+        if (const auto fault = faults::Enter(Call::dsmInitEx)) return fault->rc;
         if (!environment) return DSM_RC_BAD_CALL_SEQUENCE;
         if (!handle || !in || !out || !in->clientNodeNameP) return DSM_RC_INVALID_PARM;
         const std::string node = in->clientNodeNameP;
         if (node.size() > DSM_MAX_NODE_LENGTH) return DSM_RC_STRING_TOO_LONG;
         const std::string password = in->clientPasswordP ? in->clientPasswordP : "";
-        *handle = Process::Instance().Add(std::make_shared<Session>(environment, node, password));
+        const dsUint32_t place = Process::Instance().Reserve(environment->options.faults.sessions);
+        if (place == 0) return DSM_RC_REJECT_NO_RESOURCES;
+        try {
+            Process::Instance().Add(place, std::make_shared<Session>(environment, node, password));
+        } catch (...) {
+            Process::Instance().Take(place);
+            throw;
+        }
+        *handle = place;
         out->infoRC = DSM_RC_OK;
         std::snprintf(out->adsmServerName, sizeof out->adsmServerName, "STANDIN");
         out->serverVer = apiVersion;
@@ -219,15 +217,16 @@ dsInt16_t dsmInitEx(dsUint32_t* handle, dsmInitExIn_t* in, dsmInitExOut_t* out) 
 
 dsInt16_t dsmTerminate(dsUint32_t handle) {
     return Guarded(nullptr, DSM_RC_ABORT_SYSTEM_ERROR, [&]() -> dsInt16_t {
-        const auto fault = control::Enter(Call::Terminate);
-        const bool known = Process::Instance().Take(handle) != nullptr;
-        if (fault) return fault->rc;
-        return known ? DSM_RC_OK : DSM_RC_INVALID_DS_HANDLE;
+        const std::shared_ptr<Session> session = Process::Instance().Take(handle);
+        const Session::Use use(session.get());
+        if (const auto fault = faults::Enter(Call::dsmTerminate)) return fault->rc;
+        if (!session) return DSM_RC_INVALID_DS_HANDLE;
+        return use ? DSM_RC_OK : DSM_RC_BAD_CALL_SEQUENCE;
     });
 }
 
 dsInt16_t dsmRCMsg(dsUint32_t handle, dsInt16_t rc, char* msg) {
-    return OnSession(Call::RCMsg, handle, [&](Session&) -> dsInt16_t {
+    return OnSession(Call::dsmRCMsg, handle, [&](Session&) -> dsInt16_t {
         if (!msg) return DSM_RC_INVALID_PARM;
         Meaning known{rc, "UNKNOWN", "no message for this code"};
         for (const Meaning& meaning : meanings) {
@@ -241,83 +240,83 @@ dsInt16_t dsmRCMsg(dsUint32_t handle, dsInt16_t rc, char* msg) {
 // -------------------------------------------------- filespaces and queries
 
 dsInt16_t dsmRegisterFS(dsUint32_t handle, regFSData* data) {
-    return OnSession(Call::RegisterFS, handle, [&](Session& s) { return s.RegisterFS(data); });
+    return OnSession(Call::dsmRegisterFS, handle, [&](Session& s) { return s.RegisterFS(data); });
 }
 
 dsInt16_t dsmDeleteFS(dsUint32_t handle, char* fsName, dsUint8_t repository) {
-    return OnSession(Call::DeleteFS, handle, [&](Session& s) { return s.DeleteFS(fsName, repository); });
+    return OnSession(Call::dsmDeleteFS, handle, [&](Session& s) { return s.DeleteFS(fsName, repository); });
 }
 
 dsInt16_t dsmSetAccess(dsUint32_t handle, dsmAccessType type, dsmObjName* name, char* node, char* owner) {
-    return OnSession(Call::SetAccess, handle, [&](Session& s) { return s.SetAccess(type, name, node, owner); });
+    return OnSession(Call::dsmSetAccess, handle, [&](Session& s) { return s.SetAccess(type, name, node, owner); });
 }
 
 dsInt16_t dsmBeginQuery(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what) {
-    return OnSession(Call::BeginQuery, handle, [&](Session& s) { return s.BeginQuery(type, what); });
+    return OnSession(Call::dsmBeginQuery, handle, [&](Session& s) { return s.BeginQuery(type, what); });
 }
 
 dsInt16_t dsmGetNextQObj(dsUint32_t handle, DataBlk* block) {
-    return OnSession(Call::GetNextQObj, handle, [&](Session& s) { return s.GetNextQObj(block); });
+    return OnSession(Call::dsmGetNextQObj, handle, [&](Session& s) { return s.GetNextQObj(block); });
 }
 
 dsInt16_t dsmEndQuery(dsUint32_t handle) {
-    return OnSession(Call::EndQuery, handle, [](Session& s) { return s.EndQuery(); });
+    return OnSession(Call::dsmEndQuery, handle, [](Session& s) { return s.EndQuery(); });
 }
 
 // -------------------------------------------------------------- transactions
 
 dsInt16_t dsmBindMC(dsUint32_t handle, dsmObjName* name, dsmSendType type, mcBindKey* key) {
-    return OnSession(Call::BindMC, handle, [&](Session& s) { return s.BindMC(name, type, key); });
+    return OnSession(Call::dsmBindMC, handle, [&](Session& s) { return s.BindMC(name, type, key); });
 }
 
 dsInt16_t dsmBeginTxn(dsUint32_t handle) {
-    return OnSession(Call::BeginTxn, handle, [](Session& s) { return s.BeginTxn(); });
+    return OnSession(Call::dsmBeginTxn, handle, [](Session& s) { return s.BeginTxn(); });
 }
 
 dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
     return OnSession(
-        Call::EndTxn, handle, [&](Session& s) { return s.EndTxn(vote, reason); }, reason);
+        Call::dsmEndTxn, handle, [&](Session& s) { return s.EndTxn(vote, reason); }, reason);
 }
 
 dsInt16_t dsmSendObj(dsUint32_t handle, dsmSendType type, void*, dsmObjName* name, ObjAttr* attr, DataBlk* block) {
-    return OnSession(Call::SendObj, handle, [&](Session& s) { return s.SendObj(type, name, attr, block); });
+    return OnSession(Call::dsmSendObj, handle, [&](Session& s) { return s.SendObj(type, name, attr, block); });
 }
 
 dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
-    return OnSession(Call::SendData, handle, [&](Session& s) { return s.SendData(block); });
+    return OnSession(Call::dsmSendData, handle, [&](Session& s) { return s.SendData(block); });
 }
 
 dsInt16_t dsmEndSendObj(dsUint32_t handle) {
-    return OnSession(Call::EndSendObj, handle, [](Session& s) { return s.EndSendObj(); });
+    return OnSession(Call::dsmEndSendObj, handle, [](Session& s) { return s.EndSendObj(); });
 }
 
 dsInt16_t dsmDeleteObj(dsUint32_t handle, dsmDelType type, dsmDelInfo info) {
-    return OnSession(Call::DeleteObj, handle, [&](Session& s) { return s.DeleteObj(type, info); });
+    return OnSession(Call::dsmDeleteObj, handle, [&](Session& s) { return s.DeleteObj(type, info); });
 }
 
 dsInt16_t dsmRenameObj(dsmRenameIn_t* in, dsmRenameOut_t* out) {
     if (!in || !out) return DSM_RC_INVALID_PARM;
-    return OnSession(Call::RenameObj, in->dsmHandle, [&](Session& s) { return s.RenameObj(*in); });
+    return OnSession(Call::dsmRenameObj, in->dsmHandle, [&](Session& s) { return s.RenameObj(*in); });
 }
 
 // ---------------------------------------------------------------------- gets
 
 dsInt16_t dsmBeginGetData(dsUint32_t handle, dsBool_t, dsmGetType type, dsmGetList* list) {
-    return OnSession(Call::BeginGetData, handle, [&](Session& s) { return s.BeginGetData(type, list); });
+    return OnSession(Call::dsmBeginGetData, handle, [&](Session& s) { return s.BeginGetData(type, list); });
 }
 
 dsInt16_t dsmGetObj(dsUint32_t handle, ObjID* objId, DataBlk* block) {
-    return OnSession(Call::GetObj, handle, [&](Session& s) { return s.GetObj(objId, block); });
+    return OnSession(Call::dsmGetObj, handle, [&](Session& s) { return s.GetObj(objId, block); });
 }
 
 dsInt16_t dsmGetData(dsUint32_t handle, DataBlk* block) {
-    return OnSession(Call::GetData, handle, [&](Session& s) { return s.GetData(block); });
+    return OnSession(Call::dsmGetData, handle, [&](Session& s) { return s.GetData(block); });
 }
 
 dsInt16_t dsmEndGetObj(dsUint32_t handle) {
-    return OnSession(Call::EndGetObj, handle, [](Session& s) { return s.EndGetObj(); });
+    return OnSession(Call::dsmEndGetObj, handle, [](Session& s) { return s.EndGetObj(); });
 }
 
 dsInt16_t dsmEndGetData(dsUint32_t handle) {
-    return OnSession(Call::EndGetData, handle, [](Session& s) { return s.EndGetData(); });
+    return OnSession(Call::dsmEndGetData, handle, [](Session& s) { return s.EndGetData(); });
 }

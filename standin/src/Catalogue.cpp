@@ -443,13 +443,19 @@ private:
 }  // namespace
 
 void Catalogue::Commit(std::vector<Operation>& operations) {
-    const bool stores = std::any_of(operations.begin(), operations.end(),
-                                    [](const Operation& o) { return std::holds_alternative<NewVersion>(o); });
-    store_->Submit(stores ? Store::Need::Space : Store::Need::None, [&](Change& change) {
+    bool stores = false, inFiles = false;
+    for (const Operation& operation : operations) {
+        const auto* const version = std::get_if<NewVersion>(&operation);
+        stores = stores || version;
+        inFiles = inFiles || (version && version->data && version->data->InFile());
+    }
+    const auto work = [&](Change& change) {
         Applying applying(change, {change.database, policy_, node_});
         for (Operation& operation : operations) std::visit(applying, operation);
         applying.RemoveGone();
-    });
+    };
+    store_->Submit(stores ? Store::Need::Space : Store::Need::None, work,
+                   inFiles ? Store::Leaves::Anything : Store::Leaves::OnlyRows);
 }
 
 bool NodeView::CheckRenaming(const Renaming& renaming) const {

@@ -70,13 +70,14 @@ void Statement::GiveBack::operator()(sqlite3_stmt* statement) const {
     kept->inUse = false;
 }
 
-void Statement::Bind(int index, std::int64_t value) {
+void Statement::Bind(Values, int index, std::int64_t value) {
     Check(sqlite3_db_handle(statement_.get()), sqlite3_bind_int64(statement_.get(), index, value));
 }
 
-void Statement::Bind(int index, const std::string& value) {
+void Statement::Bind(Values whose, int index, const std::string& value) {
     Check(sqlite3_db_handle(statement_.get()),
-          sqlite3_bind_blob64(statement_.get(), index, value.data(), value.size(), SQLITE_TRANSIENT));
+          sqlite3_bind_blob64(statement_.get(), index, value.data(), value.size(),
+                              whose == Values::Copied ? SQLITE_TRANSIENT : SQLITE_STATIC));
 }
 
 bool Statement::Step() {
@@ -130,7 +131,7 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
         Check(handle, sqlite3_file_control(handle, "main", SQLITE_FCNTL_RESERVE_BYTES, &reserve));
     }
     Run("PRAGMA synchronous = FULL");
-    Run("PRAGMA cache_size = -16384");
+    Run("PRAGMA cache_size = -2048");
     // A transaction goes to the log at its commit and in one piece, so that what is read from there is always whole.
     // OFF would keep Overwrite from writing, too.
     Run("PRAGMA cache_spill = 2147483647");

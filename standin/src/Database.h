@@ -26,8 +26,9 @@ public:
 private:
     friend class Database;
     void Need(bool inOrder);
-    void Bind(int index, std::int64_t value);
-    void Bind(int index, const std::string& value);
+    enum class Values { Copied, Outlive };  // the statement's own, or the caller's, which live as long as it does
+    void Bind(Values, int index, std::int64_t value);
+    void Bind(Values whose, int index, const std::string& value);
 
     // One that the database keeps is given back when this is done with, any other ends.
     struct Kept {
@@ -58,16 +59,13 @@ public:
     // Binds the values to ?1, ?2 and so on. Statements are kept for the next time.
     template <class... Values>
     Statement Query(std::string_view sql, const Values&... values) {
-        Statement statement = Prepared(sql);
-        [[maybe_unused]] int index = 0;
-        (statement.Bind(++index, values), ...);
-        return statement;
+        return Bound(Statement::Values::Copied, sql, values...);
     }
 
     // Returns how many rows were changed.
     template <class... Values>
     int Run(std::string_view sql, const Values&... values) {
-        Statement statement = Query(sql, values...);
+        Statement statement = Bound(Statement::Values::Outlive, sql, values...);
         while (statement.Step()) {
         }
         return sqlite3_changes(handle_.get());
@@ -116,6 +114,13 @@ private:
         void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
     };
     Statement Prepared(std::string_view sql);
+    template <class... Values>
+    Statement Bound([[maybe_unused]] Statement::Values whose, std::string_view sql, const Values&... values) {
+        Statement statement = Prepared(sql);
+        [[maybe_unused]] int index = 0;
+        (statement.Bind(whose, ++index, values), ...);
+        return statement;
+    }
 
     std::string path_;
     Mode mode_;

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "Moments.h"
@@ -19,6 +20,8 @@ namespace standin {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr const char* faultVariable = "TSM_STANDIN_FAULTS";
 
 template <std::size_t size>
 std::string Field(const char (&field)[size]) {
@@ -49,6 +52,11 @@ std::string Unquoted(const std::string& text) {
     return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
+std::string Variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value ? value : "";
+}
+
 // Of days or versions: with any of these, moments stay after 1970.
 std::optional<std::int64_t> Number(const std::string& text) {
     std::int64_t number = -1;
@@ -58,13 +66,9 @@ std::optional<std::int64_t> Number(const std::string& text) {
 }
 
 std::string DefaultStoreDir() {
-    const auto variable = [](const char* name) {
-        const char* const value = std::getenv(name);
-        return std::string(value ? value : "");
-    };
-    if (const std::string store = variable("TSM_STANDIN_STORE"); !store.empty()) return store;
-    if (const std::string data = variable("XDG_DATA_HOME"); !data.empty()) return data + "/tsm-standin";
-    if (const std::string home = variable("HOME"); !home.empty()) return home + "/.local/share/tsm-standin";
+    if (const std::string store = Variable("TSM_STANDIN_STORE"); !store.empty()) return store;
+    if (const std::string data = Variable("XDG_DATA_HOME"); !data.empty()) return data + "/tsm-standin";
+    if (const std::string home = Variable("HOME"); !home.empty()) return home + "/.local/share/tsm-standin";
     throw std::runtime_error("no place for the store: neither STOREDIR, TSM_STANDIN_STORE nor HOME is set");
 }
 
@@ -98,6 +102,7 @@ void ErrorLog::Write(const std::string& text) const noexcept try {
 
 Options::Options(const envSetUp* setUp) {
     if (const std::string file = setUp ? Field(setUp->dsmiConfig) : ""; !file.empty()) ReadFile(file);
+    ReadRules(Variable(faultVariable));
     if (storeDir.empty()) storeDir = DefaultStoreDir();
     storeDir = fs::absolute(storeDir).string();
     if (classes.empty()) classes.push_back({"STANDARD", "Default management class"});
@@ -118,13 +123,35 @@ void Options::ReadFile(const std::string& path) {
         std::string value = Trimmed(line);
         if (value.empty() || value.front() == '*') continue;
         const std::string keyword = TakeWord(value);
+        const std::string place = "options file " + path + ", line " + std::to_string(number) + ": ";
+        if (TakeFault(place, keyword, value)) continue;
         if (value.empty() || !Take(keyword, value, baseDir)) {
             // Values may be secret, and so may a lone word be or what stands behind "=": the log tells none of them.
-            throw std::runtime_error("options file " + path + ", line " + std::to_string(number) + ": not understood" +
+            throw std::runtime_error(place + "not understood" +
                                      (value.empty() ? "" : ": " + keyword.substr(0, keyword.find('='))));
         }
     }
     if (file.bad()) throw std::runtime_error("options file " + path + ": cannot be read");
+}
+
+// For a program whose options file cannot be changed: rules with a semicolon or the end of a line between them.
+void Options::ReadRules(std::string rules) {
+    std::replace(rules.begin(), rules.end(), ';', '\n');
+    std::istringstream lines(rules);
+    std::string line;
+    for (int number = 1; std::getline(lines, line); ++number) {
+        std::string rest = Trimmed(line);
+        if (rest.empty()) continue;
+        const std::string keyword = TakeWord(rest);
+        const std::string place = std::string(faultVariable) + ", rule " + std::to_string(number) + ": ";
+        if (!TakeFault(place, keyword, rest)) throw std::runtime_error(place + "not understood");
+    }
+}
+
+bool Options::TakeFault(const std::string& place, const std::string& keyword, const std::string& rest) try {
+    return faults.Take(keyword, rest);
+} catch (const std::runtime_error& mistake) {
+    throw std::runtime_error(place + keyword + ": " + mistake.what());
 }
 
 bool Options::Take(const std::string& keyword, const std::string& value, const std::string& baseDir) {

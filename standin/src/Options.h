@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Faults.h"
 #include "Policy.h"
 #include "dsmapitd.h"
 
@@ -27,18 +28,21 @@ struct MgmtClass {
 };
 
 struct Options {
-    // Throws std::runtime_error when the options file cannot be read or understood.
+    // Throws std::runtime_error when the options file, or the variable with rules, cannot be read or understood.
     explicit Options(const envSetUp* setUp);
 
     std::string storeDir;
     std::vector<MgmtClass> classes;  // never empty; the first one is the default
     bool mayDeleteBackups = true;
+    Faults faults;
     Policy policy;
     std::optional<std::int64_t> passwordDays;           // until a password expires
     std::int64_t clockStoppedAt = 0, clockAheadBy = 0;  // for control::SetServerClock
 
 private:
     void ReadFile(const std::string& path);
+    void ReadRules(std::string rules);
+    bool TakeFault(const std::string& place, const std::string& keyword, const std::string& rest);
     bool Take(const std::string& keyword, const std::string& value, const std::string& baseDir);
     bool TakeKeep(std::string value);
     bool TakeClock(const std::string& value);

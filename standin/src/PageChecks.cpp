@@ -187,11 +187,6 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
         return sums == SumsAt(bytes + 24) || std::all_of(bytes, bytes + size, [](int byte) { return byte == 0; });
     }
     const sqlite3_int64 frame = (offset - logHeader) / frameSize;
-    if (size == pageSize) {
-        unsigned char header[frameHeader];
-        return offset == FrameAt(frame) + frameHeader && file.Get(header, frameHeader, FrameAt(frame)) &&
-               FrameIsGood(file, frame, header, bytes);
-    }
     if (size == frameSize) {  // by the first one to open a log that was left behind
         unsigned char salts[8];
         return (file.Get(salts, sizeof salts, 16) && std::memcmp(bytes + 8, salts, sizeof salts) == 0 &&
@@ -199,6 +194,17 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
                !BadFrameIsDamage(file, frame, bytes);
     }
     return size < pageSize;
+}
+
+// Of a frame that SQLite knows to be whole. Its header tells which page it is, which the page's checksum covers.
+int ReadLoggedPage(File& file, void* buffer, sqlite3_int64 offset) {
+    unsigned char frame[frameSize];
+    const int rc = file.Does().xRead(file.Real(), frame, frameSize, offset - frameHeader);
+    if (rc != SQLITE_OK) return rc;
+    const unsigned char* const page = frame + frameHeader;
+    if (!PageIsGood(page, (std::int64_t{Number(frame)} - 1) * pageSize)) return SQLITE_IOERR_DATA;
+    std::memcpy(buffer, page, pageSize);
+    return SQLITE_OK;
 }
 
 // SQLite takes no locks on such a file, and would mix what it read before and after a change.
@@ -212,9 +218,10 @@ int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     File& file = Of(handle);
     const auto* const bytes = static_cast<const unsigned char*>(buffer);
     if (const int failed = file.PassOn()) return failed;
+    if (file.isLog && size == pageSize) return ReadLoggedPage(file, buffer, offset);
     const int rc = file.Does().xRead(file.Real(), buffer, size, offset);
     if (file.immutable && HasChanged(file)) return SQLITE_IOERR_VNODE;
-    if (file.isLog && file.ends && size != pageSize) return rc;
+    if (file.isLog && file.ends) return rc;
     if (file.isLog) return rc != SQLITE_OK || LogReadIsGood(file, bytes, size, offset) ? rc : SQLITE_IOERR_DATA;
     constexpr int smallestPage = 512;
     if (rc != SQLITE_OK && rc != SQLITE_IOERR_SHORT_READ) return rc;

@@ -15,6 +15,8 @@
 namespace standin {
 namespace {
 
+constexpr dsUint16_t sizeExceeded = 13;  // a reason that has no published name here
+
 // ------------------------------------------------- from and to the API's records
 
 std::int64_t Joined(const dsStruct64_t& s) {
@@ -134,40 +136,58 @@ Session::Session(std::shared_ptr<const Environment> environment, const std::stri
     catalogue_.SignOn(node, password, environment_->options.passwordDays);
 }
 
+bool Session::Gone() const {
+    const std::chrono::nanoseconds longest = environment_->options.faults.idle, since = idleSince_;
+    return longest.count() != 0 && since != inUse && Now() - since > longest;
+}
+
+bool Session::Wake() {
+    if (!Gone()) {
+        idleSince_ = inUse;
+        return true;
+    }
+    if (!std::exchange(told_, true))
+        environment_->log.Write("a session was idle for longer than IDLE allows: it is gone");
+    transaction_ = Transaction();
+    get_ = Get();
+    EndAnswers(idle);
+    return false;
+}
+
 // ------------------------------------------------------------- order of calls
 
 unsigned Session::StatesFor(Call call) {
     constexpr unsigned nothingUnderWay = idle | queryOver;
     switch (call) {
-        case Call::RegisterFS:
-        case Call::DeleteFS:
-        case Call::SetAccess:
-        case Call::BeginQuery:
-        case Call::BeginTxn:
-        case Call::BeginGetData:
+        case Call::dsmRegisterFS:
+        case Call::dsmDeleteFS:
+        case Call::dsmSetAccess:
+        case Call::dsmBeginQuery:
+        case Call::dsmBeginTxn:
+        case Call::dsmBeginGetData:
             return nothingUnderWay;
-        case Call::GetNextQObj:
+        case Call::dsmGetNextQObj:
             return querying;
-        case Call::EndQuery:
+        case Call::dsmEndQuery:
             return querying | queryOver;
-        case Call::BindMC:
+        case Call::dsmBindMC:
             return nothingUnderWay | inTransaction;
-        case Call::SendObj:
-        case Call::DeleteObj:
-        case Call::RenameObj:
+        case Call::dsmSendObj:
+        case Call::dsmDeleteObj:
+        case Call::dsmRenameObj:
             return inTransaction;
-        case Call::SendData:
-        case Call::EndSendObj:
+        case Call::dsmSendData:
+        case Call::dsmEndSendObj:
             return inObject;
-        case Call::EndTxn:
+        case Call::dsmEndTxn:
             return inTransaction | inObject;
-        case Call::GetObj:
+        case Call::dsmGetObj:
             return getting;
-        case Call::GetData:
+        case Call::dsmGetData:
             return inGetObject;
-        case Call::EndGetObj:
+        case Call::dsmEndGetObj:
             return inGetObject | getObjectOver;
-        case Call::EndGetData:
+        case Call::dsmEndGetData:
             return getting | inGetObject | getObjectOver;
         default:
             return ~0U;  // concerns no session's state
@@ -176,8 +196,8 @@ unsigned Session::StatesFor(Call call) {
 
 std::optional<dsInt16_t> Session::OutOfOrder(Call call) {
     if (!(state_ & StatesFor(call))) return dsInt16_t{DSM_RC_BAD_CALL_SEQUENCE};
-    if (!InTransaction() || !transaction_.givenUp || call == Call::EndTxn) return std::nullopt;
-    if (call == Call::EndSendObj) state_ = inTransaction;
+    if (!InTransaction() || !transaction_.givenUp || call == Call::dsmEndTxn) return std::nullopt;
+    if (call == Call::dsmEndSendObj) state_ = inTransaction;
     return dsInt16_t{DSM_RC_WILL_ABORT};
 }
 
@@ -215,19 +235,19 @@ dsInt16_t Session::GiveUp(dsUint16_t reason) {
 
 dsInt16_t Session::Fail(Call call, Fault fault) {
     if (InTransaction()) {
-        if (call == Call::EndTxn) {
+        if (call == Call::dsmEndTxn) {
             transaction_ = Transaction();
             state_ = idle;
         } else if (fault.rc == DSM_RC_WILL_ABORT) {
             GiveUp(fault.reason);
-            if (call == Call::EndSendObj) state_ = inTransaction;
+            if (call == Call::dsmEndSendObj) state_ = inTransaction;
         }
     }
     if (state_ & (querying | queryOver)) {
-        if (call == Call::GetNextQObj) EndAnswers(queryOver);
-        if (call == Call::EndQuery) EndAnswers(idle);
+        if (call == Call::dsmGetNextQObj) EndAnswers(queryOver);
+        if (call == Call::dsmEndQuery) EndAnswers(idle);
     }
-    if (call == Call::EndGetData && (state_ & StatesFor(call))) EndGetData();
+    if (call == Call::dsmEndGetData && (state_ & StatesFor(call))) EndGetData();
     return fault.rc;
 }
 
@@ -426,18 +446,22 @@ dsInt16_t Session::SendObj(dsmSendType type, const dsmObjName* name, const ObjAt
     object.info.assign(a.objInfo ? a.objInfo : "", a.objInfoLength);
     object.sizeEstimate = Joined(a.sizeEstimate);
     transaction_.open = std::move(object);
-    if (block) SendData(block);
+    const dsInt16_t rc = block ? SendData(block) : dsInt16_t{DSM_RC_OK};
     state_ = inObject;
-    return DSM_RC_OK;
+    return rc;
 }
 
 dsInt16_t Session::SendData(DataBlk* block) {
     DataBlk& in = Block(block);
     in.numBytes = 0;
-    const dsUint32_t taken = control::TakeAtMost(in.bufferLen);
+    const dsUint32_t taken = faults::AtMost(Call::dsmSendData, in.bufferLen);
     if (taken == 0) return DSM_RC_OK;
     NewVersion& object = *transaction_.open;
     Require(object.sizeEstimate != 0, DSM_RC_WRONG_SIZE_ESTIMATE);
+    const auto announced = static_cast<std::uint64_t>(object.sizeEstimate);
+    if (environment_->options.faults.strictSize && static_cast<std::uint64_t>(object.bytes) + taken > announced) {
+        return GiveUp(sizeExceeded);
+    }
     if (!object.data) object.data = std::make_unique<IncomingData>(catalogue_.InStore().Data());
     object.data->Append(in.bufferPtr, taken);
     object.bytes += taken;
@@ -513,7 +537,8 @@ dsInt16_t Session::GetData(DataBlk* block) {
     DataBlk& out = Block(block);
     Require(out.bufferLen > 0, DSM_RC_ZERO_BUFLEN);
     out.numBytes = 0;
-    out.numBytes = static_cast<dsUint32_t>(get_.data.Read(out.bufferPtr, out.bufferLen));
+    const dsUint32_t room = faults::AtMost(Call::dsmGetData, out.bufferLen);
+    out.numBytes = static_cast<dsUint32_t>(get_.data.Read(out.bufferPtr, room));
     if (get_.data.Left() > 0) return DSM_RC_MORE_DATA;
     get_.data = DataReader();
     state_ = getObjectOver;

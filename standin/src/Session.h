@@ -3,14 +3,15 @@
 // throw; Perform turns what is thrown into a return code too.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "Catalogue.h"
+#include "Faults.h"
 #include "Options.h"
-#include "TestControl.h"
 #include "dsmapitd.h"
 
 namespace standin {
@@ -27,6 +28,25 @@ struct Environment {
 class Session {
 public:
     Session(std::shared_ptr<const Environment> environment, const std::string& node, const std::string& password);
+
+    // Whether the server has ended the session because no call came for too long. Any thread may ask.
+    bool Gone() const;
+
+    // A call of the session, which is not idle meanwhile. False when the session is gone, and all that was under way.
+    class Use {
+    public:
+        explicit Use(Session* session) : session_(session), there_(session && session->Wake()) {}
+        ~Use() {
+            if (there_) session_->idleSince_ = Now();
+        }
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+        explicit operator bool() const { return there_; }
+
+    private:
+        Session* const session_;
+        const bool there_;
+    };
 
     // Does the work of a call if the call is in order now.
     template <class Work>
@@ -92,6 +112,8 @@ private:
         std::string name;  // of the object that is read, for messages
     };
 
+    static std::chrono::nanoseconds Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
+    bool Wake();
     static unsigned StatesFor(Call call);
     std::optional<dsInt16_t> OutOfOrder(Call call);
     template <class Work>
@@ -116,6 +138,9 @@ private:
 
     const std::shared_ptr<const Environment> environment_;
     Catalogue catalogue_;
+    static constexpr auto inUse = std::chrono::nanoseconds::max();
+    std::atomic<std::chrono::nanoseconds> idleSince_{Now()};
+    bool told_ = false;  // that it is gone
     State state_ = idle;
     std::optional<ObjectName> bound_;
     Answers answers_{};

@@ -1,6 +1,9 @@
 #include "Store.h"
 
+#include <time.h>
+
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <thread>
 #include <utility>
@@ -26,6 +29,18 @@ struct Stores {
         return instance;
     }
 };
+
+// However long the last change waited, which may have been for another process.
+constexpr std::chrono::milliseconds longestGathering{5};
+
+// How long this thread has not been computing, from some moment on.
+std::chrono::nanoseconds Waited() {
+    timespec now{}, computing{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &computing);
+    return std::chrono::seconds(now.tv_sec - computing.tv_sec) +
+           std::chrono::nanoseconds(now.tv_nsec - computing.tv_nsec);
+}
 
 bool HasRow(Database& database, const std::string& file) {
     return database.Query("SELECT 1 FROM object_version WHERE id = ?1 AND file = ?2", ObjectData::IdOf(file), file)
@@ -157,35 +172,47 @@ void Store::RemoveDeletedFilespaces() noexcept try {
 // ------------------------------------------------------------------ changes
 
 void Store::Waiting::Tell(Turn what) {
-    const std::lock_guard<std::mutex> lock(mutex);
     turn = what;
-    wake.notify_one();
+    told.Post();
 }
 
 Store::Waiting::Turn Store::Waiting::Wait() {
-    std::unique_lock<std::mutex> lock(mutex);
-    wake.wait(lock, [this] { return turn != Turn::NotYet; });
+    told.Wait();
     return turn;
 }
 
-void Store::Submit(Need need, const Work& work) {
+void Store::Waiting::TellOthers() const {
+    for (Waiting* const other : others) {
+        if (other) other->Tell(Turn::IsOver);
+    }
+}
+
+void Store::Submit(Need need, const Work& work, Leaves leaves) {
     if (readOnly_) throw std::system_error(EROFS, std::generic_category(), root_.Path());
-    Waiting own{work, need, nullptr, Waiting::Turn::NotYet, {}, {}};
+    Waiting own{work, need, leaves, nullptr, Waiting::Turn::NotYet, {}, {}};
     std::unique_lock<std::mutex> lock(mutex_);
     queue_.push_back(&own);
     const bool first = !std::exchange(carrying_, true);
+    if (gathers_ && queue_.size() == company_) allHere_.notify_one();
     lock.unlock();
     if (first || own.Wait() == Waiting::Turn::Carries) {
         lock.lock();
-        // With company about, those who are ready to come get the processor first. Alone, nothing is waited for.
-        if (lastGroup_ > 1 || queue_.size() > 1) {
+        // Those who were about a moment ago may come again: they get the processor first, and a part of the time that
+        // they would wait for the disk if they came too late. Alone, nothing is waited for.
+        if (company_ > 1 || queue_.size() > 1) {
             lock.unlock();
             std::this_thread::yield();
             lock.lock();
+            gathers_ = true;
+            allHere_.wait_for(lock, std::min<std::chrono::nanoseconds>(waited_ / 8, longestGathering),
+                              [this] { return queue_.size() >= company_; });
+            gathers_ = false;
         }
         const Group group = std::exchange(queue_, {});
-        lastGroup_ = group.size();
         lock.unlock();
+        for (std::size_t i = 1; i < group.size(); ++i) group[(i - 1) / 2]->others[(i - 1) % 2] = group[i];
+        const bool company = company_ > 1 || group.size() > 1;
+        const auto before = company ? Waited() : std::chrono::nanoseconds::zero();
         try {
             Carry(group);
         } catch (...) {  // no memory to sort the outcomes; those who wait must wake all the same
@@ -196,12 +223,12 @@ void Store::Submit(Need need, const Work& work) {
         lock.lock();
         Waiting* const next = queue_.empty() ? nullptr : queue_.front();
         carrying_ = next != nullptr;
+        company_ = group.size() + queue_.size();
+        if (company) waited_ = Waited() - before;
         lock.unlock();
         if (next) next->Tell(Waiting::Turn::Carries);
-        for (Waiting* const one : group) {
-            if (one != &own) one->Tell(Waiting::Turn::IsOver);
-        }
     }
+    own.TellOthers();
     if (own.failure) std::rethrow_exception(own.failure);
 }
 
@@ -247,6 +274,14 @@ void Change::RemoveVersion(std::int64_t id, const std::string& file) {
 }
 
 void Store::CarryOnce(const Group& group) {
+    const bool onlyRows =
+        std::all_of(group.begin(), group.end(), [](const Waiting* one) { return one->leaves == Leaves::OnlyRows; });
+    if (group.size() > 1 && onlyRows && CarriedOut(group, false)) return;
+    CarriedOut(group, group.size() > 1);
+}
+
+// With each alone, one that fails is undone by itself; otherwise nothing was done then, and the answer is false.
+bool Store::CarriedOut(const Group& group, bool eachAlone) {
     Database& database = *writer_;
     database.NeedInPlace();
     Change change{database, data_, 0, {}, {}, {}};
@@ -260,13 +295,13 @@ void Store::CarryOnce(const Group& group) {
                 // What one has done is undone alone when it fails.
                 const std::size_t placed = change.placed.size();
                 const std::set<std::string> garbage = change.garbage;
-                const bool only = group.size() == 1;
-                if (!only) database.Run("SAVEPOINT one");
+                if (eachAlone) database.Run("SAVEPOINT one");
                 try {
                     one->work(change);
                     any = true;
                 } catch (...) {
-                    if (only) throw;
+                    if (group.size() == 1) throw;
+                    if (!eachAlone) return false;
                     one->failure = std::current_exception();
                     if (!database.InTransaction()) throw;  // all is undone
                     database.Run("ROLLBACK TO one");
@@ -274,9 +309,9 @@ void Store::CarryOnce(const Group& group) {
                     change.placed.resize(placed);
                     change.garbage = garbage;
                 }
-                if (!only) database.Run("RELEASE one");
+                if (eachAlone) database.Run("RELEASE one");
             }
-            if (!any) return;
+            if (!any) return true;
             if (!inDoubt_.empty()) ChangeSomething(database);
             if (change.nextId != firstId) database.Run("UPDATE store SET next_id = ?1", change.nextId);
             data_.Flush();
@@ -291,6 +326,7 @@ void Store::CarryOnce(const Group& group) {
         inDoubt_.resize(before);
     }
     RemoveFilesAfter(change);
+    return true;
 }
 
 void Store::RemoveFilesAfter(const Change& change) noexcept try {

@@ -7,7 +7,11 @@
 //     reserve          room to be given up when the disk is full, so that things can be deleted
 #pragma once
 
+#include <semaphore.h>
+
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <functional>
@@ -50,10 +54,12 @@ public:
 
     // Carries a change out, all or nothing; when this returns, it lasts. Changes that wait together share one
     // transaction and its flush; each fails for itself unless the commit as such does. On a full disk one that
-    // frees space is given the reserve. Throws what the work throws.
+    // frees space is given the reserve. Throws what the work throws. Work that leaves nothing behind but rows may be
+    // done twice: together with others it is first tried without the means to undo each alone, which cost a tenth.
     using Work = std::function<void(Change&)>;
     enum class Need { Space, None };
-    void Submit(Need need, const Work& work);
+    enum class Leaves { Anything, OnlyRows };
+    void Submit(Need need, const Work& work, Leaves leaves = Leaves::Anything);
 
     // Removes the rows and the data of filespaces that were deleted, in steps that take little room. What it does not
     // come to, the next opening does.
@@ -69,22 +75,42 @@ public:
     Database::Mode ReadingMode() const;
 
 private:
+    struct Waiting;
+    using Group = std::vector<Waiting*>;
+    // A mutex and a condition would cost whoever wakes up one more system call.
+    class Semaphore {
+    public:
+        Semaphore() { sem_init(&semaphore_, 0, 0); }
+        ~Semaphore() { sem_destroy(&semaphore_); }
+        Semaphore(const Semaphore&) = delete;
+        Semaphore& operator=(const Semaphore&) = delete;
+        void Post() { sem_post(&semaphore_); }
+        void Wait() {
+            while (sem_wait(&semaphore_) != 0) continue;  // interrupted by a signal
+        }
+
+    private:
+        sem_t semaphore_;
+    };
     struct Waiting {
         enum class Turn { NotYet, Carries, IsOver };
         void Tell(Turn what);
         Turn Wait();
+        void TellOthers() const;
 
         const Work& work;
         const Need need;
+        const Leaves leaves;
         std::exception_ptr failure;
         Turn turn = Turn::NotYet;
-        std::mutex mutex;  // of its own, so that many who wake up do not stand in each other's way
-        std::condition_variable wake;
+        // Those of the group that this one tells that the change is over, as the first one would take long to tell all.
+        std::array<Waiting*, 2> others{};
+        Semaphore told;
     };
-    using Group = std::vector<Waiting*>;
 
     void Carry(const Group& group);
     void CarryOnce(const Group& group);
+    bool CarriedOut(const Group& group, bool eachAlone);
     void RemoveFilesAfter(const Change& change) noexcept;
     void RemoveQuietly(const std::string& file) const noexcept;
     void Tidy();
@@ -102,7 +128,11 @@ private:
     std::mutex mutex_;  // of the queue
     Group queue_;
     bool carrying_ = false;
-    std::size_t lastGroup_ = 0;  // how many the last one were
+    // How many were about when the last change was over, and how long it waited for the disk.
+    std::size_t company_ = 0;
+    std::chrono::nanoseconds waited_{0};
+    bool gathers_ = false;
+    std::condition_variable allHere_;
 };
 
 }  // namespace standin

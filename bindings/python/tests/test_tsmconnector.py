@@ -16,6 +16,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import unittest.mock
 from concurrent.futures import ThreadPoolExecutor
@@ -312,6 +313,46 @@ writer.__exit__(None, None, None)
         fail("dsmDeleteObj", 2)  # in the tidying: the result is 0, and a transaction stays open
         self.session.delete("d", "f")
         self.assertEqual(self.names(), [])
+
+    def test_servers_that_misbehave(self) -> None:
+        def second(**how: Any) -> None:
+            self.store("", "f", b"second", **how)
+
+        def slowly() -> None:
+            with self.session.backup("", "f") as file:
+                file.write(b"sec")
+                time.sleep(0.7)
+                file.write(b"ond")
+
+        def under(rule: str, filespace: str, use: Callable[[], Any]) -> None:
+            self.api.close()
+            with unittest.mock.patch.dict(os.environ, TSM_STANDIN_FAULTS=rule), tsmconnector.Api(self.config) as self.api:
+                self.session = self.open(filespace=filespace)
+                use()
+
+        rows: List[Any] = [
+            ("FAULT dsmSetUp 102", second, -102), ("FAULT dsmInitEx 137", second, -137), ("SESSIONS 1", self.open, -51),
+            ("FAULT dsmSendData 157 11", second, -11), ("FAULT dsmEndTxn 2302 12", second, -12),
+            ("FAULT dsmEndTxn 0 15", second, -15), ("STRICTSIZE", second, -13), ("IDLE 500", slowly, -2041),
+            ("FAULT dsmBeginGetData 9", lambda: self.fetch("", "f"), -9), ("FAULT dsmGetNextQObj 1", self.names, -1),
+            ("FAULT dsmRenameObj 32", lambda: self.session.rename("", "f", "", "g"), -32),
+            ("FAULT dsmDeleteObj 106", lambda: self.session.delete("", "f", all_versions=True), -106),
+            ("PARTIALSEND 4; LATENCY * 1", second, 0), ("STRICTSIZE", lambda: second(size=6), 0),
+            *((f"FAULT 8 {seed}", second, None) for seed in range(20)),
+        ]  # fmt: skip
+        for number, (rule, use, code) in enumerate(rows):
+            before, after = (b"first", 1), (b"second", 2)
+            under("", str(number), lambda: self.store("", "f", b"first"))
+            try:
+                under(rule, str(number), use)
+                found = 0
+            except TsmError as error:
+                found = error.code
+            self.assertEqual(found, found if code is None else code, rule)
+            stored: List[Any] = []
+            under("SHORTREAD 1", str(number), lambda: stored.extend([self.fetch("", "f"), len(self.names(versions=True))]))
+            wanted = (after,) if found == 0 else (before, after) if code is None else (before,)
+            self.assertIn(tuple(stored), wanted, rule)
 
     def test_closing(self) -> None:
         self.code(-2041, tsmconnector.Api, self.config)

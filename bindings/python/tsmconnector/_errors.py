@@ -11,6 +11,7 @@ CODES: Dict[int, Tuple[str, str]] = {
     3: ("DSM_RC_ABORT_BY_CLIENT", "the transaction was given up"),
     11: ("DSM_RC_ABORT_NO_REPOSIT_SPACE", "the server has no room left"),
     32: ("DSM_RC_ABORT_DUPLICATE_OBJECT", "the name is taken"),
+    51: ("DSM_RC_REJECT_NO_RESOURCES", "the server accepts no more sessions now"),
     52: ("DSM_RC_REJECT_VERIFIER_EXPIRED", "the password has expired"),
     102: ("DSM_RC_NO_MEMORY", "no memory"),
     106: ("DSM_RC_ACCESS_DENIED", "the node has no permission for this"),

@@ -38,7 +38,7 @@ void standinTakeAtMost(dsUint32_t bytes);
 /* Calls of a function, or with "*" of all, since the start or the last reset. */
 unsigned long standinCalls(const char* function);
 
-/* Forgets failures, limit and counts, and lets the clock run. */
+/* Forgets failures, limit and counts, and lets the clock run. What the options file asks for stays. */
 void standinReset(void);
 
 #ifdef __cplusplus

@@ -1,0 +1,129 @@
+"""tsmctl on servers that misbehave: what it reports, and that nothing is lost, mixed up or stored twice."""
+
+import functools
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+
+import pytest
+
+tsmctl = os.path.abspath(os.path.join(os.environ["TSM_BUILD"], "bin/tsmctl"))
+BACKUP, STREAM = "backup tree", "backup - --as tree/stream"
+RESTORE, RENAME, DELETE = "restore tree --to out", "rename tree/a tree/z", "delete tree/a --all-versions"
+
+# Rules, the command, its exit status, and words of what it says.
+ROWS = [
+    ("FAULT dsmSetUp DSM_RC_NO_MEMORY", BACKUP, 1, "(-102), no memory"),
+    ("FAULT dsmSetUp 1 x", BACKUP, 1, "dsierror.log"),
+    ("FAULT dsmInitEx 137", BACKUP, 1, "wrong password"),
+    ("FAULT dsmSendObj 157 10", BACKUP, 1, "larger than the server's limit"),
+    ("FAULT dsmSendData 157 DSM_RC_ABORT_NO_REPOSIT_SPACE", BACKUP, 1, "out of storage space"),
+    ("FAULT dsmSendData 2 DSM_RC_ABORT_SYSTEM_ERROR", BACKUP, 1, "cannot send"),
+    ("FAULT dsmEndSendObj 3 157 15", BACKUP, 1, "tree/"),
+    ("FAULT dsmEndTxn 2302 12", BACKUP, 1, "no medium could be mounted"),
+    ("FAULT dsmEndTxn 4 0 16", BACKUP, 1, "no room in the server's log"),
+    ("FAULT dsmTerminate 1\nFAULT dsmCleanUp 1", BACKUP, 0, ""),
+    ("PARTIALSEND 99; LATENCY dsmEndTxn 10", BACKUP, 0, ""),
+    ("SESSIONS 1", BACKUP + " -j 3", None, ""),
+    ("STRICTSIZE", BACKUP, 0, ""),
+    ("STRICTSIZE", STREAM, 1, "the announced size was exceeded"),
+    ("STRICTSIZE", STREAM + " --size 6", 0, ""),
+    ("IDLE 500", STREAM, 1, "the session is gone"),
+    ("FAULT dsmGetNextQObj 1", RESTORE, 1, "the server failed"),
+    ("FAULT dsmGetNextQObj 3 1", "list", 1, "cannot list"),
+    ("FAULT dsmBeginGetData 9", RESTORE, 1, "the data is offline"),
+    ("FAULT dsmGetData 3 14", RESTORE, 1, "not available now"),
+    ("SHORTREAD 77", RESTORE, 0, ""),
+    ("SESSIONS 1; IDLE 86400000", RESTORE + " -j 3", None, ""),
+    ("FAULT dsmRenameObj 157 17", RENAME, 1, "no room in the server's database"),
+    ("FAULT dsmRenameObj 32", RENAME, 1, "the new name has stored versions"),
+    ("FAULT dsmDeleteObj 157 17", DELETE, 1, "giving the transaction up"),
+    ("FAULT dsmEndTxn 2302 106", DELETE, 1, "permission may be missing"),
+    ("FAULT dsmDeleteFS 106", "delete-filespace tsmctl --yes", 1, "no permission"),
+]
+
+
+def write(tree):
+    for path, data in tree.items():
+        os.makedirs(os.path.dirname("tree/" + path), exist_ok=True)
+        pathlib.Path("tree", path).write_bytes(data)
+
+
+def files(folder):
+    return {str(path.relative_to(folder)): path.read_bytes() for path in pathlib.Path(folder).rglob("*") if path.is_file()}
+
+
+def run(store, command, rules=""):
+    environment = {"HOME": os.getcwd(), "TSM_STANDIN_STORE": os.path.abspath(store), "TSM_STANDIN_FAULTS": rules,
+                   "TSMCTL_FILESPACE": "tsmctl", "TSMCTL_PASSWORD": "secret"}
+    shutil.rmtree("out", ignore_errors=True)
+    slow = "sleep 1" if "IDLE 500" in rules else ":"
+    return subprocess.run(["sh", "-c", f"({slow}; echo hello) | exec '{tsmctl}' {command}"], env=environment,
+                          capture_output=True, text=True)
+
+
+def state(store):
+    """How many versions each object has, and the bytes of the active one."""
+    versions = [json.loads(line)["path"] for line in run(store, "list --all-versions --json").stdout.splitlines()]
+    done = run(store, "restore / --to out")
+    assert done.returncode == 0, done.stderr
+    active = files("out")
+    return {path: (versions.count(path), active.get(path)) for path in versions}
+
+
+@pytest.fixture(scope="module", autouse=True)
+def base(tmp_path_factory):
+    """A store with the tree, which then changes, and what there is in it."""
+    os.chdir(tmp_path_factory.mktemp("faults"))
+    write({"a": b"1", "b": b"22", "empty": b"", "sub/big": os.urandom(200_000)})
+    assert run("base", BACKUP).returncode == 0
+    yield state("base"), files("tree")
+    os.chdir("/")
+
+
+@functools.lru_cache(None)
+def after(command):
+    shutil.copytree("base", "twin")
+    assert run("twin", command).returncode == 0
+    done = state("twin")
+    shutil.rmtree("twin")
+    return done
+
+
+def attempt(base, rules, command, status, words):
+    before, tree = base
+    write({"a": b"4444", "b": b"333", "empty": b"2"})
+    shutil.rmtree("store", ignore_errors=True)
+    shutil.copytree("base", "store")
+    done = run("store", command, rules)
+    assert done.returncode in ((0, 1) if status is None else (status,)), done
+    assert words in done.stderr
+    assert done.returncode == 0 or done.stderr
+    if command.startswith("restore"):
+        there = files("out/tree") if os.path.exists("out/tree") else {}
+        assert there.items() <= tree.items()
+        assert (there == tree) == (done.returncode == 0)
+    found = state("store")
+    complete = after(command) if not command.startswith("delete-filespace") else {}
+    if done.returncode == 0:
+        assert found == complete
+    elif command.startswith("backup"):  # each object for itself
+        for path in before.keys() | found.keys():
+            assert found.get(path) in (before.get(path), complete.get(path)), path
+    else:
+        assert found in (before, complete)
+    return done.returncode, done.stderr.splitlines()[:-1]  # the last line has a time
+
+
+@pytest.mark.parametrize("rules, command, status, words", ROWS)
+def test_rules(base, rules, command, status, words):
+    attempt(base, rules, command, status, words)
+
+
+def test_bad_days(base):
+    days = [(base, f"FAULT 4 {seed}", (BACKUP, RESTORE, RENAME, DELETE, STREAM)[seed % 5], None, "") for seed in range(40)]
+    ends = [attempt(*day) for day in days]
+    assert {status for status, _ in ends} == {0, 1}
+    assert [attempt(*day) for day in days[:5]] == ends[:5]
