@@ -366,6 +366,7 @@ TEST_F(Tsmctl, DamageIsNoticed) {
 TEST_F(Tsmctl, WhatMayNotBeRestoredIsTold) {
     if (geteuid() != 0) GTEST_SKIP() << "only root may all of this";
     Expect("mkdir d; touch d/f; mknod d/c c 1 3; chown 1:2 d/f d; chown :3 d/c; tsmctl -q backup d", 0);
+    Expect("tsmctl restore d/c --to -", 1, "", "is not one file or stream");
     Expect("setpriv --bounding-set=-chown,-mknod $T -q restore d --to out && find out/d -printf '%f %U:%G '", 0,
            "d 0:0 f 0:0 ",
            "tsmctl: warning: owner and group not restored (2 objects)\n"

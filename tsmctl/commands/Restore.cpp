@@ -225,8 +225,9 @@ void RestoreTree(const RestoreOptions& options, Context& context, Session& sessi
 void RestoreToOutput(const RestoreOptions& options, Report& report, Session& session,
                      const std::vector<StoredObject>& objects, size_t depth) {
     std::vector<StoredObject> files;
-    std::copy_if(objects.begin(), objects.end(), std::back_inserter(files),
-                 [&](const auto& object) { return object.PlainParts().size() == depth && !object.directory; });
+    std::copy_if(objects.begin(), objects.end(), std::back_inserter(files), [&](const auto& object) {
+        return object.PlainParts().size() == depth && !object.directory && !IsSpecial(object.GetKind());
+    });
     if (files.size() != 1) throw Failure("is not one file or stream");
     Buffer buffer(pieceSize);
     Download download(session, files[0], options.at);
