@@ -46,9 +46,10 @@ void Upload::Send(unsigned char* data, size_t length) {
     constexpr size_t small = 64 << 10;
     sha256_.Add(data, length);
     size_ += static_cast<long long>(length);
-    const bool joins = waiting_.size() + length <= small;
-    if (joins) waiting_.insert(waiting_.end(), data, data + length);
-    if (joins) return;
+    if (waiting_.size() + length <= small) {
+        waiting_.insert(waiting_.end(), data, data + length);
+        return;
+    }
     if (!waiting_.empty()) Put(waiting_.data(), waiting_.size());
     waiting_.clear();
     Put(data, length);
@@ -58,7 +59,7 @@ void Upload::Skip(long long length) {
     size_ += length;
     for (; length > 0; length -= pieceSize) {
         CheckInterrupt();
-        sha256_.Add(Zeros().data(), std::min<size_t>(length, pieceSize));
+        sha256_.Add(Zeros().data(), static_cast<size_t>(std::min<long long>(length, pieceSize)));
     }
 }
 
