@@ -237,6 +237,7 @@ TEST_F(StandIn, OptionsFile) {
                             "CLOCK 2021-03-07 09:05:00 secret",
                             "CLOCK tomorrow",
                             "CLOCK +",
+                            "CLOCK 2021-02-29 12:00:00",
                             "CLOCK 1969-12-31 00:00:00"};
     for (const std::string& line : mistakes) EXPECT_EQ(SetUpWith(line), DSM_RC_INVALID_PARM) << line;
     EXPECT_TRUE(fs::exists(dir_ / "a b" / "catalogue.db"));
@@ -1380,10 +1381,16 @@ TEST_F(OnDisk, ClockAndExpiry) {
         {"CLOCK -31", 2},
         {"CLOCK 2999-01-01 00:00:00", 1},
         {"EXPIRE 90\nCLOCK +89", 1},
+        {"EXPIRE 90\nCLOCK 2999-01-01 00:00:00\nCLOCK +89", 1},
         {"EXPIRE 90\nCLOCK +90", DSM_RC_REJECT_VERIFIER_EXPIRED},
         {"", 2},
     };
-    for (const auto& [lines, expected] : cases) EXPECT_EQ(seen(lines), expected) << lines;
+    for (const auto& [lines, expected] : cases) {
+        EXPECT_EQ(seen(lines), expected) << lines;
+        setenv("TSM_STANDIN_FAULTS", lines, 1);
+        EXPECT_EQ(seen(""), expected) << "in the environment: " << lines;
+        unsetenv("TSM_STANDIN_FAULTS");
+    }
     EXPECT_EQ(seen("EXPIRE 9\nCLOCK +10"), DSM_RC_REJECT_VERIFIER_EXPIRED);
     EXPECT_EQ(Host("NODE", "wrong").rc, DSM_RC_AUTH_FAILURE);
     EXPECT_EQ(Host("NEW").rc, 0);
