@@ -37,6 +37,7 @@ using Texts = std::vector<std::string>;
 std::string fullWhile;  // a file: as long as it is there, SQLite's writes find the disk full
 std::atomic<int> flushes{0}, flushMilliseconds{0};
 std::atomic<bool> failFlush{false};  // the next one
+std::atomic<bool> loseWrites{false};
 
 template <std::size_t size>
 void Set(char (&field)[size], const std::string& text) {
@@ -236,6 +237,7 @@ TEST_F(StandIn, OptionsFile) {
                             "CLOCK 2021-03-07 09:05:00 secret",
                             "CLOCK tomorrow",
                             "CLOCK +",
+                            "CLOCK 2021-02-29 12:00:00",
                             "CLOCK 1969-12-31 00:00:00"};
     for (const std::string& line : mistakes) EXPECT_EQ(SetUpWith(line), DSM_RC_INVALID_PARM) << line;
     EXPECT_TRUE(fs::exists(dir_ / "a b" / "catalogue.db"));
@@ -1006,6 +1008,18 @@ TEST_F(OnDisk, LogBroughtInByAnother) {
     EXPECT_EQ(ReadAll(), allGood_);
 }
 
+// A disk that lost a write has the frame of an earlier log in its place, which is whole.
+TEST_F(OnDisk, LostWriteToTheLog) {
+    const Host host;
+    Sql("PRAGMA wal_checkpoint(RESTART)");
+    EXPECT_EQ(host.Put(Name("/d", "/first"), "x"), 0);
+    loseWrites = true;
+    EXPECT_EQ(host.Put(Name("/d", "/lost"), "x"), 0);
+    loseWrites = false;
+    EXPECT_GT(ReadAll().count(DSM_RC_ABORT_SYSTEM_ERROR), 0U);
+    EXPECT_NE(Content(dir_ / "dsierror.log").find("does not have its checksum"), std::string::npos);
+}
+
 TEST_F(OnDisk, DamagedRowsAreNoAnswers) {
     for (const char* set : {"type = 9", "type = 'x'", "stored = -1", "ended = stored",
                             "hl = CAST(zeroblob(1025) AS BLOB)", "owner = 7", "info = CAST(zeroblob(70000) AS BLOB)"}) {
@@ -1392,10 +1406,16 @@ TEST_F(OnDisk, ClockAndExpiry) {
         {"CLOCK -31", 2},
         {"CLOCK 2999-01-01 00:00:00", 1},
         {"EXPIRE 90\nCLOCK +89", 1},
+        {"EXPIRE 90\nCLOCK 2999-01-01 00:00:00\nCLOCK +89", 1},
         {"EXPIRE 90\nCLOCK +90", DSM_RC_REJECT_VERIFIER_EXPIRED},
         {"", 2},
     };
-    for (const auto& [lines, expected] : cases) EXPECT_EQ(seen(lines), expected) << lines;
+    for (const auto& [lines, expected] : cases) {
+        EXPECT_EQ(seen(lines), expected) << lines;
+        setenv("TSM_STANDIN_FAULTS", lines, 1);
+        EXPECT_EQ(seen(""), expected) << "in the environment: " << lines;
+        unsetenv("TSM_STANDIN_FAULTS");
+    }
     EXPECT_EQ(seen("EXPIRE 9\nCLOCK +10"), DSM_RC_REJECT_VERIFIER_EXPIRED);
     EXPECT_EQ(Host("NODE", "wrong").rc, DSM_RC_AUTH_FAILURE);
     EXPECT_EQ(Host("NEW").rc, 0);
@@ -1491,7 +1511,7 @@ extern "C" ssize_t pwrite64(int file, const void* bytes, size_t size, off64_t of
         errno = ENOSPC;
         return -1;
     }
-    return syscall(SYS_pwrite64, file, bytes, size, offset);
+    return loseWrites ? static_cast<ssize_t>(size) : syscall(SYS_pwrite64, file, bytes, size, offset);
 }
 
 extern "C" int fdatasync(int file) {

@@ -18,6 +18,8 @@ ROWS = [
     ("FAULT dsmSetUp DSM_RC_NO_MEMORY", BACKUP, 1, "(-102), no memory"),
     ("FAULT dsmSetUp 1 x", BACKUP, 1, "dsierror.log"),
     ("FAULT dsmInitEx 137", BACKUP, 1, "wrong password"),
+    ("EXPIRE 1; CLOCK +2", BACKUP, 1, "the password has expired"),
+    ("KEEP STANDARD EXISTING 2 LASTDAYS 1; CLOCK +9", BACKUP, 0, ""),
     ("FAULT dsmSendObj 157 10", BACKUP, 1, "larger than the server's limit"),
     ("FAULT dsmSendData 157 DSM_RC_ABORT_NO_REPOSIT_SPACE", BACKUP, 1, "out of storage space"),
     ("FAULT dsmSendData 2 DSM_RC_ABORT_SYSTEM_ERROR", BACKUP, 1, "cannot send"),

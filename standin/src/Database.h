@@ -29,6 +29,7 @@ private:
     enum class Values { Copied, Outlive };  // the statement's own, or the caller's, which live as long as it does
     void Bind(Values, int index, std::int64_t value);
     void Bind(Values whose, int index, const std::string& value);
+    void Bind(Values, int, const char*) = delete;  // its std::string would not outlive the statement
 
     // One that the database keeps is given back when this is done with, any other ends.
     struct Kept {

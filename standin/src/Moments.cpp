@@ -56,7 +56,9 @@ std::optional<std::int64_t> MomentIn(const char* text) {
         return std::nullopt;
     }
     const std::int64_t date = (year * INT64_C(100) + month) * 100 + day;
-    return MomentsOf(((date * 100 + hour) * 100 + minute) * 100 + second).later;
+    const std::int64_t moment = MomentsOf(((date * 100 + hour) * 100 + minute) * 100 + second).later;
+    if (LocalTime(moment) / 1000000 != date) return std::nullopt;  // a day that the month does not have
+    return moment;
 }
 
 }  // namespace standin

@@ -109,7 +109,7 @@ Options::Options(const envSetUp* setUp) {
     for (const auto& [name, retention] : policy.classes) {
         if (std::none_of(classes.begin(), classes.end(),
                          [&name = name](const MgmtClass& c) { return c.name == name; })) {
-            throw std::runtime_error("options file: KEEP names a class that no MGMTCLASS does");
+            throw std::runtime_error("KEEP names a class that no MGMTCLASS does");
         }
     }
 }
@@ -125,7 +125,7 @@ void Options::ReadFile(const std::string& path) {
         const std::string keyword = TakeWord(value);
         const std::string place = "options file " + path + ", line " + std::to_string(number) + ": ";
         if (TakeFault(place, keyword, value)) continue;
-        if (value.empty() || !Take(keyword, value, baseDir)) {
+        if (value.empty() || !(TakePolicy(keyword, value) || Take(keyword, value, baseDir))) {
             // Values may be secret, and so may a lone word be or what stands behind "=": the log tells none of them.
             throw std::runtime_error(place + "not understood" +
                                      (value.empty() ? "" : ": " + keyword.substr(0, keyword.find('='))));
@@ -134,7 +134,8 @@ void Options::ReadFile(const std::string& path) {
     if (file.bad()) throw std::runtime_error("options file " + path + ": cannot be read");
 }
 
-// For a program whose options file cannot be changed: rules with a semicolon or the end of a line between them.
+// For a program whose options file cannot be changed: lines of one, with a semicolon or the end of a line between them,
+// but only those that make the server behave in another way.
 void Options::ReadRules(std::string rules) {
     std::replace(rules.begin(), rules.end(), ';', '\n');
     std::istringstream lines(rules);
@@ -144,7 +145,9 @@ void Options::ReadRules(std::string rules) {
         if (rest.empty()) continue;
         const std::string keyword = TakeWord(rest);
         const std::string place = std::string(faultVariable) + ", rule " + std::to_string(number) + ": ";
-        if (!TakeFault(place, keyword, rest)) throw std::runtime_error(place + "not understood");
+        if (!TakeFault(place, keyword, rest) && (rest.empty() || !TakePolicy(keyword, rest))) {
+            throw std::runtime_error(place + "not understood");
+        }
     }
 }
 
@@ -171,10 +174,13 @@ bool Options::Take(const std::string& keyword, const std::string& value, const s
         mayDeleteBackups = Same(value, "YES");
         return mayDeleteBackups || Same(value, "NO");
     }
+    return false;
+}
+
+bool Options::TakePolicy(const std::string& keyword, const std::string& value) {
     if (Same(keyword, "KEEP")) return TakeKeep(value);
     if (Same(keyword, "EXPIRE")) return (passwordDays = Number(value)).value_or(0) > 0;
-    if (Same(keyword, "CLOCK")) return TakeClock(value);
-    return false;
+    return Same(keyword, "CLOCK") && TakeClock(value);
 }
 
 bool Options::TakeKeep(std::string value) {
@@ -195,6 +201,7 @@ bool Options::TakeKeep(std::string value) {
 }
 
 bool Options::TakeClock(const std::string& value) {
+    clockStoppedAt = clockAheadBy = 0;
     if (value[0] == '+' || value[0] == '-') {
         const std::optional<std::int64_t> days = Number(value.substr(1));
         clockAheadBy = (value[0] == '+' ? 1 : -1) * days.value_or(0) * 86400;

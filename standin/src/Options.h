@@ -43,6 +43,7 @@ private:
     void ReadFile(const std::string& path);
     void ReadRules(std::string rules);
     bool TakeFault(const std::string& place, const std::string& keyword, const std::string& rest);
+    bool TakePolicy(const std::string& keyword, const std::string& value);
     bool Take(const std::string& keyword, const std::string& value, const std::string& baseDir);
     bool TakeKeep(std::string value);
     bool TakeClock(const std::string& value);

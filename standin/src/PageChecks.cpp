@@ -58,8 +58,10 @@ struct Flushed {
 struct File {
     sqlite3_file base;  // the first member, which is what SQLite knows
     bool isLog, writable;
-    bool ends;              // a log that is taken to end with its first bad frame, whatever follows
-    Flushed flushed;        // of the main file
+    bool ends;               // a log that is taken to end with its first bad frame, whatever follows
+    Flushed flushed;         // of the main file
+    unsigned char salts[8];  // of the main file's log, as they stood there in this transaction
+    bool saltsKnown;
     File* main;             // of the log
     const char* immutable;  // path of a main file that nobody should change, and how it was found
     struct stat found;
@@ -196,13 +198,22 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
     return size < pageSize;
 }
 
+// False where a write was lost: what lies there is of an earlier log.
+bool IsOfThisLog(File& log, const unsigned char* frame) {
+    File& main = *log.main;
+    const auto same = [&] { return main.saltsKnown && std::memcmp(frame + 8, main.salts, sizeof main.salts) == 0; };
+    if (!same()) main.saltsKnown = log.Get(main.salts, sizeof main.salts, 16);
+    return same();
+}
+
 // Of a frame that SQLite knows to be whole. Its header tells which page it is, which the page's checksum covers.
 int ReadLoggedPage(File& file, void* buffer, sqlite3_int64 offset) {
     unsigned char frame[frameSize];
     const int rc = file.Does().xRead(file.Real(), frame, frameSize, offset - frameHeader);
     if (rc != SQLITE_OK) return rc;
     const unsigned char* const page = frame + frameHeader;
-    if (!PageIsGood(page, (std::int64_t{Number(frame)} - 1) * pageSize)) return SQLITE_IOERR_DATA;
+    const bool good = IsOfThisLog(file, frame) && PageIsGood(page, (std::int64_t{Number(frame)} - 1) * pageSize);
+    if (!good) return SQLITE_IOERR_DATA;
     std::memcpy(buffer, page, pageSize);
     return SQLITE_OK;
 }
@@ -321,6 +332,7 @@ const sqlite3_io_methods methods = {
         return Of(f).Does().xShmMap(Of(f).Real(), part, size, extend, at);
     },
     [](sqlite3_file* f, int from, int count, int flags) {
+        if (flags == (SQLITE_SHM_LOCK | SQLITE_SHM_SHARED)) Of(f).saltsKnown = false;  // a transaction begins
         return Of(f).Does().xShmLock(Of(f).Real(), from, count, flags);
     },
     [](sqlite3_file* f) { Of(f).Does().xShmBarrier(Of(f).Real()); },

@@ -338,6 +338,7 @@ writer.__exit__(None, None, None)
             ("FAULT dsmRenameObj 32", lambda: self.session.rename("", "f", "", "g"), -32),
             ("FAULT dsmDeleteObj 106", lambda: self.session.delete("", "f", all_versions=True), -106),
             ("PARTIALSEND 4; LATENCY * 1", second, 0), ("STRICTSIZE", second, 0),
+            ("EXPIRE 1; CLOCK +2", second, -52), ("KEEP STANDARD EXISTING 2; CLOCK +2", second, 0),
             *((f"FAULT 8 {seed}", second, None) for seed in range(20)),
         ]  # fmt: skip
         for number, (rule, use, code) in enumerate(rows):
