@@ -14,7 +14,7 @@ constexpr int kill = -1;    // as an error: the process dies
 constexpr int killed = 99;  // its exit status then
 
 // What a call can fail with: all but reading needs room, or makes an entry that needs some.
-enum Kind : unsigned { reading = 1, changing = 2, growing = 4 };
+enum Kind : unsigned { Reading = 1, Changing = 2, Growing = 4 };
 
 struct Event {
     char what;  // c create, m mkdir, w write, t truncate, s flush, r rename, l link, u unlink, ! a fault, others: notes

@@ -471,11 +471,11 @@ void RunAll(const Scenario& steps, std::size_t from, std::size_t to) {
 }
 
 // The exit status of a child that does the work, or minus the signal that ended it.
-int InChild(const std::function<void()>& work_) {
+int InChild(const std::function<void()>& perform) {
     std::cout.flush();
     const pid_t child = fork();
     if (child == 0) {
-        work_();
+        perform();
         _exit(0);
     }
     int status = 0;
@@ -562,9 +562,9 @@ struct Trouble {
     unsigned kinds;
     int error;
 };
-constexpr Trouble troubles[] = {{"EIO", disk::reading | disk::changing | disk::growing, EIO},
-                                {"ENOSPC", disk::growing, ENOSPC},
-                                {"kill", disk::changing | disk::growing, disk::kill}};
+constexpr Trouble troubles[] = {{"EIO", disk::Reading | disk::Changing | disk::Growing, EIO},
+                                {"ENOSPC", disk::Growing, ENOSPC},
+                                {"kill", disk::Changing | disk::Growing, disk::kill}};
 
 // The whole scenario with its nth call in trouble, then the one for afterwards. What both leave, and that nobody
 // else's files were touched, is looked at.
@@ -617,7 +617,7 @@ void Faults(long every) {
 // flushed, a file's bytes once the file was.
 class Platter {
 public:
-    enum Power { on, off, offAtRandom };  // the last one: each change that was not flushed may have reached the disk
+    enum Power { On, Off, OffAtRandom };  // the last one: each change that was not flushed may have reached the disk
 
     void Apply(const disk::Event& e) {
         if (e.what == 'c') {
@@ -705,7 +705,7 @@ private:
         fs::permissions(path, fs::perms::owner_all);
         Entries entries = power == on ? folder.entries : folder.durable;
         for (const auto& change : folder.changes) {
-            if (power != offAtRandom || Chance(2) == 0) continue;
+            if (power != OffAtRandom || Chance(2) == 0) continue;
             for (const auto& [name, node] : change) Change(entries, name, node);
         }
         for (const auto& [name, node] : entries) {
@@ -715,7 +715,7 @@ private:
             }
             std::string bytes = power == on ? node->now : node->flushed;
             for (disk::Event e : node->pending) {
-                if (power != offAtRandom || Chance(2) == 0) continue;
+                if (power != OffAtRandom || Chance(2) == 0) continue;
                 if (Chance(4) == 0) e.bytes.resize(e.bytes.size() / 1024 * 512);  // torn
                 Change(bytes, e);
             }
@@ -741,12 +741,12 @@ long CutAll(const std::string& name, const Scenario& steps, const std::vector<di
         if (!std::strchr("cmwtsrlu", events[i].what)) continue;
         platter.Apply(events[i]);
         if (i < from || Chance(every) != 0) continue;
-        for (const auto power : {Platter::off, Platter::offAtRandom, Platter::offAtRandom}) {
+        for (const auto power : {Platter::Off, Platter::OffAtRandom, Platter::OffAtRandom}) {
             NewDisk();
             fs::remove(work / "disk");
             platter.Build(work / "disk", power);
             const std::string where = name + ", power off after event " + std::to_string(i) + " (" + events[i].what +
-                                      " " + events[i].path + (power == Platter::off ? "" : ", at random") + ")";
+                                      " " + events[i].path + (power == Platter::Off ? "" : ", at random") + ")";
             Compare(where, Possible(steps, events, i + 1), Opened());
             ++cuts;
         }
@@ -758,13 +758,13 @@ void Cuts(long every) {
     Scenario steps = Whole();
     steps.erase(steps.begin() + 1);  // others' files were not flushed
     const std::size_t whole = steps.size() - afterwards.size();
-    const long calls = CountCalls(steps, disk::changing | disk::growing);
+    const long calls = CountCalls(steps, disk::Changing | disk::Growing);
     const std::vector<disk::Event> events = disk::Events();
 
     // The record is complete: it makes the same folder.
     Platter platter;
     for (const auto& e : events) platter.Apply(e);
-    platter.Build(work / "again", Platter::on);
+    platter.Build(work / "again", Platter::On);
     const std::string same = "diff -r '" + (work / "disk").string() + "' '" + (work / "again").string() + "'";
     if (std::system(same.c_str()) != 0) Problem("record", "is not complete");
 
@@ -772,7 +772,7 @@ void Cuts(long every) {
     long cuts = 0, kills = 0;
     for (long nth = 1 + Chance(10 * every); nth <= calls; nth += 10 * every, ++kills) {
         NewDisk();
-        disk::FailNth(nth, disk::changing | disk::growing, disk::kill);
+        disk::FailNth(nth, disk::Changing | disk::Growing, disk::kill);
         InChild([&] { RunAll(steps, 0, whole); });
         disk::FailNth(0, 0, 0);
         disk::Note('K', 0);

@@ -22,10 +22,10 @@
 
 class Input {
 public:
-    Input(const std::uint8_t* bytes, std::size_t size) : next(bytes), end(bytes + size) {}
+    Input(const std::uint8_t* bytes, std::size_t size) : next_(bytes), end_(bytes + size) {}
 
-    bool Empty() const { return next == end; }
-    std::uint8_t Byte() { return next < end ? *next++ : std::uint8_t{0}; }
+    bool Empty() const { return next_ == end_; }
+    std::uint8_t Byte() { return next_ < end_ ? *next_++ : std::uint8_t{0}; }
     std::uint16_t Word() {
         const unsigned high = Byte();
         return static_cast<std::uint16_t>(high << 8 | Byte());
@@ -37,9 +37,9 @@ public:
     }
     // Up to limit of the next bytes.
     std::string Bytes(std::size_t limit) {
-        const std::size_t size = std::min({std::size_t{Byte()}, limit, static_cast<std::size_t>(end - next)});
-        const std::string bytes(reinterpret_cast<const char*>(next), size);
-        next += size;
+        const std::size_t size = std::min({std::size_t{Byte()}, limit, static_cast<std::size_t>(end_ - next_)});
+        const std::string bytes(reinterpret_cast<const char*>(next_), size);
+        next_ += size;
         return bytes;
     }
     // Some bytes, over and over: length of them.
@@ -52,8 +52,8 @@ public:
     }
 
 private:
-    const std::uint8_t* next;
-    const std::uint8_t* const end;
+    const std::uint8_t* next_;
+    const std::uint8_t* const end_;
 };
 
 // Texts as a host passes them: each in a block of its own of exactly its size, until the input is done.
@@ -61,9 +61,9 @@ class Texts {
 public:
     char* Keep(const std::string& text) {
         const std::size_t size = strnlen(text.data(), text.size()) + 1;
-        kept.emplace_back(new char[size]);
-        std::memcpy(kept.back().get(), text.c_str(), size);
-        return kept.back().get();
+        kept_.emplace_back(new char[size]);
+        std::memcpy(kept_.back().get(), text.c_str(), size);
+        return kept_.back().get();
     }
     // Any text, or null.
     char* Any(Input& input) {
@@ -86,7 +86,7 @@ public:
     }
 
 private:
-    std::vector<std::unique_ptr<char[]>> kept;
+    std::vector<std::unique_ptr<char[]>> kept_;
 };
 
 #endif

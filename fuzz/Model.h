@@ -26,7 +26,7 @@ public:
         const Version* version;
     };
 
-    explicit Model(char slash) : delimiter(1, slash) {}
+    explicit Model(char slash) : delimiter_(1, slash) {}
 
     std::string HighLevel(std::string path) const;
     std::string LowLevel(const char* name) const;
@@ -43,8 +43,8 @@ public:
 private:
     void Remove(const std::vector<Match>& matches, bool forGood, int now);
 
-    const std::string delimiter;
-    std::map<Key, std::vector<Version>> objects;
+    const std::string delimiter_;
+    std::map<Key, std::vector<Version>> objects_;
 };
 
 #endif

@@ -75,9 +75,10 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
     for (const std::string& part : files) {
         std::ifstream in(part, std::ios::binary);
         if (!in) throw Failure(part + ": cannot be read");
-        for (std::string text; std::getline(in, text);) try {
-                if (text.empty()) continue;
-                if (text[0] == '\0') break;  // the unused rest of what is held
+        for (std::string text; std::getline(in, text);) {
+            if (text.empty()) continue;
+            if (text[0] == '\0') break;  // the unused rest of what is held
+            try {
                 Json line = Json::parse(text);
                 const long long pid = line.at("pid").get<long long>();
                 const std::string event = line.value("event", "");
@@ -88,8 +89,7 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
                 }
                 if (const long long number = line.value("n", 0LL)) {
                     const bool known = last.count(pid) != 0;
-                    if (event == "start" && known && number <= last[pid])
-                        last[pid] = 0;  // another process of this number
+                    if (event == "start" && known && number <= last[pid]) last[pid] = 0;  // another process, same id
                     if (known && number <= last[pid]) continue;
                     health.missing += number - last[pid] - 1;
                     last[pid] = number;
@@ -99,6 +99,7 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
             } catch (const Json::exception&) {
                 ++health.unreadable;
             }
+        }
     }
     return health;
 }

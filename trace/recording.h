@@ -24,8 +24,8 @@ struct Health {
 };
 
 // All lines, each process's in their order: of the older parts FILE.N to FILE.1, of FILE, and of what processes that
-// ended suddenly still held. One in which the taker misses a member counts as unreadable. Throws Failure when there is no
-// such file.
+// ended suddenly still held. One in which the taker misses a member counts as unreadable. Throws Failure when there is
+// no such file.
 Health ForEachLine(const std::string& file, const std::function<void(Json&)>& take);
 
 // Only the calls, without those that the API made itself. Every one has the members "call" and "rc".

@@ -35,7 +35,7 @@ void PutAsideCatalogue(const Folder& root, const std::string& name);
 // renamed without it, the catalogue would have lost what was committed.
 void NeedNoLog(const Folder& root, const std::string& name);
 // Throws when the catalogue is not the one that belongs to the mark.
-void NeedIdentity(Database& catalogue, const std::string& identity);
+void NeedIdentity(Database& database, const std::string& identity);
 
 // Puts the catalogue of schema 1 that is there as catalogue-schema1.db beside a new one with all that it holds.
 void TakeOver(const Folder& root, const Mark& mark);

@@ -83,14 +83,14 @@ public:
 private:
     // Single bits, so that the calls' rules can name several.
     enum State : unsigned {
-        idle = 1,
-        querying = 2,
-        queryOver = 4,  // no answers left, end not yet called
-        inTransaction = 8,
-        inObject = 16,
-        getting = 32,
-        inGetObject = 64,
-        getObjectOver = 128  // the last byte is delivered, end not yet called
+        Idle = 1,
+        Querying = 2,
+        QueryOver = 4,  // no answers left, end not yet called
+        InTransaction = 8,
+        InObject = 16,
+        Getting = 32,
+        InGetObject = 64,
+        GetObjectOver = 128  // the last byte is delivered, end not yet called
     };
 
     struct Answers {
@@ -125,7 +125,7 @@ private:
         }
     }
     dsInt16_t AnswerToException();
-    bool InTransaction() const { return state_ & (inTransaction | inObject); }
+    bool HasTransaction() const { return state_ & (InTransaction | InObject); }
     dsInt16_t GiveUp(dsUint16_t reason);
     dsInt16_t Broken(dsInt16_t code, const std::string& text);
     void NeedWritable() const;
@@ -141,7 +141,7 @@ private:
     static constexpr auto inUse = std::chrono::nanoseconds::max();
     std::atomic<std::chrono::nanoseconds> idleSince_{Now()};
     bool told_ = false;  // that it is gone
-    State state_ = idle;
+    State state_ = Idle;
     std::optional<ObjectName> bound_;
     Answers answers_{};
     Transaction transaction_;
