@@ -1,19 +1,21 @@
-#ifndef API_TSMAPI_H
-#define API_TSMAPI_H
+#pragma once
 
 #include <pthread.h>
 
 #include <map>
+#include <type_traits>
 
 #include "api/tsmconnector.h"
 #include "util/DsmApi.h"
 
 class TsmSession;
 
-// The registry behind the exported functions: sets the API up for the process, owns every open session and takes
-// each handle to its session. Its mutex guards the table of sessions; OpenSession, CloseSession and ReleaseTsmApi
-// hold it across their calls of the API, all other operations for the look-up only. InitTsmApi and ReleaseTsmApi
-// must not overlap with anything. Parameters and results are those of tsmconnector.h.
+// The registry behind the exported functions: sets the API up for the process, owns every open session and finds the
+// session of each handle. Its mutex guards the table of sessions; OpenSession, CloseSession and ReleaseTsmApi hold it
+// across their calls of the API, all other operations for the look-up only. InitTsmApi and ReleaseTsmApi must not
+// overlap with anything. No member lets an exception out. Parameters and results are those of tsmconnector.h.
+//
+// Every member function is exported: names and parameter types stay as they are, as do those of the fields.
 class __attribute__((visibility("default"))) TsmApi {
 public:
     TsmApi();
@@ -22,7 +24,7 @@ public:
     TsmApi(const TsmApi&) = delete;
     TsmApi& operator=(const TsmApi&) = delete;
 
-    int InitTsmApi(char* configFile, char* logDir, char* apiDir, char* applicationType);
+    int InitTsmApi(char* configFile, char* logDir, char* apiDir, char* appType);
     int ReleaseTsmApi();
     int OpenSession(char* nodeName, char* ownerName, char* password, char* options, char* extraString,
                     char* userPassword, char* dirDelimiter);
@@ -53,9 +55,10 @@ public:
     int RenameBackup(int handle, const char* oldPath, const char* oldName, const char* newPath, const char* newName);
 
 private:
-    // Calls operation on the session of handle, outside the lock.
-    template <class... Parameters, class Result, class... Arguments>
-    Result Forward(int handle, Result (TsmSession::*operation)(Parameters...), Arguments&&... arguments);
+    // Calls operation(session) with the session of handle, outside the lock. Returns its result, or -2014 where no
+    // session has the handle.
+    template <class Operation>
+    std::invoke_result_t<Operation, TsmSession&> WithSession(int handle, Operation operation);
 
     friend int ::TsmInitApi(char* configFile, char* logDir, char* apiDir, char* applicationType);
 
@@ -64,8 +67,4 @@ private:
     dsmApiVersionEx apiVersion = {};      // handed to every sign-on
     char* applicationType = nullptr;      // owned; null: the sessions' default
     bool initialised = false;             // InitTsmApi went through
-    TsmSession* recent = nullptr;         // what was looked up last, with its handle; null: look it up
-    int recentHandle = 0;
 };
-
-#endif

@@ -27,7 +27,7 @@ namespace {
 constexpr int noSession = -DSM_RC_INVALID_DS_HANDLE;
 constexpr int nowhereToWrite = -DSM_RC_NULL_BUFPTR;
 
-// Flags mean true at exactly 1.
+// Only 1 means true.
 bool Flag(int value) {
     return value == 1;
 }
@@ -35,19 +35,19 @@ bool Flag(int value) {
 // Calls operation on the instance, where there is one.
 template <class Operation>
 auto WithApi(Operation operation) -> decltype(operation(*tsmApi)) {
-    if (tsmApi == nullptr) return noSession;
+    if (!tsmApi) return noSession;
     return operation(*tsmApi);
 }
 
 }  // namespace
 
 int TsmInitApi(char* configFile, char* logDir, char* apiDir, char* applicationType) {
-    if (tsmApi != nullptr) {
+    if (tsmApi) {
         if (tsmApi->initialised) return -DSM_RC_BAD_CALL_SEQUENCE;
         TsmReleaseApi();
     }
     tsmApi = new (std::nothrow) TsmApi;
-    if (tsmApi == nullptr) return -DSM_RC_NO_MEMORY;
+    if (!tsmApi) return -DSM_RC_NO_MEMORY;
     return tsmApi->InitTsmApi(configFile, logDir, apiDir, applicationType);
 }
 
@@ -76,7 +76,7 @@ int TsmConnectToFileSpace(int handle, char* name) {
 }
 
 int TsmGetFileSpaces(int handle, char*** list) {
-    if (list == nullptr) return nowhereToWrite;
+    if (!list) return nowhereToWrite;
     return WithApi([&](TsmApi& api) { return api.GetFileSpaces(handle, *list); });
 }
 
@@ -89,7 +89,7 @@ int TsmDeleteFileSpace(int handle, char* name) {
 }
 
 int TsmGetMgmtClasses(int handle, char*** list) {
-    if (list == nullptr) return nowhereToWrite;
+    if (!list) return nowhereToWrite;
     return WithApi([&](TsmApi& api) { return api.GetMgmtClasses(handle, *list); });
 }
 
@@ -114,7 +114,7 @@ int TsmEndBackup(int handle) {
 }
 
 int TsmGetBackupInfo(int handle, char* path, char* name, int activeOnly, int objectType, TsmObject** objects) {
-    if (objects == nullptr) return nowhereToWrite;
+    if (!objects) return nowhereToWrite;
     return WithApi(
         [&](TsmApi& api) { return api.GetBackupInfo(handle, path, name, Flag(activeOnly), objectType, *objects); });
 }
@@ -125,7 +125,7 @@ int TsmEndGetBackupInfo(int handle) {
 
 int TsmGetBackupInfoPointInTime(int handle, char* path, char* name, char* pointInTime, int objectType,
                                 TsmObject** objects) {
-    if (objects == nullptr) return nowhereToWrite;
+    if (!objects) return nowhereToWrite;
     return WithApi(
         [&](TsmApi& api) { return api.GetBackupInfo(handle, path, name, pointInTime, objectType, *objects); });
 }
@@ -139,7 +139,7 @@ long long TsmBeginRestore(int handle, char* path, char* name, char* pointInTime)
 }
 
 int TsmGetData(int handle, unsigned char** buffer, int size) {
-    if (buffer == nullptr) return nowhereToWrite;
+    if (!buffer) return nowhereToWrite;
     return WithApi([&](TsmApi& api) { return api.GetData(handle, *buffer, size); });
 }
 

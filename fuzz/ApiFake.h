@@ -1,7 +1,6 @@
 // A client API that answers whatever the fuzzer wants: codes, reasons, records, counts. It formats nothing, so that
 // many thousand inputs a second go through.
-#ifndef FUZZ_APIFAKE_H
-#define FUZZ_APIFAKE_H
+#pragma once
 
 #include <vector>
 
@@ -46,5 +45,3 @@ struct ApiFake {
     const unsigned char* sent = nullptr;  // what dsmSendData has to bring, and how much of it is to come
     std::size_t toCome = 0;
 };
-
-#endif

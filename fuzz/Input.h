@@ -1,6 +1,5 @@
 // The fuzzer's bytes, read as choices. Behind their end everything is 0, which stands for the ordinary case.
-#ifndef FUZZ_INPUT_H
-#define FUZZ_INPUT_H
+#pragma once
 
 #include <algorithm>
 #include <cstdint>
@@ -88,5 +87,3 @@ public:
 private:
     std::vector<std::unique_ptr<char[]>> kept_;
 };
-
-#endif

@@ -27,7 +27,7 @@ std::string Model::HighLevel(std::string path) const {
 }
 
 std::string Model::LowLevel(const char* name) const {
-    return delimiter_ + (name == nullptr ? "*" : name);
+    return delimiter_ + (name ? name : "*");
 }
 
 std::vector<Model::Match> Model::Find(const std::string& hl, const std::string& ll, int type, bool activeOnly,

@@ -1,6 +1,5 @@
 // What a filespace has to hold after the calls so far, for ordinary names and a delimiter of one character.
-#ifndef FUZZ_MODEL_H
-#define FUZZ_MODEL_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -46,5 +45,3 @@ private:
     const std::string delimiter_;
     std::map<Key, std::vector<Version>> objects_;
 };
-
-#endif

@@ -5,8 +5,12 @@
 
 #include "session/Inventory.h"
 #include "session/ObjectName.h"
+#include "session/Query.h"
+#include "session/Result.h"
 #include "session/TsmSession.h"
 #include "util/StringUtil.h"
+
+using namespace connector;
 
 namespace {
 
@@ -14,14 +18,14 @@ namespace {
 struct Entry {
     ObjID objId;
     dsUint32_t copyGroup;
-    std::unique_ptr<dsmObjName> name;  // null when the identifier counts
+    std::unique_ptr<dsmObjName> name;  // null: removed by its identifier
 };
 
 // Removes one object in a transaction of its own. Returns 0, the negated return code of the call that failed, or
 // the negated reason. A transaction whose deletion was refused stays open.
 int Remove(dsUint32_t handle, Entry& entry, dsUint16_t& reason) {
     dsmDelInfo info = {};
-    if (entry.name != nullptr) {
+    if (entry.name) {
         info.backInfo.stVersion = delBackVersion;
         info.backInfo.objNameP = entry.name.get();
         info.backInfo.copyGroup = entry.copyGroup;
@@ -30,25 +34,16 @@ int Remove(dsUint32_t handle, Entry& entry, dsUint16_t& reason) {
         info.backIDInfo.objId = entry.objId;
     }
     if (const dsInt16_t rc = dsmBeginTxn(handle)) return Negated(rc);
-    if (const dsInt16_t rc = dsmDeleteObj(handle, entry.name != nullptr ? dtBackup : dtBackupID, info)) {
-        return Negated(rc);
-    }
+    if (const dsInt16_t rc = dsmDeleteObj(handle, entry.name ? dtBackup : dtBackupID, info)) return Negated(rc);
     if (const dsInt16_t rc = dsmEndTxn(handle, DSM_VOTE_COMMIT, &reason)) return Negated(rc);
     return NegatedReason(reason);
 }
 
-// Finds the objects and removes them in the server's order. Returns 0 when all are gone, none was found or the
-// query broke off, and the directory may then be looked at; hl receives its high-level name.
-int RemoveMatching(dsUint32_t handle, const char* fs, const char* delimiter, const char* path, const char* name,
-                   bool allVersions, const char* pointInTime, std::string& hl) {
-    hl = HighLevelPattern(path, delimiter).Text();
-    dsmObjName pattern;
-    if (const int refused = FillObjectName(pattern, fs, hl, LowLevelPattern(name, delimiter), DSM_OBJ_ANY_TYPE)) {
-        return refused;
-    }
+// Finds the objects and removes them in the server's order. Returns 0 when all are gone, when there were none, and when
+// the query broke off: in all three cases the directory above may be empty now.
+int RemoveMatching(dsUint32_t handle, dsmObjName& pattern, bool allVersions, const char* pointInTime) {
     qryBackupData query = BackupQuery(pattern, allVersions ? DSM_ANY_MATCH : DSM_ACTIVE, pointInTime);
-    qryRespBackupData response;
-    Prepare(response);
+    qryRespBackupData response = EmptyBackupResponse();
     if (const dsInt16_t rc = dsmBeginQuery(handle, qtBackup, &query)) return Negated(rc);
     std::vector<Entry> entries;
     const dsInt16_t end = ForEachResponse(handle, response, [&](const qryRespBackupData& found) {
@@ -67,47 +62,47 @@ int RemoveMatching(dsUint32_t handle, const char* fs, const char* delimiter, con
 
 }  // namespace
 
-int TsmSession::Delete(char* path, char* name, bool allVersions, char* pointInTime) {
-    if (path == nullptr) return -DSM_RC_NULL_OBJNAME;
-    return NoThrow([&] {
-        std::string hl;
-        if (const int failure =
-                RemoveMatching(handle, fileSpaceName, dirDelimiter, path, name, allVersions, pointInTime, hl)) {
-            return failure;
-        }
-        _DeleteOrphanDirectories(hl.data(), allVersions);
-        return 0;
-    });
+int TsmSession::Delete(char* path, char* name, bool allVersions, char* pointInTime) try {
+    if (!path) return -DSM_RC_NULL_OBJNAME;
+    std::string hl = HighLevelPattern(path, dirDelimiter);
+    dsmObjName pattern;
+    if (const int refused =
+            FillObjectName(pattern, fileSpaceName, hl, LowLevelPattern(name, dirDelimiter), DSM_OBJ_ANY_TYPE)) {
+        return refused;
+    }
+    if (const int failure = RemoveMatching(handle, pattern, allVersions, pointInTime)) return failure;
+    _DeleteOrphanDirectories(hl.data(), allVersions);
+    return 0;
+} catch (...) {
+    return CaughtResult();
 }
 
-void TsmSession::_DeleteOrphanDirectories(char* path, bool allVersions) {
-    if (path == nullptr) return;
-    NoThrow([&] {
-        std::string directory = path;
-        while (!directory.empty()) {
-            dsmObjName content;
-            if (FillObjectName(content, fileSpaceName, HighLevelPattern(directory, dirDelimiter),
-                               LowLevelPattern(nullptr, dirDelimiter), DSM_OBJ_ANY_TYPE) != 0) {
-                break;
-            }
-            const int found = CountObjects(handle, content, true);
-            EndGetBackupInfo();
-            if (found != 0) break;
-            std::vector<std::string> parts = StringUtil::Split(directory, dirDelimiter[0]);
-            if (parts.empty()) break;
-            const std::string ll = dirDelimiter + parts.back();
-            parts.pop_back();
-            std::string parent;
-            for (std::size_t i = 0; i < parts.size(); ++i) parent += (i == 0 ? "" : dirDelimiter) + parts[i];
-            std::string above;
-            if (RemoveMatching(handle, fileSpaceName, dirDelimiter, parent.c_str(), ll.c_str(), allVersions, nullptr,
-                               above) != 0) {
-                break;
-            }
-            // A delimiter of several characters can lead back to as many levels as there were, and so on for ever.
-            if (StringUtil::Split(above, dirDelimiter[0]).size() > parts.size()) break;
-            directory = above;
+void TsmSession::_DeleteOrphanDirectories(char* path, bool allVersions) try {
+    if (!path) return;
+    std::string directory = path;
+    dsmObjName pattern;
+    while (!directory.empty()) {
+        if (FillObjectName(pattern, fileSpaceName, HighLevelPattern(directory, dirDelimiter),
+                           LowLevelPattern(nullptr, dirDelimiter), DSM_OBJ_ANY_TYPE) != 0) {
+            return;
         }
-        return 0;
-    });
+        if (LookUpAndEndListing(*this, handle, pattern, true).count != 0) return;
+        std::vector<std::string> parts = StringUtil::Split(directory, dirDelimiter[0]);
+        if (parts.empty()) return;
+        const std::string ll = dirDelimiter + parts.back();
+        parts.pop_back();
+        std::string above;
+        for (std::size_t i = 0; i < parts.size(); ++i) above += (i == 0 ? "" : dirDelimiter) + parts[i];
+        directory = HighLevelPattern(above, dirDelimiter);
+        if (FillObjectName(pattern, fileSpaceName, directory, LowLevelPattern(ll.c_str(), dirDelimiter),
+                           DSM_OBJ_ANY_TYPE) != 0) {
+            return;
+        }
+        if (RemoveMatching(handle, pattern, allVersions, nullptr) != 0) return;
+        // With a delimiter of several characters the name above can have as many levels as the one below, and the
+        // climb would never end.
+        if (StringUtil::Split(directory, dirDelimiter[0]).size() > parts.size()) return;
+    }
+} catch (...) {
+    // Want of memory ends the climb like any other failure, and like these it is not reported.
 }

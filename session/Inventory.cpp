@@ -3,24 +3,41 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "session/ObjectName.h"
+#include "session/Query.h"
+#include "session/Result.h"
 #include "session/TsmSession.h"
 #include "util/Helpers.h"
+#include "util/Text.h"
 
-static_assert(sizeof(TsmObject) == 2600 && alignof(TsmObject) == 8, "the record is part of the binary interface");
+using namespace connector;
+
+// Hosts read the records, and index arrays of them, by these offsets.
+static_assert(sizeof(TsmObject) == 2600 && alignof(TsmObject) == 8 && offsetof(TsmObject, lowLevelName) == 1027 &&
+                  offsetof(TsmObject, size) == 1288 && offsetof(TsmObject, backupDate) == 1296 &&
+                  offsetof(TsmObject, objectInfo) == 1316 && offsetof(TsmObject, fileSpace) == 1571 &&
+                  offsetof(TsmObject, isFile) == 2596,
+              "the record is part of the binary interface");
 
 namespace {
 
-// Copies a server's text into a zeroed field, cut so that a terminator stays.
-template <std::size_t FieldSize, std::size_t SourceSize>
-void CopyField(char (&field)[FieldSize], const char (&source)[SourceSize], std::size_t skip = 0) {
-    const std::size_t length = strnlen(source, SourceSize);
-    if (length > skip) std::memcpy(field, source + skip, std::min(length - skip, FieldSize - 1));
+qryBackupData InventoryQuery(dsmObjName& pattern, bool activeOnly, const char* pointInTime) {
+    return BackupQuery(pattern, activeOnly && !pointInTime ? DSM_ACTIVE : DSM_ANY_MATCH, pointInTime);
+}
+
+// Hands every response of the query that is under way to each(response), and ends it. Returns 0 or a negative result.
+template <class Each>
+int FinishInventory(dsUint32_t handle, Each each) {
+    qryRespBackupData response = EmptyBackupResponse();
+    const dsInt16_t end = ForEachResponse(handle, response, each);
+    if (end != DSM_RC_FINISHED && end != DSM_RC_ABORT_NO_MATCH) return NegatedUnexpected(end);
+    return Negated(dsmEndQuery(handle));
 }
 
 bool IsFile(const qryRespBackupData& found) {
@@ -29,33 +46,33 @@ bool IsFile(const qryRespBackupData& found) {
 
 void FillRecord(TsmObject& record, const qryRespBackupData& found) {
     std::memset(&record, 0, sizeof record);
-    CopyField(record.highLevelName, found.objName.hl);
-    CopyField(record.lowLevelName, found.objName.ll);
-    CopyField(record.objectInfo, found.objInfo);
+    CopyCut(record.highLevelName, found.objName.hl);
+    CopyCut(record.lowLevelName, found.objName.ll);
+    CopyCut(record.objectInfo, found.objInfo);
     record.size = Helpers::GetSizeFromStruct(found.sizeEstimate);
     record.isFile = IsFile(found) ? 1 : 0;
-    CopyField(record.fileSpace, found.objName.fs, 1);
+    CopyCut(record.fileSpace, found.objName.fs, 1);
     const dsmDate& date = found.insDate;
     char text[32];  // longer than any date that the fields can hold
-    const int length = std::snprintf(text, sizeof text, "%d-%d-%d %d:%d:%d", date.year, date.month, date.day, date.hour,
-                                     date.minute, date.second);
-    std::memcpy(record.backupDate, text, std::min(static_cast<std::size_t>(length), sizeof record.backupDate - 1));
+    std::snprintf(text, sizeof text, "%d-%d-%d %d:%d:%d", date.year, date.month, date.day, date.hour, date.minute,
+                  date.second);
+    CopyCut(record.backupDate, text);
 }
 
-// Records that grow by doubling and end as one block of exactly their number. Growing a large block moves pages,
-// not bytes, so that a million records need little more room than their own.
+// An array of records that grows by doubling and is cut to its exact size in the end. The C library grows a large
+// block by moving pages, not bytes, so that a million records need little more room than their own.
 class Records {
 public:
     TsmObject& Add() {
-        if (count == INT_MAX) throw std::bad_alloc();  // more than a result can tell
-        if (count == capacity) Resize(capacity == 0 ? 16 : 2 * capacity);
-        return block.get()[count++];
+        if (count_ == INT_MAX) throw std::bad_alloc();  // more than fit into a result
+        if (count_ == capacity_) Resize(capacity_ == 0 ? 16 : 2 * capacity_);
+        return block_.get()[count_++];
     }
-    std::size_t Count() const { return count; }
+    std::size_t Count() const { return count_; }
     // The caller frees the block.
     TsmObject* Release() {
-        Resize(count);
-        return block.release();
+        Resize(count_);
+        return block_.release();
     }
 
 private:
@@ -63,27 +80,32 @@ private:
         void operator()(TsmObject* records) const { std::free(records); }
     };
     void Resize(std::size_t size) {
-        void* moved = std::realloc(static_cast<void*>(block.get()), size * sizeof(TsmObject));
-        if (moved == nullptr) throw std::bad_alloc();
-        block.release();
-        block.reset(static_cast<TsmObject*>(moved));
-        capacity = size;
+        void* const moved = std::realloc(static_cast<void*>(block_.get()), size * sizeof(TsmObject));
+        if (!moved) throw std::bad_alloc();
+        block_.release();
+        block_.reset(static_cast<TsmObject*>(moved));
+        capacity_ = size;
     }
-    std::unique_ptr<TsmObject, Free> block;
-    std::size_t count = 0;
-    std::size_t capacity = 0;
+    std::unique_ptr<TsmObject, Free> block_;
+    std::size_t count_ = 0;
+    std::size_t capacity_ = 0;
 };
 
 }  // namespace
 
-int CountObjects(dsUint32_t handle, dsmObjName& pattern, bool activeOnly, bool* firstIsFile) {
+Existing connector::LookUpAndEndListing(TsmSession& session, dsUint32_t handle, dsmObjName& pattern, bool activeOnly) {
     std::size_t count = 0;
-    const int failure = RunInventory(
-        handle, pattern, activeOnly, nullptr, [] {},
-        [&](const qryRespBackupData& found) {
-            if (count++ == 0 && firstIsFile != nullptr) *firstIsFile = IsFile(found);
+    bool firstIsFile = true;
+    qryBackupData query = InventoryQuery(pattern, activeOnly, nullptr);
+    int failure = Negated(dsmBeginQuery(handle, qtBackup, &query));
+    if (failure == 0) {
+        failure = FinishInventory(handle, [&](const qryRespBackupData& found) {
+            if (count++ == 0) firstIsFile = IsFile(found);
         });
-    return failure != 0 ? failure : Saturated(count);
+    }
+    session.EndGetBackupInfo();
+    if (failure != 0) return {failure, true};
+    return {Saturated(count), firstIsFile};
 }
 
 int TsmSession::GetBackupInfo(char* path, char* name, bool activeOnly, int objectType, TsmObject*& objects) {
@@ -95,29 +117,32 @@ int TsmSession::GetBackupInfo(char* path, char* name, char* pointInTime, int obj
 }
 
 int TsmSession::_GetBackupInfo(char* path, char* name, bool activeOnly, char* pointInTime, int objectType,
-                               TsmObject*& objects) {
-    if (path == nullptr) return -DSM_RC_NULL_OBJNAME;
-    return NoThrow([&] {
-        const dsUint8_t objType = objectType == TSM_OBJECTS_ANY           ? DSM_OBJ_ANY_TYPE
-                                  : objectType == TSM_OBJECTS_DIRECTORIES ? DSM_OBJ_DIRECTORY
-                                                                          : DSM_OBJ_FILE;
-        dsmObjName pattern;
-        if (const int refused = FillObjectName(pattern, fileSpaceName, HighLevelPattern(path, dirDelimiter),
-                                               LowLevelPattern(name, dirDelimiter), objType)) {
-            return refused;
-        }
-        Records records;
-        const int failure = RunInventory(
-            handle, pattern, activeOnly, pointInTime, [&] { objects = nullptr; },
-            [&](const qryRespBackupData& found) { FillRecord(records.Add(), found); });
-        if (failure != 0) return failure;
-        if (records.Count() == 0) return 0;
-        const int count = static_cast<int>(records.Count());
-        TsmObject* found = records.Release();
-        EndGetBackupInfo();
-        objects = backupInfoList = found;
-        return count;
-    });
+                               TsmObject*& objects) try {
+    if (!path) return -DSM_RC_NULL_OBJNAME;
+    const dsUint8_t objType = objectType == TSM_OBJECTS_ANY           ? DSM_OBJ_ANY_TYPE
+                              : objectType == TSM_OBJECTS_DIRECTORIES ? DSM_OBJ_DIRECTORY
+                                                                      : DSM_OBJ_FILE;
+    dsmObjName pattern;
+    if (const int refused = FillObjectName(pattern, fileSpaceName, HighLevelPattern(path, dirDelimiter),
+                                           LowLevelPattern(name, dirDelimiter), objType)) {
+        return refused;
+    }
+    qryBackupData query = InventoryQuery(pattern, activeOnly, pointInTime);
+    if (const dsInt16_t rc = dsmBeginQuery(handle, qtBackup, &query)) return Negated(rc);
+    objects = nullptr;
+    Records records;
+    if (const int failure =
+            FinishInventory(handle, [&](const qryRespBackupData& found) { FillRecord(records.Add(), found); })) {
+        return failure;
+    }
+    if (records.Count() == 0) return 0;
+    const int count = static_cast<int>(records.Count());
+    TsmObject* const found = records.Release();
+    EndGetBackupInfo();
+    objects = backupInfoList = found;
+    return count;
+} catch (...) {
+    return CaughtResult();
 }
 
 int TsmSession::EndGetBackupInfo() {

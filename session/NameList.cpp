@@ -1,28 +1,31 @@
 #include "session/NameList.h"
 
-#include <cstring>
 #include <memory>
+#include <new>
 
-char* CopyText(const char* text, std::size_t length) {
-    char* copy = new char[length + 1]();
-    std::memcpy(copy, text, length);
-    return copy;
-}
+#include "util/Text.h"
 
-char** CopyNames(const std::vector<std::string>& names) {
-    if (names.empty()) return nullptr;
+namespace connector {
+
+void HoldNames(const HeldNames& held, const std::vector<std::string>& names) {
+    if (names.empty()) return;
     std::vector<std::unique_ptr<char[]>> copies;
     copies.reserve(names.size());
-    for (const std::string& name : names) copies.emplace_back(CopyText(name.data(), name.size()));
-    char** list = new char*[names.size()];
-    for (std::size_t i = 0; i < copies.size(); ++i) list[i] = copies[i].release();
-    return list;
+    for (const std::string& name : names) {
+        copies.emplace_back(NewCopy(name.c_str()));
+        if (!copies.back()) throw std::bad_alloc();
+    }
+    held.list = new char*[names.size()];
+    for (std::size_t i = 0; i < copies.size(); ++i) held.list[i] = copies[i].release();
+    held.count = static_cast<int>(names.size());
 }
 
-void ReleaseNames(char**& list, int& count) {
-    if (list == nullptr) return;
-    for (int i = 0; i < count; ++i) delete[] list[i];
-    delete[] list;
-    list = nullptr;
-    count = 0;
+void ReleaseNames(const HeldNames& held) {
+    if (!held.list) return;
+    for (int i = 0; i < held.count; ++i) delete[] held.list[i];
+    delete[] held.list;
+    held.list = nullptr;
+    held.count = 0;
 }
+
+}  // namespace connector

@@ -1,18 +1,21 @@
 // The lists of names that a session hands out: arrays of texts with a count.
-#ifndef SESSION_NAMELIST_H
-#define SESSION_NAMELIST_H
+#pragma once
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
-// A copy of length characters, NUL-terminated, in an array of exactly the room that it needs.
-char* CopyText(const char* text, std::size_t length);
+namespace connector {
 
-// A new array with a copy of every name; null for no names. Owned by the caller, freed with ReleaseNames.
-char** CopyNames(const std::vector<std::string>& names);
+// A list as the session holds it: null and 0 when there is none.
+struct HeldNames {
+    char**& list;
+    int& count;
+};
 
-// Frees a list, if there is one, and leaves an empty one.
-void ReleaseNames(char**& list, int& count);
+// Replaces an empty list with copies of the names; none leave it empty. Throws std::bad_alloc and leaves it empty.
+void HoldNames(const HeldNames& held, const std::vector<std::string>& names);
 
-#endif
+// Frees a list, if there is one.
+void ReleaseNames(const HeldNames& held);
+
+}  // namespace connector

@@ -1,64 +1,58 @@
-// The rules by which paths and names become the API's object names. Each operation combines them its own way.
-#ifndef SESSION_OBJECTNAME_H
-#define SESSION_OBJECTNAME_H
+// How the paths and names of a host become names on the server. Each operation has rules of its own:
+//
+//   operation                   path becomes        name becomes
+//   backup, restore             HighLevelName       NameAsGiven
+//   listing, deletion           HighLevelPattern    LowLevelPattern
+//   rename                      HighLevelName       NormalName
+//     its look-ups              HighLevelPattern    LowLevelPattern
+//   filespace: connect                              WithSlashesRewritten of NameAsGiven
+//   filespace: delete                               NameAsGiven
+//   filespace: access           backslash           "*"
+//
+// With the delimiter "/":     'a\b/'    'a//'    '/'    ''     '*'
+//   NameAsGiven               '/a\b/'   '/a//'   '//'   '/'    '/*'
+//   NormalName                '/a/b'    '/a/'    '/'    '/'    '/*'
+//   HighLevelName             '/a/b'    '/a/'    ''     ''     '/*'
+//   HighLevelPattern          '/a/b'    '/a/'    ''     ''     '*'
+//   LowLevelPattern           '/a/b'    '/a/'    '/'    '/'    '/*'    and '/*' for null
+#pragma once
 
 #include <string>
 #include <string_view>
 
 #include "util/DsmApi.h"
 
-// One part of an object's name, put together but not yet written anywhere. Refers to the texts that it was made of.
-struct NamePart {
-    NamePart(std::string_view ready) : text(ready) {}
-    NamePart(const std::string& ready) : text(ready) {}
-    NamePart(const char* ready) : text(ready) {}
-    NamePart(std::string_view before, std::string_view behind) : front(before), text(behind) {}
+namespace connector {
 
-    std::size_t Size() const { return front.size() + text.size(); }
-    // Writes Size() characters and no terminator.
-    void Write(char* out) const;
-    std::string Text() const;
+// When the delimiter is exactly one kind of slash, the other kind becomes the delimiter.
+std::string WithSlashesRewritten(std::string text, std::string_view delimiter);
 
-    std::string_view front;  // the delimiter, where it was missing
-    std::string_view text;
-    char other = '\0';  // the slash that becomes the delimiter; NUL: none does
-    char delimiter = '\0';
-};
+// The delimiter in front, whatever the name begins with.
+std::string NameAsGiven(std::string_view name, std::string_view delimiter);
 
-// When the delimiter is exactly one kind of slash, the other kind is turned into it.
-NamePart Rewritten(NamePart part, std::string_view delimiter);
+// Slashes rewritten, one delimiter dropped at the end, one put in front where it is missing.
+std::string NormalName(std::string_view text, std::string_view delimiter);
 
-// For texts in which that has been done already, and need not be looked for again.
-inline NamePart AsWritten(NamePart part) {
-    part.other = '\0';
-    return part;
-}
+// The normal name, but empty at the top of the filespace.
+std::string HighLevelName(std::string_view path, std::string_view delimiter);
 
-// Separators rewritten, one delimiter dropped at the end, one put in front where it is missing.
-NamePart Rooted(std::string_view text, std::string_view delimiter);
+// The same, but "*" stays: it means every high-level name.
+std::string HighLevelPattern(std::string_view path, std::string_view delimiter);
 
-// The delimiter in front, whatever the text.
-NamePart Under(std::string_view text, std::string_view delimiter);
-
-// The high-level name of a path: that of the top of the filespace is empty.
-NamePart HighLevelName(std::string_view path, std::string_view delimiter);
-
-// The same where "*" stands for every high-level name.
-NamePart HighLevelPattern(std::string_view path, std::string_view delimiter);
-
-// The low-level name of a name, which may be a pattern; null stands for every name.
-NamePart LowLevelPattern(const char* name, std::string_view delimiter);
+// The normal name, or for null the pattern for every name.
+std::string LowLevelPattern(const char* name, std::string_view delimiter);
 
 // True when both fit the fields of an object name.
-bool Fits(const NamePart& hl, const NamePart& ll);
+bool Fits(std::string_view hl, std::string_view ll);
 
 // Returns 0, -2061 without a filespace or -2120 when a text does not fit.
-int CheckObjectName(const char* fs, const NamePart& hl, const NamePart& ll);
+int CheckObjectName(const char* fs, std::string_view hl, std::string_view ll);
 
 // The same, and fills name when it fits.
-int FillObjectName(dsmObjName& name, const char* fs, const NamePart& hl, const NamePart& ll, dsUint8_t objType);
+int FillObjectName(dsmObjName& name, const char* fs, std::string_view hl, std::string_view ll, dsUint8_t objType);
 
-// Gives a filled name other parts; what else it holds stays. Returns 0, or -2120 when they do not fit.
-int RefillObjectName(dsmObjName& name, const NamePart& hl, const NamePart& ll);
+// Gives a filled name another high-level and low-level name, and costs less than filling it anew. Returns 0, or -2120
+// when they do not fit.
+int RefillObjectName(dsmObjName& name, std::string_view hl, std::string_view ll);
 
-#endif
+}  // namespace connector

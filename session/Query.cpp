@@ -5,14 +5,16 @@
 #include <cstring>
 
 static_assert(sizeof(qryRespBackupData) == 4600 && offsetof(qryRespBackupData, objInfo) == 3064,
-              "the API's headers are not those of the answers expected");
+              "the API's headers have another layout than its answers");
+
+namespace connector {
 
 qryBackupData BackupQuery(dsmObjName& name, dsUint8_t objState, const char* pointInTime) {
     qryBackupData query = {};
     query.stVersion = 2;
     query.objName = &name;
     query.objState = objState;
-    if (pointInTime != nullptr) {
+    if (pointInTime) {
         int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
         std::sscanf(pointInTime, "%4d-%2d-%2d %2d:%2d:%2d", &year, &month, &day, &hour, &minute, &second);
         query.pitDate.year = static_cast<dsUint16_t>(year);
@@ -25,7 +27,11 @@ qryBackupData BackupQuery(dsmObjName& name, dsUint8_t objState, const char* poin
     return query;
 }
 
-void Prepare(qryRespBackupData& response) {
+qryRespBackupData EmptyBackupResponse() {
+    qryRespBackupData response;
     std::memset(&response, 0, sizeof response);
     response.stVersion = 8;
+    return response;
 }
+
+}  // namespace connector

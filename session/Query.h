@@ -1,11 +1,12 @@
-// The query loop, the backup query and its moment: what all listings, look-ups and deletions share.
-#ifndef SESSION_QUERY_H
-#define SESSION_QUERY_H
+// The query loop, and the query for stored versions: what listings, look-ups and deletions share.
+#pragma once
 
 #include "util/DsmApi.h"
 
-// Hands every response of the query that is under way to each(response), and returns the code that ended the
-// loop. Ending the query is the caller's, by that code; only when each throws it is ended here.
+namespace connector {
+
+// Hands every response of the query that is under way to each(response), and returns the code that ended the loop.
+// The caller ends the query, or does not, by that code; it is ended here only when each throws.
 template <class Response, class Each>
 dsInt16_t ForEachResponse(dsUint32_t handle, Response& response, Each each) {
     DataBlk block = {};
@@ -24,11 +25,11 @@ dsInt16_t ForEachResponse(dsUint32_t handle, Response& response, Each each) {
     return rc;
 }
 
-// A backup query for name, which must live as long as the query; a null pointInTime leaves the moment out.
-// The text is read as far as it goes; parts that are not reached are 0.
+// A query for the versions of a name, which must live as long as the query does. A null pointInTime means no moment;
+// of any other text as much is read as is a moment, and the rest of the moment is 0.
 qryBackupData BackupQuery(dsmObjName& name, dsUint8_t objState, const char* pointInTime);
 
-// An empty response buffer for a backup query.
-void Prepare(qryRespBackupData& response);
+// What a backup query's responses are written into.
+qryRespBackupData EmptyBackupResponse();
 
-#endif
+}  // namespace connector

@@ -1,14 +1,15 @@
 // Giving a stored object a new name without sending its data again.
 #include <cstring>
 #include <ctime>
-#include <optional>
 #include <string>
 
-#include "session/Backup.h"
 #include "session/Inventory.h"
 #include "session/ObjectName.h"
+#include "session/PathLevels.h"
 #include "session/Result.h"
 #include "session/TsmSession.h"
+
+using namespace connector;
 
 namespace {
 
@@ -19,14 +20,18 @@ struct Name {
     std::string ll;
 };
 
-// Renames one object in a transaction of its own. No value: it went through and the operation goes on. Otherwise
-// the operation ends with that result, which is 0 also where the server gave no reason.
-std::optional<int> Rename(dsUint32_t handle, const char* fs, const Name& from, const Name& to, bool isFile,
-                          dsUint16_t& reason) {
+struct Outcome {
+    bool renamed;
+    int result;  // of the whole operation, which ends when nothing was renamed; 0 when the server gave no reason
+};
+
+// Renames one object in a transaction of its own.
+Outcome Rename(dsUint32_t handle, const char* fs, const Name& from, const Name& to, bool isFile, dsUint16_t& reason) {
+    const auto ends = [](int result) { return Outcome{false, result}; };
     dsmObjName name;
     const dsUint8_t objType = isFile ? DSM_OBJ_FILE : DSM_OBJ_DIRECTORY;
-    if (const int refused = FillObjectName(name, fs, from.hl, from.ll, objType)) return refused;
-    if (!Fits(to.hl, to.ll)) return -DSM_RC_STRING_TOO_LONG;
+    if (const int refused = FillObjectName(name, fs, from.hl, from.ll, objType)) return ends(refused);
+    if (!Fits(to.hl, to.ll)) return ends(-DSM_RC_STRING_TOO_LONG);
     dsmRenameIn_t in = {};
     in.stVersion = 1;
     in.dsmHandle = handle;
@@ -38,59 +43,62 @@ std::optional<int> Rename(dsUint32_t handle, const char* fs, const Name& from, c
     dsmRenameOut_t out = {};
     out.stVersion = 1;
 
-    if (const dsInt16_t rc = dsmBeginTxn(handle)) return Negated(rc);
+    if (const dsInt16_t rc = dsmBeginTxn(handle)) return ends(Negated(rc));
     const dsInt16_t rc = dsmRenameObj(&in, &out);
-    if (rc != 0 && rc != DSM_RC_WILL_ABORT) return Negated(rc);
-    if (dsmEndTxn(handle, DSM_VOTE_COMMIT, &reason) != 0) return NegatedReason(reason);
-    if (rc == DSM_RC_WILL_ABORT) return 0;
-    return std::nullopt;
+    if (rc != 0 && rc != DSM_RC_WILL_ABORT) return ends(Negated(rc));
+    if (dsmEndTxn(handle, DSM_VOTE_COMMIT, &reason) != 0) return ends(NegatedReason(reason));
+    if (rc == DSM_RC_WILL_ABORT) return ends(0);
+    return {true, 0};
+}
+
+// The local time as ctime writes it, with its newline. Empty where it cannot be written.
+std::string TimeText() {
+    char text[timeTextLength + 1];
+    const std::time_t now = std::time(nullptr);
+    tzset();  // the host may have changed the time zone, which ctime_r alone does not notice
+    return ctime_r(&now, text) ? text : "";
 }
 
 }  // namespace
 
-int TsmSession::RenameBackup(const char* oldPath, const char* oldName, const char* newPath, const char* newName) {
-    if (oldPath == nullptr || oldName == nullptr || newPath == nullptr || newName == nullptr) {
-        return -DSM_RC_NULL_OBJNAME;
+int TsmSession::RenameBackup(const char* oldPath, const char* oldName, const char* newPath, const char* newName) try {
+    if (!oldPath || !oldName || !newPath || !newName) return -DSM_RC_NULL_OBJNAME;
+    Name from{HighLevelName(oldPath, dirDelimiter), NormalName(oldName, dirDelimiter)};
+    Name to{HighLevelName(newPath, dirDelimiter), NormalName(newName, dirDelimiter)};
+    for (const Name* name : {&from, &to}) {
+        if (const int refused = CheckObjectName(fileSpaceName, name->hl, name->ll)) return refused;
     }
-    return NoThrow([&] {
-        Name from{HighLevelName(oldPath, dirDelimiter).Text(), Rooted(oldName, dirDelimiter).Text()};
-        Name to{HighLevelName(newPath, dirDelimiter).Text(), Rooted(newName, dirDelimiter).Text()};
-        for (const Name& name : {from, to}) {
-            if (const int refused = CheckObjectName(fileSpaceName, name.hl, name.ll)) return refused;
-        }
-        if (const int refused = CheckLevels(to.hl, dirDelimiter)) return refused;
+    if (const int refused = CheckLevels(to.hl, dirDelimiter)) return refused;
 
-        // How many versions a name holds (negative: the query failed), and whether the first one is a file.
-        const auto look = [&](const char* path, const char* name, bool& isFile) {
-            bool first = true;
-            dsmObjName pattern;
-            int found = FillObjectName(pattern, fileSpaceName, HighLevelPattern(path, dirDelimiter),
-                                       Rooted(name, dirDelimiter), DSM_OBJ_ANY_TYPE);
-            if (found == 0) found = CountObjects(handle, pattern, false, &first);
-            EndGetBackupInfo();
-            isFile = found <= 0 || first;
-            return found;
-        };
-        bool oldIsFile;
-        bool newIsFile;
-        if (look(oldPath, oldName, oldIsFile) == 0) return -DSM_RC_ABORT_NO_MATCH;
-        dsUint16_t reason = 0;
-        if (look(newPath, newName, newIsFile) > 0) {
-            if (to.hl.size() + timeTextLength > DSM_MAX_HL_LENGTH ||
-                to.ll.size() + timeTextLength > DSM_MAX_LL_LENGTH) {
-                return -DSM_RC_STRING_TOO_LONG;
-            }
-            Delete(const_cast<char*>(newPath), const_cast<char*>(newName), true, nullptr);
-            char timeText[timeTextLength + 1];
-            const std::time_t now = std::time(nullptr);
-            tzset();  // the host may have changed the time zone, which ctime_r alone does not notice
-            if (ctime_r(&now, timeText) == nullptr) return -DSM_RC_ABORT_SYSTEM_ERROR;
-            const Name aside{to.hl + timeText, to.ll + timeText};
-            if (const auto end = Rename(handle, fileSpaceName, to, aside, newIsFile, reason)) return *end;
+    // A look-up that fails does not end the operation: the old name then counts as a file, the new one as free.
+    const auto lookUp = [&](const char* path, const char* name) -> Existing {
+        dsmObjName pattern;
+        if (const int refused = FillObjectName(pattern, fileSpaceName, HighLevelPattern(path, dirDelimiter),
+                                               LowLevelPattern(name, dirDelimiter), DSM_OBJ_ANY_TYPE)) {
+            return {refused, true};
         }
-        if (const auto end = Rename(handle, fileSpaceName, from, to, oldIsFile, reason)) return *end;
-        Delete(from.hl.data(), from.ll.data(), true, nullptr);
-        _BackupDirectories(to.hl.data(), nullptr);
-        return 0;
-    });
+        return LookUpAndEndListing(*this, handle, pattern, false);
+    };
+    const Existing old = lookUp(oldPath, oldName);
+    if (old.count == 0) return -DSM_RC_ABORT_NO_MATCH;
+    const Existing taken = lookUp(newPath, newName);
+    dsUint16_t reason = 0;
+    if (taken.count > 0) {
+        if (to.hl.size() + timeTextLength > DSM_MAX_HL_LENGTH || to.ll.size() + timeTextLength > DSM_MAX_LL_LENGTH) {
+            return -DSM_RC_STRING_TOO_LONG;
+        }
+        Delete(const_cast<char*>(newPath), const_cast<char*>(newName), true, nullptr);
+        const std::string moment = TimeText();
+        if (moment.empty()) return -DSM_RC_ABORT_SYSTEM_ERROR;
+        const Name temporary{to.hl + moment, to.ll + moment};
+        const Outcome aside = Rename(handle, fileSpaceName, to, temporary, taken.firstIsFile, reason);
+        if (!aside.renamed) return aside.result;
+    }
+    const Outcome outcome = Rename(handle, fileSpaceName, from, to, old.firstIsFile, reason);
+    if (!outcome.renamed) return outcome.result;
+    Delete(from.hl.data(), from.ll.data(), true, nullptr);
+    _BackupDirectories(to.hl.data(), nullptr);
+    return 0;
+} catch (...) {
+    return CaughtResult();
 }

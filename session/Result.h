@@ -1,6 +1,5 @@
 // How outcomes of the API become the results that hosts see.
-#ifndef SESSION_RESULT_H
-#define SESSION_RESULT_H
+#pragma once
 
 #include <algorithm>
 #include <climits>
@@ -9,12 +8,14 @@
 
 #include "util/DsmApi.h"
 
+namespace connector {
+
 // A failing return code as a result: minus its magnitude.
 inline int Negated(dsInt16_t rc) {
     return rc > 0 ? -rc : rc;
 }
 
-// The same where not even 0 is among the answers: the API contradicted itself, which must not read as success.
+// The same where 0 is no valid answer either: an API that gives it contradicts itself, which must not read as success.
 inline int NegatedUnexpected(dsInt16_t rc) {
     return rc == 0 ? -DSM_RC_ABORT_SYSTEM_ERROR : Negated(rc);
 }
@@ -24,16 +25,16 @@ inline int NegatedReason(dsUint16_t reason) {
     return -static_cast<int>(reason);
 }
 
-// A count as a result: as many as a result can tell.
+// A count as a result: at most as many as fit.
 inline int Saturated(std::size_t count) {
     return static_cast<int>(std::min<std::size_t>(count, INT_MAX));
 }
 
-// Runs an operation so that no exception leaves the library.
-template <class Operation>
-auto NoThrow(Operation operation) noexcept -> decltype(operation()) {
+// The exception that is being handled, as a result. No exception may leave an exported function: one whose body can
+// throw is a try block as a whole, with this in its handler.
+inline int CaughtResult() noexcept {
     try {
-        return operation();
+        throw;
     } catch (const std::bad_alloc&) {
         return -DSM_RC_NO_MEMORY;
     } catch (...) {
@@ -41,4 +42,4 @@ auto NoThrow(Operation operation) noexcept -> decltype(operation()) {
     }
 }
 
-#endif
+}  // namespace connector

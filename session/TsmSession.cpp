@@ -4,18 +4,16 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "session/NameList.h"
 #include "session/Result.h"
+#include "util/Text.h"
+
+using namespace connector;
 
 namespace {
 
-char* CopyOrNull(const char* text) {
-    return text == nullptr ? nullptr : CopyText(text, std::strlen(text));
-}
-
 // Leaves no copy in memory that is given back. explicit_bzero is not optimised away.
 void WipeAndFree(char*& text) {
-    if (text != nullptr) explicit_bzero(text, std::strlen(text));
+    if (text) explicit_bzero(text, std::strlen(text));
     delete[] text;
     text = nullptr;
 }
@@ -31,38 +29,44 @@ TsmSession::~TsmSession() {
     EndGetMgmtClasses();
 }
 
-void TsmSession::_Init(char* nodeNameArg, char* ownerNameArg, char* passwordArg, char* optionsArg, char* extraStringArg,
-                       char* userPasswordArg, char* dirDelimiterArg) {
-    nodeName = CopyOrNull(nodeNameArg);
-    ownerName = CopyOrNull(ownerNameArg);
-    password = CopyOrNull(passwordArg);
-    options = CopyOrNull(optionsArg);
-    extraString = CopyOrNull(extraStringArg);
-    userPassword = CopyOrNull(userPasswordArg);
-    dirDelimiter = CopyOrNull(dirDelimiterArg != nullptr && dirDelimiterArg[0] != '\0' ? dirDelimiterArg : "\\");
+void TsmSession::_Init(char* node, char* owner, char* secret, char* optionText, char* extraText, char* userSecret,
+                       char* delimiter) {
+    char backslash[] = "\\";
+    const struct {
+        char*& copy;
+        const char* text;
+    } texts[] = {{nodeName, node},
+                 {ownerName, owner},
+                 {password, secret},
+                 {options, optionText},
+                 {extraString, extraText},
+                 {userPassword, userSecret},
+                 {dirDelimiter, delimiter && delimiter[0] != '\0' ? delimiter : backslash}};
+    for (const auto& [copy, text] : texts) {
+        copy = NewCopy(text);
+        if (text && !copy) return _CleanUp();
+    }
 }
 
-int TsmSession::OpenSession(char* nodeNameArg, char* ownerNameArg, char* passwordArg, char* optionsArg,
-                            char* extraStringArg, char* userPasswordArg, char* dirDelimiterArg, char* applicationType,
-                            dsmApiVersionEx apiVersion) {
-    return NoThrow([&] {
-        _Init(nodeNameArg, ownerNameArg, passwordArg, optionsArg, extraStringArg, userPasswordArg, dirDelimiterArg);
-        char defaultType[] = "KARVELON-CLIENT";
-        dsmInitExIn_t in = {};
-        in.stVersion = 5;
-        in.apiVersionExP = &apiVersion;
-        in.clientNodeNameP = nodeName;
-        in.clientOwnerNameP = ownerName;
-        in.clientPasswordP = password;
-        in.userNameP = nodeName;
-        in.userPasswordP = userPassword;
-        in.applicationTypeP = applicationType != nullptr ? applicationType : defaultType;
-        in.options = options;
-        in.dirDelimiter = dirDelimiter[0];
-        dsmInitExOut_t out = {};
-        const dsInt16_t rc = dsmInitEx(&handle, &in, &out);
-        return rc == 0 ? static_cast<int>(handle) : Negated(rc);
-    });
+int TsmSession::OpenSession(char* node, char* owner, char* secret, char* optionText, char* extraText, char* userSecret,
+                            char* delimiter, char* applicationType, dsmApiVersionEx apiVersion) {
+    _Init(node, owner, secret, optionText, extraText, userSecret, delimiter);
+    if (!dirDelimiter) return -DSM_RC_NO_MEMORY;
+    char defaultType[] = "KARVELON-CLIENT";
+    dsmInitExIn_t in = {};
+    in.stVersion = 5;
+    in.apiVersionExP = &apiVersion;
+    in.clientNodeNameP = nodeName;
+    in.clientOwnerNameP = ownerName;
+    in.clientPasswordP = password;
+    in.userNameP = nodeName;
+    in.userPasswordP = userPassword;
+    in.applicationTypeP = applicationType ? applicationType : defaultType;
+    in.options = options;
+    in.dirDelimiter = dirDelimiter[0];
+    dsmInitExOut_t out = {};
+    const dsInt16_t rc = dsmInitEx(&handle, &in, &out);
+    return rc == 0 ? static_cast<int>(handle) : Negated(rc);
 }
 
 int TsmSession::CloseSession() {
@@ -74,7 +78,7 @@ int TsmSession::CloseSession() {
 }
 
 void TsmSession::_CleanUp() {
-    // Passwords can stand in the options and the extra text too.
+    // The options and the extra text can hold passwords too.
     for (char** text :
          {&nodeName, &ownerName, &password, &options, &extraString, &userPassword, &fileSpaceName, &dirDelimiter}) {
         WipeAndFree(*text);
@@ -83,7 +87,7 @@ void TsmSession::_CleanUp() {
 
 char* TsmSession::_RcApiOut(unsigned int apiHandle, short rc) {
     auto* text = static_cast<char*>(std::malloc(DSM_MAX_RC_MSG_LENGTH + 1));
-    if (text == nullptr) return nullptr;
+    if (!text) return nullptr;
     text[0] = '\0';  // for an API that knows no text
     dsmRCMsg(apiHandle, rc, text);
     return text;

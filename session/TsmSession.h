@@ -1,5 +1,4 @@
-#ifndef SESSION_TSMSESSION_H
-#define SESSION_TSMSESSION_H
+#pragma once
 
 #include "api/tsmconnector.h"
 #include "util/DsmApi.h"
@@ -7,6 +6,9 @@
 // One signed-on connection to the server; every storage operation is a member. The registry creates, signs on,
 // signs off and destroys the objects. There is no lock: one object is used by one thread at a time, different
 // objects may be used by different threads. No member lets an exception out. Results are those of tsmconnector.h.
+//
+// Every member function is exported, the private ones too, and so is part of what hosts can bind to: names, parameter
+// types and parameters without a use stay as they are, and so do the names, types and order of the fields.
 class __attribute__((visibility("default"))) TsmSession {
 public:
     TsmSession();
@@ -16,8 +18,8 @@ public:
     TsmSession& operator=(const TsmSession&) = delete;
 
     // The first operation on a new object. Returns the handle that the sign-on gave, or a negative result.
-    int OpenSession(char* nodeName, char* ownerName, char* password, char* options, char* extraString,
-                    char* userPassword, char* dirDelimiter, char* applicationType, dsmApiVersionEx apiVersion);
+    int OpenSession(char* node, char* owner, char* secret, char* optionText, char* extraText, char* userSecret,
+                    char* delimiter, char* applicationType, dsmApiVersionEx apiVersion);
     // Returns 0 or the sign-off's return code, not negated; the handle is gone either way.
     int CloseSession();
 
@@ -47,13 +49,17 @@ public:
 
     // The API's text for a return code, at most 1024 characters; null without memory. The caller frees it with free.
     char* _RcApiOut(unsigned int handle, short rc);
-    // The hook for error messages; format takes the one integer. Drops them.
+    // The hook for the error messages of backups and of the sign-off: format takes the one integer. It drops them; its
+    // calls and their texts stay, so that whoever puts a log here finds them.
     void _Log(char* format, int code);
 
 private:
-    void _Init(char* nodeName, char* ownerName, char* password, char* options, char* extraString, char* userPassword,
-               char* dirDelimiter);
+    // Copies the arguments of the sign-on. It has no result: without memory it leaves all fields null, dirDelimiter
+    // too, which otherwise is never null afterwards.
+    void _Init(char* node, char* owner, char* secret, char* optionText, char* extraText, char* userSecret,
+               char* delimiter);
     void _CleanUp();
+    // Registers a filespace that may exist already. c is not used.
     int _RegisterFileSpace(char* fsName, char* fsType, char* fsInfo, char c);
     // Announces one object under its complete name, in a transaction of its own that stays open on success.
     int _BeginBackup(const char* hl, const char* ll, long long size, char* objInfo, char* mgmtClass);
@@ -84,5 +90,3 @@ private:
 
     dsUint32_t handle = 0;  // the API's; 0 when signed off
 };
-
-#endif

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <deque>
 #include <thread>
+#include <tuple>
 
 #include "Fixture.h"
 #include "session/TsmSession.h"
@@ -120,8 +121,7 @@ TEST_F(Library, RefusesUnknownHandlesWithoutCallingTheApi) {
         unsigned char byte = 0;
         unsigned char* buffer = &byte;
         char* t = C("t");
-        const auto all = [](auto... results) { return std::vector<long long>{results...}; };
-        return all(TsmConnectToFileSpace(4, t), TsmGetFileSpaces(4, &list), TsmEndGetFileSpaces(4),
+        return All(TsmConnectToFileSpace(4, t), TsmGetFileSpaces(4, &list), TsmEndGetFileSpaces(4),
                    TsmDeleteFileSpace(4, t), TsmGetMgmtClasses(4, &list), TsmEndGetMgmtClasses(4),
                    TsmBeginBackup(4, t, t, 1), TsmBeginBackupEx(4, t, t, 1, t, t), TsmSendData(4, &byte, 1),
                    TsmEndBackup(4), TsmGetBackupInfo(4, t, t, 1, 0, &objects), TsmEndGetBackupInfo(4),
@@ -133,6 +133,69 @@ TEST_F(Library, RefusesUnknownHandlesWithoutCallingTheApi) {
     EXPECT_EQ(api.Taken(), Lines{});
     TsmReleaseApi();
     EXPECT_EQ(tryAll(), std::vector<long long>(20, -2014)) << "and without an instance";
+}
+
+TEST_F(Connected, RefusesNullTextsWithoutCallingTheApi) {
+    char* t = C("t");
+    TsmObject* objects = nullptr;
+    EXPECT_EQ(All(TsmConnectToFileSpace(session, nullptr), TsmDeleteFileSpace(session, nullptr),
+                  TsmSetAccess(session, nullptr, t, t), TsmSetAccess(session, t, nullptr, t),
+                  TsmBeginBackup(session, nullptr, t, 1), TsmBeginBackup(session, t, nullptr, 1),
+                  TsmGetBackupInfo(session, nullptr, t, 1, 0, &objects), TsmBeginRestore(session, nullptr, t, t),
+                  TsmBeginRestore(session, t, nullptr, t), TsmDelete(session, nullptr, t, 1, t),
+                  TsmRenameBackup(session, nullptr, t, t, t), TsmRenameBackup(session, t, nullptr, t, t),
+                  TsmRenameBackup(session, t, t, nullptr, t), TsmRenameBackup(session, t, t, t, nullptr)),
+              std::vector<long long>(14, -2000));
+    EXPECT_EQ(api.Taken(), Lines{});
+}
+
+TEST_F(Connected, RefusesNullAddressesWithoutCallingTheApi) {
+    char* t = C("t");
+    unsigned char* nowhere = nullptr;
+    EXPECT_EQ(All(TsmGetFileSpaces(session, nullptr), TsmGetMgmtClasses(session, nullptr),
+                  TsmGetBackupInfo(session, t, t, 1, 0, nullptr), TsmSendData(session, nullptr, 1),
+                  TsmGetBackupInfoPointInTime(session, t, t, nullptr, 0, nullptr), TsmGetData(session, nullptr, 1),
+                  TsmGetData(session, &nowhere, 1)),
+              std::vector<long long>(7, -2009));
+    EXPECT_EQ(TsmSendData(session, Bytes("x"), -1), -109);
+    EXPECT_EQ(api.Taken(), Lines{});
+}
+
+TEST_F(Connected, RefusesTextsThatDoNotFit) {
+    const std::string paths(1024, 'p'), names(256, 'n'), infos(65535, 'i'), levels = "a/" + names + "/b";
+    std::string deep;  // of parts that fit, but too long in all
+    while (deep.size() < 1024) deep += "deep/";
+    char *t = C("t"), *path = C(paths.c_str()), *name = C(names.c_str()), *info = C(infos.c_str());
+    TsmObject* objects = nullptr;
+    const int s = session, slashes = Open(std::string(200, '/').c_str(), 8);
+    EXPECT_EQ(TsmConnectToFileSpace(slashes, t), 0);
+    api.Taken();
+    EXPECT_EQ(
+        All(TsmConnectToFileSpace(s, path), TsmDeleteFileSpace(s, path),
+            TsmSetAccess(s, t, C((paths + "p").c_str()), t), TsmBeginBackup(s, path, t, 1),
+            TsmBeginBackup(s, C(deep.c_str()), t, 1), TsmBeginBackup(s, C(levels.c_str()), t, 1),
+            TsmBeginBackup(s, t, name, 1), TsmBeginBackupEx(s, t, t, 1, info, t),
+            TsmBeginBackup(slashes, C("//x"), t, 1), TsmGetBackupInfo(s, path, t, 1, 0, &objects),
+            TsmGetBackupInfo(s, t, name, 1, 0, &objects), TsmBeginRestore(s, path, t, t),
+            TsmBeginRestore(s, t, name, t), TsmDelete(s, path, t, 0, t), TsmDelete(s, t, name, 0, t),
+            TsmRenameBackup(s, path, t, t, t), TsmRenameBackup(s, t, name, t, t), TsmRenameBackup(s, t, t, path, t),
+            TsmRenameBackup(s, t, t, t, name), TsmRenameBackup(s, t, t, name, t)),  // a directory too long
+        std::vector<long long>(20, -2120));
+    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(TsmGetBackupInfo(s, path + 1, name + 1, 1, 0, &objects), 0) << "just fits";
+    EXPECT_EQ(TsmBeginBackupEx(s, C(""), name + 1, 1, info + 1, nullptr), 0);
+    EXPECT_NE(api.Taken().back().find("length=65535"), std::string::npos);
+}
+
+TEST_F(Library, RefusesObjectsWithoutAFilespace) {
+    const int session = Open("/");
+    char* t = C("t");
+    TsmObject* objects = nullptr;
+    EXPECT_EQ(
+        All(TsmBeginBackup(session, t, t, 1), TsmGetBackupInfo(session, t, t, 1, 0, &objects),
+            TsmBeginRestore(session, t, t, t), TsmDelete(session, t, t, 1, t), TsmRenameBackup(session, t, t, t, t)),
+        std::vector<long long>(5, -2061));
+    EXPECT_EQ(api.Taken(), Lines{});
 }
 
 TEST(Session, WithoutAHandleNeedsNoSignOff) {
@@ -151,31 +214,8 @@ TEST(Session, WithoutAHandleNeedsNoSignOff) {
     std::free(text);
 }
 
-TEST_F(Library, BuildsFilespaceNames) {
-    const std::string longest(1023, 'n');
-    const struct {
-        const char* delimiter;
-        std::string name;
-        std::string connected;
-        std::string deleted;
-    } cases[] = {{"\\", "a/b\\c", "\\a\\b\\c", "\\a/b\\c"},
-                 {"/", "a\\b", "/a/b", "/a\\b"},
-                 {":", "a/b\\c", ":a/b\\c", ":a/b\\c"},
-                 {"/", "/x", "//x", "//x"},
-                 {"/", "", "/", "/"},
-                 {"//", "a\\b", "//a\\b", "//a\\b"},
-                 {"/", longest, "/" + longest, "/" + longest}};
-    for (const auto& c : cases) {
-        const int session = Open(c.delimiter);
-        EXPECT_EQ(TsmConnectToFileSpace(session, C(c.name.c_str())), 0);
-        EXPECT_EQ(TsmDeleteFileSpace(session, C(c.name.c_str())), 0);
-        EXPECT_EQ(api.Taken(), (Lines{"dsmRegisterFS v=1 '" + c.connected + "' 'NTFS' 0:0 0:0 'FS-INFO' length=8",
-                                      "dsmDeleteFS '" + c.deleted + "' repository=1"}));
-    }
+TEST_F(Library, AnswersFailedFilespaceCalls) {
     const int session = Open("/");
-    EXPECT_EQ(TsmSetAccess(session, C("nodeB"), C("\\vm01"), C("ignored")), 0);
-    EXPECT_EQ(api.Taken(), Lines{"dsmSetAccess access=0 '\\vm01' '\\' '*' type=1 node='nodeB' owner=null"});
-
     api.Answers("dsmRegisterFS", {{2062}, {2}, {-3}});
     api.Answers("dsmDeleteFS", {{106}});
     api.Answers("dsmSetAccess", {{-7}});
@@ -188,84 +228,86 @@ TEST_F(Library, BuildsFilespaceNames) {
     TsmObject* objects;
     EXPECT_EQ(TsmGetBackupInfo(session, C(""), C("x"), 1, 0, &objects), 0);
     EXPECT_NE(api.Taken().at(0).find("'/b'"), std::string::npos) << "a failed registration leaves the new name";
-
-    const std::string tooLong = longest + "n";
-    EXPECT_EQ(TsmConnectToFileSpace(session, C(tooLong.c_str())), -2120);
-    EXPECT_EQ(TsmDeleteFileSpace(session, C(tooLong.c_str())), -2120);
-    EXPECT_EQ(TsmSetAccess(session, C("n"), C((tooLong + "n").c_str()), nullptr), -2120);
-    EXPECT_EQ(TsmConnectToFileSpace(session, nullptr), -2000);
-    EXPECT_EQ(TsmDeleteFileSpace(session, nullptr), -2000);
-    EXPECT_EQ(TsmSetAccess(session, nullptr, C("/a"), nullptr), -2000);
-    EXPECT_EQ(TsmSetAccess(session, C("n"), nullptr, nullptr), -2000);
-    EXPECT_EQ(api.Taken(), Lines{});
 }
 
-// Both name listings have the same shape; what differs stands in the table.
+namespace {
+
+// Both listings of names have the same shape; here is what differs.
+const struct NameListing {
+    int (*get)(int, char***);
+    int (*end)(int);
+    std::string begin;
+    std::string next;
+    int noMatch;
+    Lines names;
+    std::size_t longest;
+} nameListings[] = {{TsmGetFileSpaces,
+                     TsmEndGetFileSpaces,
+                     "dsmBeginQuery q=3 v=1 '*'",
+                     "dsmGetNextQObj v=3 length=1672 response=4",
+                     -2,
+                     {"vm01", "data", "data", ""},
+                     1024},
+                    {TsmGetMgmtClasses,
+                     TsmEndGetMgmtClasses,
+                     "dsmBeginQuery q=4 v=1 '' detail=0",
+                     "dsmGetNextQObj v=3 length=290 response=1",
+                     0,
+                     {"\\vm01", "/data", "/data", "/", ""},
+                     31}};
+
+Found Named(const std::string& name) {
+    return Found{name, "", "", 1, 0, "", {}, 1, name};
+}
+
+const std::vector<Found> severalNames = {Named("\\vm01"), Named("/data"), Named("/data"), Named("/"), Named("")};
+
+}  // namespace
+
 TEST_F(Library, ListsNames) {
-    const struct {
-        int (*get)(int, char***);
-        int (*end)(int);
-        std::string begin;
-        std::string next;
-        int noMatch;
-        Lines names;
-    } kinds[] = {{TsmGetFileSpaces,
-                  TsmEndGetFileSpaces,
-                  "dsmBeginQuery q=3 v=1 '*'",
-                  "dsmGetNextQObj v=3 length=1672 response=4",
-                  -2,
-                  {"vm01", "data", "data", ""}},
-                 {TsmGetMgmtClasses,
-                  TsmEndGetMgmtClasses,
-                  "dsmBeginQuery q=4 v=1 '' detail=0",
-                  "dsmGetNextQObj v=3 length=290 response=1",
-                  0,
-                  {"\\vm01", "/data", "/data", "/", ""}}};
-    const auto filespace = [](const char* name) { return Found{name, "", "", 1, 0, "", {}, 1, name}; };
-    const std::vector<Found> four = {filespace("\\vm01"), filespace("/data"), filespace("/data"), filespace("/"),
-                                     filespace("")};
     const int session = Open("/");
-    for (const auto& kind : kinds) {
+    for (const NameListing& listing : nameListings) {
         char** list = nullptr;
         for (int round = 0; round < 2; ++round) {  // the second time the first list is still held
-            api.Finds(four);
-            ASSERT_EQ(kind.get(session, &list), static_cast<int>(kind.names.size()));
-            EXPECT_EQ(Lines(list, list + kind.names.size()), kind.names);
-            EXPECT_EQ(api.Taken(), (Lines{kind.begin, kind.next, "dsmEndQuery"}));
+            api.Finds(severalNames);
+            ASSERT_EQ(listing.get(session, &list), static_cast<int>(listing.names.size()));
+            EXPECT_EQ(Lines(list, list + listing.names.size()), listing.names);
+            EXPECT_EQ(api.Taken(), (Lines{listing.begin, listing.next, "dsmEndQuery"}));
         }
-        EXPECT_EQ(kind.end(session), 0);
-        EXPECT_EQ(kind.end(session), 0);
+        EXPECT_EQ(listing.end(session), 0);
+        EXPECT_EQ(listing.end(session), 0);
         EXPECT_EQ(api.Taken(), Lines{});
-
-        const struct {
-            std::vector<Found> found;
-            dsInt16_t end;
-            dsInt16_t endQuery;
-            int result;
-            std::size_t calls;
-        } endings[] = {{{}, 121, 0, 0, 3},           {{}, 2, 0, kind.noMatch, 2}, {four, 121, 5, -5, 3},
-                       {four, -9, 0, -9, 2},         {four, 11, 0, -11, 2},       {four, 0, 0, -1, 2},
-                       {four, 2, 0, kind.noMatch, 2}};
-        for (const auto& ending : endings) {
-            list = reinterpret_cast<char**>(&list);
-            api.Finds(ending.found, ending.end);
-            if (ending.calls == 3) api.Answers("dsmEndQuery", {{ending.endQuery}});
-            EXPECT_EQ(kind.get(session, &list), ending.result);
-            EXPECT_EQ(list, nullptr);
-            EXPECT_EQ(api.Taken().size(), ending.calls);
-        }
-        char* untouched = nullptr;
-        list = &untouched;
-        api.Answers("dsmBeginQuery", {{4}});
-        EXPECT_EQ(kind.get(session, &list), -4);
-        EXPECT_EQ(list, &untouched);
-        EXPECT_EQ(kind.get(session, nullptr), -2009);
-
         // Texts that fill their fields without a terminator are cut.
-        api.Finds({filespace(std::string(2000, 'x').c_str())});
-        ASSERT_EQ(kind.get(session, &list), 1);
-        EXPECT_EQ(std::strlen(list[0]), kind.noMatch == 0 ? 31u : 1024u);
+        api.Finds({Named(std::string(2000, 'x'))});
+        ASSERT_EQ(listing.get(session, &list), 1);
+        EXPECT_EQ(std::strlen(list[0]), listing.longest);
         api.Taken();
+    }
+}
+
+TEST_F(Library, AnswersFailedListingsOfNames) {
+    const int session = Open("/");
+    const std::string asked = "BeginQuery GetNextQObj", ended = asked + " EndQuery";
+    char *untouched = nullptr, **list = nullptr;
+    for (const NameListing& listing : nameListings) {
+        const auto get = [&] { return list = &untouched, listing.get(session, &list); };
+        Expect({{"dsmBeginQuery", {{4}}}}, -4, "BeginQuery", get);
+        EXPECT_EQ(list, &untouched);
+        const std::tuple<std::vector<Found>, dsInt16_t, int> endings[] = {{{}, 2, listing.noMatch},
+                                                                          {severalNames, 2, listing.noMatch},
+                                                                          {severalNames, -9, -9},
+                                                                          {severalNames, 11, -11},
+                                                                          {severalNames, 0, -1}};
+        for (const auto& [found, end, result] : endings) {
+            api.Finds(found, end);
+            Expect({}, result, asked, get);
+            EXPECT_EQ(list, nullptr);
+        }
+        Expect({}, 0, ended, get);
+        EXPECT_EQ(list, nullptr);
+        api.Finds(severalNames);
+        Expect({{"dsmEndQuery", {{5}}}}, -5, ended, get);
+        EXPECT_EQ(list, nullptr);
     }
 }
 
@@ -276,7 +318,7 @@ std::deque<int> waits;
 
 }  // namespace
 
-// Stand before the C library's, so that they can be made to fail.
+// Answer in place of the C library's, so that they can be made to fail.
 extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*) noexcept {
     *mutex = PTHREAD_MUTEX_INITIALIZER;
     return posixError;

@@ -24,7 +24,7 @@ bool Fails() {
 }
 
 void Release(void* block) {
-    if (block != nullptr && watchedSize != 0 && watched.count(block) != 0) {
+    if (block && watchedSize != 0 && watched.count(block) != 0) {
         const auto* bytes = static_cast<const char*>(block);
         wiped += std::all_of(bytes, bytes + watchedSize, [](char byte) { return byte == 0; });
     }
@@ -35,15 +35,20 @@ void Release(void* block) {
 
 void* operator new(std::size_t size) {
     void* block = Fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (block == nullptr) throw std::bad_alloc();
+    if (!block) throw std::bad_alloc();
     if (size != 0 && size == watchedSize && ApiDouble::inside == 0) watched.insert(block);
     return block;
 }
 void* operator new[](std::size_t size) {
     return operator new(size);
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Fails() ? nullptr : std::malloc(size);
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept try {
+    return operator new(size);
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
 }
 void operator delete(void* block) noexcept {
     Release(block);
@@ -71,12 +76,43 @@ extern "C" void* realloc(void* block, std::size_t size) noexcept {
 }
 #endif
 
-TEST(Memory, EveryFailedAllocationIsAResult) {
-    ApiDouble& api = ApiDouble::Get();
-    const std::string path = "keep/a/component-that-no-string-keeps-in-itself/and/a/long/path";
-    char* p = C(path.c_str());
+// Prepares, runs and checks the result, with each allocation of the run failing in turn until none does. Returns how
+// many have failed.
+template <class Prepare, class Run, class Check>
+int FailEachAllocation(Prepare prepare, Run run, Check check) {
+    for (int nth = 1;; ++nth) {
+        prepare();
+        failed = false;
+        countdown = nth;
+        const long long result = run();
+        countdown = 0;
+        check(result);
+        if (!failed) return nth - 1;
+    }
+}
+
+TEST(Initialisation, IsRefusedWithoutMemory) {
+    ApiDouble::Get().Reset();
+    const auto check = [](long long result) {
+        EXPECT_EQ(result, failed ? -102 : 0);
+        if (tsmApi) TsmReleaseApi();
+    };
+    const auto init = [] { return TsmInitApi(nullptr, nullptr, nullptr, C("APPLICATION")); };
+    EXPECT_GT(FailEachAllocation([] {}, init, check), 1);
+}
+
+TEST_F(Library, SignsNobodyOnWithoutMemory) {
+    const auto check = [&](long long result) {
+        EXPECT_EQ(result, failed ? -102 : 7);
+        EXPECT_EQ(api.Taken().empty(), failed) << "nobody is signed on";
+    };
+    const auto signOn = [] { return TsmOpenSession(C("N"), C("O"), C("P"), C("-x"), C("e"), C("U"), C("/")); };
+    EXPECT_GT(FailEachAllocation([] {}, signOn, check), 7);
+}
+
+TEST_F(Connected, EveryFailedAllocationIsAResult) {
+    char* const p = C("keep/a/component-that-no-string-keeps-in-itself/and/a/long/path");
     const Found object{"/vm", "/a", "/f"};
-    int session = 0;
     char** list = nullptr;
     TsmObject* objects = nullptr;
     unsigned char room[32768] = {};
@@ -89,62 +125,33 @@ TEST(Memory, EveryFailedAllocationIsAResult) {
         std::function<void()> prepare;
         std::function<long long()> run;
         long long expected;
-        bool tidiesUp;  // goes on after failures in what it does for tidiness
+        bool tidiesUp = false;  // goes on after failures in what it does for tidiness
     } operations[] = {
-        {"connect", nothing, [&] { return TsmConnectToFileSpace(session, p); }, 0, false},
-        {"filespaces", findsTwo, [&] { return TsmGetFileSpaces(session, &list); }, 2, false},
-        {"classes", findsTwo, [&] { return TsmGetMgmtClasses(session, &list); }, 2, false},
-        {"delete filespace", nothing, [&] { return TsmDeleteFileSpace(session, p); }, 0, false},
+        {"connect", nothing, [&] { return TsmConnectToFileSpace(session, p); }, 0},
+        {"filespaces", findsTwo, [&] { return TsmGetFileSpaces(session, &list); }, 2},
+        {"classes", findsTwo, [&] { return TsmGetMgmtClasses(session, &list); }, 2},
+        {"delete filespace", nothing, [&] { return TsmDeleteFileSpace(session, p); }, 0},
         {"inventory", [&] { api.Finds(std::vector<Found>(40, object)); },
-         [&] { return TsmGetBackupInfo(session, p, p, 1, 0, &objects); }, 40, false},
-        {"backup", nothing, [&] { return TsmBeginBackupEx(session, p, p, 1, p, p); }, 0, false},
-        {"send", nothing, [&] { return TsmSendData(session, room, sizeof room); }, 0, false},
+         [&] { return TsmGetBackupInfo(session, p, p, 1, 0, &objects); }, 40},
+        {"backup", nothing, [&] { return TsmBeginBackupEx(session, p, p, 1, p, p); }, 0},
+        {"send", nothing, [&] { return TsmSendData(session, room, sizeof room); }, 0},
         {"restore", [&] { findsOne(), api.Answers("dsmGetObj", {{2200}}); },
-         [&] { return TsmBeginRestore(session, p, p, nullptr); }, 0, false},
-        {"read", [&] { api.Answers("dsmGetData", {{121}}); }, [&] { return TsmGetData(session, &buffer, 1); }, 0,
-         false},
+         [&] { return TsmBeginRestore(session, p, p, nullptr); }, 0},
+        {"read", [&] { api.Answers("dsmGetData", {{121}}); }, [&] { return TsmGetData(session, &buffer, 1); }, 0},
         {"delete active", findsTwo, [&] { return TsmDelete(session, p, p, 0, nullptr); }, 0, true},
         {"delete versions", findsTwo, [&] { return TsmDelete(session, p, p, 1, nullptr); }, 0, true},
         {"rename", [&] { findsOne(), findsOne(), findsOne(); },
          [&] { return TsmRenameBackup(session, p, p, "new/path/of/some/length", p); }, 0, true},
     };
-    const auto failing = [](long nth, const auto& run) {
-        failed = false;
-        countdown = nth;
-        const long long result = run();
-        countdown = 0;
-        return result;
-    };
-    long nth = 0;
-    do {
-        const auto result = failing(++nth, [] { return TsmInitApi(nullptr, nullptr, nullptr, C("APPLICATION")); });
-        EXPECT_EQ(result, failed ? -102 : 0);
-        if (tsmApi != nullptr) TsmReleaseApi();
-    } while (failed);
-    EXPECT_GT(nth, 2);
-    ASSERT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), 0);
-    api.Reset();
-    const auto open = [&] { return session = TsmOpenSession(C("N"), C("O"), C("P"), C("-x"), C("e"), C("U"), C("/")); };
-    nth = 0;
-    do {
-        const auto result = failing(++nth, open);
-        EXPECT_EQ(result, failed ? -102 : 7);
-        EXPECT_EQ(api.Taken().empty(), failed) << "nobody is signed on";
-    } while (failed);
     for (const auto& operation : operations) {
         SCOPED_TRACE(operation.name);
-        nth = 0;
-        do {
-            ASSERT_EQ(open(), 7);
-            ASSERT_EQ(TsmConnectToFileSpace(session, C("vm")), 0);
+        const auto prepare = [&] {
+            session = Connect();
             operation.prepare();
-            api.Taken();
-            const long long result = failing(++nth, operation.run);
-            if (!failed) {
-                EXPECT_EQ(result, operation.expected);
-            } else if (!operation.tidiesUp || result != 0) {
-                EXPECT_EQ(result, -102) << nth;
-            }
+        };
+        const auto check = [&](long long result) {
+            const bool passedOver = operation.tidiesUp && result == 0;
+            EXPECT_EQ(result, failed && !passedOver ? -102 : operation.expected);
             const Lines calls = api.TakenNames();
             EXPECT_EQ(std::count(calls.begin(), calls.end(), "dsmBeginQuery"),
                       std::count(calls.begin(), calls.end(), "dsmEndQuery"))
@@ -152,16 +159,14 @@ TEST(Memory, EveryFailedAllocationIsAResult) {
             api.sets.clear();
             EXPECT_EQ(TsmBeginBackup(session, C("d"), C("again"), 1), 0) << "the session is still of use";
             EXPECT_EQ(TsmCloseSession(session), 0);
-        } while (failed);
-        const bool allocates = operation.name != std::string("restore") &&
-                               !(SANITIZER_INSIDE && operation.name == std::string("inventory"));
-        EXPECT_EQ(nth > 1, allocates);
+            api.Taken();
+        };
+        EXPECT_GT(FailEachAllocation(prepare, operation.run, check), 0);
     }
-    TsmReleaseApi();
 }
 
 TEST_F(Library, WipesTheTextsOfASignOn) {
-    char secret[] = "a text that is told by its length, which nothing else has";
+    char secret[] = "a text of a length that nothing else has, so that it is known";
     watchedSize = sizeof secret;
     const int session = TsmOpenSession(secret, secret, secret, secret, secret, secret, nullptr);
     EXPECT_EQ(watched.size(), 6u);

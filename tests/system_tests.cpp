@@ -1,5 +1,5 @@
-// Whole operations: the library and the stand-in, on a store of their own; then each of them with every call that it
-// makes on the API failing.
+// Whole operations of the library over the stand-in, on a store of their own. Then each of them again and again, with
+// another one of its calls on the API failing every time.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -65,7 +65,7 @@ std::string Bytes(std::size_t length) {
     return bytes;
 }
 
-// The name of a version; directory objects are told by a delimiter at the end, the time in a name that was moved
+// The name of a version; a directory object has a delimiter at the end, the time in a name that was moved
 // aside is a tilde.
 std::string Name(const TsmObject& version) {
     std::string line;
@@ -80,7 +80,7 @@ class System : public testing::Test {
 protected:
     void SetUp() override {
         std::string name = "/dev/shm/tsm-system-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) {
+        if (!mkdtemp(name.data())) {
             name = (fs::temp_directory_path() / "tsm-system-XXXXXX").string();
             ASSERT_NE(mkdtemp(name.data()), nullptr);
         }
@@ -89,7 +89,7 @@ protected:
         Start("");
     }
     void TearDown() override {
-        if (tsmApi != nullptr) TsmReleaseApi();
+        if (tsmApi) TsmReleaseApi();
         standinReset();
         fs::remove_all(folder);
     }
@@ -210,8 +210,8 @@ TEST_F(System, ServesManyThreads) {
             for (int i = 0; i < 5; ++i) {
                 const int own = Open();
                 failures[t] |= TsmConnectToFileSpace(own, C("vm"));
-                for (int n = 0; n < 3; ++n)
-                    failures[t] |= Store(own, "t/" + std::to_string(t), std::to_string(n), data);
+                const std::string path = "t/" + std::to_string(t);
+                for (int n = 0; n < 3; ++n) failures[t] |= Store(own, path, std::to_string(n), data);
                 failures[t] |= TsmCloseSession(own);
             }
         });
@@ -226,7 +226,7 @@ TEST_F(System, ServesManyThreads) {
 
 namespace {
 
-enum Stage { nothing, initialised, signedOn, connected };
+enum Stage { Nothing, Initialised, SignedOn, Connected };
 
 struct Operation {
     const char* name;
@@ -323,7 +323,7 @@ protected:
     }
 
     // Runs the operation on the prepared store; the nth call of a function fails ("*": of any; 0: none does). Leaves
-    // the session in one of the ways that hosts are told.
+    // the session in one of the ways that the host guide names.
     long long Run(const char* function, unsigned nth, const Fault& fault) {
         const Operation& op = GetParam();
         fs::remove_all(folder / "store");
@@ -342,7 +342,7 @@ protected:
         calls["*"] = static_cast<unsigned>(standinCalls("*"));
         standinReset();
         standinSetClock("2022-02-02 02:02:03");
-        if (tsmApi == nullptr || session <= 0) return result;
+        if (!tsmApi || session <= 0) return result;
         // A host that got half its data away closes the session, any other may end what is open.
         if (!fault.inARow && std::strcmp(function, "dsmSendData") != 0) {
             if (TsmGetFileSpaces(session, &list) == TSM_RESULT_BAD_CALL_SEQUENCE) TsmEndBackup(session);
@@ -360,7 +360,7 @@ protected:
     Contents Look() {
         Contents found;
         std::size_t large = 0;  // smaller objects have no file
-        if (tsmApi != nullptr) TsmReleaseApi();
+        if (tsmApi) TsmReleaseApi();
         Start("");
         const int filespaces = TsmGetFileSpaces(session, &list);
         for (int i = 0; i < filespaces; ++i) found.names.insert(list[i]);
@@ -386,8 +386,8 @@ protected:
 
 }  // namespace
 
-// Whatever fails, what the operation was to leave alone is there, and nothing is that was neither there before nor to
-// be made; the failure is told, but where the header says otherwise.
+// Whatever fails: nothing is lost that the operation leaves alone, nothing appears that neither was there before nor is
+// there after a success, and the failure is reported, unless the header says otherwise.
 TEST_P(Sweep, SurvivesFailuresOfEveryCall) {
     const Operation& op = GetParam();
     Prepare();
@@ -397,24 +397,25 @@ TEST_P(Sweep, SurvivesFailuresOfEveryCall) {
     const auto undisturbed = calls;
     const Contents after = Look();
     std::string changes;
-    for (const std::string& line : Minus(after.names, before.names))
-        changes += "+" + line.substr(0, line.find(' ')) + " ";
-    for (const std::string& line : Minus(before.names, after.names))
-        changes += "-" + line.substr(0, line.find(' ')) + " ";
+    const auto add = [&](const char* sign, const Lines& lines) {
+        for (const std::string& line : lines) changes += sign + line.substr(0, line.find(' ')) + " ";
+    };
+    add("+", Minus(after.names, before.names));
+    add("-", Minus(before.names, after.names));
     EXPECT_EQ(changes, op.changes);
 
     int count = 0;
     for (const auto& [function, times] : undisturbed) {
         const bool any = function == "*", passedOver = *op.passedOver == '*' || function == op.passedOver;
         for (const Fault& fault : faults) {
-            if (any != fault.inARow || (fault.only != nullptr && function != fault.only)) continue;
+            if (any != fault.inARow || (fault.only && function != fault.only)) continue;
             // A rename believes a commit that answers 0.
             if (fault.rc == 0 && std::strncmp(op.name, "Rename", 6) == 0) continue;
             for (unsigned nth = 1; nth <= times; ++nth, ++count) {
                 SCOPED_TRACE(function + " " + std::to_string(nth) + " answers " + std::to_string(fault.rc) +
                              ", reason " + std::to_string(fault.reason));
                 const long long result = Run(function.c_str(), nth, fault);
-                EXPECT_TRUE(any || passedOver || result != op.result) << "a failure not told";
+                EXPECT_TRUE(any || passedOver || result != op.result) << "a failure that is not reported";
                 const Contents now = Look();
                 EXPECT_EQ(Minus(before.data, now.data), Minus(Minus(before.data, after.data), now.data)) << "lost";
                 EXPECT_EQ(Minus(Minus(now.data, before.data), after.data), Lines{}) << "stray";

@@ -40,6 +40,7 @@ constexpr std::size_t bufferSize = 96 << 10;  // of a thread; used from the fron
 // What a thread has for its lines; they grow on top of each other where the API calls its own functions.
 struct Thread {
     long id;
+    char begin[64];  // of each line: the numbers of process and thread
     int depth;
     std::size_t top;
     char buffer[bufferSize];
@@ -157,7 +158,9 @@ public:
 
     // Both with the lock. A line that must be seen at once does not wait.
     void Write(const char* line, std::size_t size, long long now, bool atOnce) {
-        if (const long long lost = lost_.exchange(0); lost != 0 && !Event("gap", lost)) lost_ += lost;
+        if (lost_ != 0) {
+            if (const long long lost = lost_.exchange(0); !Event("gap", lost)) lost_ += lost;
+        }
         if (lost_ != 0 || !Append(line, size)) return Lose();
         ++lines_;
         if (atOnce || !mapped_ || used_ > capacity - capacity / 4 || now - flushed_ > 100000) {
@@ -351,7 +354,10 @@ class Line {
 public:
     explicit Line(Thread& thread) : thread_(thread), begin_(thread_.top), end_(begin_) {
         ++thread_.depth;
-        if (thread_.id == 0) thread_.id = syscall(SYS_gettid);
+        if (thread_.id == 0) {
+            thread_.id = syscall(SYS_gettid);
+            std::snprintf(thread_.begin, sizeof thread_.begin, "\"pid\":%d,\"tid\":%ld", file.pid, thread_.id);
+        }
         Raw("{");
     }
     ~Line() {
@@ -373,8 +379,7 @@ public:
 
     // The first members of a call's line.
     void Begin(const char* call) {
-        Number("pid", file.pid);
-        Number("tid", thread_.id);
+        Raw(thread_.begin);
         if (thread_.depth > 1) Number("depth", thread_.depth - 1);
         Literal("call", call);
     }
@@ -525,20 +530,22 @@ private:
         full_ = full_ || size > bufferSize - end_;
         return !full_;
     }
-    [[gnu::always_inline]] void Put(const char* text) {
-        const std::size_t size = std::strlen(text);
-        if (!Fits(size)) return;
-        std::memcpy(thread_.buffer + end_, text, size);
-        end_ += size;
-    }
+    // The lengths are known when this is compiled, mostly.
     template <class... Texts>
     [[gnu::always_inline]] void Raw(Texts... texts) {
-        (Put(texts), ...);
+        if (!Fits((std::strlen(texts) + ...))) return;
+        char* out = thread_.buffer + end_;
+        ((out = static_cast<char*>(std::memcpy(out, texts, std::strlen(texts))) + std::strlen(texts)), ...);
+        end_ = static_cast<std::size_t>(out - thread_.buffer);
     }
     // Puts a member's key, unless it is an array's element. Returns nothing to be put.
     [[gnu::always_inline]] const char* Key(const char* key) {
-        if (end_ > begin_ && thread_.buffer[end_ - 1] != '{' && thread_.buffer[end_ - 1] != '[') Raw(",");
-        if (key != nullptr) Raw("\"", key, "\":");
+        const bool first = end_ == begin_ || thread_.buffer[end_ - 1] == '{' || thread_.buffer[end_ - 1] == '[';
+        if (key != nullptr) {
+            first ? Raw("\"", key, "\":") : Raw(",\"", key, "\":");
+        } else if (!first) {
+            Raw(",");
+        }
         return "";
     }
     [[gnu::always_inline]] void Literal(const char* key, const char* text) {
@@ -663,7 +670,7 @@ Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& 
         if (file.on) file.Lose();
         rc = call();
     } else {
-        if (!file.started.exchange(true)) SayStart(*thread, found);
+        if (!file.started && !file.started.exchange(true)) SayStart(*thread, found);
         Line line(*thread);
         line.Begin(name);
         describe(line, arguments...);

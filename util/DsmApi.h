@@ -1,11 +1,8 @@
-// The TSM client API, the one place that includes its headers (in the order that they need).
-#ifndef UTIL_DSMAPI_H
-#define UTIL_DSMAPI_H
+// Includes the TSM client API's headers, in the order that they need. No other file includes them.
+#pragma once
 
 // clang-format off
 #include "dsmapitd.h"
 #include "dsmapifp.h"
 #include "dsmrc.h"
 // clang-format on
-
-#endif

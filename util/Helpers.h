@@ -1,9 +1,8 @@
-#ifndef UTIL_HELPERS_H
-#define UTIL_HELPERS_H
+#pragma once
 
 #include "util/DsmApi.h"
 
-// A number of bytes to and from the API's two words. Stateless; any thread may call any member at any time.
+// Converts a number of bytes to the API's two words and back. Stateless; any thread may call any member at any time.
 class __attribute__((visibility("default"))) Helpers {
 public:
     Helpers();
@@ -12,5 +11,3 @@ public:
     static dsStruct64_t GetSizeEstimate(long long size);
     static long long GetSizeFromStruct(dsStruct64_t size);
 };
-
-#endif

@@ -6,15 +6,15 @@ StringUtil::StringUtil() {}
 StringUtil::~StringUtil() {}
 
 bool StringUtil::StringStartsWith(std::string text, std::string prefix) {
-    return StartsWith(text, prefix);
+    return connector::StartsWith(text, prefix);
 }
 
 bool StringUtil::StringEndsWith(std::string text, std::string suffix) {
-    return EndsWith(text, suffix);
+    return connector::EndsWith(text, suffix);
 }
 
 std::vector<std::string>& StringUtil::Split(const std::string& text, char delimiter, std::vector<std::string>& fields) {
-    // Every delimiter ends a field; what stands behind the last one is a field when it is not empty.
+    // Every delimiter ends a field; what follows the last one is a field unless it is empty.
     std::size_t begin = 0;
     for (std::size_t end; (end = text.find(delimiter, begin)) != text.npos; begin = end + 1) {
         fields.push_back(text.substr(begin, end - begin));

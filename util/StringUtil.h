@@ -1,5 +1,4 @@
-#ifndef UTIL_STRINGUTIL_H
-#define UTIL_STRINGUTIL_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -22,5 +21,3 @@ public:
     static std::vector<std::string>& Split(const std::string& text, char delimiter, std::vector<std::string>& fields);
     static std::vector<std::string> Split(const std::string& text, char delimiter);
 };
-
-#endif

@@ -8,7 +8,7 @@
 namespace {
 
 std::string Text(const char* text) {
-    return text == nullptr ? "null" : "'" + std::string(text) + "'";
+    return text ? "'" + std::string(text) + "'" : "null";
 }
 
 // A field that the library filled, with zeros behind its text.
@@ -137,7 +137,7 @@ void dsmQueryApiVersionEx(dsmApiVersionEx* version) {
 dsInt16_t dsmSetUp(dsBool_t mtFlag, envSetUp* setUp) {
     ANSWER(Number("mt", mtFlag) + Number("v", setUp->stVersion) + " config=" + Text(setUp->dsmiConfig) +
            " dir=" + Text(setUp->dsmiDir) + " log=" + Text(setUp->dsmiLog) + "/" + Text(setUp->logName) +
-           (setUp->argv == nullptr ? "" : " argv"));
+           (setUp->argv ? " argv" : ""));
 }
 
 dsInt16_t dsmCleanUp(dsBool_t mtFlag) {
@@ -191,7 +191,7 @@ dsInt16_t dsmBeginQuery(dsUint32_t handle, dsmQueryType type, dsmQueryBuff* what
     } else {
         const auto* query = static_cast<qryBackupData*>(what);
         arguments += Number("v", query->stVersion) + " " + Text(query->objName) + Number("state", query->objState) +
-                     " at=" + Text(query->pitDate) + (query->owner == nullptr ? "" : " owner");
+                     " at=" + Text(query->pitDate) + (query->owner ? " owner" : "");
     }
     const Answer answer = Api().Call("dsmBeginQuery", arguments);
     if (answer.rc == 0) {
@@ -235,11 +235,11 @@ dsInt16_t dsmEndTxn(dsUint32_t handle, dsUint8_t vote, dsUint16_t* reason) {
 
 dsInt16_t dsmSendObj(dsUint32_t handle, dsmSendType type, void* sendBuff, dsmObjName* name, ObjAttr* attr,
                      DataBlk* block) {
-    ANSWER(H(handle) + Number("send", type) + (sendBuff == nullptr ? "" : " buffer") + " " + Text(name) +
+    ANSWER(H(handle) + Number("send", type) + (sendBuff ? " buffer" : "") + " " + Text(name) +
            Number("v", attr->stVersion) + " owner=" + Text(attr->owner) + " size=" + Text(attr->sizeEstimate) +
            Number("compressed", attr->objCompressed) +
            " info=" + (attr->objInfoLength > 100 ? "long" : Text(attr->objInfo)) +
-           Number("length", attr->objInfoLength) + " mc=" + Text(attr->mcNameP) + (block == nullptr ? "" : " block"));
+           Number("length", attr->objInfoLength) + " mc=" + Text(attr->mcNameP) + (block ? " block" : ""));
 }
 
 dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
@@ -250,7 +250,7 @@ dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
         Api().firstPass = block->bufferPtr;
         Api().firstPassLength = block->bufferLen;
     }
-    // What stands behind the bytes of a later pass.
+    // What follows the bytes of a later pass.
     const std::string tail(block->bufferPtr + block->bufferLen, Api().firstPassLength - block->bufferLen);
     const bool clean = tail.find_first_not_of('\0') == std::string::npos;
     const Answer answer = Api().Call("dsmSendData", H(handle) + Number("v", block->stVersion) + " '" + offered + "'" +
@@ -268,12 +268,11 @@ dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
 
 dsInt16_t dsmBeginGetData(dsUint32_t handle, dsBool_t mountWait, dsmGetType type, dsmGetList* list) {
     ANSWER(H(handle) + Number("wait", mountWait) + Number("get", type) + Number("v", list->stVersion) +
-           Number("n", list->numObjId) + " " + Text(*list->objId) +
-           (list->partialObjData == nullptr ? "" : " partial"));
+           Number("n", list->numObjId) + " " + Text(*list->objId) + (list->partialObjData ? " partial" : ""));
 }
 
 dsInt16_t dsmGetObj(dsUint32_t handle, ObjID* objId, DataBlk* block) {
-    ANSWER(H(handle) + " " + Text(*objId) + (block == nullptr ? "" : " block"));
+    ANSWER(H(handle) + " " + Text(*objId) + (block ? " block" : ""));
 }
 
 dsInt16_t dsmGetData(dsUint32_t handle, DataBlk* block) {
@@ -294,7 +293,7 @@ dsInt16_t dsmDeleteObj(dsUint32_t handle, dsmDelType type, dsmDelInfo info) {
     const ApiDouble::Inside inside;
     std::string arguments = H(handle) + Number("del", type);
     if (type == dtBackup) {
-        const dsmObjName& name = *info.backInfo.objNameP;  // the server's own, with what stands behind its texts
+        const dsmObjName& name = *info.backInfo.objNameP;  // the server's own, with what follows its texts
         arguments += Number("v", info.backInfo.stVersion) + " " + Text(name.fs) + " " + Text(name.hl) + " " +
                      Text(name.ll) + Number("type", name.objType) + Number("group", info.backInfo.copyGroup);
     } else {

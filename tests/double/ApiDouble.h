@@ -1,7 +1,6 @@
-// A double of the TSM client API: writes down every call with its arguments and answers as it was told to. It is
-// linked into the test program, in front of the library that the connector was linked with.
-#ifndef TESTS_DOUBLE_APIDOUBLE_H
-#define TESTS_DOUBLE_APIDOUBLE_H
+// A double of the TSM client API: writes down every call with its arguments and answers as a test has scripted it. It
+// is linked into the test program, ahead of the library that the connector was linked with.
+#pragma once
 
 #include <cstdint>
 #include <deque>
@@ -76,5 +75,3 @@ private:
     Lines calls_;
     std::map<std::string, std::deque<Answer>> scripted_;
 };
-
-#endif

@@ -1,17 +1,20 @@
-// The directory objects that stand above an object.
-#ifndef SESSION_BACKUP_H
-#define SESSION_BACKUP_H
+// The directory objects that a path has on the server: one for each of its levels.
+#pragma once
 
 #include <algorithm>
 #include <string>
 #include <string_view>
 
-// Calls visit(hl, ll) with the name of the directory object of each level of path, a complete high-level name, from
-// the top down, until one gives a result other than 0, which is returned. What stands before the first delimiter is
-// no level, nor is what stands behind one at the end.
+#include "session/ObjectName.h"
+
+namespace connector {
+
+// Calls visit(hl, ll) with the name of each level's directory object, from the top down, until one call gives a result
+// other than 0, which is returned. path is a complete high-level name. What comes before its first delimiter is no
+// level, nor is the nothing behind one at its end: '/a/b' has the levels ('', '/a') and ('/a', '/b').
 template <class Visit>
 int ForEachLevel(std::string_view path, std::string_view delimiter, Visit visit) {
-    // The levels end at the delimiter's first character and are joined with the whole of it.
+    // A level ends at the delimiter's first character, but the levels are joined with the whole of it.
     std::string expanded;
     std::string_view joined = path;
     if (delimiter.size() > 1) {
@@ -31,6 +34,11 @@ int ForEachLevel(std::string_view path, std::string_view delimiter, Visit visit)
 }
 
 // Returns 0, or -2120 when the name of a level does not fit its fields.
-int CheckLevels(std::string_view path, std::string_view delimiter);
+inline int CheckLevels(std::string_view path, std::string_view delimiter) {
+    if (delimiter.size() == 1 && path.size() <= DSM_MAX_LL_LENGTH) return 0;  // no level is longer than the path
+    return ForEachLevel(path, delimiter, [](std::string_view hl, std::string_view ll) {
+        return Fits(hl, ll) ? 0 : -DSM_RC_STRING_TOO_LONG;
+    });
+}
 
-#endif
+}  // namespace connector
