@@ -1,4 +1,4 @@
-// An API that does nothing but its duty: takes or fills the bytes, fills the response.
+// An API that does only what it must: it takes or fills the bytes and fills the response.
 #pragma once
 
 // Objects that every backup query finds from now on, on this thread.

@@ -1,4 +1,4 @@
-// Runs registered benchmarks in pairs, one beside the other, and prints what the pairs gave.
+// Runs registered benchmarks in pairs, one after the other, and prints the results of the pairs.
 #pragma once
 
 #include <benchmark/benchmark.h>

@@ -92,7 +92,7 @@ long Failure() {
     return -1;
 }
 
-// The call itself, its record once it succeeded, and what is left of it when it fails.
+// Makes the call and records it once it succeeded; when it is to fail, leaves behind what such a failure would.
 template <class Call, class Record, class Half>
 long Perform(Kind kind, const std::string& path, Call call, Record record, Half half) {
     if (!Watched(path)) return call();
@@ -354,7 +354,7 @@ int fchmod(int fd, mode_t mode) noexcept {
     return static_cast<int>(Plain(Changing, fd, [&] { return syscall(SYS_fchmod, fd, mode); }));
 }
 int flock(int fd, int operation) noexcept {
-    // Not below the lock of this program: the call may wait.
+    // Outside this program's lock: the call may wait.
     if (Plain(Changing, fd, [] { return 0L; }) != 0) return -1;
     return static_cast<int>(syscall(SYS_flock, fd, operation));
 }

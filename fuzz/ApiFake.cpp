@@ -21,7 +21,7 @@ void CheckName(const dsmObjName* name) {
     CheckField(name->ll);
 }
 
-// Bytes of the input over the whole of a record, so that short inputs leave no field terminated.
+// Fills a whole record with the bytes of the input, so that short inputs leave no field terminated.
 template <class Record>
 void Fill(Record& record, Input& input) {
     const std::string bytes = input.Repeated(sizeof record);

@@ -12,7 +12,7 @@ struct ApiFake {
     explicit ApiFake(Input& bytes);
     ~ApiFake();
 
-    // Before each exported call.
+    // To be called before each exported call.
     void Begin() {
         codes.clear();
         given.clear();
@@ -21,7 +21,7 @@ struct ApiFake {
         commitRc = 0;
         commitReason = 0;
     }
-    // Whether a negative result is |rc| or the reason of an answer.
+    // Whether a negative result is the code or the reason of an answer.
     bool Gave(long long result) const { return std::find(codes.begin(), codes.end(), -result) != codes.end(); }
 
     dsInt16_t Code();

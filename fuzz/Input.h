@@ -1,4 +1,4 @@
-// The fuzzer's bytes, read as choices. Behind their end everything is 0, which stands for the ordinary case.
+// The fuzzer's bytes, read as choices. After their end every choice is 0, which is always the ordinary case.
 #pragma once
 
 #include <algorithm>
@@ -41,7 +41,7 @@ public:
         next_ += size;
         return bytes;
     }
-    // Some bytes, over and over: length of them.
+    // A text of that length, which repeats some bytes.
     std::string Repeated(std::size_t length) {
         std::string text = Bytes(std::min<std::size_t>(64, length));
         if (text.empty()) text = "x";

@@ -103,14 +103,14 @@ bool Model::Rename(const Key& from, const Key& to, int now) {
     if (moved.empty()) return false;
     const int type = std::get<2>(moved.front().key);
     if (!Find(toHl, toLl, DSM_OBJ_ANY_TYPE, false, 0).empty()) Delete(toHl, toLl, true, 0, now);
-    // What is to be moved may have gone with the target: then there is nothing to move, and no harm.
+    // Deleting the target may have removed the source too; then there is nothing to move.
     const auto source = objects_.find({fromHl, fromLl, type});
     if (source != objects_.end()) {
         std::vector<Version> versions = std::move(source->second);
         objects_.erase(source);
         objects_[{toHl, toLl, type}] = std::move(versions);
     }
-    // The old name as the new one: all that was there is gone by now, by the deletion of the target.
+    // The two names may be the same; then deleting the target removed everything.
     Delete(fromHl, fromLl, true, 0, now);
     MakeDirectories(toHl, now);
     return true;

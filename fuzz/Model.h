@@ -1,4 +1,4 @@
-// What a filespace has to hold after the calls so far, for ordinary names and a delimiter of one character.
+// Predicts the content of a filespace after the calls so far, for ordinary names and a delimiter of one character.
 #pragma once
 
 #include <map>

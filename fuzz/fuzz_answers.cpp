@@ -55,7 +55,7 @@ private:
     char* Text() { return texts_.Any(input_); }
     int Flag() { return static_cast<int>(input_.Below(3)); }
 
-    // A failure speaks the vocabulary: an answer of the API in this call, or what the library says by itself.
+    // A failure is the API's answer in this call, or one of the library's own codes.
     void Failure(long long result) {
         static constexpr int own[] = {DSM_RC_ABORT_SYSTEM_ERROR, DSM_RC_ABORT_NO_MATCH,    DSM_RC_INVALID_PARM,
                                       DSM_RC_NULL_OBJNAME,       DSM_RC_NULL_BUFPTR,       DSM_RC_INVALID_DS_HANDLE,
@@ -69,7 +69,7 @@ private:
     }
 
     void Start() {
-        const bool running = tsmApi != nullptr && started_;
+        const bool running = tsmApi && started_;
         const int result = TsmInitApi(Text(), Text(), Text(), Text());
         if (running) {
             REQUIRE(result == -DSM_RC_BAD_CALL_SEQUENCE);
@@ -88,7 +88,7 @@ private:
         static constexpr const char* delimiters[] = {"/", "/", "\\", "", ":", "::", "/\\", "ab", "/a/"};
         char* const delimiter = input_.Byte() < 240 ? texts_.Keep(input_.OneOf(delimiters)) : Text();
         const int handle = TsmOpenSession(Text(), Text(), Text(), Text(), Text(), Text(), delimiter);
-        if (handle > 0) held_[handle] = Held();  // where one is open under it already, that one is gone
+        if (handle > 0) held_[handle] = Held();  // replaces a session that was open under the same handle
     }
 
     void Call() {

@@ -76,7 +76,7 @@ public:
 private:
     Model& Here() { return known_.at(place_[at_]); }
     bool Registered() const { return known_.count(place_[at_]) != 0; }
-    // What a filespace that is not registered holds: nothing.
+    // Finds nothing in a filespace that is not registered.
     std::vector<Model::Match> Found(const std::string& hl, const std::string& ll, int type, bool active, int moment) {
         if (!Registered()) return {};
         return Here().Find(hl, ll, type, active, moment);
@@ -95,7 +95,7 @@ private:
         if (choice < 224) return usual[choice % std::size(usual)];
         std::string name = "n";
         for (const char c : input_.Bytes(6)) {
-            const bool plain = c != '\0' && std::strchr("/\\*?", c) == nullptr;
+            const bool plain = c != '\0' && !std::strchr("/\\*?", c);
             name += plain ? c : '_';
         }
         return name;

@@ -33,7 +33,7 @@ namespace {
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
-// What the system calls at the end of this file do.
+// What the system calls at the end of this file are to do.
 std::string fullWhile;  // a file: as long as it is there, SQLite's writes find the disk full
 std::atomic<int> flushes{0}, flushMilliseconds{0};
 std::atomic<bool> failFlush{false};  // the next one
@@ -110,7 +110,7 @@ struct Host {
         return done != 0 ? done : reason;
     }
 
-    // The object is left open, or is complete.
+    // The object stays open, or is complete.
     void Begin(const dsmObjName& name, const std::string& bytes, const std::string& info = "") const {
         EXPECT_EQ(Announce(name, bytes.size(), info), 0);
         EXPECT_EQ(Send(bytes), 0);
@@ -362,7 +362,7 @@ TEST_F(StandIn, FilespacesAndClasses) {
         qryFSData filespaces{qryFSDataVersion, pattern.data()};
         qryMCData classes{qryMCDataVersion, pattern.data(), bFalse};
         EXPECT_EQ(dsmBeginQuery(host.handle, type, type == qtMC ? static_cast<void*>(&classes) : &filespaces), 0);
-        qryRespFSData record;  // its name stands where that of a class does
+        qryRespFSData record;  // its name is at the same place as a class's
         DataBlk block = Block(&record, sizeof record);
         Texts found;
         while (dsmGetNextQObj(host.handle, &block) == DSM_RC_MORE_DATA) found.push_back(record.fsName);
@@ -379,7 +379,7 @@ TEST_F(StandIn, FilespacesAndClasses) {
     EXPECT_EQ(Files("data") + host.List(Name("*", "*")).size(), 0U);
 }
 
-// Which calls each state takes: the rules of the sequence, call by call.
+// The rules of the sequence: which calls are in order in each state.
 TEST_F(StandIn, CallSequence) {
     const Host host;
     ASSERT_EQ(host.Register(), 0);
@@ -652,7 +652,7 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     EXPECT_EQ(Files("data"), 1U);
     EXPECT_EQ(Files("incoming"), 0U);
 
-    // The server moves on between an operation and its commit.
+    // Another session changes the store between an operation and its commit.
     const Host again;
     std::string filespace = "/fs";
     ASSERT_EQ(dsmBeginTxn(again.handle), 0);
@@ -702,7 +702,8 @@ TEST_F(StandIn, SessionsInParallel) {
     EXPECT_EQ(host.List(Name("*", "*"), DSM_ACTIVE).size(), 2U);
 }
 
-// Opening a store puts aside what the dead left, not what others are sending just then, nor what it did not make.
+// Opening a store puts aside what dead processes left, but not data that others are sending, nor files that it did not
+// make.
 TEST_F(StandIn, Leftovers) {
     const Host host;
     const std::string large(40000, 'l'), random = "-0123456789abcdef";
@@ -715,7 +716,7 @@ TEST_F(StandIn, Leftovers) {
     for (const Texts& names : {dead, foreign}) {
         for (const std::string& name : names) std::ofstream(dir_ / "store" / name) << "left";
     }
-    // Not what a killed commit may have a row for, as long as that cannot be overwritten in the log.
+    // A file stays as long as the commit of a killed process may have a row for it in the log.
     fullWhile = dir_ / "store" / dead.back();
     EXPECT_EQ(SetUpWith("STOREDIR store\n"), 0);
     EXPECT_TRUE(fs::exists(fullWhile));
@@ -774,7 +775,7 @@ TEST_F(StandIn, KilledWriters) {
 
 // ------------------------------------------------------------------- on the disk
 
-// A small store as a process left it that was not killed, and what is then done to its folder.
+// A small store, closed in order, whose folder the test then damages.
 class OnDisk : public StandIn {
 protected:
     OnDisk() {
@@ -806,7 +807,7 @@ protected:
         bytes.at(at) = static_cast<char>(bytes.at(at) ^ 4);
         std::ofstream(path, std::ios::binary) << bytes;
     }
-    // With checksums, or as any other program.
+    // Opens the catalogue with checksums, or as any other program would.
     void Sql(const std::string& text, const char* vfs = "tsm-standin") const {
         sqlite3* database = nullptr;
         constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
@@ -880,7 +881,7 @@ TEST_F(OnDisk, Layout) {
     const std::string mark = Content(Store() / "mark");
     EXPECT_EQ(mark.substr(0, 36), "tsm-standin store\nformat 2\nidentity ");
     EXPECT_EQ(mark.substr(68), "\nstate ready\n");
-    // An opening that was interrupted is gone on with.
+    // The next opening completes an interrupted one.
     const fs::path begun = dir_ / "begun";
     for (const char* text :
          {"tsm-st", "tsm-standin store\nformat 2\nidentity 00112233445566778899aabbccddeeff\nstate new\n"}) {
@@ -893,7 +894,7 @@ TEST_F(OnDisk, Layout) {
     }
 }
 
-// What is no store, or not one that can be trusted, is refused with a sentence and left as it is.
+// A folder that is no store, or not one that can be trusted, is refused with a message and not changed.
 TEST_F(OnDisk, RefusedFolders) {
     ASSERT_EQ(Close(), 0);
     const auto patch = [&](const char* file, std::size_t at, const std::string& bytes) {
@@ -956,7 +957,7 @@ TEST_F(OnDisk, RefusedFolders) {
     }
 }
 
-// Of an object whose data are not what was stored, the last read fails and the log has its name. Others are read.
+// If an object's data were damaged, its last read fails and the log names it. Other objects can be read.
 TEST_F(OnDisk, DamagedData) {
     const std::vector<std::function<void()>> damages = {
         [&] { Flip(DataFile(), 0); },
@@ -967,7 +968,7 @@ TEST_F(OnDisk, DamagedData) {
         [&] { Sql("UPDATE content SET bytes = CAST('b' || substr(bytes, 2) AS BLOB) WHERE id = 3"); },
         [&] { Sql("UPDATE content SET bytes = CAST(bytes || 'a' AS BLOB) WHERE id = 3"); },
         [&] { Sql("DELETE FROM content WHERE id = 3"); },
-        // Values that cannot be.
+        // Impossible values.
         [&] { Sql("UPDATE object_version SET bytes = -1 WHERE id = 3"); },
         [&] { Sql("UPDATE object_version SET bytes = 1 << 60 WHERE id = 3"); },
         [&] { Sql("UPDATE object_version SET bytes = 1000, file = '3-0123456789abcdef' WHERE id = 3"); },
@@ -993,7 +994,7 @@ TEST_F(OnDisk, DamagedData) {
     }
 }
 
-// SQLite brings a log that was left into the file, whichever program opens it: pages have their checksums there too.
+// Any program that opens the catalogue moves a leftover log into it. Those pages have checksums too.
 TEST_F(OnDisk, LogBroughtInByAnother) {
     fs::copy(Store(), dir_ / "kept", fs::copy_options::recursive);
     ASSERT_EQ(Close(), 0);
@@ -1062,7 +1063,7 @@ TEST_F(OnDisk, ReadOnlyStore) {
         EXPECT_EQ(host.Rename(name, Name("/d", "/x"), bFalse), DSM_RC_ACCESS_DENIED);
         EXPECT_EQ(host.Transact([&] { return host.Announce(name, 1); }), DSM_RC_ACCESS_DENIED);
     };
-    // As it is while it is open, with a log, and as the last one leaves it.
+    // With a log, as while it is open, and without, as after closing.
     for (const bool withLog : {true, false}) {
         fs::remove_all(dir_ / "copy");
         if (!withLog) Close();
@@ -1097,7 +1098,7 @@ TEST_F(OnDisk, ReadOnlyStore) {
     }
 }
 
-// The disk is full as long as the reserve is there. What stores is refused with the reason, and may not have it.
+// The disk is full as long as the reserve exists. Storing is refused with the reason, and may not use the reserve.
 TEST_F(OnDisk, FullDisk) {
     const Host host;
     const std::string reserve = Store() / "reserve";
@@ -1209,8 +1210,8 @@ TEST_F(StandIn, ChangesBeforeAnObjectInOneTransaction) {
     }
 }
 
-// Whatever the clocks say: no version ends before it began or begins before the one before it ended, and the date of
-// a version means that version.
+// Even if clocks go wrong, a version never ends before it began or begins before the previous one ended, and a
+// version's date means that version.
 TEST_F(StandIn, MomentsNeverRunBackwards) {
     const Host host;
     ASSERT_EQ(host.Register(), 0);
@@ -1258,7 +1259,7 @@ TEST_F(StandIn, MomentsNeverRunBackwards) {
     tzset();
 }
 
-// What a class keeps, at the moment of a look, and the files that are left. Every version is a letter; 0 deletes, -
+// What a class keeps at the moment of a query, and which files are left. Every version is a letter; 0 deletes, -
 // removes the active version for good, > renames to another name, ! opens the store anew, and a capital is bound to
 // LONG.
 TEST_F(StandIn, Retention) {
@@ -1308,7 +1309,7 @@ TEST_F(StandIn, Retention) {
         {18, "0", "FG", 2},
         {18, "i0", "Gi", 2},
         {23, "", "i", 2},
-        // The last one becomes an extra one, and what is gone does not become active.
+        // The last version becomes an extra one; a version that is gone does not become active.
         {23, "j", "j*", 1},
         {24, "k", "jk*", 2},
         {29, "-", "", 0},
@@ -1326,7 +1327,8 @@ TEST_F(StandIn, Retention) {
     ASSERT_EQ(put(other, 't'), 0);
     EXPECT_EQ(letters(other.Contents(name)), "RSt*");
     EXPECT_STREQ(other.List(name).at(0).mcName, "USUAL");
-    // What is gone is nowhere to be had, and does not stand in the way of a rename, nor join those that take its name.
+    // A version that is gone cannot be found or restored, does not block a rename, and does not join objects that take
+    // its name.
     EXPECT_EQ(host.Rename(name, target, bFalse), DSM_RC_ABORT_DUPLICATE_OBJECT);
     ObjID gone = host.List(target).at(0).objId;
     dsmGetList list{dsmGetListVersion, 1, &gone, nullptr};
@@ -1340,7 +1342,7 @@ TEST_F(StandIn, Retention) {
     EXPECT_EQ(host.Rename(name, target, bFalse), 0);
     EXPECT_EQ(letters(host.Contents(target)), "n*");
     EXPECT_EQ(Files("data"), 4U);
-    // What a restore reads stays until it is read.
+    // Data stay until a running restore has read them.
     gone = host.List(target).at(0).objId;
     ASSERT_EQ(dsmBeginGetData(host.handle, bTrue, gtBackup, &list), 0);
     ASSERT_EQ(dsmGetObj(host.handle, &gone, nullptr), DSM_RC_MORE_DATA);
@@ -1352,7 +1354,7 @@ TEST_F(StandIn, Retention) {
     EXPECT_EQ(buffer, std::string(40000, 'n'));
 }
 
-// A clock set ahead shows what will be gone and takes nothing, but from what is changed then.
+// A clock set ahead shows what will be gone. It removes only versions of objects that are changed then.
 TEST_F(OnDisk, ClockAndExpiry) {
     const dsmObjName name = Name("/d", "/1");
     const auto seen = [&](const std::string& lines) {
@@ -1386,7 +1388,7 @@ TEST_F(OnDisk, ClockAndExpiry) {
 }
 
 // A store of schema 1 is taken over when it is opened, not while another program has it open.
-TEST_F(StandIn, TakesSchema1Over) {
+TEST_F(StandIn, ConvertsSchema1) {
     constexpr const char* old = R"(
         PRAGMA journal_mode = WAL;
         CREATE TABLE node (id INTEGER PRIMARY KEY, name BLOB NOT NULL UNIQUE, secret BLOB NOT NULL);
@@ -1460,7 +1462,7 @@ TEST_F(StandIn, TakesSchema1Over) {
 
 }  // namespace
 
-// SQLite's and the stand-in's own calls end here, as the program comes before every library.
+// SQLite and the stand-in call these: symbols of the program come before those of libraries.
 extern "C" ssize_t pwrite64(int file, const void* bytes, size_t size, off64_t offset) {
     if (!fullWhile.empty() && access(fullWhile.c_str(), F_OK) == 0) {
         errno = ENOSPC;
