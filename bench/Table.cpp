@@ -9,6 +9,7 @@
 #include <regex>
 #include <set>
 
+namespace bench {
 namespace {
 
 struct Result {
@@ -139,3 +140,5 @@ int RunAndPrint(int argc, char** argv, const std::vector<Row>& rows) {
     }
     return failed ? 1 : 0;
 }
+
+}  // namespace bench

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+namespace bench {
+
 struct Row {
     enum Kind {
         Speed,   // the speed of `of` as a part of that of `against`: at least the target
@@ -25,3 +27,5 @@ struct Row {
 // and the middle half of them. A row whose middle half crosses its target is undecided. The variable PAIRS says how
 // many pairs are run (9). Returns 0, or 1 when a target is missed or a benchmark fails.
 int RunAndPrint(int argc, char** argv, const std::vector<Row>& rows);
+
+}  // namespace bench

@@ -19,6 +19,8 @@
 #include "session/TsmSession.h"
 #include "tsmconnector.h"
 
+using namespace bench;
+
 namespace {
 
 constexpr long million = 1000000;

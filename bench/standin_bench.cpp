@@ -21,6 +21,8 @@
 #include "dsmapifp.h"
 #include "dsmrc.h"
 
+using namespace bench;
+
 namespace fs = std::filesystem;
 
 namespace {

@@ -16,6 +16,8 @@
 #include "dsmapifp.h"
 #include "dsmrc.h"
 
+using namespace bench;
+
 namespace {
 
 // The functions of the stand-in, or those of the recorder in front of it.

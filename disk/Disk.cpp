@@ -92,7 +92,7 @@ long Failure() {
     return -1;
 }
 
-// Makes the call and records it once it succeeded; when it is to fail, leaves behind what such a failure would.
+// Makes the call, and records it if it succeeded. A call that is to fail is made by half, if it has halves.
 template <class Call, class Record, class Half>
 long Perform(Kind kind, const std::string& path, Call call, Record record, Half half) {
     if (!Watched(path)) return call();

@@ -216,9 +216,9 @@ std::set<Lines> Possible(const Scenario& steps, const std::vector<disk::Event>& 
 
 // ---------------------------------------------------------------------- host
 
-template <std::size_t size>
-void Set(char (&field)[size], const std::string& text) {
-    if (text.size() >= size) std::abort();
+template <std::size_t Size>
+void Set(char (&field)[Size], const std::string& text) {
+    if (text.size() >= Size) std::abort();
     std::memcpy(field, text.c_str(), text.size() + 1);
 }
 
@@ -881,8 +881,8 @@ void Flips(long count) {
                 if (findings.empty()) Problem(where, "the checker finds nothing, and it was " + judged);
                 const Lines repair = Inspect(true);
                 for (const std::string& line : repair) {
-                    const bool firstPage =
-                        file == "catalogue.db" && bit < 4096 * 8;  // without the first page nothing can be read
+                    // Without the first page nothing can be read.
+                    const bool firstPage = file == "catalogue.db" && bit < 4096 * 8;
                     if (line.rfind("unchecked", 0) == 0 && !firstPage) Problem(where, "the repair breaks off, " + line);
                 }
                 const Opened repaired;

@@ -7,6 +7,8 @@
 #include "fuzz/Input.h"
 #include "util/DsmApi.h"
 
+namespace fuzz {
+
 // One input's API, and what it did in the exported call that is under way.
 struct ApiFake {
     explicit ApiFake(Input& bytes);
@@ -45,3 +47,5 @@ struct ApiFake {
     const unsigned char* sent = nullptr;  // what dsmSendData has to bring, and how much of it is to come
     std::size_t toCome = 0;
 };
+
+}  // namespace fuzz

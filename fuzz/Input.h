@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+namespace fuzz {
+
 // A broken property ends the program, which the fuzzer reports with its input.
 #define REQUIRE(condition)                                                                      \
     do {                                                                                        \
@@ -30,9 +32,9 @@ public:
         return static_cast<std::uint16_t>(high << 8 | Byte());
     }
     std::size_t Below(std::size_t limit) { return Byte() % limit; }
-    template <class Value, std::size_t size>
-    const Value& OneOf(const Value (&values)[size]) {
-        return values[Below(size)];
+    template <class Value, std::size_t Size>
+    const Value& OneOf(const Value (&values)[Size]) {
+        return values[Below(Size)];
     }
     // Up to limit of the next bytes.
     std::string Bytes(std::size_t limit) {
@@ -87,3 +89,5 @@ public:
 private:
     std::vector<std::unique_ptr<char[]>> kept_;
 };
+
+}  // namespace fuzz

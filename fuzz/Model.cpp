@@ -4,6 +4,7 @@
 
 #include "util/DsmApi.h"
 
+namespace fuzz {
 namespace {
 
 bool Matches(const char* pattern, const char* text) {
@@ -115,3 +116,5 @@ bool Model::Rename(const Key& from, const Key& to, int now) {
     MakeDirectories(toHl, now);
     return true;
 }
+
+}  // namespace fuzz

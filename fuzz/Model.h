@@ -6,6 +6,8 @@
 #include <tuple>
 #include <vector>
 
+namespace fuzz {
+
 struct Version {
     int id;
     int stored;
@@ -45,3 +47,5 @@ private:
     const std::string delimiter_;
     std::map<Key, std::vector<Version>> objects_;
 };
+
+}  // namespace fuzz

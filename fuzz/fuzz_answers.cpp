@@ -5,13 +5,14 @@
 #include "fuzz/ApiFake.h"
 #include "fuzz/Input.h"
 
+namespace fuzz {
 namespace {
 
-template <std::size_t size>
-void CheckField(const char (&field)[size]) {
-    const std::size_t length = strnlen(field, size);
-    REQUIRE(length < size);
-    for (std::size_t i = length; i < size; ++i) REQUIRE(field[i] == 0);
+template <std::size_t Size>
+void CheckField(const char (&field)[Size]) {
+    const std::size_t length = strnlen(field, Size);
+    REQUIRE(length < Size);
+    for (std::size_t i = length; i < Size; ++i) REQUIRE(field[i] == 0);
 }
 
 // What a session handed out and has not yet taken back.
@@ -264,3 +265,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     Host(input).Run();
     return 0;
 }
+
+}  // namespace fuzz

@@ -12,6 +12,7 @@
 #include "standin/testcontrol.h"
 #include "util/DsmApi.h"
 
+namespace fuzz {
 namespace {
 
 struct Session {
@@ -47,7 +48,7 @@ std::optional<std::string> ReadAll(int handle, int size) {
 // Calls whose outcomes are known beforehand.
 class Predicted {
 public:
-    explicit Predicted(Input& bytes) : input(bytes) {
+    explicit Predicted(Input& bytes) : input_(bytes) {
         for (std::size_t i = 0; i < 3; ++i) Connect(i, "f");
     }
 
@@ -353,3 +354,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     }
     return 0;
 }
+
+}  // namespace fuzz

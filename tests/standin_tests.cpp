@@ -38,9 +38,9 @@ std::string fullWhile;  // a file: as long as it is there, SQLite's writes find 
 std::atomic<int> flushes{0}, flushMilliseconds{0};
 std::atomic<bool> failFlush{false};  // the next one
 
-template <std::size_t size>
-void Set(char (&field)[size], const std::string& text) {
-    ASSERT_LT(text.size(), size);
+template <std::size_t Size>
+void Set(char (&field)[Size], const std::string& text) {
+    ASSERT_LT(text.size(), Size);
     std::memcpy(field, text.c_str(), text.size() + 1);
 }
 

@@ -472,9 +472,9 @@ public:
     }
 
     void operator()(const char* key, char*& text) { Text(key, text, longestText); }
-    template <std::size_t size>
-    void operator()(const char* key, char (&field)[size]) {
-        Text(key, field, size);
+    template <std::size_t Size>
+    void operator()(const char* key, char (&field)[Size]) {
+        Text(key, field, Size);
     }
     void operator()(const char* key, dsStruct64_t& number) {
         Number(key, (std::uint64_t{number.hi} << 32) | number.lo);
@@ -693,8 +693,8 @@ struct Prototype;
 template <class R, class... Arguments>
 struct Prototype<R(Arguments...)> {
     using Result = R;
-    template <int i>
-    using Argument = std::tuple_element_t<i, std::tuple<Arguments...>>;
+    template <int Index>
+    using Argument = std::tuple_element_t<Index, std::tuple<Arguments...>>;
 };
 
 }  // namespace

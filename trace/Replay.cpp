@@ -110,12 +110,12 @@ public:
         const Json& value = Get(key);
         text = value.is_null() || std::strcmp(key, "configFile") == 0 ? nullptr : Copy(Bytes(value));
     }
-    template <std::size_t size>
-    void operator()(const char* key, char (&field)[size]) {
+    template <std::size_t Size>
+    void operator()(const char* key, char (&field)[Size]) {
         const std::string text = std::strcmp(key, "config") == 0    ? world_.options
                                  : std::strncmp(key, "log", 3) == 0 ? ""
                                                                     : Bytes(Get(key));
-        std::memcpy(field, text.data(), std::min(size, text.size()));
+        std::memcpy(field, text.data(), std::min(Size, text.size()));
     }
     // Identifiers and other numbers are of one type.
     void operator()(const char* key, dsStruct64_t& number) { Set(number, Get(key), std::strcmp(key, "id") == 0); }

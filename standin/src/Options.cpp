@@ -23,9 +23,9 @@ namespace fs = std::filesystem;
 
 constexpr const char* faultVariable = "TSM_STANDIN_FAULTS";
 
-template <std::size_t size>
-std::string Field(const char (&field)[size]) {
-    return {field, strnlen(field, size)};
+template <std::size_t Size>
+std::string Field(const char (&field)[Size]) {
+    return {field, strnlen(field, Size)};
 }
 
 bool Same(const std::string& text, const char* keyword) {

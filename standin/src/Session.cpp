@@ -62,15 +62,15 @@ std::string Text(const char* text, std::size_t longest) {
     return {text, length};
 }
 
-template <std::size_t size>
-std::string Field(const char (&field)[size]) {
-    return Text(field, size - 1);
+template <std::size_t Size>
+std::string Field(const char (&field)[Size]) {
+    return Text(field, Size - 1);
 }
 
 // Cuts what does not fit; the record was zeroed before.
-template <std::size_t size>
-void SetField(char (&field)[size], std::string_view text) {
-    text.copy(field, size - 1);
+template <std::size_t Size>
+void SetField(char (&field)[Size], std::string_view text) {
+    text.copy(field, Size - 1);
 }
 
 template <class Pointer>
