@@ -323,7 +323,8 @@ TSM_API int TsmEndGetMgmtClasses(int handle);
  * @param handle the session
  * @param path the directory
  * @param name the object's name, without a delimiter
- * @param size expected bytes. 0 stores a directory object, which takes no
+ * @param size expected bytes, rather too many than too few: a server may stop a
+ *        send that goes beyond them. 0 stores a directory object, which takes no
  *        data: to store an empty file, announce another size and send nothing.
  *        A negative size comes back as the negative result of
  *        TsmBeginRestore().

@@ -13,9 +13,10 @@ static int ReadPiece(void) {
     return -1;
 }
 
-/* The size to announce. 0 would store a directory object, so an empty stream, or one of unknown size, announces 1. */
+/* The size to announce. 0 would store a directory object, so an empty stream announces 1. A server may stop a stream
+ * that goes beyond it, so one of unknown size announces more than it is likely to have. */
 static long long Announced(const char* text) {
-    if (text == NULL) return 1;
+    if (text == NULL) return 10LL << 30;
     char* end = NULL;
     errno = 0;
     const long long size = strtoll(text, &end, 10);

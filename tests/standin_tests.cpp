@@ -1126,6 +1126,31 @@ TEST_F(OnDisk, FullDisk) {
     fullWhile.clear();
 }
 
+// Reads of a file's pages, not their time: one name among many takes a few, however many there are.
+TEST_F(OnDisk, FindsOneNameWithoutReadingTheRest) {
+    Close();
+    Sql("WITH RECURSIVE n(i) AS (SELECT 1000 UNION ALL SELECT i + 1 FROM n WHERE i < 20000)"
+        " INSERT INTO object_version SELECT fs, CAST('/m' || (i / 1000) AS BLOB), CAST('/' || i AS BLOB), type, i, "
+        "stored,"
+        " ended, class, copy_group, owner, estimate, info, 0, checksum, x''"
+        " FROM n, (SELECT * FROM object_version LIMIT 1)");
+    Reopen();
+    const auto reads = [] {
+        std::ifstream counts("/proc/self/io");
+        std::string name;
+        long count = 0;
+        while (counts >> name >> count && name != "syscr:") continue;
+        return count;
+    };
+    const Host host;
+    for (const auto& [path, name, found] :
+         {std::tuple("/m17", "/17042", 1U), {"/m17", "/*", 1000U}, {"/m", "/1", 0U}}) {
+        const long before = reads();
+        EXPECT_EQ(host.List(Name(path, name)).size(), found);
+        EXPECT_LT(reads() - before, 100);  // the catalogue has some 800 pages
+    }
+}
+
 // Commits that come together share a flush, each with its own outcome, and none is reported before it is flushed.
 TEST_F(OnDisk, ManyThreadsShareFlushes) {
     const Host host;

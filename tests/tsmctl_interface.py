@@ -161,7 +161,6 @@ cut_words = [("tsmctl list --type=" + ALL, "tsmctl list --type=any dir file |"),
              ("tsmctl restore x --to=my" + TAB, "tsmctl restore x --to=my\\ docs/|")]
 
 
-
 @pytest.mark.parametrize("setup, cases", [
     ("source <(tsmctl completion)", anywhere + cut_words),
     (f"COMP_WORDBREAKS=${{COMP_WORDBREAKS//=}}; set -u; source '{sources}/completion.bash'", anywhere + whole_words),

@@ -1,6 +1,7 @@
 // tsmctl from end to end: real trees, a store in a folder of its own, the shipped binary in a shell.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "standin/testcontrol.h"
@@ -102,6 +104,22 @@ public:
         EXPECT_EQ(TsmEndBackup(handle_), 0) << path << ' ' << name;
     }
 
+    // Info, data as they are stored, and the announced size.
+    std::tuple<std::string, std::string, long long> Get(const std::string& path, const std::string& name) {
+        TsmObject* objects = nullptr;
+        EXPECT_EQ(TsmGetBackupInfo(handle_, Text(path), Text(name), 1, TSM_OBJECTS_FILES, &objects), 1);
+        const std::string info = objects->objectInfo;
+        const long long announced = objects->size;
+        EXPECT_GE(TsmBeginRestore(handle_, Text(path), Text(name), nullptr), 0);
+        std::vector<unsigned char> room(1 << 20);
+        unsigned char* buffer = room.data();
+        std::string data;
+        for (int length = 0; (length = TsmGetData(handle_, &buffer, 1 << 20)) > 0;)
+            data.append(buffer, buffer + length);
+        EXPECT_EQ(TsmEndRestore(handle_), 0);
+        return {info, data, announced};
+    }
+
 private:
     char* Text(const std::string& text) {
         kept_.push_back(std::make_unique<std::string>(text));
@@ -116,21 +134,34 @@ mkdir -p tree/sub/deep tree/empty tree/closed
 printf hello > tree/file; : > tree/nothing; head -c 3145729 /dev/urandom > tree/sub/big
 ln -s nowhere tree/dangling; ln -s sub tree/tosub
 for name in 'a*b?' '100%' '%41' 'back\slash' $'new\nline' $'\377\376' ' sp ace'; do echo "$name" > "tree/sub/deep/$name"; done
-mkdir 'tree/sub/%5C*'; echo x > 'tree/sub/%5C*/x'; mkfifo tree/pipe
+mkdir 'tree/sub/%5C*'; echo x > 'tree/sub/%5C*/x'; mkfifo tree/pipe; truncate -s 9000001 tree/holes tree/closed/hole
+echo data | dd of=tree/holes bs=1 seek=5000000 conv=notrunc status=none; ln tree/sub/big tree/sub/deep/twin
+[ $UID != 0 ] || { mknod tree/null c 1 3; chown 1000:1001 tree/file tree/empty; chown -h 1002:1003 tree/dangling; }
+python3 -c 'import os, stat, struct
+os.mknod("tree/socket", 0o600 | stat.S_IFSOCK)
+os.setxattr("tree/file", "user.a %:", b"x\0y\n"), os.setxattr("tree/empty", "user.empty", b"")
+acl = b"".join(struct.pack("<HHI", *e) for e in ((1, 7, 2**32-1), (2, 5, 1), (4, 5, 2**32-1), (16, 5, 2**32-1), (32, 0, 2**32-1)))
+for name in ("access", "default"): os.setxattr("tree/sub/deep", "system.posix_acl_" + name, struct.pack("<I", 2) + acl)'
 mkdir -m 6751 tree/closed/100%; chmod 4751 tree/sub/deep/100%; chmod 0400 tree/file; touch -d '1969-12-31 23:59:58.25 UTC' tree/sub/big
 touch -d '2001-02-03 04:05:06.123456789' tree/file tree/empty; touch -hd '2002-02-02 02:02:02.5' tree/dangling
 chmod 0550 tree/closed; chmod 1751 tree/sub; touch -d '2003-03-03 03:03:03.000000001' tree/sub tree)";
 
 const char* const compare = R"(
-look() { (cd "$1" && find . ! -type p ! -name 100% -printf '%p %y %m %T@ %l\n' | sort); }
-diff <(look tree) <(look out/tree) && diff -r --no-dereference -x pipe tree out/tree)";
+look() { (cd "$1" && find . ! -type s ! -name 100% -printf '%p %y %m %U:%G %n %T@ %l\n' | sort; stat -c '%t:%T' null
+python3 -c 'import os
+for path, folders, files in os.walk("."):
+    for name in (os.path.join(path, n) for n in sorted(folders + files)):
+        print(ascii(name), *((x, os.getxattr(name, x, follow_symlinks=False)) for x in sorted(os.listxattr(name, follow_symlinks=False))))
+' | grep -v socket | sort); }
+diff <(look tree) <(look out/tree) && diff -r --no-dereference -x pipe -x null -x socket tree out/tree &&
+(($(stat -c %b out/tree/holes) + $(stat -c %b out/tree/closed/hole) < 99)))";
 
 class Jobs : public Tsmctl, public testing::WithParamInterface<const char*> {};
 
 TEST_P(Jobs, ATreeComesBackAsItWas) {
     const std::string jobs = GetParam();
     Expect(makeTree, 0);
-    Expect("tsmctl backup tree --to /some/place " + jobs, 0, "", "tree/pipe: warning");
+    Expect("tsmctl backup tree --to /some/place " + jobs, 0, "", "tree/socket: warning");
     Expect("tsmctl verify tree --to some/place/ -q " + jobs, 0);
     Expect("tsmctl restore some/place/tree --to out " + jobs, 0, "",
            "tree/sub/deep/100%: warning: restored without its set-user-id and set-group-id bits\ntsmctl: "
@@ -138,6 +169,9 @@ TEST_P(Jobs, ATreeComesBackAsItWas) {
            "warning: restored without");
     Expect(compare, 0);
     Expect("stat -c %a out/tree/sub/deep/100% out/tree/closed/100%; find out -name '.tsmctl*'", 0, "751\n751\n");
+    Expect("tsmctl check some " + jobs +
+               " -q && tsmctl check some/place/tree --sums -q > sums && cd out && sha256sum -c ../sums",
+           0, "tree/sub/big: OK\n");
     Expect("cd tree/sub/.. && tsmctl verify . --to some/place -q && tsmctl verify ../tree/ --to some/place -q", 0);
 }
 INSTANTIATE_TEST_SUITE_P(All, Jobs, testing::Values("-j 1", "-j 4"));
@@ -146,7 +180,8 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     Run("mkdir -p a/x b/x; tsmctl -q backup a b");
     std::istringstream refused(
         "|backup|backup a/x b/x|backup ''|backup / a|backup -|backup a --as n|backup a -j 0|backup a -j 65|"
-        "backup a --size 3|backup a --to ../b|restore a --at yesterday|restore ''|restore a --to ''|"
+        "backup a --size 3|backup a --estimate 3|backup - --as n --size 1 --estimate 2|check --subset 0|backup a --to "
+        "../b|restore a --at yesterday|restore ''|restore a --to ''|"
         "list --filespace ''|restore a --at '2024-02-30 00:00:00'|restore a --at '2024-02-03 24:00:00'|"
         "list --at '2024-01-01'|list --type link|delete ''|delete /|delete 'a*/x'|delete --recursive a|"
         "rename a a/|rename a a/b|rename / a|rename a /|delete-filespace tsmctl|completion bash");
@@ -230,7 +265,7 @@ TEST_F(Tsmctl, WhatTheApiRefusesIsExplained) {
 // The pipe for its warnings is full until the folder has changed.
 TEST_F(Tsmctl, NothingLeadsOutOfTheTreeDuringABackup) {
     Expect(
-        R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log t/pipes/$(printf %0200d 0){1..400}
+        R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log; python3 -c 'import os, stat; [os.mknod(f"t/pipes/{n:0200}", stat.S_IFSOCK) for n in range(400)]'
         tsmctl backup t 2> log & exec 3< log; read -r <&3; mv t/sub was; ln -s ../outside t/sub; cat <&3; wait $!)",
         1, "tsmctl: t/sub/f: sub is in the way");
     Expect("tsmctl list t/sub/f", 1, "", "not found");
@@ -274,10 +309,93 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
         {"echo > t/new", "t/new: is not stored"},
         {"ln -sfn b t/l; touch -hr orig/l t/l", "link to b here, to a stored"},
         {"rm t/f; mkdir t/f", "directory here, file stored"},
-        {"rm t/f; mkfifo t/f", "special file here, file stored"}};
+        {"rm t/f; mkfifo t/f", "pipe here, file stored"}};
     for (const auto& [change, line] : cases) {
         Expect("rm -rf t r; cp -a orig t; tsmctl -q verify t", 0);
         Expect(std::string(change) + "; tsmctl -q verify t", 1, line);
+    }
+}
+
+TEST_F(Tsmctl, DamageIsNoticed) {
+    Expect("mkdir d; echo content > d/f; python3 -c 'import os; os.setxattr(\"d/f\", \"user.k\", b\"value\")'", 0);
+    Expect("tsmctl -q backup d; cat d/f | tsmctl -q backup - --as d/s", 0);
+    const char* const beside = "what is stored beside its content is damaged";
+    const char* const content = "its content does not have the SHA-256 that was stored with it";
+    const char* const unknown = "its information text is damaged, or a newer tsmctl wrote it";
+    struct Case {
+        const char *of, *info, *otherInfo;
+        long damaged, size;  // a byte of the data, and of how many bytes
+        const char* told;
+    };
+    const Case cases[] = {{"f", "", "", -170, 0, content},
+                          {"f", "", "", 8, 0, beside},
+                          {"f", "", "", -2, 0, beside},
+                          {"f", " 0644 ", " 4755 ", 0, 0, beside},
+                          {"f", "", "", 0, -1, "7 bytes received, the object has 8"},
+                          {"f", "", "", 0, 5, "0 bytes received, the object has 8"},
+                          {"f", " f 0644", " f 0644 9", 0, 0, unknown},
+                          {"f", "tsmctl2", "tsmctl3", 0, 0, unknown},
+                          {"s", " 8 ", " - ", -170, 0, content},
+                          {"s", " 8 ", " - ", 0, -1, content},
+                          {"s", " 8 ", " - ", 0, 0, beside}};
+    {
+        OtherProgram other(root_);
+        int number = 0;
+        for (const Case& c : cases) {
+            auto [info, data, announced] = other.Get("d", c.of);
+            EXPECT_EQ(announced, static_cast<long long>(data.size()));
+            if (const size_t at = info.find(c.info); *c.info) info.replace(at, strlen(c.info), c.otherInfo);
+            const long length = static_cast<long>(data.size());
+            if (c.damaged != 0) data[static_cast<size_t>((c.damaged + length) % length)] ^= 1;
+            if (c.size != 0) data.resize(static_cast<size_t>((c.size + length) % length));
+            other.Put("bad", std::to_string(number++), info, data);
+        }
+        other.Put("bad", "old", "tsmctl1 f 0644 1.000000000 3", "old");
+    }
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const std::string object = "bad/" + std::to_string(i);
+        Expect("tsmctl -q check " + object, 1, "", object + ": " + cases[i].told);
+        Expect("tsmctl -q restore " + object + " --to out", 1, "", cases[i].told);
+    }
+    Expect("tsmctl -q restore bad/old --to out; ls -A out; stat -c %a,%Y out/old", 0, "old\n644,1\n");
+    Expect("tsmctl check bad --subset 100", 1, "", "stored without a SHA-256 to compare with (1 object)\n");
+    Expect("tsmctl check bad --subset 1 2>&1 | grep -c :", 0, "2\n");
+    Expect("tsmctl check d -q --sums && tsmctl check nothing", 1, "  d/s\n", "not found");
+}
+
+TEST_F(Tsmctl, WhatMayNotBeRestoredIsTold) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root may all of this";
+    Expect("mkdir d; touch d/f; mknod d/c c 1 3; chown 1:2 d/f d; chown :3 d/c; tsmctl -q backup d", 0);
+    Expect("tsmctl restore d/c --to -", 1, "", "is not one file or stream");
+    Expect("setpriv --bounding-set=-chown,-mknod $T -q restore d --to out && find out/d -printf '%f %U:%G '", 0,
+           "d 0:0 f 0:0 ",
+           "tsmctl: warning: owner and group not restored (2 objects)\n"
+           "tsmctl: warning: special file not restored (1 object)\n");
+}
+
+// Bigger than what is read in a tick of the clock.
+TEST_F(Tsmctl, AFileThatChangesIsNotStoredTorn) {
+    Expect("head -c 30M /dev/zero > f; while :; do echo >> f; done & tsmctl backup f; s=$?; kill $!; exit $s", 1, "",
+           "f: changed while it was read, 4 times; not stored\n");
+    Expect("tsmctl list f || tsmctl -q backup f && tsmctl -q verify f", 0, "", "not found");
+}
+
+TEST_F(Tsmctl, StreamsAreAnnouncedRatherTooLarge) {
+    struct Case {
+        const char *stream, *options;
+        long long announced;
+        const char* told;
+    };
+    const Case cases[] = {{"echo", "", 1, ""},
+                          {"head -c 2M /dev/zero", "", 1 << 20, "2097152 bytes, but 1048576 were announced"},
+                          {"head -c 2M /dev/zero", "--estimate 3000000", 3000000, ""},
+                          {"head -c 2M /dev/zero", "", 10LL << 30, ""},
+                          {"head -c 2M /dev/zero", "--size 2097152", 2 << 20, ""},
+                          {"head -c 2M /dev/zero", "", 2306867, ""}};
+    for (const Case& c : cases) {
+        Expect(std::string(c.stream) + " | tsmctl backup - --as s " + c.options, 0, "", c.told);
+        OtherProgram other(root_);
+        EXPECT_EQ(std::get<2>(other.Get("", "s")) - 169, c.announced) << c.stream << c.options;
     }
 }
 
@@ -340,7 +458,7 @@ TEST_F(Tsmctl, ListingsAreInTheOrderOfTheNames) {
     Expect("head -c 1234567 /dev/zero | tsmctl -q backup - --as s --size 1234567; echo | tsmctl -q backup - --as u", 0);
     Expect("tsmctl list | while read -r kind mode size day time path; do echo $kind $size $path; done", 0,
            "directory - d\nfile 0 d/0\ndirectory - d/a\nfile 3 d/a/z\nfile 5 d/a.b\nlink 3 d/l\n"
-           "stream 1234567 s\nstream - u\n");
+           "stream 1234567 s\nstream 1 u\n");
     Expect("tsmctl list 'd/a*' --type file | cut -c 16-21,43-", 0, "     3  d/a/z\n     5  d/a.b\n");
 }
 
@@ -396,7 +514,7 @@ TEST_F(Tsmctl, NamesForgeNoLines) {
 TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect(makeTree, 0);
     Expect("tsmctl -q backup tree --to a/b; mkdir keep; chmod 0700 keep; tsmctl -q backup keep --to a", 0, "",
-           "tree/pipe: warning");
+           "tree/socket: warning");
     Expect("tsmctl rename a/b/tree a/keep/tree", 0, "renamed a/b/tree to a/keep/tree");
     Expect("tsmctl -q verify tree --to a/keep; tsmctl list a --json | grep '\"a/keep\"'; tsmctl list a/b", 1,
            R"("mode":"0700")", "a/b: not found");

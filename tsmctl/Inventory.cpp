@@ -139,6 +139,12 @@ void RequireOnlyMatch(Session& session, const StoredObject& object, const std::s
 
 }  // namespace
 
+void RequireKnown(const StoredObject& object) {
+    if (!object.info && IsOfSealedVersion(object.text)) {
+        throw Failure("its information text is damaged, or a newer tsmctl wrote it");
+    }
+}
+
 void RequireReadable(Session& session, const StoredObject& object, const std::string& at) {
     if (!PathSurvives(object.path)) throw Failure(ambiguous);
     if (HasWildcard(object.path) || HasWildcard(object.name)) RequireOnlyMatch(session, object, at, false);

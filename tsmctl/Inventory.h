@@ -45,6 +45,8 @@ struct Selection {
 // The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.
 std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection);
 
+// Throws Failure for an object of a newer tsmctl, or with a damaged text: it is no other program's.
+void RequireKnown(const StoredObject& object);
 // Throws Failure unless the library reads just this object by its name, which may hold bytes that the library gives a
 // meaning to.
 void RequireReadable(Session& session, const StoredObject& object, const std::string& at);

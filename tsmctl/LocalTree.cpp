@@ -30,9 +30,9 @@ std::pair<UniqueFd, std::string> PlaceOf(const LocalItem& item) {
 
 }  // namespace
 
-UniqueFd OpenItem(const LocalItem& item) {
+UniqueFd OpenItem(const LocalItem& item, int flags) {
     const auto [folder, name] = PlaceOf(item);
-    UniqueFd file(openat(folder.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd file(openat(folder.Get(), name.c_str(), flags | O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.Get() < 0) FailLocal("cannot open", errno);
     return file;
 }
@@ -85,7 +85,8 @@ public:
             top_ = std::make_shared<UniqueFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             if (top_->Get() < 0) FailLocal("cannot read", errno);
             if (source.isRoot) return Enter(OpenBelow(top_->Get(), {"."}, false), source.local, source.object);
-            if (Visit(top_->Get(), source.local, source.object).kind != Kind::Other) return;
+            const Kind kind = Visit(top_->Get(), source.local, source.object).kind;
+            if (kind != Kind::Other && !IsSpecial(kind)) return;
             items_.pop_back();
             throw Failure("is neither a file nor a link nor a directory");
         });

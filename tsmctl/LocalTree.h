@@ -20,8 +20,9 @@ struct LocalItem {
     std::shared_ptr<const UniqueFd> top;  // the folder that holds the path that was typed; links may lead to it
     size_t below;                         // where the part below top begins in local
 };
-// Opens for reading, or reads a link. No link below the item's top is followed, whatever has changed since the scan.
-UniqueFd OpenItem(const LocalItem& item);
+// Opens for reading, or with O_PATH in the flags only to look at its attributes, or reads a link. No link below the
+// item's top is followed, whatever has changed since the scan.
+UniqueFd OpenItem(const LocalItem& item, int flags = 0);
 std::string ReadLink(const LocalItem& item);
 
 // A path of the command line, and the object path that it is stored under.
@@ -34,7 +35,7 @@ struct Source {
 std::vector<Source> ResolveSources(const std::vector<std::string>& paths, const std::string& to);
 
 // Appends the source's tree, each directory before what it holds. What cannot be read is reported, and its object path
-// goes to unreadable. So is a source that is a special file.
+// goes to unreadable. So is a source that is a special file or a socket.
 void Scan(const Source& source, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable);
 
 }  // namespace tsmctl

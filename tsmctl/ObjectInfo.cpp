@@ -1,9 +1,14 @@
 #include "ObjectInfo.h"
 
 #include <fmt/format.h>
+#include <sys/sysmacros.h>
 
+#include <algorithm>
+#include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 namespace tsmctl {
 
@@ -17,10 +22,19 @@ const char* KindName(Kind kind) {
             return "directory";
         case Kind::Stream:
             return "stream";
+        case Kind::Pipe:
+            return "pipe";
+        case Kind::CharacterDevice:
+        case Kind::BlockDevice:
+            return "device";
         case Kind::Other:
             break;
     }
     return "special file";
+}
+
+bool IsSpecial(Kind kind) {
+    return kind == Kind::Pipe || kind == Kind::CharacterDevice || kind == Kind::BlockDevice;
 }
 
 std::string ModeText(mode_t mode) {
@@ -31,34 +45,110 @@ std::string TimeText(const timespec& time) {
     return fmt::format("{}.{:09}", time.tv_sec, time.tv_nsec);
 }
 
+namespace {
+
+std::string FormatFixedPart(const Info& info) {
+    std::string text = fmt::format("tsmctl{} {} {} {}", info.version, static_cast<char>(info.kind), ModeText(info.mode),
+                                   TimeText(info.mtime));
+    if (info.size || info.version > 1) text += info.size ? fmt::format(" {}", *info.size) : " -";
+    if (info.version > 1) text += fmt::format(" {}:{} {}", info.uid, info.gid, TimeText(info.ctime));
+    return text;
+}
+
+template <typename Take>
+void ForEachField(std::string_view fields, const Take& take) {
+    while (!fields.empty()) {
+        const size_t end = std::min(fields.find_first_of(" \n"), fields.size());
+        const std::string_view field = fields.substr(0, end);
+        const size_t equals = std::min(field.find('='), field.size());
+        take(field.substr(0, equals), field.substr(std::min(equals + 1, field.size())));
+        fields.remove_prefix(std::min(end + 1, fields.size()));
+    }
+}
+
+}  // namespace
+
+void AddField(std::string& fields, std::string_view key, std::string_view value) {
+    fields += fmt::format("{}{}={}", fields.empty() ? "" : " ", key, value);
+}
+
+std::vector<std::string> FieldsOf(std::string_view fields, std::string_view key) {
+    std::vector<std::string> values;
+    ForEachField(fields, [&](std::string_view name, std::string_view value) {
+        if (name == key) values.emplace_back(value);
+    });
+    return values;
+}
+
+std::string FieldOf(std::string_view fields, std::string_view key) {
+    const std::vector<std::string> values = FieldsOf(fields, key);
+    return values.empty() ? "" : values[0];
+}
+
+std::optional<long long> ParseNumber(std::string_view text) {
+    long long number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool whole = error == std::errc() && end == text.data() + text.size() && number >= 0;
+    return whole ? std::optional(number) : std::nullopt;
+}
+
+size_t Info::HeaderLength() const {
+    return static_cast<size_t>(ParseNumber(FieldOf(fields, "header")).value_or(0));
+}
+
 std::string FormatInfo(const Info& info) {
-    const std::string head =
-        fmt::format("tsmctl1 {} {} {}", static_cast<char>(info.kind), ModeText(info.mode), TimeText(info.mtime));
-    return info.size ? fmt::format("{} {}", head, *info.size) : head;
+    return FormatFixedPart(info) + (info.fields.empty() ? "" : " ") + info.fields;
 }
 
 std::optional<Info> ParseInfo(const std::string& text) {
     Info info;
     char kind = 0;
-    long long size = 0;
-    const int fields = std::sscanf(text.c_str(), "tsmctl1 %c %o %ld.%ld %lld", &kind, &info.mode, &info.mtime.tv_sec,
-                                   &info.mtime.tv_nsec, &size);
+    char size[24] = "";
+    const int count = std::sscanf(text.c_str(), "tsmctl%1d %c %o %ld.%ld %23s %u:%u %ld.%ld", &info.version, &kind,
+                                  &info.mode, &info.mtime.tv_sec, &info.mtime.tv_nsec, size, &info.uid, &info.gid,
+                                  &info.ctime.tv_sec, &info.ctime.tv_nsec);
+    const bool first = info.version == 1;
+    if (count < (first ? 5 : 10) || info.version < 1 || info.version > 2) return std::nullopt;
+    if (!std::strchr(first ? "flds" : "fldspcb", kind) || info.mode > 07777) return std::nullopt;
     info.kind = static_cast<Kind>(kind);
-    if (fields == 5) info.size = size;
-    const bool sound = fields >= 4 && std::strchr("flds", kind) && info.mode <= 07777 && size >= 0;
+    info.size = ParseNumber(size);
     // A text that FormatInfo would write differently is not ours.
-    return sound && FormatInfo(info) == text ? std::optional(info) : std::nullopt;
+    const std::string fixed = FormatFixedPart(info);
+    if (text.compare(0, fixed.size(), fixed) != 0) return std::nullopt;
+    if (text.size() == fixed.size()) return info;
+    if (first || text[fixed.size()] != ' ' || (!info.size && info.kind != Kind::Stream)) return std::nullopt;
+    info.fields = text.substr(fixed.size() + 1);
+    const std::string header = FieldOf(info.fields, "header");
+    const bool sound = header.empty() || ParseNumber(header).value_or(LLONG_MAX) <= longestHeader;
+    return sound ? std::optional(info) : std::nullopt;
+}
+
+bool IsOfSealedVersion(const std::string& text) {
+    unsigned version = 0;
+    return std::sscanf(text.c_str(), "tsmctl%9u", &version) == 1 && version > 1;
 }
 
 Info InfoOf(const struct stat& status) {
     Info info;
-    info.kind = S_ISREG(status.st_mode)   ? Kind::File
-                : S_ISLNK(status.st_mode) ? Kind::Link
-                : S_ISDIR(status.st_mode) ? Kind::Directory
-                                          : Kind::Other;
+    info.kind = S_ISREG(status.st_mode)    ? Kind::File
+                : S_ISLNK(status.st_mode)  ? Kind::Link
+                : S_ISDIR(status.st_mode)  ? Kind::Directory
+                : S_ISFIFO(status.st_mode) ? Kind::Pipe
+                : S_ISCHR(status.st_mode)  ? Kind::CharacterDevice
+                : S_ISBLK(status.st_mode)  ? Kind::BlockDevice
+                                           : Kind::Other;
     info.mode = status.st_mode & 07777;
     info.mtime = status.st_mtim;
-    info.size = info.kind == Kind::Directory ? 0 : status.st_size;
+    info.size = info.kind == Kind::File || info.kind == Kind::Link ? status.st_size : 0;
+    info.uid = status.st_uid;
+    info.gid = status.st_gid;
+    info.ctime = status.st_ctim;
+    if (info.kind == Kind::File && status.st_nlink > 1) {
+        AddField(info.fields, "link", fmt::format("{}:{}", status.st_dev, status.st_ino));
+    }
+    if (info.kind == Kind::CharacterDevice || info.kind == Kind::BlockDevice) {
+        AddField(info.fields, "device", fmt::format("{}:{}", major(status.st_rdev), minor(status.st_rdev)));
+    }
     return info;
 }
 

@@ -1,5 +1,5 @@
-// The text that is stored with an object: "tsmctl1 f 0644 1700000000.123456789 12345", that is version, kind, mode,
-// modification time (seconds rounded down, nanoseconds) and true size. A stream whose size was not known has no size.
+// The text that is stored with an object; docs/tsmctl-format.md describes it. Version 1, which earlier programs wrote,
+// ends behind the size, and its objects have neither header nor seal.
 #pragma once
 
 #include <sys/stat.h>
@@ -7,23 +7,63 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace tsmctl {
 
-enum class Kind : char { File = 'f', Link = 'l', Directory = 'd', Stream = 's', Other = '?' };
+enum class Kind : char {
+    File = 'f',
+    Link = 'l',
+    Directory = 'd',
+    Stream = 's',
+    Pipe = 'p',
+    CharacterDevice = 'c',
+    BlockDevice = 'b',
+    Other = '?'
+};
 const char* KindName(Kind kind);
+// Pipes and devices, which have no content.
+bool IsSpecial(Kind kind);
 
 struct Info {
+    int version = 2;
     Kind kind = Kind::File;
     mode_t mode = 0;
     timespec mtime = {};
-    std::optional<long long> size;
+    std::optional<long long> size;  // unknown of a stream, until its end
+    // Since version 2:
+    uid_t uid = 0;
+    gid_t gid = 0;
+    timespec ctime = {};
+    std::string fields;  // "KEY=VALUE ...", see AddField
+
+    bool Sealed() const { return version > 1 && kind != Kind::Directory; }
+    size_t HeaderLength() const;
 };
+
+// A listing shows no more of the text.
+constexpr size_t longestInfo = 254;
+
+// More than any file's attributes and extents take.
+constexpr long long longestHeader = 64 << 20;
 
 std::string FormatInfo(const Info& info);
 // Nothing for a text that another program stored.
 std::optional<Info> ParseInfo(const std::string& text);
+// Whether the text begins like one of version 2 or later. If it does not fit its object all the same, a newer tsmctl
+// wrote it, or it is damaged; the object must not be read as if it were another program's.
+bool IsOfSealedVersion(const std::string& text);
 Info InfoOf(const struct stat& status);
+
+// Fields are divided by blanks or line breaks. Keys and values have no control characters, and keys no "=".
+void AddField(std::string& fields, std::string_view key, std::string_view value);
+// The values of a key, in their order.
+std::vector<std::string> FieldsOf(std::string_view fields, std::string_view key);
+// The value of a key; empty if it is missing.
+std::string FieldOf(std::string_view fields, std::string_view key);
+// A decimal number from 0 on, or nothing.
+std::optional<long long> ParseNumber(std::string_view text);
 
 std::string ModeText(mode_t mode);
 std::string TimeText(const timespec& time);

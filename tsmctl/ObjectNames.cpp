@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdio>
 
 #include "Errors.h"
 
@@ -98,6 +99,27 @@ std::string Unescape(std::string_view stored) {
         i += found == specialBytes.end() ? 0 : 2;
     }
     return plain;
+}
+
+std::string PercentEncoded(std::string_view bytes) {
+    std::string text;
+    for (const char c : bytes) {
+        text += c > 0x20 && c < 0x7f && c != '%' ? std::string(1, c)
+                                                 : fmt::format("%{:02X}", static_cast<unsigned char>(c));
+    }
+    return text;
+}
+
+std::string PercentDecoded(std::string_view text) {
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned code = 0;
+        const bool encoded =
+            text[i] == '%' && std::sscanf(std::string(text.substr(i + 1, 2)).c_str(), "%2x", &code) == 1;
+        bytes += encoded ? static_cast<char>(code) : text[i];
+        i += encoded ? 2 : 0;
+    }
+    return bytes;
 }
 
 bool HasWildcard(std::string_view text) {

@@ -13,6 +13,9 @@ using Parts = std::vector<std::string>;
 
 std::string Escape(std::string_view plain);
 std::string Unescape(std::string_view stored);
+// Plain ASCII that keeps every byte apart, and back.
+std::string PercentEncoded(std::string_view bytes);
+std::string PercentDecoded(std::string_view text);
 bool HasWildcard(std::string_view text);
 
 Parts SplitAtSlash(std::string_view text);

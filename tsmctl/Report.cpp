@@ -68,6 +68,11 @@ void Report::Warn(std::string_view subject, std::string_view text) {
     Say(fmt::format("{}: warning: {}", subject, text));
 }
 
+void Report::CountLoss(const std::string& what) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++losses_[what];
+}
+
 void Report::Note(std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!quiet_) Say(std::string(text));
@@ -173,6 +178,9 @@ void Report::Erase() {
 void Report::Summary(const std::string& command) {
     const std::lock_guard<std::mutex> lock(mutex_);
     Erase();
+    for (const auto& [what, count] : losses_) {
+        Say(fmt::format("warning: {} ({} object{})", what, count, count == 1 ? "" : "s"));
+    }
     if (quiet_) return;
     std::string text = command + ":";
     for (const auto& [kind, count] : counts_) {

@@ -29,6 +29,8 @@ public:
     void Failed(std::string_view subject, std::string_view text);
     void Failed(std::string_view text);
     void Warn(std::string_view subject, std::string_view text);
+    // Something about one object that is not kept; told once, in the summary, with the number of objects.
+    void CountLoss(const std::string& what);
     // Neither a failure nor a result; left out if the user wants quiet.
     void Note(std::string_view text);
 
@@ -75,6 +77,7 @@ private:
     long long failures_ = 0;
     long long differences_ = 0;
     std::map<Kind, long long> counts_;
+    std::map<std::string, long long> losses_;
 };
 
 // Does the work. A failure is reported under the subject; then the result is false. Interrupted and UsageError pass.

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -77,18 +78,47 @@ void NewEntry::CreateLink(const std::string& target) {
     exists_ = true;
 }
 
-void NewEntry::Publish(const std::optional<Info>& info, mode_t otherMode) {
-    const mode_t mode = info ? info->mode & ~setIds : otherMode;
-    if (file_.Get() >= 0 && fchmod(file_.Get(), mode) != 0) {
-        FailLocal("cannot set the mode", errno);
+bool NewEntry::CreateSpecial(const Info& info) {
+    unsigned majorNumber = 0;
+    unsigned minorNumber = 0;
+    std::sscanf(FieldOf(info.fields, "device").c_str(), "%u:%u", &majorNumber, &minorNumber);
+    const mode_t type = info.kind == Kind::Pipe ? S_IFIFO : info.kind == Kind::BlockDevice ? S_IFBLK : S_IFCHR;
+    exists_ = mknodat(directory_.Get(), temporary_.c_str(), type | 0600, makedev(majorNumber, minorNumber)) == 0;
+    if (!exists_ && errno != EPERM) FailLocal("cannot create", errno);
+    return exists_;
+}
+
+bool NewEntry::BecomeLinkTo(const UniqueFd& directory, const std::string& name, const struct stat& file) {
+    const std::string other = temporary_ + ".link";
+    if (linkat(directory.Get(), name.c_str(), directory_.Get(), other.c_str(), 0) != 0) return false;
+    struct stat now = {};
+    const bool same = fstatat(directory_.Get(), other.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+                      now.st_dev == file.st_dev && now.st_ino == file.st_ino &&
+                      renameat(directory_.Get(), other.c_str(), directory_.Get(), temporary_.c_str()) == 0;
+    if (!same) unlinkat(directory_.Get(), other.c_str(), 0);
+    if (same) file_ = UniqueFd();
+    return same;
+}
+
+struct stat NewEntry::Status() const {
+    struct stat status = {};
+    if (fstatat(directory_.Get(), temporary_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        FailLocal("cannot look at it", errno);
+    }
+    return status;
+}
+
+void NewEntry::Publish(const std::optional<Info>& info, mode_t otherMode, std::string_view attributes, Report& report) {
+    const bool isFile = file_.Get() >= 0;
+    if (!isFile) {
+        file_ = UniqueFd(openat(directory_.Get(), temporary_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     }
     if (info) {
-        const timespec times[2] = {{0, UTIME_OMIT}, info->mtime};
-        if (utimensat(directory_.Get(), temporary_.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-            FailLocal("cannot set the time", errno);
-        }
+        ApplyMetadata(file_.Get(), *info, attributes, report);
+    } else if (isFile && fchmod(file_.Get(), otherMode) != 0) {
+        FailLocal("cannot set the mode", errno);
     }
-    if (file_.Get() >= 0 && fsync(file_.Get()) != 0) FailLocal("cannot write", errno);
+    if (isFile && fsync(file_.Get()) != 0) FailLocal("cannot write", errno);
     const unsigned flags = replace_ ? 0 : RENAME_NOREPLACE;
     int result = renameat2(directory_.Get(), temporary_.c_str(), directory_.Get(), name_.c_str(), flags);
     if (result != 0 && !replace_ && (errno == EINVAL || errno == ENOSYS)) {

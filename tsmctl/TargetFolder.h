@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <string_view>
 
-#include "LocalTree.h"
+#include "Attributes.h"
+#include "Files.h"
 #include "ObjectInfo.h"
 
 namespace tsmctl {
@@ -25,13 +27,11 @@ private:
     UniqueFd root_;
 };
 
-// These bits are not restored: since the owner is not kept, they would give rights to whoever restores.
-constexpr mode_t setIds = S_ISUID | S_ISGID;
-
 // Throws Failure for a part that cannot be the name of a file, or that leads elsewhere.
 void RequireSafe(const Parts& parts);
 
-// A file or link that is being restored. It has a temporary name until Publish, and is removed without it.
+// A file, link or special file that is being restored. It has a temporary name until Publish, and is removed without
+// it.
 class NewEntry {
 public:
     // directory outlives the entry. Throws Failure where the name exists and may not be replaced.
@@ -42,8 +42,14 @@ public:
 
     int CreateFile();
     void CreateLink(const std::string& target);
-    // Sets mode and time, flushes, and gives the entry its name. Without an info, a file gets the other mode.
-    void Publish(const std::optional<Info>& info, mode_t otherMode);
+    // False where this user may not.
+    bool CreateSpecial(const Info& info);
+    // Becomes a link to a file that was restored before, instead of a file of its own. False where that is impossible.
+    bool BecomeLinkTo(const UniqueFd& directory, const std::string& name, const struct stat& file);
+    struct stat Status() const;
+    // Gives it what is stored besides its content, flushes, and gives the entry its name. Without an info, a file gets
+    // the other mode.
+    void Publish(const std::optional<Info>& info, mode_t otherMode, std::string_view attributes, Report& report);
 
 private:
     const UniqueFd& directory_;

@@ -16,6 +16,7 @@ int Run(int argc, char** argv) try {
     // In the order of the help.
     AddBackup(commandLine);
     AddVerify(commandLine);
+    AddCheck(commandLine);
     AddRestore(commandLine);
     AddList(commandLine);
     AddDelete(commandLine);

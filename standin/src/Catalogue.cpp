@@ -187,12 +187,12 @@ Statement Catalogue::Filespaces() {
 VersionListing Catalogue::List(const VersionFilter& filter) {
     database_.NeedInPlace();
     Pattern hl(filter.name.hl), ll(filter.name.ll);
-    // Only an equality on hl lets the key narrow ll down as well.
+    // Only an equality on hl lets the key narrow ll down as well, and only where it is the sole condition on hl.
     std::string sql =
         "SELECT id, stored, ended, hl, ll, class, owner, info, type, copy_group, estimate FROM object_version v"
-        " WHERE fs = ?1 AND hl < ?3 AND ll >= ?4 AND ll < ?5 AND (?6 = 255 OR type = ?6)"
+        " WHERE fs = ?1 AND ll >= ?4 AND ll < ?5 AND (?6 = 255 OR type = ?6)"
         " AND (?7 = 255 OR (?7 = 1) = (ended IS NULL)) AND (?8 = x'' OR owner = ?8)";
-    sql += hl.IsExact() ? " AND hl = ?2" : " AND hl >= ?2";
+    sql += hl.IsExact() ? " AND hl = ?2" : " AND hl >= ?2 AND hl < ?3";
     const Moments moments = filter.pointInTime != 0 ? MomentsOf(filter.pointInTime) : Moments{};
     if (filter.pointInTime != 0) {
         const std::string same =

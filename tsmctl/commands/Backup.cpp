@@ -1,5 +1,7 @@
 // backup: stores local files and trees, each file, link and directory as an object of its own, or standard input.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,10 +10,12 @@
 #include <climits>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <optional>
 
 #include "Arguments.h"
+#include "Attributes.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
 #include "Inventory.h"
@@ -25,15 +29,15 @@ namespace {
 
 struct BackupOptions {
     SourceOptions source;
-    std::optional<long long> size;  // of standard input
+    std::optional<long long> size;      // of standard input
+    std::optional<long long> estimate;  // of the same
     std::string mgmtClass;
     int jobs = 1;
 };
 
-// To the connector a size of 0 means a directory object. What has no bytes, or an unknown number, announces one.
-long long Announced(std::optional<long long> size) {
-    return std::max(1LL, size.value_or(1));
-}
+// Announced for a stream of which nothing is known.
+constexpr long long largeStream = 10LL << 30;
+constexpr int tries = 4;
 
 class Sender {
 public:
@@ -43,30 +47,45 @@ public:
     void Store(const LocalItem& item) {
         switch (item.info.kind) {
             case Kind::Directory:
-                Upload(session_, NameOf(item), 0, item.info, options_.mgmtClass).Commit();
+                StoreDirectory(item);
                 break;
-            case Kind::Link:
-                StoreLink(item);
+            case Kind::File:
+                StoreFile(item);
                 break;
             default:
-                StoreFile(item);
+                StoreWithoutFile(item);
         }
         report_.Count(item.info.kind);
     }
 
-    void StoreStream(const Parts& object) {
+    // Without a size, what fits into the buffer is announced exactly, and anything longer by the estimate.
+    void StoreStream(const Parts& object, const std::function<long long()>& estimate) {
         Info info;
         info.kind = Kind::Stream;
         info.mode = 0600;
+        info.uid = geteuid();
+        info.gid = getegid();
         clock_gettime(CLOCK_REALTIME, &info.mtime);
+        info.ctime = info.mtime;
         info.size = options_.size;
-        Upload upload(session_, ToStored(object), Announced(info.size), info, options_.mgmtClass);
-        const long long sent = Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX));
-        if (info.size && (sent < *info.size || MoreIn(STDIN_FILENO))) {
-            throw Failure(fmt::format("does not have the {} bytes of --size; not stored", *info.size));
-        }
+        const size_t first = ReadFull(STDIN_FILENO, buffer_.data(), pieceSize);
+        const auto length = static_cast<long long>(first);
+        const bool whole = first < pieceSize;
+        if (whole && !info.size) info.size = length;
+        if (info.size && (whole ? length != *info.size : length > *info.size)) FailSize();
+        const long long announced = info.size ? *info.size : std::max(estimate(), length);
+        Upload upload(session_, ToStored(object), announced, info, "", options_.mgmtClass);
+        long long sent = length;
+        if (first > 0) upload.Send(buffer_.data(), first);
+        report_.Advance(first);
+        if (!whole) sent += Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX) - length);
+        if (info.size && (sent < *info.size || (!whole && MoreIn(STDIN_FILENO)))) FailSize();
         upload.Commit();
         report_.Count(Kind::Stream);
+        if (sent > announced) {
+            report_.Warn(Join(object), fmt::format("has {} bytes, but {} were announced; --estimate announces more",
+                                                   sent, announced));
+        }
     }
 
 private:
@@ -91,41 +110,106 @@ private:
         return sent;
     }
 
-    void StoreLink(const LocalItem& item) {
-        std::string target = ReadLink(item);
+    [[noreturn]] void FailSize() const {
+        throw Failure(fmt::format("does not have the {} bytes of --size; not stored", *options_.size));
+    }
+
+    // Its attributes have to fit into its information text; what does not is left out, ACLs last.
+    void StoreDirectory(const LocalItem& item) {
+        Info info = item.info;
+        bool complete = true;
+        for (const std::string& field : AttributesIn(ReadAttributes(OpenItem(item, O_PATH).Get(), report_))) {
+            const std::string before = info.fields;
+            info.fields += (before.empty() ? "" : " ") + field;
+            if (FormatInfo(info).size() <= longestInfo) continue;
+            info.fields = before;
+            complete = false;
+        }
+        if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
+        Upload(session_, NameOf(item), 0, info, "", options_.mgmtClass).Commit();
+    }
+
+    // A link or a special file.
+    void StoreWithoutFile(const LocalItem& item) {
+        std::string target = item.info.kind == Kind::Link ? ReadLink(item) : "";
         Info info = item.info;
         info.size = static_cast<long long>(target.size());
-        Upload upload(session_, NameOf(item), Announced(info.size), info, options_.mgmtClass);
+        Upload upload = Begin(item, info, ReadAttributes(OpenItem(item, O_PATH).Get(), report_), *info.size);
         upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
         upload.Commit();
         report_.Advance(target.size());
     }
 
+    Upload Begin(const LocalItem& item, Info info, const std::string& header, long long bytes) {
+        if (!header.empty()) AddField(info.fields, "header", std::to_string(header.size()));
+        return Upload(session_, NameOf(item), bytes, info, header, options_.mgmtClass);
+    }
+
     // The file counts as it is when it is opened. A link or a pipe that has taken its place is refused.
     void StoreFile(const LocalItem& item) {
+        for (int attempt = 1; !StoredUnchanged(item); ++attempt) {
+            if (attempt == tries) {
+                throw Failure(fmt::format("changed while it was read, {} times; not stored", tries));
+            }
+            poll(nullptr, 0, 100 << attempt);
+            CheckInterrupt();
+        }
+    }
+
+    // False when the file changed while it was read; nothing of it is stored then.
+    bool StoredUnchanged(const LocalItem& item) {
         const UniqueFd file = OpenItem(item);
-        struct stat status = {};
-        if (fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
+        const struct stat status = StatusOf(file);
         const Info info = InfoOf(status);
         if (info.kind != Kind::File) throw Failure("is no longer a regular file");
-        Upload upload(session_, NameOf(item), Announced(info.size), info, options_.mgmtClass);
-        const long long sent = Send(upload, file.Get(), *info.size);
-        if (sent < *info.size) {
-            throw Failure(fmt::format("shrank from {} to {} bytes while it was read; not stored", *info.size, sent));
-        }
-        const bool grew = MoreIn(file.Get());
-        struct stat after = status;
-        const bool looked = fstat(file.Get(), &after) == 0;
-        if (grew && after.st_size == sent) {
-            throw Failure(
-                fmt::format("holds more than its size of {} bytes; not stored (pipe it into backup - --as)", sent));
+        const std::vector<Extent> extents = FindData(file.Get(), status);
+        lseek(file.Get(), 0, SEEK_SET);
+        const std::string header = ReadAttributes(file.Get(), report_) + FormatExtents(extents);
+        Upload upload = Begin(item, info, header, extents.empty() ? *info.size : SumOf(extents));
+        const long long sent = extents.empty() ? Send(upload, file.Get(), *info.size)
+                                               : SendExtents(upload, file.Get(), extents, *info.size);
+        const bool more = MoreIn(file.Get());
+        const Info after = InfoOf(StatusOf(file));
+        const auto state = [](const Info& i) {
+            return TimeText(i.mtime) + TimeText(i.ctime) + std::to_string(*i.size);
+        };
+        if (state(after) != state(info)) return false;
+        if (sent != *info.size || more) {
+            throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
+                                      more ? "more" : "less", *info.size));
         }
         upload.Commit();
-        if (grew) {
-            report_.Warn(item.local, fmt::format("grew while it was read; its first {} bytes are stored", sent));
-        } else if (looked && TimeText(after.st_mtim) != TimeText(info.mtime)) {
-            report_.Warn(item.local, "changed while it was read");
+        return true;
+    }
+
+    // A write in the tick of the clock in which the file changed last would not show in its times.
+    static struct stat StatusOf(const UniqueFd& file) {
+        struct stat status = {};
+        timespec now = {};
+        do {
+            if (fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
+            clock_gettime(CLOCK_REALTIME_COARSE, &now);
+        } while (TimeText(now) == TimeText(status.st_ctim) && poll(nullptr, 0, 1) == 0);
+        return status;
+    }
+
+    static long long SumOf(const std::vector<Extent>& extents) {
+        long long sum = 0;
+        for (const Extent& extent : extents) sum += extent.length;
+        return sum;
+    }
+
+    long long SendExtents(Upload& upload, int fd, const std::vector<Extent>& extents, long long size) {
+        long long place = 0;
+        for (const Extent& extent : extents) {
+            upload.Skip(extent.offset - place);
+            if (lseek(fd, extent.offset, SEEK_SET) < 0) FailLocal("cannot read", errno);
+            place = extent.offset + Send(upload, fd, extent.length);
+            if (place < extent.offset + extent.length) return place;
         }
+        upload.Skip(size - place);
+        lseek(fd, size, SEEK_SET);
+        return size;
     }
 
     const BackupOptions& options_;
@@ -143,7 +227,7 @@ void WarnOfOtherKind(Report& report, Session& session, const std::string& subjec
     }
 }
 
-// What is found below the sources, without special files, directories first.
+// What is found below the sources, without sockets, directories first.
 std::vector<LocalItem> FindItems(const std::vector<Source>& sources, Report& report, Session& session) {
     std::vector<LocalItem> items;
     std::vector<std::string> unreadable;
@@ -154,7 +238,7 @@ std::vector<LocalItem> FindItems(const std::vector<Source>& sources, Report& rep
         WarnOfOtherKind(report, session, source.local, source.object, items[first].info.kind == Kind::Directory);
     }
     for (const LocalItem& item : items) {
-        if (item.info.kind == Kind::Other) report.Warn(item.local, "special file, skipped");
+        if (item.info.kind == Kind::Other) report.Warn(item.local, "socket, skipped");
     }
     items.erase(std::remove_if(items.begin(), items.end(), [](const auto& i) { return i.info.kind == Kind::Other; }),
                 items.end());
@@ -190,6 +274,19 @@ void StoreTrees(const BackupOptions& options, Context& context) {
     RunParallel(context, session, options.jobs, items.size() - alone, job);
 }
 
+// The size of the last version and a tenth more, or a large value where that size is not known.
+long long EstimateFor(Session& session, const Parts& object) {
+    Selection files;
+    files.objectType = TSM_OBJECTS_FILES;
+    long long estimate = largeStream;
+    for (const StoredObject& last : List(session, NamePattern(object, false), Scope::Self, files)) {
+        const bool known = last.info && last.info->size;
+        estimate = known ? *last.info->size + *last.info->size / 10
+                         : std::max(largeStream, last.announced - static_cast<long long>(sealLength));
+    }
+    return estimate;
+}
+
 void StoreInput(const BackupOptions& options, Context& context) {
     const Parts object = options.source.InputObject();
     Session session(context.connection);
@@ -198,13 +295,16 @@ void StoreInput(const BackupOptions& options, Context& context) {
     context.report.ExpectBytes(options.size.value_or(0));
     Attempt(context.report, "standard input", [&] {
         WarnOfOtherKind(context.report, session, Join(object), object, false);
-        Sender(options, context.report, session, buffer).StoreStream(object);
+        Sender(options, context.report, session, buffer).StoreStream(object, [&] {
+            return options.estimate ? *options.estimate : EstimateFor(session, object);
+        });
     });
 }
 
 void Backup(const BackupOptions& options, Context& context) {
     CheckSource(options.source);
     if (options.size && !options.source.IsInput()) throw UsageError("--size belongs to -");
+    if (options.estimate && !options.source.IsInput()) throw UsageError("--estimate belongs to -");
     if (options.source.IsInput()) {
         StoreInput(options, context);
     } else {
@@ -224,8 +324,11 @@ void AddBackup(CommandLine& line) {
     AddPaths(command, options->source.paths, fileType, "what to store, by its last part; - is standard input");
     command.add_option("--class", options->mgmtClass, "management class (default: the server's choice)")
         ->type_name("NAME");
-    AddNumber(command, "--size", "BYTES", "of standard input, if it is known", 0, LLONG_MAX,
-              [options](long long number) { options->size = number; });
+    CLI::Option* const size = AddNumber(command, "--size", "BYTES", "of standard input, if it is known", 0, LLONG_MAX,
+                                        [options](long long number) { options->size = number; });
+    AddNumber(command, "--estimate", "BYTES", "of standard input; too much rather than too little", 0, LLONG_MAX,
+              [options](long long number) { options->estimate = number; })
+        ->excludes(size);
     AddPlace(command, options->source);
     AddJobs(command, options->jobs);
 }

@@ -7,6 +7,7 @@
 namespace tsmctl {
 
 void AddBackup(CommandLine& line);
+void AddCheck(CommandLine& line);
 void AddClasses(CommandLine& line);
 void AddCompletion(CommandLine& line);
 void AddDelete(CommandLine& line);

@@ -26,16 +26,6 @@ struct ListOptions {
     bool literal = false;
 };
 
-// Plain ASCII that keeps every byte apart.
-std::string PercentEncoded(const std::string& bytes) {
-    std::string text;
-    for (const char c : bytes) {
-        text += c > 0x20 && c < 0x7f && c != '%' ? std::string(1, c)
-                                                 : fmt::format("%{:02X}", static_cast<unsigned char>(c));
-    }
-    return text;
-}
-
 // For each object, whether this version is active now.
 std::vector<bool> FindActive(Session& session, const NamePattern& pattern, const Selection& selection,
                              const std::vector<StoredObject>& objects) {

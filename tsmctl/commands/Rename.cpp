@@ -137,7 +137,7 @@ private:
         std::vector<StoredObject> found;
         for (const Parts& parts : above) {
             for (StoredObject& object : List(session_, NamePattern(parts, false), Scope::Self, {})) {
-                if (object.info) found.push_back(std::move(object));
+                if (object.directory && object.info) found.push_back(std::move(object));
             }
         }
         return found;
@@ -160,7 +160,7 @@ private:
         const bool kept = std::any_of(now.begin(), now.end(), [](const auto& object) { return bool(object.info); });
         // A directory that holds nothing any more is gone for good.
         if (kept || (now.empty() && List(session_, pattern, Scope::Tree, {}).empty())) return;
-        Upload(session_, {directory.path, directory.name}, 0, *directory.info, "").Commit();
+        Upload(session_, {directory.path, directory.name}, 0, *directory.info, "", "").Commit();
     }
 
     // The library's 0 is no proof: a listing shows where the objects are now.

@@ -9,10 +9,13 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <set>
 #include <tuple>
 
 #include "Arguments.h"
+#include "Attributes.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
 #include "Inventory.h"
@@ -53,12 +56,11 @@ public:
     // Comes after everything that the directory holds, since that changes its time and its mode may forbid it.
     void FinishDirectory(const RestoreItem& item) {
         report_.Count(Kind::Directory);
+        RequireKnown(item.object);
         if (!item.object.info || untouched_.count(item.local) > 0) return;
-        const UniqueFd directory = folder_.Open(item.local);
-        const timespec times[2] = {{0, UTIME_OMIT}, item.object.info->mtime};
-        if (fchmod(directory.Get(), item.object.info->mode & ~setIds) != 0) FailLocal("cannot set the mode", errno);
-        if (futimens(directory.Get(), times) != 0) FailLocal("cannot set the time", errno);
-        WarnOfSetIds(item);
+        const Info& info = *item.object.info;
+        ApplyMetadata(folder_.Open(item.local).Get(), info, info.fields, report_);
+        WarnOfSetIds(item, info.fields);
     }
 
     void RestoreOne(Session& session, Buffer& buffer, const RestoreItem& item) {
@@ -66,30 +68,78 @@ public:
         parent.pop_back();
         const UniqueFd directory = folder_.Open(parent);
         NewEntry entry(directory, item.local.back(), options_.force);
-        if (item.object.GetKind() == Kind::Link) {
-            const std::string target = ReceiveLinkTarget(session, buffer, item.object, options_.at);
+        Download download(session, item.object, options_.at);
+        const Kind kind = item.object.GetKind();
+        std::unique_lock<std::mutex> linking(mutex_, std::defer_lock);
+        std::string key;  // of a file with several names
+        bool linked = false;
+        if (kind == Kind::Link) {
+            const std::string target = ReceiveLinkTarget(download, buffer);
             report_.Advance(target.size());
             entry.CreateLink(target);
+        } else if (IsSpecial(kind)) {
+            ReceiveLinkTarget(download, buffer);
+            if (!entry.CreateSpecial(*item.object.info)) return report_.CountLoss("special file not restored");
         } else {
-            Download download(session, item.object, options_.at);
             ReceiveInto(entry.CreateFile(), download, buffer, report_);
+            key = TwinKey(item, download);
+            if (!key.empty()) linking.lock();
+            linked = LinkToTwin(entry, key);
         }
-        entry.Publish(item.object.info, defaultMode_);
-        report_.Count(item.object.GetKind());
-        WarnOfSetIds(item);
+        if (!linked) WarnOfSetIds(item, download.Header());
+        const struct stat status = entry.Status();
+        entry.Publish(item.object.info, defaultMode_, download.Header(), report_);
+        report_.Count(kind);
+        if (!key.empty()) twins_.try_emplace(key, Twin{item.local, status});
     }
 
+    // A hole is left out where fd is a file, and written as zeros elsewhere.
     static void ReceiveInto(int fd, Download& download, Buffer& buffer, Report& report) {
-        Receive(download, buffer, [&](size_t count) {
-            WriteAll(fd, buffer.data(), count);
-            report.Advance(count);
+        long long place = 0;
+        bool atHole = false;
+        Receive(download, buffer, [&](const Piece& piece) {
+            place += static_cast<long long>(piece.size);
+            atHole = piece.hole && fd != STDOUT_FILENO;
+            if (!atHole) {
+                WriteAll(fd, piece.data, piece.size);
+            } else if (lseek(fd, place, SEEK_SET) < 0) {
+                FailLocal("cannot write", errno);
+            }
+            report.Advance(piece.size);
         });
+        if (atHole && ftruncate(fd, place) != 0) FailLocal("cannot write", errno);
     }
 
 private:
-    void WarnOfSetIds(const RestoreItem& item) {
-        if (!item.object.info || (item.object.info->mode & setIds) == 0) return;
-        report_.Warn(Join(item.local), "restored without its set-user-id and set-group-id bits");
+    // Another name of a file that was restored before.
+    struct Twin {
+        Parts local;
+        struct stat status;
+    };
+
+    // The names of a file were stored one after the other, each with the content of its own: only names that agree in
+    // everything are linked again. Empty for a file with one name.
+    static std::string TwinKey(const RestoreItem& item, const Download& download) {
+        if (!item.object.info || FieldOf(item.object.info->fields, "link").empty()) return "";
+        Info info = *item.object.info;
+        info.ctime = {};
+        return FormatInfo(info) + " " + download.Digest() + " " + download.Header();
+    }
+
+    bool LinkToTwin(NewEntry& entry, const std::string& key) {
+        const auto found = twins_.find(key);
+        if (found == twins_.end()) return false;
+        Parts parent = found->second.local;
+        parent.pop_back();
+        const bool linked = entry.BecomeLinkTo(folder_.Open(parent), found->second.local.back(), found->second.status);
+        if (!linked) report_.CountLoss("hard link restored as a file of its own");
+        return linked;
+    }
+
+    void WarnOfSetIds(const RestoreItem& item, const std::string& attributes) {
+        const bool setsIds = item.object.info && (item.object.info->mode & setIds) != 0;
+        if (setsIds) report_.Warn(Join(item.local), "restored without its set-user-id and set-group-id bits");
+        if (HasCapability(attributes)) report_.Warn(Join(item.local), "restored without its capabilities");
     }
 
     const RestoreOptions& options_;
@@ -97,6 +147,8 @@ private:
     TargetFolder folder_;
     std::set<Parts> untouched_;  // directories that existed keep their mode and time
     mode_t defaultMode_;
+    std::mutex mutex_;                   // of the twins, until the first one has its name
+    std::map<std::string, Twin> twins_;  // by what names of one file have in common
 };
 
 // Decides what is restored where, in the order of the local names; above is the number of parts that are left out. Two
@@ -173,8 +225,9 @@ void RestoreTree(const RestoreOptions& options, Context& context, Session& sessi
 void RestoreToOutput(const RestoreOptions& options, Report& report, Session& session,
                      const std::vector<StoredObject>& objects, size_t depth) {
     std::vector<StoredObject> files;
-    std::copy_if(objects.begin(), objects.end(), std::back_inserter(files),
-                 [&](const auto& object) { return object.PlainParts().size() == depth && !object.directory; });
+    std::copy_if(objects.begin(), objects.end(), std::back_inserter(files), [&](const auto& object) {
+        return object.PlainParts().size() == depth && !object.directory && !IsSpecial(object.GetKind());
+    });
     if (files.size() != 1) throw Failure("is not one file or stream");
     Buffer buffer(pieceSize);
     Download download(session, files[0], options.at);

@@ -1,4 +1,5 @@
 // verify: compares active versions with the local files or standard input, and names each difference.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <set>
 
 #include "Arguments.h"
+#include "Attributes.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
 #include "Inventory.h"
@@ -52,29 +54,37 @@ public:
             return Differs(item.local, fmt::format("{} here, {} stored", KindName(item.info.kind), KindName(stored)));
         }
         if (object.info && stored != Kind::Stream) CompareInfo(item, *object.info);
-        if (stored == Kind::Link) {
-            CompareLink(session, buffer, item, object);
-        } else if (!object.directory) {
-            const UniqueFd file = OpenItem(item);
-            CompareContent(session, buffer, item.local, object,
-                           [&](unsigned char* memory, size_t length) { return ReadFull(file.Get(), memory, length); });
+        std::string there = object.info ? object.info->fields : "";
+        const UniqueFd here = OpenItem(item, item.info.kind == Kind::File ? 0 : O_PATH);
+        if (!object.directory) {
+            Download download(session, object, "");
+            if (stored == Kind::Link) {
+                CompareLink(download, buffer, item);
+            } else {
+                CompareContent(download, buffer, item.local, [&](unsigned char* memory, size_t length) {
+                    return IsSpecial(stored) ? 0 : ReadFull(here.Get(), memory, length);
+                });
+            }
+            there = download.Header();
+        }
+        if (!object.info || object.info->version < 2 || stored == Kind::Stream) return;
+        if (AttributesIn(there) != AttributesIn(ReadAttributes(here.Get(), report_))) {
+            Differs(item.local, "extended attributes or ACL differ");
         }
     }
 
     // read gives up to length bytes of the local side, fewer at its end.
     template <typename Read>
-    void CompareContent(Session& session, Buffer& buffer, const std::string& local, const StoredObject& object,
-                        const Read& read) {
-        Download download(session, object, "");
+    void CompareContent(Download& download, Buffer& buffer, const std::string& local, const Read& read) {
         Buffer here(pieceSize);
         long long offset = 0;
-        while (const size_t count = download.Next(buffer)) {
-            const size_t got = read(here.data(), count);
+        for (Piece piece = download.Next(buffer); piece.size > 0; piece = download.Next(buffer)) {
+            const size_t got = read(here.data(), piece.size);
             const auto first = static_cast<std::ptrdiff_t>(got);
-            const auto unequal = std::mismatch(here.begin(), here.begin() + first, buffer.begin()).first - here.begin();
+            const auto unequal = std::mismatch(here.begin(), here.begin() + first, piece.data).first - here.begin();
             offset += unequal;
             report_.Advance(got);
-            if (static_cast<size_t>(unequal) < count) {
+            if (static_cast<size_t>(unequal) < piece.size) {
                 return Differs(local, fmt::format("content differs from byte {} on", offset));
             }
         }
@@ -93,11 +103,16 @@ private:
         if (here.tv_sec != there.tv_sec || here.tv_nsec != there.tv_nsec) {
             differs("modification time", LocalTime(here), LocalTime(there));
         }
+        if (stored.version < 2) return;
+        const auto owner = [](const Info& info) { return fmt::format("{}:{}", info.uid, info.gid); };
+        if (owner(item.info) != owner(stored)) differs("owner and group", owner(item.info), owner(stored));
+        const auto device = [](const Info& info) { return FieldOf(info.fields, "device"); };
+        if (device(item.info) != device(stored)) differs("device", device(item.info), device(stored));
     }
 
-    void CompareLink(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
+    void CompareLink(Download& download, Buffer& buffer, const LocalItem& item) {
         const std::string here = ReadLink(item);
-        const std::string there = ReceiveLinkTarget(session, buffer, object, "");
+        const std::string there = ReceiveLinkTarget(download, buffer);
         report_.Advance(here.size());
         if (here != there) {
             Differs(item.local, fmt::format("link to {} here, to {} stored", here, there));
@@ -168,10 +183,10 @@ void VerifyInput(const VerifyOptions& options, Context& context) {
         if (found.empty()) throw NotFound();
         Buffer buffer(pieceSize);
         context.report.Count(Kind::Stream);
-        Verifier(context.report)
-            .CompareContent(session, buffer, Join(name), found[0], [](unsigned char* memory, size_t length) {
-                return ReadFull(STDIN_FILENO, memory, length);
-            });
+        Download download(session, found[0], "");
+        Verifier(context.report).CompareContent(download, buffer, Join(name), [](unsigned char* memory, size_t length) {
+            return ReadFull(STDIN_FILENO, memory, length);
+        });
     });
 }
 

@@ -9,8 +9,17 @@
 
 from ._api import Api
 from ._errors import NotFoundError, TsmError
-from ._session import Session, StoredObject
+from ._session import UNKNOWN_SIZE, Session, StoredObject
 from ._streams import BackupWriter, RestoreReader
 
 __version__ = "1.0.0"
-__all__ = ["Api", "BackupWriter", "NotFoundError", "RestoreReader", "Session", "StoredObject", "TsmError"]
+__all__ = [
+    "UNKNOWN_SIZE",
+    "Api",
+    "BackupWriter",
+    "NotFoundError",
+    "RestoreReader",
+    "Session",
+    "StoredObject",
+    "TsmError",
+]

@@ -14,6 +14,9 @@ from ._library import Names, Objects, Sole, TsmObject
 from ._streams import BackupWriter, RestoreReader
 from ._texts import Moment, directory, encoded, exact, moment, optional, parsed, plain, rewritten
 
+UNKNOWN_SIZE = 10 << 30
+"""What Session.backup announces for data whose length is not known."""
+
 _Item = TypeVar("_Item")
 _Method = TypeVar("_Method", bound=Callable[..., Any])
 
@@ -136,17 +139,18 @@ class Session(Sole):
     # ------------------------------------------------------------------ objects
 
     def backup(
-        self, path: str, name: str, size: int = 1, info: Optional[str] = None, mgmt_class: Optional[str] = None
+        self, path: str, name: str, size: int = UNKNOWN_SIZE, info: Optional[str] = None, mgmt_class: Optional[str] = None
     ) -> BackupWriter:
         """Stores an object: `with session.backup("a", "f") as file: file.write(data)`.
 
         The object begins where the block is entered and is stored for good where it ends; any exception gives it up.
         See BackupWriter. An older version under the name becomes an inactive one.
-        size is the expected number of bytes, at least 1, also for an empty file; listings show it. info is a text
+        size is the expected number of bytes, at least 1, also for an empty file; listings show it. A server may stop
+        what goes beyond it: announce too much rather than too little. UNKNOWN_SIZE is 10 GiB. info is a text
         stored with the object, up to 65534 bytes. Missing directory objects of the path are made.
         """
         if not 1 <= operator.index(size) < 1 << 63:
-            raise ValueError("size is at least 1: announce 1 where it is not known")
+            raise ValueError("size is at least 1: announce too much where it is not known")
         announced = (self._directory(path), plain(name), size, optional(info), optional(mgmt_class))
         return BackupWriter(self._handle, f"{path}/{name}", *announced)
 

@@ -126,8 +126,8 @@ class BackupWriter(_Stream):
 class RestoreReader(_Stream):
     """A stored object that is being read: a binary file for reading, not seekable. Made by Session.restore.
 
-    size is what was announced when the object was stored, in bytes. It is an estimate, usually 1 if the length was not
-    known. The data ends when read() returns nothing; a failure raises TsmError and never looks like the end.
+    size is what was announced when the object was stored, in bytes. It is an estimate, and as a rule too
+    large if the length was not known. The data ends when read() returns nothing; a failure raises TsmError and never looks like the end.
     close() frees the session for other work, at any point.
     """
 

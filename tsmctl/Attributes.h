@@ -1,0 +1,36 @@
+// What a file has besides its content, and the ranges in which it has any.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ObjectInfo.h"
+#include "Report.h"
+
+namespace tsmctl {
+
+// The extended attributes, ACLs among them, as fields on lines of their own. The descriptor may be of O_PATH. What
+// cannot be read is counted in the report.
+std::string ReadAttributes(int fd, Report& report);
+// Those among the fields, for a comparison.
+std::vector<std::string> AttributesIn(std::string_view fields);
+
+// Gives a file, link or directory what is stored of it, as far as this user may; the rest is counted in the report.
+// Fails where mode or time cannot be set. Set-id bits and capabilities are not restored: an administrator decides again
+// who gets the rights of another.
+constexpr mode_t setIds = S_ISUID | S_ISGID;
+bool HasCapability(std::string_view attributes);
+void ApplyMetadata(int fd, const Info& info, std::string_view attributes, Report& report);
+
+struct Extent {
+    long long offset;
+    long long length;
+};
+// Where a file with holes has data; nothing for a file without. Moves the descriptor.
+std::vector<Extent> FindData(int fd, const struct stat& status);
+std::string FormatExtents(const std::vector<Extent>& extents);
+// Throws Failure for ranges that overlap or do not fit into the size.
+std::vector<Extent> ParseExtents(std::string_view header, long long size);
+
+}  // namespace tsmctl
