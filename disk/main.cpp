@@ -703,7 +703,7 @@ private:
     static void Build(const Node& folder, const fs::path& path, Power power) {
         fs::create_directory(path);
         fs::permissions(path, fs::perms::owner_all);
-        Entries entries = power == on ? folder.entries : folder.durable;
+        Entries entries = power == On ? folder.entries : folder.durable;
         for (const auto& change : folder.changes) {
             if (power != OffAtRandom || Chance(2) == 0) continue;
             for (const auto& [name, node] : change) Change(entries, name, node);
@@ -713,7 +713,7 @@ private:
                 Build(*node, path / name, power);
                 continue;
             }
-            std::string bytes = power == on ? node->now : node->flushed;
+            std::string bytes = power == On ? node->now : node->flushed;
             for (disk::Event e : node->pending) {
                 if (power != OffAtRandom || Chance(2) == 0) continue;
                 if (Chance(4) == 0) e.bytes.resize(e.bytes.size() / 1024 * 512);  // torn
