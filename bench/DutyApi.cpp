@@ -6,6 +6,7 @@
 #include "dsmapifp.h"
 #include "dsmrc.h"
 
+namespace bench {
 namespace {
 
 thread_local long found = 0;
@@ -36,6 +37,10 @@ const qryRespBackupData& Answer() {
 void SetFound(long objects) {
     found = objects;
 }
+
+}  // namespace bench
+
+using namespace bench;
 
 extern "C" {
 

@@ -9,6 +9,7 @@
 #include <regex>
 #include <set>
 
+namespace bench {
 namespace {
 
 struct Result {
@@ -16,7 +17,7 @@ struct Result {
     double counter = 0;
 };
 
-// Keeps what the last run of a benchmark gave.
+// Keeps the results of a benchmark's last run.
 class Last : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context&) override { return true; }
@@ -41,7 +42,7 @@ std::optional<Result> Measure(const std::string& name) {
     return last.result;
 }
 
-// Of numbers in order: what a part of them does not exceed.
+// The number that a part of the sorted numbers does not exceed.
 double Quantile(const std::vector<double>& numbers, double part) {
     const double at = part * static_cast<double>(numbers.size() - 1);
     const auto below = static_cast<std::size_t>(at);
@@ -83,7 +84,7 @@ double Value(const Row& row, const Result& of, const Result& against) {
     }
 }
 
-// What the pairs of a row gave.
+// The results of a row's pairs.
 struct Pairs {
     std::vector<double> of, against, values;
 };
@@ -139,3 +140,5 @@ int RunAndPrint(int argc, char** argv, const std::vector<Row>& rows) {
     }
     return failed ? 1 : 0;
 }
+
+}  // namespace bench

@@ -1,10 +1,12 @@
-// Runs registered benchmarks in pairs, one beside the other, and prints what the pairs gave.
+// Runs registered benchmarks in pairs, one after the other, and prints the results of the pairs.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <string>
 #include <vector>
+
+namespace bench {
 
 struct Row {
     enum Kind {
@@ -25,3 +27,5 @@ struct Row {
 // and the middle half of them. A row whose middle half crosses its target is undecided. The variable PAIRS says how
 // many pairs are run (9). Returns 0, or 1 when a target is missed or a benchmark fails.
 int RunAndPrint(int argc, char** argv, const std::vector<Row>& rows);
+
+}  // namespace bench

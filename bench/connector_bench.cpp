@@ -1,4 +1,4 @@
-// The connector against the same work done straight on the API, on an API that does nothing but its duty.
+// Compares the connector with the same work done directly on the API. The API here does only what it must.
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +18,8 @@
 #include "dsmrc.h"
 #include "session/TsmSession.h"
 #include "tsmconnector.h"
+
+using namespace bench;
 
 namespace {
 
@@ -229,7 +231,7 @@ void FillName(dsmObjName& name, std::string_view hl, std::string_view ll, dsUint
     name.objType = type;
 }
 
-// The calls that the connector makes for the same path, by somebody who knows that all of it is well formed.
+// The same calls as the connector's, by a caller who need not check the path.
 void BackupDirect(benchmark::State& state) {
     const std::string path = DeepPath(state.range(0));
     SetFound(1);
@@ -309,7 +311,7 @@ int main(int argc, char** argv) {
     // Twice the calls in at most 2 / 1.8 of the time.
     rows.push_back(
         {"twice the calls on two threads, against one thread", Row::Factor, "threads:2", "threads:1", 2 / 1.8});
-    // At depth 1 the calls themselves weigh, some 90 ns beside an API that does nothing: nobody can feel them.
+    // At depth 1 the connector's own calls count: some 90 ns beside an API that does nothing, too little to feel.
     for (const auto& [depth, target] : {std::pair(1L, 0.65), {8L, 0.8}, {64L, 0.8}}) {
         pair("backup of one object at depth " + std::to_string(depth), "backup", BackupConnector, BackupDirect, depth,
              target);

@@ -21,6 +21,8 @@
 #include "dsmapifp.h"
 #include "dsmrc.h"
 
+using namespace bench;
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -136,7 +138,7 @@ public:
         Must("dsmBeginQuery", dsmBeginQuery(handle, qtBackup, &query));
         long count = 0;
         while (dsmGetNextQObj(handle, &block) == DSM_RC_MORE_DATA) ++count;
-        if (last != nullptr) *last = response.objId;
+        if (last) *last = response.objId;
         Must("dsmEndQuery", dsmEndQuery(handle));
         return count;
     }
@@ -203,7 +205,7 @@ void StreamStandin(benchmark::State& state) {
 void StreamFile(benchmark::State& state) {
     const bool in = state.range(0) == 0;
     std::vector<char> piece = Piece();
-    // In a new folder like the stand-in's, as file systems give those other places on the disk.
+    // In a new folder, as the stand-in's file is: file systems place the files of a new folder elsewhere on the disk.
     static int round = 0;
     const fs::path folder = work / ("plain-" + std::to_string(++round));
     const fs::path path = folder / "data" / "0" / "1";
@@ -258,7 +260,7 @@ void CommitSmall(benchmark::State& state) {
     std::vector<std::unique_ptr<Store>> others;
     for (int i = 0; i < sessions; ++i) {
         others.push_back(std::make_unique<Store>(store));
-        StoreOne(*others.back(), 1, i);  // so that every session has done what only its first commit does
+        StoreOne(*others.back(), 1, i);  // so that no session's first commit is measured
     }
     flush = static_cast<Flush>(state.range(1));
     for (auto _ : state) {
@@ -395,7 +397,7 @@ int Flushed(long call, int file) {
 
 }  // namespace
 
-// In place of the C library's, for the stand-in and SQLite too.
+// Replaces the C library's function, for the stand-in and SQLite too.
 extern "C" int fsync(int file) {
     return Flushed(SYS_fsync, file);
 }
@@ -405,7 +407,7 @@ extern "C" int fdatasync(int file) {
 
 int main(int argc, char** argv) {
     std::string name = (fs::current_path() / "tsm-bench-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) Fail("work folder", errno);
+    if (!mkdtemp(name.data())) Fail("work folder", errno);
     work = name;
     std::vector<Row> rows;
     const auto add = [](const char* bench, auto function, long argument) {

@@ -16,6 +16,8 @@
 #include "dsmapifp.h"
 #include "dsmrc.h"
 
+using namespace bench;
+
 namespace {
 
 // The functions of the stand-in, or those of the recorder in front of it.
@@ -110,7 +112,7 @@ int main(int argc, char** argv) {
     setenv("TSMTRACE_FILE", (folder / "recording").c_str(), 1);
     setenv("TSMTRACE_SIZE", "256", 1);
     void* const library = dlopen(TSMTRACE_LIBRARY, RTLD_NOW);
-    if (library == nullptr) Must(dlerror(), 1);
+    if (!library) Must(dlerror(), 1);
     recorded = {reinterpret_cast<decltype(&dsmSendData)>(dlsym(library, "dsmSendData")),
                 reinterpret_cast<decltype(&dsmBindMC)>(dlsym(library, "dsmBindMC"))};
 

@@ -92,7 +92,7 @@ long Failure() {
     return -1;
 }
 
-// The call itself, its record once it succeeded, and what is left of it when it fails.
+// Makes the call, and records it if it succeeded. A call that is to fail is made by half, if it has halves.
 template <class Call, class Record, class Half>
 long Perform(Kind kind, const std::string& path, Call call, Record record, Half half) {
     if (!Watched(path)) return call();
@@ -124,7 +124,7 @@ int Open(int folder, const char* name, int flags, mode_t mode) {
     const bool creates = flags & makes;
     struct stat status {};
     const bool isNew = creates && ((flags & O_TMPFILE) == O_TMPFILE || lstat(path.c_str(), &status) != 0);
-    return Perform(creates ? growing : reading, path, call, [&](long fd) {
+    return Perform(creates ? Growing : Reading, path, call, [&](long fd) {
         const std::uint64_t inode = InodeOf(static_cast<int>(fd));
         if (isNew) Append('c', inode, 0, (flags & O_TMPFILE) == O_TMPFILE ? "" : path);
         if (!isNew && flags & O_TRUNC) Append('t', inode, 0);
@@ -140,18 +140,18 @@ ssize_t Write(int fd, const void* bytes, std::size_t size, off_t offset, bool he
         Append('w', InodeOf(fd), offset, "", bytes, static_cast<std::size_t>(n));
     };
     return Perform(
-        growing, PathOf(fd), [&] { return call(size); }, record, [&] { record(call(size / 2)); });
+        Growing, PathOf(fd), [&] { return call(size); }, record, [&] { record(call(size / 2)); });
 }
 
 int Truncate(int fd, off_t size) {
     return Perform(
-        growing, PathOf(fd), [&] { return syscall(SYS_ftruncate, fd, size); },
+        Growing, PathOf(fd), [&] { return syscall(SYS_ftruncate, fd, size); },
         [&](long) { Append('t', InodeOf(fd), size); });
 }
 
 int Allocate(int fd, int mode, off_t offset, off_t size) {
     return Perform(
-        growing, PathOf(fd), [&] { return syscall(SYS_fallocate, fd, mode, offset, size); },
+        Growing, PathOf(fd), [&] { return syscall(SYS_fallocate, fd, mode, offset, size); },
         [&](long) {
             struct stat status {};
             fstat(fd, &status);
@@ -162,20 +162,20 @@ int Allocate(int fd, int mode, off_t offset, off_t size) {
 int Flush(int fd, long number) {
     const std::string path = PathOf(fd);
     return Perform(
-        changing, path, [&] { return syscall(number, fd); }, [&](long) { Append('s', InodeOf(fd), 0, path); });
+        Changing, path, [&] { return syscall(number, fd); }, [&](long) { Append('s', InodeOf(fd), 0, path); });
 }
 
 int Rename(int from, const char* name, int to, const char* newName, unsigned flags) {
     const std::string path = PathAt(from, name), newPath = PathAt(to, newName);
     return Perform(
-        growing, path, [&] { return syscall(SYS_renameat2, from, name, to, newName, flags); },
+        Growing, path, [&] { return syscall(SYS_renameat2, from, name, to, newName, flags); },
         [&](long) { Append('r', 0, 0, path, newPath.data(), newPath.size()); });
 }
 
 int Link(int from, const char* name, int to, const char* newName, int flags) {
     const std::string newPath = PathAt(to, newName);
     return Perform(
-        growing, newPath, [&] { return syscall(SYS_linkat, from, name, to, newName, flags); },
+        Growing, newPath, [&] { return syscall(SYS_linkat, from, name, to, newName, flags); },
         [&](long) {
             struct stat status {};
             lstat(newPath.c_str(), &status);
@@ -186,14 +186,14 @@ int Link(int from, const char* name, int to, const char* newName, int flags) {
 int Unlink(int folder, const char* name, int flags) {
     const std::string path = PathAt(folder, name);
     return Perform(
-        changing, path, [&] { return syscall(SYS_unlinkat, folder, name, flags); },
+        Changing, path, [&] { return syscall(SYS_unlinkat, folder, name, flags); },
         [&](long) { Append('u', 0, 0, path); });
 }
 
 int MakeFolder(int folder, const char* name, mode_t mode) {
     const std::string path = PathAt(folder, name);
     return Perform(
-        growing, path, [&] { return syscall(SYS_mkdirat, folder, name, mode); },
+        Growing, path, [&] { return syscall(SYS_mkdirat, folder, name, mode); },
         [&](long) { Append('m', 0, 0, path); });
 }
 
@@ -245,7 +245,7 @@ void FailNth(long nth, unsigned kinds, int error) {
 
 long Calls(unsigned kinds) {
     long calls = 0;
-    for (unsigned kind : {reading, changing, growing}) calls += kinds & kind ? shared->calls[kind] : 0;
+    for (unsigned kind : {Reading, Changing, Growing}) calls += kinds & kind ? shared->calls[kind] : 0;
     return calls;
 }
 
@@ -309,10 +309,10 @@ int mkostemp(char* pattern, int flags) {
 }
 
 ssize_t read(int fd, void* bytes, size_t n) {
-    return Plain(reading, fd, [&] { return syscall(SYS_read, fd, bytes, n); });
+    return Plain(Reading, fd, [&] { return syscall(SYS_read, fd, bytes, n); });
 }
 ssize_t pread(int fd, void* bytes, size_t n, off_t at) {
-    return Plain(reading, fd, [&] { return syscall(SYS_pread64, fd, bytes, n, at); });
+    return Plain(Reading, fd, [&] { return syscall(SYS_pread64, fd, bytes, n, at); });
 }
 ssize_t pread64(int fd, void* bytes, size_t n, off64_t at) {
     return pread(fd, bytes, n, at);
@@ -351,11 +351,11 @@ int fdatasync(int fd) {
     return Flush(fd, SYS_fdatasync);
 }
 int fchmod(int fd, mode_t mode) noexcept {
-    return static_cast<int>(Plain(changing, fd, [&] { return syscall(SYS_fchmod, fd, mode); }));
+    return static_cast<int>(Plain(Changing, fd, [&] { return syscall(SYS_fchmod, fd, mode); }));
 }
 int flock(int fd, int operation) noexcept {
-    // Not below the lock of this program: the call may wait.
-    if (Plain(changing, fd, [] { return 0L; }) != 0) return -1;
+    // Outside this program's lock: the call may wait.
+    if (Plain(Changing, fd, [] { return 0L; }) != 0) return -1;
     return static_cast<int>(syscall(SYS_flock, fd, operation));
 }
 int mkdir(const char* path, mode_t mode) noexcept {

@@ -1,6 +1,6 @@
-// A disk that fails, kills or forgets: the system calls on files below one folder, counted and written down. The
-// program that is linked with Disk.cpp has its definitions of open, write, fsync... used by all libraries that it
-// loads. What is written down lies in memory that forked children share.
+// A disk that fails, kills or forgets. Disk.cpp defines open, write, fsync and so on; all libraries of the program that
+// it is linked into use them. Calls on files below one folder are counted and recorded, in memory that forked children
+// share.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ constexpr int kill = -1;    // as an error: the process dies
 constexpr int killed = 99;  // its exit status then
 
 // What a call can fail with: all but reading needs room, or makes an entry that needs some.
-enum Kind : unsigned { reading = 1, changing = 2, growing = 4 };
+enum Kind : unsigned { Reading = 1, Changing = 2, Growing = 4 };
 
 struct Event {
     char what;  // c create, m mkdir, w write, t truncate, s flush, r rename, l link, u unlink, ! a fault, others: notes
@@ -24,7 +24,7 @@ struct Event {
     std::string& To() { return bytes; }
 };
 
-// Before any fork. The folder is a path without links.
+// To be called before any fork. The folder's path has no links in it.
 void Watch(const std::string& folder);
 // Forgets events and counts.
 void Reset();
@@ -37,7 +37,7 @@ std::vector<Event> Events();
 void Tell(const std::string& text);
 std::string Told();
 
-// While one lives, this thread's calls are neither counted nor failed nor written down.
+// While one lives, this thread's calls are not counted, not recorded, and do not fail.
 struct Unwatched {
     Unwatched();
     ~Unwatched();

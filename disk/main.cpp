@@ -1,5 +1,5 @@
-// The store on disks that fail, die, lose what was not flushed, or turn bits. A child process works on the store and
-// notes what it was told; another opens it afterwards, and what it finds has to be what was acknowledged.
+// Tries the store on disks that fail, die, lose what was not flushed, or flip bits. A child process works on the store
+// and notes each answer. Another one opens the store afterwards and must find what was acknowledged.
 //   disk_trouble faults [EVERY]  every call (every nth call) of a scenario fails with EIO, with ENOSPC, kills
 //   disk_trouble EIO|ENOSPC|kill NTH  the same at one call, with the error log
 //   disk_trouble cuts [EVERY]    the power fails after every write, flush or change of a folder
@@ -82,7 +82,7 @@ using Scenario = std::vector<Step>;
 
 constexpr std::size_t small = 700, large = 300000;
 
-// The work of the next process.
+// What the next process does.
 const Scenario afterwards = {
     {{{'o'}}}, {{{'f', "A:"}}}, {{{'p', "A:later", "", small}}}, {{{'p', "A:later", "", large}}}, {{{'c'}}}};
 
@@ -169,10 +169,10 @@ struct Model {
     }
 };
 
-std::string impossible;  // the last answer that cannot be
+std::string impossible;  // the last answer that no state of the store explains
 
-// What may be there after the first events: a step that failed by a fault, or had no answer yet, may have happened or
-// not. None: an answer that cannot be; see impossible.
+// The states that the store may have after the first events: a step that failed by a fault, or has no answer yet, may
+// have happened or not. Empty if no state explains an answer; see impossible.
 std::set<Lines> Possible(const Scenario& steps, const std::vector<disk::Event>& events, std::size_t count = SIZE_MAX) {
     std::map<Lines, Model> models = {{{}, {}}};
     std::map<std::int64_t, bool> open;  // the steps under way, and whether a fault has come up since
@@ -216,9 +216,9 @@ std::set<Lines> Possible(const Scenario& steps, const std::vector<disk::Event>& 
 
 // ---------------------------------------------------------------------- host
 
-template <std::size_t size>
-void Set(char (&field)[size], const std::string& text) {
-    if (text.size() >= size) std::abort();
+template <std::size_t Size>
+void Set(char (&field)[Size], const std::string& text) {
+    if (text.size() >= Size) std::abort();
     std::memcpy(field, text.c_str(), text.size() + 1);
 }
 
@@ -240,7 +240,7 @@ struct Found {  // a version or a filespace
     std::string Line() const { return name + (content.empty() ? "" : (active ? "* " : " ") + content); }
 };
 
-// Files of others in the store's folder.
+// Files in the store's folder that others made.
 constexpr const char* strangers[] = {"thesis.txt", "data/notes", "data/0/12.txt", "data/7/12", "incoming/upload.pdf"};
 const std::string strange = "not the store's\n";
 
@@ -304,7 +304,7 @@ public:
         return done && end == 0 && reason == 0;
     }
 
-    // False: something could not be listed. What cannot be read is among what is found.
+    // False: something could not be listed. Objects that cannot be read are among those found.
     bool List(std::vector<Found>& found, bool read) {
         std::string any = "*";
         qryFSData filespaces{qryFSDataVersion, any.data()};
@@ -441,7 +441,7 @@ bool Run(Host& host, const Scenario& steps, std::size_t at) {
     return done;
 }
 
-// In a child: the whole scenario, and at its end, before the store is closed, what is there.
+// In a child: runs the whole scenario, and lists the store before closing it.
 void RunAll(const Scenario& steps, std::size_t from, std::size_t to) {
     Host host;
     for (std::size_t at = from; at < to; ++at) {
@@ -471,11 +471,11 @@ void RunAll(const Scenario& steps, std::size_t from, std::size_t to) {
 }
 
 // The exit status of a child that does the work, or minus the signal that ended it.
-int InChild(const std::function<void()>& work_) {
+int InChild(const std::function<void()>& perform) {
     std::cout.flush();
     const pid_t child = fork();
     if (child == 0) {
-        work_();
+        perform();
         _exit(0);
     }
     int status = 0;
@@ -526,7 +526,7 @@ Lines Inspect(bool repair) {
     return findings;
 }
 
-// What a trouble of the disk may leave: bytes without a version, besides what others put there.
+// What a fault of the disk may leave: bytes without a version, besides the files of others.
 void NeedOnlyOrphans(const std::string& where) {
     for (const std::string& finding : Inspect(false)) {
         const bool harmless = finding.rfind("orphan ", 0) == 0 || finding.find("is not the store's") != finding.npos;
@@ -562,12 +562,12 @@ struct Trouble {
     unsigned kinds;
     int error;
 };
-constexpr Trouble troubles[] = {{"EIO", disk::reading | disk::changing | disk::growing, EIO},
-                                {"ENOSPC", disk::growing, ENOSPC},
-                                {"kill", disk::changing | disk::growing, disk::kill}};
+constexpr Trouble troubles[] = {{"EIO", disk::Reading | disk::Changing | disk::Growing, EIO},
+                                {"ENOSPC", disk::Growing, ENOSPC},
+                                {"kill", disk::Changing | disk::Growing, disk::kill}};
 
-// The whole scenario with its nth call in trouble, then the one for afterwards. What both leave, and that nobody
-// else's files were touched, is looked at.
+// Runs the whole scenario with a fault in its nth call, then the one for afterwards. Checks what both leave, and that
+// the files of others were not touched.
 void Disturbed(const Scenario& steps, const Trouble& trouble, long nth) {
     const std::string where = std::string(trouble.name) + " at call " + std::to_string(nth);
     const std::size_t whole = steps.size() - afterwards.size();
@@ -613,11 +613,11 @@ void Faults(long every) {
 
 // ---------------------------------------------------------------- power cuts
 
-// What a disk holds: as the processes see it, and what of it was flushed. A folder's entries last once the folder was
-// flushed, a file's bytes once the file was.
+// The content of a disk, as processes see it and as it was flushed. Flushing a folder makes its entries last; flushing
+// a file, its bytes.
 class Platter {
 public:
-    enum Power { on, off, offAtRandom };  // the last one: each change that was not flushed may have reached the disk
+    enum Power { On, Off, OffAtRandom };  // the last: each change that was not flushed may have reached the disk
 
     void Apply(const disk::Event& e) {
         if (e.what == 'c') {
@@ -703,9 +703,9 @@ private:
     static void Build(const Node& folder, const fs::path& path, Power power) {
         fs::create_directory(path);
         fs::permissions(path, fs::perms::owner_all);
-        Entries entries = power == on ? folder.entries : folder.durable;
+        Entries entries = power == On ? folder.entries : folder.durable;
         for (const auto& change : folder.changes) {
-            if (power != offAtRandom || Chance(2) == 0) continue;
+            if (power != OffAtRandom || Chance(2) == 0) continue;
             for (const auto& [name, node] : change) Change(entries, name, node);
         }
         for (const auto& [name, node] : entries) {
@@ -713,9 +713,9 @@ private:
                 Build(*node, path / name, power);
                 continue;
             }
-            std::string bytes = power == on ? node->now : node->flushed;
+            std::string bytes = power == On ? node->now : node->flushed;
             for (disk::Event e : node->pending) {
-                if (power != offAtRandom || Chance(2) == 0) continue;
+                if (power != OffAtRandom || Chance(2) == 0) continue;
                 if (Chance(4) == 0) e.bytes.resize(e.bytes.size() / 1024 * 512);  // torn
                 Change(bytes, e);
             }
@@ -741,12 +741,12 @@ long CutAll(const std::string& name, const Scenario& steps, const std::vector<di
         if (!std::strchr("cmwtsrlu", events[i].what)) continue;
         platter.Apply(events[i]);
         if (i < from || Chance(every) != 0) continue;
-        for (const auto power : {Platter::off, Platter::offAtRandom, Platter::offAtRandom}) {
+        for (const auto power : {Platter::Off, Platter::OffAtRandom, Platter::OffAtRandom}) {
             NewDisk();
             fs::remove(work / "disk");
             platter.Build(work / "disk", power);
             const std::string where = name + ", power off after event " + std::to_string(i) + " (" + events[i].what +
-                                      " " + events[i].path + (power == Platter::off ? "" : ", at random") + ")";
+                                      " " + events[i].path + (power == Platter::Off ? "" : ", at random") + ")";
             Compare(where, Possible(steps, events, i + 1), Opened());
             ++cuts;
         }
@@ -756,15 +756,15 @@ long CutAll(const std::string& name, const Scenario& steps, const std::vector<di
 
 void Cuts(long every) {
     Scenario steps = Whole();
-    steps.erase(steps.begin() + 1);  // others' files were not flushed
+    steps.erase(steps.begin() + 1);  // nobody flushed the files of others
     const std::size_t whole = steps.size() - afterwards.size();
-    const long calls = CountCalls(steps, disk::changing | disk::growing);
+    const long calls = CountCalls(steps, disk::Changing | disk::Growing);
     const std::vector<disk::Event> events = disk::Events();
 
-    // The record is complete: it makes the same folder.
+    // The record is complete if it makes the same folder.
     Platter platter;
     for (const auto& e : events) platter.Apply(e);
-    platter.Build(work / "again", Platter::on);
+    platter.Build(work / "again", Platter::On);
     const std::string same = "diff -r '" + (work / "disk").string() + "' '" + (work / "again").string() + "'";
     if (std::system(same.c_str()) != 0) Problem("record", "is not complete");
 
@@ -772,7 +772,7 @@ void Cuts(long every) {
     long cuts = 0, kills = 0;
     for (long nth = 1 + Chance(10 * every); nth <= calls; nth += 10 * every, ++kills) {
         NewDisk();
-        disk::FailNth(nth, disk::changing | disk::growing, disk::kill);
+        disk::FailNth(nth, disk::Changing | disk::Growing, disk::kill);
         InChild([&] { RunAll(steps, 0, whole); });
         disk::FailNth(0, 0, 0);
         disk::Note('K', 0);
@@ -785,7 +785,7 @@ void Cuts(long every) {
 
 // --------------------------------------------------------------------- flips
 
-// What came of a turned bit. Data of one version only may have become unreadable.
+// The outcome of a flipped bit, which may make the data of one version unreadable at most.
 std::string Judge(const std::string& where, const Opened& expected, const Opened& found, bool data) {
     const auto wrong = [&](const std::string& what) {
         Problem(where, what);
@@ -794,7 +794,7 @@ std::string Judge(const std::string& where, const Opened& expected, const Opened
     if (found.status < 0) return wrong("ended by signal " + std::to_string(-found.status));
     if (found.lines == expected.lines) return "harmless";
     if (found.status > 0) return data ? wrong("cannot be opened") : "refused";
-    std::map<std::string, std::string> records;  // with what was found under each
+    std::map<std::string, std::string> records;  // by what was found
     for (const std::string& line : expected.lines) records[line.substr(line.find('\t'))] = line;
     bool complete = true;
     std::size_t failed = 0;
@@ -836,7 +836,7 @@ void Flips(long count) {
         fs::remove_all(sound);
         fs::copy(store, sound, fs::copy_options::recursive);
         const Opened expected;
-        // What was there after each step, in case the end of the log is lost.
+        // The contents after each step, in case the end of the log is lost.
         disk::Reset();
         std::set<std::string> everTrue;
         for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -881,8 +881,8 @@ void Flips(long count) {
                 if (findings.empty()) Problem(where, "the checker finds nothing, and it was " + judged);
                 const Lines repair = Inspect(true);
                 for (const std::string& line : repair) {
-                    const bool firstPage =
-                        file == "catalogue.db" && bit < 4096 * 8;  // the only one without which none is read
+                    // Without the first page nothing can be read.
+                    const bool firstPage = file == "catalogue.db" && bit < 4096 * 8;
                     if (line.rfind("unchecked", 0) == 0 && !firstPage) Problem(where, "the repair breaks off, " + line);
                 }
                 const Opened repaired;

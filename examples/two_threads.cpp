@@ -23,32 +23,32 @@ void Check(const char* call, long long result) {
 // Used by one thread. After an exception, destroy it: that drops what was left open.
 class Session {
 public:
-    Session() : handle(OpenSession()) {
-        if (handle == 0) throw std::runtime_error("no session");
+    Session() : handle_(OpenSession()) {
+        if (handle_ == 0) throw std::runtime_error("no session");
     }
-    ~Session() { TsmCloseSession(handle); }
+    ~Session() { TsmCloseSession(handle_); }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
     void Store(const std::string& path, const std::string& name, Bytes& data) {
         const auto announced = std::max<long long>(1, static_cast<long long>(data.size()));
-        Check("TsmBeginBackup", TsmBeginBackup(handle, Text(path), Text(name), announced));
+        Check("TsmBeginBackup", TsmBeginBackup(handle_, Text(path), Text(name), announced));
         for (std::size_t at = 0; at < data.size(); at += pieceSize) {
             const std::size_t length = std::min(pieceSize, data.size() - at);
-            Check("TsmSendData", TsmSendData(handle, &data[at], static_cast<int>(length)));
+            Check("TsmSendData", TsmSendData(handle_, &data[at], static_cast<int>(length)));
         }
-        Check("TsmEndBackup", TsmEndBackup(handle));
+        Check("TsmEndBackup", TsmEndBackup(handle_));
     }
 
     Bytes Fetch(const std::string& path, const std::string& name) {
         Bytes room(pieceSize);
         Bytes data;
-        const long long size = TsmBeginRestore(handle, Text(path), Text(name), nullptr);
+        const long long size = TsmBeginRestore(handle_, Text(path), Text(name), nullptr);
         int length = 0;
-        while (size >= 0 && (length = GetPiece(handle, room.data(), static_cast<int>(pieceSize))) > 0) {
+        while (size >= 0 && (length = GetPiece(handle_, room.data(), static_cast<int>(pieceSize))) > 0) {
             data.insert(data.end(), room.begin(), room.begin() + length);
         }
-        const int end = TsmEndRestore(handle);  // called after a failure too; its result does not matter then
+        const int end = TsmEndRestore(handle_);  // called after a failure too; its result does not matter then
         Check("TsmBeginRestore", size);
         Check("TsmGetData", length);
         Check("TsmEndRestore", end);
@@ -57,7 +57,7 @@ public:
 
 private:
     static constexpr std::size_t pieceSize = 256 * 1024;  // a restore needs at least 32768
-    const int handle;
+    const int handle_;
 };
 
 // The work of one thread from sign-on to sign-off. Returns a line to print.

@@ -1,5 +1,6 @@
 #include "fuzz/ApiFake.h"
 
+namespace fuzz {
 namespace {
 
 ApiFake* fake = nullptr;
@@ -9,9 +10,9 @@ void Touch(const char* text) {
     if (text) REQUIRE(std::strlen(text) < 1u << 20);
 }
 
-template <std::size_t size>
-void CheckField(const char (&field)[size]) {
-    REQUIRE(std::memchr(field, 0, size) != nullptr);
+template <std::size_t Size>
+void CheckField(const char (&field)[Size]) {
+    REQUIRE(std::memchr(field, 0, Size) != nullptr);
 }
 
 void CheckName(const dsmObjName* name) {
@@ -21,16 +22,16 @@ void CheckName(const dsmObjName* name) {
     CheckField(name->ll);
 }
 
-// Bytes of the input over the whole of a record, so that short inputs leave no field terminated.
+// Fills a whole record with the bytes of the input, so that short inputs leave no field terminated.
 template <class Record>
 void Fill(Record& record, Input& input) {
     const std::string bytes = input.Repeated(sizeof record);
     std::memcpy(&record, bytes.data(), sizeof record);
 }
 
-template <std::size_t size>
-void PutText(char (&field)[size], Input& input) {
-    const std::string text = input.Bytes(size);
+template <std::size_t Size>
+void PutText(char (&field)[Size], Input& input) {
+    const std::string text = input.Bytes(Size);
     std::memcpy(field, text.data(), text.size());
 }
 
@@ -99,6 +100,10 @@ dsInt16_t ApiFake::Next(DataBlk& block) {
                      record.objName.objType});
     return DSM_RC_MORE_DATA;
 }
+
+}  // namespace fuzz
+
+using namespace fuzz;
 
 extern "C" {
 

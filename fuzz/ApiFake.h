@@ -7,12 +7,14 @@
 #include "fuzz/Input.h"
 #include "util/DsmApi.h"
 
+namespace fuzz {
+
 // One input's API, and what it did in the exported call that is under way.
 struct ApiFake {
     explicit ApiFake(Input& bytes);
     ~ApiFake();
 
-    // Before each exported call.
+    // To be called before each exported call.
     void Begin() {
         codes.clear();
         given.clear();
@@ -21,7 +23,7 @@ struct ApiFake {
         commitRc = 0;
         commitReason = 0;
     }
-    // Whether a negative result is |rc| or the reason of an answer.
+    // Whether a negative result is the code or the reason of an answer.
     bool Gave(long long result) const { return std::find(codes.begin(), codes.end(), -result) != codes.end(); }
 
     dsInt16_t Code();
@@ -45,3 +47,5 @@ struct ApiFake {
     const unsigned char* sent = nullptr;  // what dsmSendData has to bring, and how much of it is to come
     std::size_t toCome = 0;
 };
+
+}  // namespace fuzz

@@ -1,4 +1,4 @@
-// The fuzzer's bytes, read as choices. Behind their end everything is 0, which stands for the ordinary case.
+// The fuzzer's bytes, read as choices. After their end every choice is 0, which is always the ordinary case.
 #pragma once
 
 #include <algorithm>
@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+namespace fuzz {
 
 // A broken property ends the program, which the fuzzer reports with its input.
 #define REQUIRE(condition)                                                                      \
@@ -21,27 +23,27 @@
 
 class Input {
 public:
-    Input(const std::uint8_t* bytes, std::size_t size) : next(bytes), end(bytes + size) {}
+    Input(const std::uint8_t* bytes, std::size_t size) : next_(bytes), end_(bytes + size) {}
 
-    bool Empty() const { return next == end; }
-    std::uint8_t Byte() { return next < end ? *next++ : std::uint8_t{0}; }
+    bool Empty() const { return next_ == end_; }
+    std::uint8_t Byte() { return next_ < end_ ? *next_++ : std::uint8_t{0}; }
     std::uint16_t Word() {
         const unsigned high = Byte();
         return static_cast<std::uint16_t>(high << 8 | Byte());
     }
     std::size_t Below(std::size_t limit) { return Byte() % limit; }
-    template <class Value, std::size_t size>
-    const Value& OneOf(const Value (&values)[size]) {
-        return values[Below(size)];
+    template <class Value, std::size_t Size>
+    const Value& OneOf(const Value (&values)[Size]) {
+        return values[Below(Size)];
     }
     // Up to limit of the next bytes.
     std::string Bytes(std::size_t limit) {
-        const std::size_t size = std::min({std::size_t{Byte()}, limit, static_cast<std::size_t>(end - next)});
-        const std::string bytes(reinterpret_cast<const char*>(next), size);
-        next += size;
+        const std::size_t size = std::min({std::size_t{Byte()}, limit, static_cast<std::size_t>(end_ - next_)});
+        const std::string bytes(reinterpret_cast<const char*>(next_), size);
+        next_ += size;
         return bytes;
     }
-    // Some bytes, over and over: length of them.
+    // A text of that length, which repeats some bytes.
     std::string Repeated(std::size_t length) {
         std::string text = Bytes(std::min<std::size_t>(64, length));
         if (text.empty()) text = "x";
@@ -51,8 +53,8 @@ public:
     }
 
 private:
-    const std::uint8_t* next;
-    const std::uint8_t* const end;
+    const std::uint8_t* next_;
+    const std::uint8_t* const end_;
 };
 
 // Texts as a host passes them: each in a block of its own of exactly its size, until the input is done.
@@ -60,9 +62,9 @@ class Texts {
 public:
     char* Keep(const std::string& text) {
         const std::size_t size = strnlen(text.data(), text.size()) + 1;
-        kept.emplace_back(new char[size]);
-        std::memcpy(kept.back().get(), text.c_str(), size);
-        return kept.back().get();
+        kept_.emplace_back(new char[size]);
+        std::memcpy(kept_.back().get(), text.c_str(), size);
+        return kept_.back().get();
     }
     // Any text, or null.
     char* Any(Input& input) {
@@ -85,5 +87,7 @@ public:
     }
 
 private:
-    std::vector<std::unique_ptr<char[]>> kept;
+    std::vector<std::unique_ptr<char[]>> kept_;
 };
+
+}  // namespace fuzz

@@ -4,6 +4,7 @@
 
 #include "util/DsmApi.h"
 
+namespace fuzz {
 namespace {
 
 bool Matches(const char* pattern, const char* text) {
@@ -20,20 +21,20 @@ bool Matches(const std::string& pattern, const std::string& text) {
 
 std::string Model::HighLevel(std::string path) const {
     if (path == "*") return path;
-    std::replace(path.begin(), path.end(), delimiter == "/" ? '\\' : '/', delimiter[0]);
-    if (!path.empty() && path.back() == delimiter[0]) path.pop_back();
+    std::replace(path.begin(), path.end(), delimiter_ == "/" ? '\\' : '/', delimiter_[0]);
+    if (!path.empty() && path.back() == delimiter_[0]) path.pop_back();
     if (path.empty()) return path;
-    return path[0] == delimiter[0] ? path : delimiter + path;
+    return path[0] == delimiter_[0] ? path : delimiter_ + path;
 }
 
 std::string Model::LowLevel(const char* name) const {
-    return delimiter + (name ? name : "*");
+    return delimiter_ + (name ? name : "*");
 }
 
 std::vector<Model::Match> Model::Find(const std::string& hl, const std::string& ll, int type, bool activeOnly,
                                       int moment) const {
     std::vector<Match> found;
-    for (const auto& [key, versions] : objects) {
+    for (const auto& [key, versions] : objects_) {
         const auto& [keyHl, keyLl, keyType] = key;
         if (!Matches(hl, keyHl) || !Matches(ll, keyLl) || (type != DSM_OBJ_ANY_TYPE && type != keyType)) continue;
         const Version* current = nullptr;
@@ -50,7 +51,7 @@ std::vector<Model::Match> Model::Find(const std::string& hl, const std::string& 
 
 void Model::MakeDirectories(const std::string& hl, int now) {
     for (std::size_t at = 0; at < hl.size();) {
-        const std::size_t end = std::min(hl.find(delimiter, at + 1), hl.size());
+        const std::size_t end = std::min(hl.find(delimiter_, at + 1), hl.size());
         const Key key{hl.substr(0, at), hl.substr(at, end - at), DSM_OBJ_DIRECTORY};
         if (Find(std::get<0>(key), std::get<1>(key), DSM_OBJ_DIRECTORY, true, 0).empty()) {
             Store(key, {0, now, 0, 0, "", ""});
@@ -60,7 +61,7 @@ void Model::MakeDirectories(const std::string& hl, int now) {
 }
 
 void Model::Store(const Key& key, Version version) {
-    std::vector<Version>& versions = objects[key];
+    std::vector<Version>& versions = objects_[key];
     for (Version& older : versions) older.ended = older.ended == 0 ? version.stored : older.ended;
     version.id = nextId++;
     versions.push_back(std::move(version));
@@ -70,7 +71,7 @@ void Model::Remove(const std::vector<Match>& matches, bool forGood, int now) {
     std::vector<std::pair<Key, int>> ids;
     for (const Match& match : matches) ids.emplace_back(match.key, match.version->id);
     for (const auto& [key, id] : ids) {
-        std::vector<Version>& versions = objects[key];
+        std::vector<Version>& versions = objects_[key];
         auto version = versions.begin();
         while (version->id != id) ++version;
         if (!forGood) {
@@ -80,7 +81,7 @@ void Model::Remove(const std::vector<Match>& matches, bool forGood, int now) {
         const bool wasActive = version->ended == 0;
         versions.erase(version);
         if (wasActive && !versions.empty()) versions.back().ended = 0;
-        if (versions.empty()) objects.erase(key);
+        if (versions.empty()) objects_.erase(key);
     }
 }
 
@@ -88,9 +89,9 @@ void Model::Delete(const std::string& hl, const std::string& ll, bool forGood, i
     Remove(Find(hl, ll, DSM_OBJ_ANY_TYPE, !forGood, moment), forGood, now);
     for (std::string path = hl; !path.empty();) {
         if (!Find(path, LowLevel(nullptr), DSM_OBJ_ANY_TYPE, true, 0).empty()) break;
-        const std::size_t last = path.rfind(delimiter);
+        const std::size_t last = path.rfind(delimiter_);
         const std::string above = last == path.npos ? "" : path.substr(0, last);
-        const std::string name = delimiter + (last == path.npos ? path : path.substr(last + 1));
+        const std::string name = delimiter_ + (last == path.npos ? path : path.substr(last + 1));
         Remove(Find(above, name, DSM_OBJ_ANY_TYPE, !forGood, 0), forGood, now);
         path = above;
     }
@@ -103,15 +104,17 @@ bool Model::Rename(const Key& from, const Key& to, int now) {
     if (moved.empty()) return false;
     const int type = std::get<2>(moved.front().key);
     if (!Find(toHl, toLl, DSM_OBJ_ANY_TYPE, false, 0).empty()) Delete(toHl, toLl, true, 0, now);
-    // What is to be moved may have gone with the target: then there is nothing to move, and no harm.
-    const auto source = objects.find({fromHl, fromLl, type});
-    if (source != objects.end()) {
+    // Deleting the target may have removed the source too; then there is nothing to move.
+    const auto source = objects_.find({fromHl, fromLl, type});
+    if (source != objects_.end()) {
         std::vector<Version> versions = std::move(source->second);
-        objects.erase(source);
-        objects[{toHl, toLl, type}] = std::move(versions);
+        objects_.erase(source);
+        objects_[{toHl, toLl, type}] = std::move(versions);
     }
-    // The old name as the new one: all that was there is gone by now, by the deletion of the target.
+    // The two names may be the same; then deleting the target removed everything.
     Delete(fromHl, fromLl, true, 0, now);
     MakeDirectories(toHl, now);
     return true;
 }
+
+}  // namespace fuzz

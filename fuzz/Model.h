@@ -1,10 +1,12 @@
-// What a filespace has to hold after the calls so far, for ordinary names and a delimiter of one character.
+// Predicts the content of a filespace after the calls so far, for ordinary names and a delimiter of one character.
 #pragma once
 
 #include <map>
 #include <string>
 #include <tuple>
 #include <vector>
+
+namespace fuzz {
 
 struct Version {
     int id;
@@ -25,7 +27,7 @@ public:
         const Version* version;
     };
 
-    explicit Model(char slash) : delimiter(1, slash) {}
+    explicit Model(char slash) : delimiter_(1, slash) {}
 
     std::string HighLevel(std::string path) const;
     std::string LowLevel(const char* name) const;
@@ -42,6 +44,8 @@ public:
 private:
     void Remove(const std::vector<Match>& matches, bool forGood, int now);
 
-    const std::string delimiter;
-    std::map<Key, std::vector<Version>> objects;
+    const std::string delimiter_;
+    std::map<Key, std::vector<Version>> objects_;
 };
+
+}  // namespace fuzz

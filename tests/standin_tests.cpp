@@ -33,15 +33,15 @@ namespace {
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
-// What the system calls at the end of this file do.
+// What the system calls at the end of this file are to do.
 std::string fullWhile;  // a file: as long as it is there, SQLite's writes find the disk full
 std::atomic<int> flushes{0}, flushMilliseconds{0};
 std::atomic<bool> failFlush{false};  // the next one
 std::atomic<bool> loseWrites{false};
 
-template <std::size_t size>
-void Set(char (&field)[size], const std::string& text) {
-    ASSERT_LT(text.size(), size);
+template <std::size_t Size>
+void Set(char (&field)[Size], const std::string& text) {
+    ASSERT_LT(text.size(), Size);
     std::memcpy(field, text.c_str(), text.size() + 1);
 }
 
@@ -111,7 +111,7 @@ struct Host {
         return done != 0 ? done : reason;
     }
 
-    // The object is left open, or is complete.
+    // The object stays open, or is complete.
     void Begin(const dsmObjName& name, const std::string& bytes, const std::string& info = "") const {
         EXPECT_EQ(Announce(name, bytes.size(), info), 0);
         EXPECT_EQ(Send(bytes), 0);
@@ -190,30 +190,30 @@ class StandIn : public testing::Test {
 protected:
     StandIn() {
         std::string pattern = (fs::temp_directory_path() / "standin-XXXXXX").string();
-        dir_ = mkdtemp(pattern.data());
+        dir = mkdtemp(pattern.data());
         EXPECT_EQ(SetUpWith("STOREDIR store\n"), 0);
     }
     ~StandIn() override {
         standinReset();
         EXPECT_EQ(dsmCleanUp(bTrue), 0);
-        fs::remove_all(dir_);
+        fs::remove_all(dir);
     }
 
     int SetUpWith(const std::string& options) const {
-        std::ofstream(dir_ / "dsm.opt") << options;
+        std::ofstream(dir / "dsm.opt") << options;
         envSetUp setUp{};
-        Set(setUp.dsmiConfig, (dir_ / "dsm.opt").string());
-        Set(setUp.dsmiLog, dir_.string());
+        Set(setUp.dsmiConfig, (dir / "dsm.opt").string());
+        Set(setUp.dsmiLog, dir.string());
         return dsmSetUp(bTrue, &setUp);
     }
 
     std::size_t Files(const char* folder) const {
         std::size_t files = 0;
-        for (const auto& e : fs::recursive_directory_iterator(dir_ / "store" / folder)) files += e.is_regular_file();
+        for (const auto& e : fs::recursive_directory_iterator(dir / "store" / folder)) files += e.is_regular_file();
         return files;
     }
 
-    fs::path dir_;
+    fs::path dir;
 };
 
 TEST_F(StandIn, OptionsFile) {
@@ -240,19 +240,19 @@ TEST_F(StandIn, OptionsFile) {
                             "CLOCK 2021-02-29 12:00:00",
                             "CLOCK 1969-12-31 00:00:00"};
     for (const std::string& line : mistakes) EXPECT_EQ(SetUpWith(line), DSM_RC_INVALID_PARM) << line;
-    EXPECT_TRUE(fs::exists(dir_ / "a b" / "catalogue.db"));
-    std::ifstream log(dir_ / "dsierror.log");
+    EXPECT_TRUE(fs::exists(dir / "a b" / "catalogue.db"));
+    std::ifstream log(dir / "dsierror.log");
     std::size_t lines = 0;
     for (std::string line; std::getline(log, line); ++lines) EXPECT_EQ(line.find("secret"), line.npos) << line;
     EXPECT_EQ(lines, 5 + mistakes.size());
 
     envSetUp missing{};
-    Set(missing.dsmiConfig, (dir_ / "none.opt").string());
+    Set(missing.dsmiConfig, (dir / "none.opt").string());
     EXPECT_EQ(dsmSetUp(bTrue, &missing), DSM_RC_INVALID_PARM);
-    setenv("TSM_STANDIN_STORE", (dir_ / "from-environment").c_str(), 1);
+    setenv("TSM_STANDIN_STORE", (dir / "from-environment").c_str(), 1);
     EXPECT_EQ(dsmSetUp(bTrue, nullptr), 0);
     unsetenv("TSM_STANDIN_STORE");
-    EXPECT_TRUE(fs::exists(dir_ / "from-environment" / "catalogue.db"));
+    EXPECT_TRUE(fs::exists(dir / "from-environment" / "catalogue.db"));
 }
 
 TEST_F(StandIn, MistakesInRules) {
@@ -297,7 +297,7 @@ TEST_F(StandIn, MistakesInRules) {
         EXPECT_EQ(SetUpWith("STOREDIR store\n"), DSM_RC_INVALID_PARM);
         unsetenv("TSM_STANDIN_FAULTS");
     }
-    std::ifstream log(dir_ / "dsierror.log");
+    std::ifstream log(dir / "dsierror.log");
     for (std::string line; std::getline(log, line);) {
         wrong -= line.find(", line 2: ") != line.npos || line.find("FAULTS, rule 2: ") != line.npos;
     }
@@ -343,7 +343,7 @@ TEST_F(StandIn, SignOn) {
     EXPECT_EQ(dsmBeginTxn(other.handle), 0);
     EXPECT_EQ(other.Announce(Name("/d", "/f"), 1), DSM_RC_FS_NOT_REGISTERED);
 
-    std::ifstream file(dir_ / "store" / "catalogue.db", std::ios::binary);
+    std::ifstream file(dir / "store" / "catalogue.db", std::ios::binary);
     const std::string bytes(std::istreambuf_iterator<char>(file), {});
     EXPECT_EQ(bytes.find("pw"), std::string::npos);
     EXPECT_EQ(dsmCleanUp(bTrue), 0);
@@ -364,7 +364,7 @@ TEST_F(StandIn, FilespacesAndClasses) {
         qryFSData filespaces{qryFSDataVersion, pattern.data()};
         qryMCData classes{qryMCDataVersion, pattern.data(), bFalse};
         EXPECT_EQ(dsmBeginQuery(host.handle, type, type == qtMC ? static_cast<void*>(&classes) : &filespaces), 0);
-        qryRespFSData record;  // its name stands where that of a class does
+        qryRespFSData record;  // its name is at the same place as a class's
         DataBlk block = Block(&record, sizeof record);
         Texts found;
         while (dsmGetNextQObj(host.handle, &block) == DSM_RC_MORE_DATA) found.push_back(record.fsName);
@@ -381,7 +381,7 @@ TEST_F(StandIn, FilespacesAndClasses) {
     EXPECT_EQ(Files("data") + host.List(Name("*", "*")).size(), 0U);
 }
 
-// Which calls each state takes: the rules of the sequence, call by call.
+// The rules of the sequence: which calls are in order in each state.
 TEST_F(StandIn, CallSequence) {
     const Host host;
     ASSERT_EQ(host.Register(), 0);
@@ -654,7 +654,7 @@ TEST_F(StandIn, TransactionsAreAllOrNothing) {
     EXPECT_EQ(Files("data"), 1U);
     EXPECT_EQ(Files("incoming"), 0U);
 
-    // The server moves on between an operation and its commit.
+    // Another session changes the store between an operation and its commit.
     const Host again;
     std::string filespace = "/fs";
     ASSERT_EQ(dsmBeginTxn(again.handle), 0);
@@ -704,7 +704,8 @@ TEST_F(StandIn, SessionsInParallel) {
     EXPECT_EQ(host.List(Name("*", "*"), DSM_ACTIVE).size(), 2U);
 }
 
-// Opening a store puts aside what the dead left, not what others are sending just then, nor what it did not make.
+// Opening a store puts aside what dead processes left, but not data that others are sending, nor files that it did not
+// make.
 TEST_F(StandIn, Leftovers) {
     const Host host;
     const std::string large(40000, 'l'), random = "-0123456789abcdef";
@@ -715,17 +716,17 @@ TEST_F(StandIn, Leftovers) {
     const Texts dead = {"incoming/0123456789abcdef", "data/0/2" + random, "data/0/7" + random};
     const Texts foreign = {"incoming/thesis.txt", "data/0/7-draft", "data/notes", "data/0/008" + random};
     for (const Texts& names : {dead, foreign}) {
-        for (const std::string& name : names) std::ofstream(dir_ / "store" / name) << "left";
+        for (const std::string& name : names) std::ofstream(dir / "store" / name) << "left";
     }
-    // Not what a killed commit may have a row for, as long as that cannot be overwritten in the log.
-    fullWhile = dir_ / "store" / dead.back();
+    // A file stays as long as the commit of a killed process may have a row for it in the log.
+    fullWhile = dir / "store" / dead.back();
     EXPECT_EQ(SetUpWith("STOREDIR store\n"), 0);
     EXPECT_TRUE(fs::exists(fullWhile));
     fullWhile.clear();
     ASSERT_EQ(SetUpWith("STOREDIR store\n"), 0);
     EXPECT_EQ(Files("lost+found"), dead.size());
-    for (const std::string& name : dead) EXPECT_FALSE(fs::exists(dir_ / "store" / name)) << name;
-    for (const std::string& name : foreign) EXPECT_TRUE(fs::exists(dir_ / "store" / name)) << name;
+    for (const std::string& name : dead) EXPECT_FALSE(fs::exists(dir / "store" / name)) << name;
+    for (const std::string& name : foreign) EXPECT_TRUE(fs::exists(dir / "store" / name)) << name;
     ASSERT_EQ(dsmEndSendObj(host.handle), 0);
     EXPECT_EQ(host.End(), 0);
     EXPECT_EQ(host.Contents(Name("*", "*")), (Texts{large + "*", large + "*"}));
@@ -776,7 +777,7 @@ TEST_F(StandIn, KilledWriters) {
 
 // ------------------------------------------------------------------- on the disk
 
-// A small store as a process left it that was not killed, and what is then done to its folder.
+// A small store, closed in order, whose folder the test then damages.
 class OnDisk : public StandIn {
 protected:
     OnDisk() {
@@ -787,7 +788,7 @@ protected:
     static std::string Bytes(int i) { return std::string(static_cast<std::size_t>(i % 10 ? 900 * i : 40000), 'a'); }
     int Close() const { return dsmCleanUp(bTrue); }
     int Reopen() const { return SetUpWith("STOREDIR store\n"); }
-    fs::path Store() const { return dir_ / "store"; }
+    fs::path Store() const { return dir / "store"; }
 
     // Every name below a folder, with the content of files and the target of links.
     static std::map<std::string, std::string> Tree(const fs::path& top) {
@@ -808,7 +809,7 @@ protected:
         bytes.at(at) = static_cast<char>(bytes.at(at) ^ 4);
         std::ofstream(path, std::ios::binary) << bytes;
     }
-    // With checksums, or as any other program.
+    // Opens the catalogue with checksums, or as any other program would.
     void Sql(const std::string& text, const char* vfs = "tsm-standin") const {
         sqlite3* database = nullptr;
         constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
@@ -855,7 +856,7 @@ protected:
         }
         return codes;
     }
-    const std::multiset<int> allGood_ = [] {
+    const std::multiset<int> allGood = [] {
         std::multiset<int> codes;
         for (int i = 0; i <= 30; ++i) codes.insert(DSM_RC_FINISHED);
         return codes;
@@ -863,27 +864,27 @@ protected:
 };
 
 TEST_F(OnDisk, Layout) {
-    EXPECT_EQ(ReadAll(), allGood_);
+    EXPECT_EQ(ReadAll(), allGood);
     ASSERT_EQ(Close(), 0);
     fs::permissions(Store(), fs::perms::all);
-    fs::create_directory_symlink(Store(), dir_ / "link");
+    fs::create_directory_symlink(Store(), dir / "link");
     ASSERT_EQ(SetUpWith("STOREDIR link\n"), 0);
-    EXPECT_EQ(ReadAll(), allGood_);
+    EXPECT_EQ(ReadAll(), allGood);
     ASSERT_EQ(Close(), 0);
     std::set<std::string> names;
     for (const auto& e : fs::directory_iterator(Store())) names.insert(e.path().filename());
     EXPECT_EQ(names, (std::set<std::string>{"catalogue.db", "data", "incoming", "lost+found", "mark", "reserve",
                                             "reserve.name"}));
     EXPECT_EQ(Files("data"), 3U);
-    for (const auto& e : fs::recursive_directory_iterator(dir_)) {
-        if (e.path() == dir_ / "dsm.opt" || e.is_symlink()) continue;
+    for (const auto& e : fs::recursive_directory_iterator(dir)) {
+        if (e.path() == dir / "dsm.opt" || e.is_symlink()) continue;
         EXPECT_EQ(e.status().permissions(), e.is_directory() ? fs::perms(0700) : fs::perms(0600)) << e.path();
     }
     const std::string mark = Content(Store() / "mark");
     EXPECT_EQ(mark.substr(0, 36), "tsm-standin store\nformat 2\nidentity ");
     EXPECT_EQ(mark.substr(68), "\nstate ready\n");
-    // An opening that was interrupted is gone on with.
-    const fs::path begun = dir_ / "begun";
+    // The next opening completes an interrupted one.
+    const fs::path begun = dir / "begun";
     for (const char* text :
          {"tsm-st", "tsm-standin store\nformat 2\nidentity 00112233445566778899aabbccddeeff\nstate new\n"}) {
         fs::remove_all(begun);
@@ -895,7 +896,7 @@ TEST_F(OnDisk, Layout) {
     }
 }
 
-// What is no store, or not one that can be trusted, is refused with a sentence and left as it is.
+// A folder that is no store, or not one that can be trusted, is refused with a message and not changed.
 TEST_F(OnDisk, RefusedFolders) {
     ASSERT_EQ(Close(), 0);
     const auto patch = [&](const char* file, std::size_t at, const std::string& bytes) {
@@ -903,8 +904,8 @@ TEST_F(OnDisk, RefusedFolders) {
         std::ofstream(Store() / file) << content.replace(at, bytes.size(), bytes);
     };
     const auto linked = [&](const char* name) {
-        fs::rename(Store() / name, dir_ / "elsewhere");
-        fs::create_symlink(dir_ / "elsewhere", Store() / name);
+        fs::rename(Store() / name, dir / "elsewhere");
+        fs::create_symlink(dir / "elsewhere", Store() / name);
     };
     const auto foreign = [&](const char* name) {
         fs::remove_all(Store());
@@ -941,24 +942,24 @@ TEST_F(OnDisk, RefusedFolders) {
         {geteuid() == 0 ? "of this user" : "", [&] { (void)!chown((Store() / "catalogue.db").c_str(), 1, 1); }},
     };
     fs::remove(Store() / "reserve");
-    fs::copy(Store(), dir_ / "kept", fs::copy_options::recursive);
+    fs::copy(Store(), dir / "kept", fs::copy_options::recursive);
     for (std::size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(std::to_string(i) + ": " + cases[i].first);
         fs::remove_all(Store());
-        fs::remove_all(dir_ / "elsewhere");
-        fs::remove(dir_ / "dsierror.log");
-        fs::copy(dir_ / "kept", Store(), fs::copy_options::recursive);
+        fs::remove_all(dir / "elsewhere");
+        fs::remove(dir / "dsierror.log");
+        fs::copy(dir / "kept", Store(), fs::copy_options::recursive);
         cases[i].second();
         const auto before = Tree(Store());
         EXPECT_EQ(Reopen() == 0, !*cases[i].first);
         if (!*cases[i].first) continue;
-        EXPECT_NE(Content(dir_ / "dsierror.log").find(cases[i].first), std::string::npos)
-            << Content(dir_ / "dsierror.log");
+        EXPECT_NE(Content(dir / "dsierror.log").find(cases[i].first), std::string::npos)
+            << Content(dir / "dsierror.log");
         EXPECT_TRUE(Tree(Store()) == before);
     }
 }
 
-// Of an object whose data are not what was stored, the last read fails and the log has its name. Others are read.
+// If an object's data were damaged, its last read fails and the log names it. Other objects can be read.
 TEST_F(OnDisk, DamagedData) {
     const std::vector<std::function<void()>> damages = {
         [&] { Flip(DataFile(), 0); },
@@ -969,43 +970,43 @@ TEST_F(OnDisk, DamagedData) {
         [&] { Sql("UPDATE content SET bytes = CAST('b' || substr(bytes, 2) AS BLOB) WHERE id = 3"); },
         [&] { Sql("UPDATE content SET bytes = CAST(bytes || 'a' AS BLOB) WHERE id = 3"); },
         [&] { Sql("DELETE FROM content WHERE id = 3"); },
-        // Values that cannot be.
+        // Impossible values.
         [&] { Sql("UPDATE object_version SET bytes = -1 WHERE id = 3"); },
         [&] { Sql("UPDATE object_version SET bytes = 1 << 60 WHERE id = 3"); },
         [&] { Sql("UPDATE object_version SET bytes = 1000, file = '3-0123456789abcdef' WHERE id = 3"); },
         [&] { Sql("UPDATE object_version SET file = CAST('../../dsm.opt' AS BLOB) WHERE id = 3"); },
         [&] { Sql("UPDATE object_version SET file = (SELECT file FROM object_version WHERE id = 1) WHERE id = 3"); },
     };
-    fs::copy(Store() / "data", dir_ / "kept", fs::copy_options::recursive);
+    fs::copy(Store() / "data", dir / "kept", fs::copy_options::recursive);
     for (std::size_t i = 0; i < damages.size(); ++i) {
         SCOPED_TRACE(i);
-        fs::remove(dir_ / "dsierror.log");
+        fs::remove(dir / "dsierror.log");
         Sql("CREATE TABLE IF NOT EXISTS c AS SELECT * FROM content;"
             "CREATE TABLE IF NOT EXISTS v AS SELECT * FROM object_version;"
             "DELETE FROM content; INSERT INTO content SELECT * FROM c;"
             "DELETE FROM object_version; INSERT INTO object_version SELECT * FROM v");
-        fs::copy(dir_ / "kept", Store() / "data", fs::copy_options::recursive | fs::copy_options::overwrite_existing);
-        ASSERT_EQ(ReadAll(), allGood_);
+        fs::copy(dir / "kept", Store() / "data", fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+        ASSERT_EQ(ReadAll(), allGood);
         damages[i]();
         std::multiset<int> codes = ReadAll();
         EXPECT_EQ(codes.count(DSM_RC_FINISHED), 30U);
         EXPECT_EQ(codes.count(DSM_RC_ABORT_SYSTEM_ERROR), 1U);
-        const std::string log = Content(dir_ / "dsierror.log");
+        const std::string log = Content(dir / "dsierror.log");
         EXPECT_TRUE(i >= 8 || log.find("/fs /d/") != std::string::npos) << log;
     }
 }
 
-// SQLite brings a log that was left into the file, whichever program opens it: pages have their checksums there too.
+// Any program that opens the catalogue moves a leftover log into it. Those pages have checksums too.
 TEST_F(OnDisk, LogBroughtInByAnother) {
-    fs::copy(Store(), dir_ / "kept", fs::copy_options::recursive);
+    fs::copy(Store(), dir / "kept", fs::copy_options::recursive);
     ASSERT_EQ(Close(), 0);
     fs::remove_all(Store());
-    fs::rename(dir_ / "kept", Store());
+    fs::rename(dir / "kept", Store());
     ASSERT_TRUE(fs::exists(Store() / "catalogue.db-wal"));
     Sql("SELECT count(*) FROM node", nullptr);
     EXPECT_FALSE(fs::exists(Store() / "catalogue.db-wal"));
     ASSERT_EQ(Reopen(), 0);
-    EXPECT_EQ(ReadAll(), allGood_);
+    EXPECT_EQ(ReadAll(), allGood);
 }
 
 // A disk that lost a write has the frame of an earlier log in its place, which is whole.
@@ -1017,7 +1018,7 @@ TEST_F(OnDisk, LostWriteToTheLog) {
     EXPECT_EQ(host.Put(Name("/d", "/lost"), "x"), 0);
     loseWrites = false;
     EXPECT_GT(ReadAll().count(DSM_RC_ABORT_SYSTEM_ERROR), 0U);
-    EXPECT_NE(Content(dir_ / "dsierror.log").find("does not have its checksum"), std::string::npos);
+    EXPECT_NE(Content(dir / "dsierror.log").find("does not have its checksum"), std::string::npos);
 }
 
 TEST_F(OnDisk, DamagedRowsAreNoAnswers) {
@@ -1025,7 +1026,7 @@ TEST_F(OnDisk, DamagedRowsAreNoAnswers) {
                             "hl = CAST(zeroblob(1025) AS BLOB)", "owner = 7", "info = CAST(zeroblob(70000) AS BLOB)"}) {
         Sql("CREATE TABLE IF NOT EXISTS v AS SELECT * FROM object_version;"
             "DELETE FROM object_version; INSERT INTO object_version SELECT * FROM v");
-        ASSERT_EQ(ReadAll(), allGood_);
+        ASSERT_EQ(ReadAll(), allGood);
         Sql(std::string("UPDATE object_version SET ") + set + " WHERE id = 30");
         EXPECT_EQ(ReadAll().count(DSM_RC_ABORT_SYSTEM_ERROR), 1U) << set;
     }
@@ -1034,18 +1035,18 @@ TEST_F(OnDisk, DamagedRowsAreNoAnswers) {
 // One flipped bit in every third page of the catalogue, and in the log that a killed process left.
 TEST_F(OnDisk, DamagedCatalogue) {
     fs::remove(Store() / "reserve");
-    fs::copy(Store(), dir_ / "killed", fs::copy_options::recursive);
+    fs::copy(Store(), dir / "killed", fs::copy_options::recursive);
     ASSERT_EQ(Close(), 0);
     fs::remove(Store() / "reserve");
-    fs::copy(Store(), dir_ / "closed", fs::copy_options::recursive);
+    fs::copy(Store(), dir / "closed", fs::copy_options::recursive);
     for (const auto& [source, name, begin, step] : {std::tuple("closed", "catalogue.db", 1000, 3 * 4096),
                                                     std::tuple("killed", "catalogue.db-wal", 1000, 11 * 4120)}) {
         int noticed = 0, rest = 0;
-        const auto size = static_cast<int>(fs::file_size(dir_ / source / name));
+        const auto size = static_cast<int>(fs::file_size(dir / source / name));
         ASSERT_GT(size, step * 8);
         for (int at = begin; at < size; at += step) {
             fs::remove_all(Store());
-            fs::copy(dir_ / source, Store(), fs::copy_options::recursive);
+            fs::copy(dir / source, Store(), fs::copy_options::recursive);
             Flip(Store() / name, static_cast<std::size_t>(at));
             std::multiset<int> codes;
             if (const int opened = Reopen()) {
@@ -1069,37 +1070,37 @@ TEST_F(OnDisk, ReadOnlyStore) {
     const auto asOwner = [&] {
         const Host host, stranger("STRANGER");
         EXPECT_EQ(stranger.rc, DSM_RC_ACCESS_DENIED);
-        EXPECT_EQ(ReadAll(), allGood_);
+        EXPECT_EQ(ReadAll(), allGood);
         const dsmObjName name = Name("/d", "/1");
         EXPECT_EQ(host.Register("/new"), DSM_RC_ACCESS_DENIED);
         EXPECT_EQ(host.Delete(name), DSM_RC_ACCESS_DENIED);
         EXPECT_EQ(host.Rename(name, Name("/d", "/x"), bFalse), DSM_RC_ACCESS_DENIED);
         EXPECT_EQ(host.Transact([&] { return host.Announce(name, 1); }), DSM_RC_ACCESS_DENIED);
     };
-    // As it is while it is open, with a log, and as the last one leaves it.
+    // With a log, as while it is open, and without, as after closing.
     for (const bool withLog : {true, false}) {
-        fs::remove_all(dir_ / "copy");
+        fs::remove_all(dir / "copy");
         if (!withLog) Close();
-        fs::copy(Store(), dir_ / "copy", fs::copy_options::recursive);
-        ASSERT_EQ(fs::exists(dir_ / "copy/catalogue.db-wal"), withLog);
-        std::vector<fs::path> all{dir_ / "copy"};
-        for (const auto& e : fs::recursive_directory_iterator(dir_ / "copy")) all.push_back(e.path());
+        fs::copy(Store(), dir / "copy", fs::copy_options::recursive);
+        ASSERT_EQ(fs::exists(dir / "copy/catalogue.db-wal"), withLog);
+        std::vector<fs::path> all{dir / "copy"};
+        for (const auto& e : fs::recursive_directory_iterator(dir / "copy")) all.push_back(e.path());
         const pid_t child = fork();
         if (child == 0) {
             for (const fs::path& path : all) {
                 if (geteuid() == 0 && lchown(path.c_str(), 1, 1) != 0) _exit(2);
             }
-            if (geteuid() == 0 && (chmod(dir_.c_str(), 0755) != 0 || seteuid(1) != 0)) _exit(3);
+            if (geteuid() == 0 && (chmod(dir.c_str(), 0755) != 0 || seteuid(1) != 0)) _exit(3);
             for (auto path = all.rbegin(); path != all.rend(); ++path) {
                 fs::permissions(*path, fs::is_directory(*path) ? fs::perms(0500) : fs::perms(0400));
             }
             envSetUp setUp{};
-            setenv("TSM_STANDIN_STORE", (dir_ / "copy").c_str(), 1);
+            setenv("TSM_STANDIN_STORE", (dir / "copy").c_str(), 1);
             if (dsmSetUp(bTrue, &setUp) != 0) _exit(4);
             asOwner();
             if (!withLog) {  // others write to it where they can, and nobody waits for readers that take no locks
                 const Host host;
-                fs::last_write_time(dir_ / "copy/catalogue.db", fs::file_time_type::clock::now());
+                fs::last_write_time(dir / "copy/catalogue.db", fs::file_time_type::clock::now());
                 EXPECT_EQ(host.Register("/new"), DSM_RC_ABORT_SYSTEM_ERROR);
             }
             _exit(HasFailure() ? 5 : 0);
@@ -1111,14 +1112,14 @@ TEST_F(OnDisk, ReadOnlyStore) {
     }
 }
 
-// The disk is full as long as the reserve is there. What stores is refused with the reason, and may not have it.
+// The disk is full as long as the reserve exists. Storing is refused with the reason, and may not use the reserve.
 TEST_F(OnDisk, FullDisk) {
     const Host host;
     const std::string reserve = Store() / "reserve";
     std::string filespace = "/fs";
     const std::vector<std::pair<int, std::function<int()>>> steps = {
         {11, [&] { return host.Put(Name("/d", "/new"), "x"); }},
-        {0, [&] { return ReadAll() == allGood_ ? 0 : 1; }},
+        {0, [&] { return ReadAll() == allGood ? 0 : 1; }},
         {0, [&] { return host.DeleteVersion(host.List(Name("/d", "/1")).at(0).objId); }},
         {0, [&] { return host.Delete(Name("/d", "/2")); }},
         {0, [&] { return host.Rename(Name("/d", "/3"), Name("/d", "/x"), bFalse); }},
@@ -1248,8 +1249,8 @@ TEST_F(StandIn, ChangesBeforeAnObjectInOneTransaction) {
     }
 }
 
-// Whatever the clocks say: no version ends before it began or begins before the one before it ended, and the date of
-// a version means that version.
+// Even if clocks go wrong, a version never ends before it began or begins before the previous one ended, and a
+// version's date means that version.
 TEST_F(StandIn, MomentsNeverRunBackwards) {
     const Host host;
     ASSERT_EQ(host.Register(), 0);
@@ -1297,7 +1298,7 @@ TEST_F(StandIn, MomentsNeverRunBackwards) {
     tzset();
 }
 
-// What a class keeps, at the moment of a look, and the files that are left. Every version is a letter; 0 deletes, -
+// What a class keeps at the moment of a query, and which files are left. Every version is a letter; 0 deletes, -
 // removes the active version for good, > renames to another name, ! opens the store anew, and a capital is bound to
 // LONG.
 TEST_F(StandIn, Retention) {
@@ -1347,7 +1348,7 @@ TEST_F(StandIn, Retention) {
         {18, "0", "FG", 2},
         {18, "i0", "Gi", 2},
         {23, "", "i", 2},
-        // The last one becomes an extra one, and what is gone does not become active.
+        // The last version becomes an extra one; a version that is gone does not become active.
         {23, "j", "j*", 1},
         {24, "k", "jk*", 2},
         {29, "-", "", 0},
@@ -1365,7 +1366,8 @@ TEST_F(StandIn, Retention) {
     ASSERT_EQ(put(other, 't'), 0);
     EXPECT_EQ(letters(other.Contents(name)), "RSt*");
     EXPECT_STREQ(other.List(name).at(0).mcName, "USUAL");
-    // What is gone is nowhere to be had, and does not stand in the way of a rename, nor join those that take its name.
+    // A version that is gone cannot be found or restored, does not block a rename, and does not join objects that take
+    // its name.
     EXPECT_EQ(host.Rename(name, target, bFalse), DSM_RC_ABORT_DUPLICATE_OBJECT);
     ObjID gone = host.List(target).at(0).objId;
     dsmGetList list{dsmGetListVersion, 1, &gone, nullptr};
@@ -1379,7 +1381,7 @@ TEST_F(StandIn, Retention) {
     EXPECT_EQ(host.Rename(name, target, bFalse), 0);
     EXPECT_EQ(letters(host.Contents(target)), "n*");
     EXPECT_EQ(Files("data"), 4U);
-    // What a restore reads stays until it is read.
+    // Data stay until a running restore has read them.
     gone = host.List(target).at(0).objId;
     ASSERT_EQ(dsmBeginGetData(host.handle, bTrue, gtBackup, &list), 0);
     ASSERT_EQ(dsmGetObj(host.handle, &gone, nullptr), DSM_RC_MORE_DATA);
@@ -1391,7 +1393,7 @@ TEST_F(StandIn, Retention) {
     EXPECT_EQ(buffer, std::string(40000, 'n'));
 }
 
-// A clock set ahead shows what will be gone and takes nothing, but from what is changed then.
+// A clock set ahead shows what will be gone. It removes only versions of objects that are changed then.
 TEST_F(OnDisk, ClockAndExpiry) {
     const dsmObjName name = Name("/d", "/1");
     const auto seen = [&](const std::string& lines) {
@@ -1431,7 +1433,7 @@ TEST_F(OnDisk, ClockAndExpiry) {
 }
 
 // A store of schema 1 is taken over when it is opened, not while another program has it open.
-TEST_F(StandIn, TakesSchema1Over) {
+TEST_F(StandIn, ConvertsSchema1) {
     constexpr const char* old = R"(
         PRAGMA journal_mode = WAL;
         CREATE TABLE node (id INTEGER PRIMARY KEY, name BLOB NOT NULL UNIQUE, secret BLOB NOT NULL);
@@ -1461,7 +1463,7 @@ TEST_F(StandIn, TakesSchema1Over) {
             (1, 20210307090510, 20210307090520, 3), (2, 20210307090520, 20210307090520, 0),
             (3, 20210307090520, 20210307090510, 3), (1004, 20210307090540, NULL, 3));
     )";
-    const fs::path folder = dir_ / "old", data = folder / "data";
+    const fs::path folder = dir / "old", data = folder / "data";
     for (const char* part : {"data/0", "data/1", "incoming"}) fs::create_directories(folder / part);
     std::ofstream(data / "0/1") << "one";
     std::ofstream(data / "0/3") << "three is too long";
@@ -1505,7 +1507,7 @@ TEST_F(StandIn, TakesSchema1Over) {
 
 }  // namespace
 
-// SQLite's and the stand-in's own calls end here, as the program comes before every library.
+// SQLite and the stand-in call these: symbols of the program come before those of libraries.
 extern "C" ssize_t pwrite64(int file, const void* bytes, size_t size, off64_t offset) {
     if (!fullWhile.empty() && access(fullWhile.c_str(), F_OK) == 0) {
         errno = ENOSPC;

@@ -226,7 +226,7 @@ TEST_F(System, ServesManyThreads) {
 
 namespace {
 
-enum Stage { nothing, initialised, signedOn, connected };
+enum Stage { Nothing, Initialised, SignedOn, Connected };
 
 struct Operation {
     const char* name;
@@ -262,40 +262,40 @@ TsmObject* objects;
 const char* optionsFile;
 
 const Operation operations[] = {
-    {"Initialise", nothing, [](int&) { return TsmInitApi(C(optionsFile), nullptr, nullptr, nullptr); }, 0, "", ""},
-    {"SignOn", initialised, [](int& s) { return (s = Open()) > 0 ? 1 : s; }, 1, "", ""},
-    {"Connect", signedOn, [](int& s) { return TsmConnectToFileSpace(s, C("other")); }, 0, "+other ", ""},
-    {"ListFilespaces", connected, [](int& s) { return TsmGetFileSpaces(s, &list); }, 1, "", ""},
-    {"ListClasses", connected, [](int& s) { return TsmGetMgmtClasses(s, &list); }, 1, "", ""},
-    {"BackupWithNewDirectories", connected, [](int& s) { return Store(s, "n/m", "f", "data"); }, 0,
+    {"Initialise", Nothing, [](int&) { return TsmInitApi(C(optionsFile), nullptr, nullptr, nullptr); }, 0, "", ""},
+    {"SignOn", Initialised, [](int& s) { return (s = Open()) > 0 ? 1 : s; }, 1, "", ""},
+    {"Connect", SignedOn, [](int& s) { return TsmConnectToFileSpace(s, C("other")); }, 0, "+other ", ""},
+    {"ListFilespaces", Connected, [](int& s) { return TsmGetFileSpaces(s, &list); }, 1, "", ""},
+    {"ListClasses", Connected, [](int& s) { return TsmGetMgmtClasses(s, &list); }, 1, "", ""},
+    {"BackupWithNewDirectories", Connected, [](int& s) { return Store(s, "n/m", "f", "data"); }, 0,
      "+/n/ +/n/m/ +/n/m/f ", "dsmEndSendObj"},
-    {"BackupInPieces", connected,
+    {"BackupInPieces", Connected,
      [](int& s) {
          standinTakeAtMost(3);
          return Store(s, "d", "f", "12345678", 5);
      },
      0, "+/d/f +/d/f -/d/f ", "dsmEndSendObj"},
-    {"Inventory", connected, [](int& s) { return TsmGetBackupInfo(s, C("*"), nullptr, 0, TSM_OBJECTS_ANY, &objects); },
+    {"Inventory", Connected, [](int& s) { return TsmGetBackupInfo(s, C("*"), nullptr, 0, TSM_OBJECTS_ANY, &objects); },
      17, "", ""},
-    {"InventoryAtAMoment", connected,
+    {"InventoryAtAMoment", Connected,
      [](int& s) {
          return TsmGetBackupInfoPointInTime(s, C("*"), nullptr, C("2021-1-1 0:0:14"), TSM_OBJECTS_ANY, &objects);
      },
      10, "", ""},
-    {"RestoreToTheEnd", connected, [](int& s) { return Fetch(s, "d", "f", nullptr, scratch); }, 6, "", ""},
-    {"RestoreBrokenOff", connected, [](int& s) { return Fetch(s, "", "big", nullptr, scratch, 1); }, 32768, "", ""},
-    {"DeleteActive", connected, [](int& s) { return TsmDelete(s, C("d"), C("f"), 0, nullptr); }, 0, "+/d/f -/d/f ",
+    {"RestoreToTheEnd", Connected, [](int& s) { return Fetch(s, "d", "f", nullptr, scratch); }, 6, "", ""},
+    {"RestoreBrokenOff", Connected, [](int& s) { return Fetch(s, "", "big", nullptr, scratch, 1); }, 32768, "", ""},
+    {"DeleteActive", Connected, [](int& s) { return TsmDelete(s, C("d"), C("f"), 0, nullptr); }, 0, "+/d/f -/d/f ",
      "*"},
-    {"DeleteAllVersions", connected, [](int& s) { return TsmDelete(s, C("d"), C("f"), 1, nullptr); }, 0, "-/d/f -/d/f ",
+    {"DeleteAllVersions", Connected, [](int& s) { return TsmDelete(s, C("d"), C("f"), 1, nullptr); }, 0, "-/d/f -/d/f ",
      "*"},
-    {"DeleteWithClimb", connected, [](int& s) { return TsmDelete(s, C("c/e/g"), C("f"), 1, nullptr); }, 0,
+    {"DeleteWithClimb", Connected, [](int& s) { return TsmDelete(s, C("c/e/g"), C("f"), 1, nullptr); }, 0,
      "-/c/ -/c/e/ -/c/e/g/ -/c/e/g/f ", "*"},
-    {"RenameOntoAFreeName", connected, [](int& s) { return TsmRenameBackup(s, "old/x", "f", "n/m", "g"); }, 0,
+    {"RenameOntoAFreeName", Connected, [](int& s) { return TsmRenameBackup(s, "old/x", "f", "n/m", "g"); }, 0,
      "+/n/ +/n/m/ +/n/m/g +/n/m/g -/old/ -/old/x/ -/old/x/f -/old/x/f ", "*"},
-    {"RenameOntoATakenName", connected, [](int& s) { return TsmRenameBackup(s, "old/x", "f", "t", "f"); }, 0,
+    {"RenameOntoATakenName", Connected, [](int& s) { return TsmRenameBackup(s, "old/x", "f", "t", "f"); }, 0,
      "+/t/f +/t/f -/old/ -/old/x/ -/old/x/f -/old/x/f -/t/f -/t/f ", "*"},
-    {"Close", connected, [](int& s) { return TsmCloseSession(std::exchange(s, 0)); }, 0, "", ""},
-    {"Release", connected, [](int&) { return TsmReleaseApi(); }, 0, "", "dsmTerminate"},
+    {"Close", Connected, [](int& s) { return TsmCloseSession(std::exchange(s, 0)); }, 0, "", ""},
+    {"Release", Connected, [](int&) { return TsmReleaseApi(); }, 0, "", "dsmTerminate"},
 };
 
 Lines Minus(const Lines& from, const Lines& what) {
@@ -329,9 +329,9 @@ protected:
         fs::remove_all(folder / "store");
         fs::copy(folder / "prepared", folder / "store", fs::copy_options::recursive);
         session = 0;
-        EXPECT_TRUE(op.stage < initialised || InitApi() == 0);
-        EXPECT_TRUE(op.stage < signedOn || (session = Open()) > 0);
-        EXPECT_TRUE(op.stage < connected || TsmConnectToFileSpace(session, C("vm")) == 0);
+        EXPECT_TRUE(op.stage < Initialised || InitApi() == 0);
+        EXPECT_TRUE(op.stage < SignedOn || (session = Open()) > 0);
+        EXPECT_TRUE(op.stage < Connected || TsmConnectToFileSpace(session, C("vm")) == 0);
         standinReset();
         standinSetClock("2022-02-02 02:02:02");
         for (unsigned n = nth; n != 0 && n <= nth + (fault.inARow ? 50 : 0); ++n) {

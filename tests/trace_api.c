@@ -15,10 +15,10 @@ int dsmOfTheFuture(int number) {
 
 /* Needs errno as the caller left it, changes it, and calls a function that callers can call too. */
 dsInt16_t dsmBeginTxn(dsUint32_t handle) {
-    const int as_left = errno;
+    const int asLeft = errno;
     dsmEndQuery(handle);
     errno = 77;
-    return as_left == 5 ? DSM_RC_OK : DSM_RC_INVALID_PARM;
+    return asLeft == 5 ? DSM_RC_OK : DSM_RC_INVALID_PARM;
 }
 
 dsInt16_t dsmEndQuery(dsUint32_t handle) {

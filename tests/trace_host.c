@@ -16,19 +16,19 @@
 
 int dsmOfTheFuture(int number);
 
-static int disk_is_short, disk_is_full, interrupted;
+static int diskIsShort, diskIsFull, interrupted;
 
 static void* Send(void* count);
 
 /* In front of the system's: a disk that takes a part only, or nothing, of what is not meant for a terminal. The first
    time that it is full a signal's handler makes a call as well. */
 __attribute__((visibility("default"))) ssize_t write(int file, const void* bytes, size_t size) {
-    if (disk_is_full && file > 2) {
+    if (diskIsFull && file > 2) {
         if (!interrupted++) Send((void*)1);
         errno = ENOSPC;
         return -1;
     }
-    return syscall(SYS_write, file, bytes, disk_is_short && file > 2 ? size - size / 3 : size);
+    return syscall(SYS_write, file, bytes, diskIsShort && file > 2 ? size - size / 3 : size);
 }
 
 static void Must(int holds, const char* what) {
@@ -97,9 +97,9 @@ int main(int argc, char** argv) {
         raise(SIGKILL);
     }
     if (strcmp(what, "full") == 0) {
-        disk_is_short = 1;
-        for (disk_is_full = 0; disk_is_full < 2; ++disk_is_full) Send((void*)4000);
-        disk_is_full = 0;
+        diskIsShort = 1;
+        for (diskIsFull = 0; diskIsFull < 2; ++diskIsFull) Send((void*)4000);
+        diskIsFull = 0;
         Send((void*)1000);
     }
     return 0;

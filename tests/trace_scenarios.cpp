@@ -53,7 +53,7 @@ private:
         data.fsType = type.data();
         dsmRegisterFS(Handle(), &data);
     }
-    // Few names, so that they meet; some of bytes that are no UTF-8, some that JSON escapes.
+    // Few names, so that they meet; some are not UTF-8, some need escapes in JSON.
     dsmObjName Name(bool pattern = false) {
         static const std::array<const char*, 7> names = {"/a",           "/b", "/\xC3\xA4", "/\xFF\xC0\x80",
                                                          "/q\"\\\n\x01", "/*", "/?"};
@@ -111,7 +111,7 @@ private:
         }
         if (Of(10) > 0) dsmEndQuery(handle);
     }
-    // One that was found, as a rule.
+    // Mostly an id that a query found.
     ObjID Id(dsUint32_t handle) {
         if (ids_.empty()) {
             dsmObjName all = Name(true);

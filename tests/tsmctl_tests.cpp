@@ -43,32 +43,32 @@ class Tsmctl : public testing::Test {
 protected:
     void SetUp() override {
         std::string pattern = fs::temp_directory_path() / "tsmctl-test-XXXXXX";
-        root_ = mkdtemp(pattern.data());
-        std::ofstream(root_ / "dsm.opt") << "STOREDIR " << (root_ / "store").native() << "\nBACKDELETE YES\n";
-        fs::create_directories(root_ / "work");
-        setenv("TSMCTL_CONFIG", (root_ / "dsm.opt").c_str(), 1);
+        root = mkdtemp(pattern.data());
+        std::ofstream(root / "dsm.opt") << "STOREDIR " << (root / "store").native() << "\nBACKDELETE YES\n";
+        fs::create_directories(root / "work");
+        setenv("TSMCTL_CONFIG", (root / "dsm.opt").c_str(), 1);
         setenv("TSMCTL_PASSWORD", "secret", 1);
         setenv("TSMCTL_NODE", "node", 1);
-        setenv("TSMCTL_LOG_DIR", root_.c_str(), 1);
+        setenv("TSMCTL_LOG_DIR", root.c_str(), 1);
         unsetenv("TSMCTL_FILESPACE");
     }
     void TearDown() override {
         if (HasFailure()) {
-            std::cout << root_ << '\n' << Content(root_ / "dsierror.log");
+            std::cout << root << '\n' << Content(root / "dsierror.log");
             return;
         }
-        fs::permissions(root_, fs::perms::owner_all);
-        fs::remove_all(root_);
+        fs::permissions(root, fs::perms::owner_all);
+        fs::remove_all(root);
     }
 
     // Runs lines of shell in the work folder; "tsmctl" is the binary, "faulty" lets a call of the API fail, and "low"
     // runs what follows without root's way past the modes. No terminal is in reach.
     Outcome Run(const std::string& script) {
-        std::ofstream(root_ / "script") << "T='" TSMCTL_BINARY "'" << helpers << script << '\n';
+        std::ofstream(root / "script") << "T='" TSMCTL_BINARY "'" << helpers << script << '\n';
         const std::string command =
-            "cd '" + (root_ / "work").native() + "' && setsid -w bash ../script >../out 2>../err </dev/null";
+            "cd '" + (root / "work").native() + "' && setsid -w bash ../script >../out 2>../err </dev/null";
         const int status = std::system(command.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Content(root_ / "out"), Content(root_ / "err")};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Content(root / "out"), Content(root / "err")};
     }
 
     // out and err are parts of what is written; without an err, nothing but summaries may be.
@@ -82,7 +82,7 @@ protected:
         EXPECT_EQ(err.empty() ? std::regex_replace(outcome.err, summary, "") : "", "");
     }
 
-    fs::path root_;
+    fs::path root;
 };
 
 // Another program, which stores objects in its own way.
@@ -249,7 +249,7 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
 TEST_F(Tsmctl, WhatTheApiRefusesIsExplained) {
     const std::string fullStore = "head -c 3M /dev/zero > big; trap '' XFSZ; ulimit -f 1000; tsmctl -q backup big";
     Expect(fullStore, 1, "", "(-1), the server failed, as with storage that is full");
-    Expect(fullStore, 1, "", "tsmctl: the client API's log has more: " + (root_ / "dsierror.log").native());
+    Expect(fullStore, 1, "", "tsmctl: the client API's log has more: " + (root / "dsierror.log").native());
     Expect("export XDG_STATE_HOME=$PWD/state; unset TSMCTL_LOG_DIR; umask 0; " + fullStore, 1, "",
            "state/tsmctl/dsierr");
     Expect("stat -c %a state state/tsmctl", 0, "700\n700\n");
@@ -339,7 +339,7 @@ TEST_F(Tsmctl, DamageIsNoticed) {
                           {"s", " 8 ", " - ", 0, -1, content},
                           {"s", " 8 ", " - ", 0, 0, beside}};
     {
-        OtherProgram other(root_);
+        OtherProgram other(root);
         int number = 0;
         for (const Case& c : cases) {
             auto [info, data, announced] = other.Get("d", c.of);
@@ -394,18 +394,18 @@ TEST_F(Tsmctl, StreamsAreAnnouncedRatherTooLarge) {
                           {"head -c 2M /dev/zero", "", 2306867, ""}};
     for (const Case& c : cases) {
         Expect(std::string(c.stream) + " | tsmctl backup - --as s " + c.options, 0, "", c.told);
-        OtherProgram other(root_);
+        OtherProgram other(root);
         EXPECT_EQ(std::get<2>(other.Get("", "s")) - 169, c.announced) << c.stream << c.options;
     }
 }
 
 TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
-    fs::create_directories(root_ / "outside");
+    fs::create_directories(root / "outside");
     {
-        OtherProgram other(root_);
+        OtherProgram other(root);
         other.Put("t/evil", "f", "", "bad");
-        other.Put("t", "evil2", "tsmctl1 l 0777 1.000000000 " + std::to_string((root_ / "outside").native().size()),
-                  (root_ / "outside").native());
+        other.Put("t", "evil2", "tsmctl1 l 0777 1.000000000 " + std::to_string((root / "outside").native().size()),
+                  (root / "outside").native());
         other.Put("t", "evil", "tsmctl1 l 0777 1.000000000 2", "..");
         other.Put("t/evil2", "f", "", "bad");
         other.Put("t", "..", "", "bad");
@@ -420,9 +420,9 @@ TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
     Expect("umask 022; tsmctl restore t --to out", 1, "", "cannot be that of a file here");
     Expect("tsmctl restore t --to out --force; find out ../outside .. -maxdepth 1 -name f -o -name up -o -name short",
            0, "", "8 bytes received, the object has 9");
-    EXPECT_TRUE(fs::is_empty(root_ / "outside"));
-    EXPECT_FALSE(fs::exists(root_ / "work/out/f") || fs::exists(root_ / "work/out/t/short") ||
-                 fs::exists(root_ / "work/up"));
+    EXPECT_TRUE(fs::is_empty(root / "outside"));
+    EXPECT_FALSE(fs::exists(root / "work/out/f") || fs::exists(root / "work/out/t/short") ||
+                 fs::exists(root / "work/up"));
     Expect("cat 'out/t/st*r'", 0, "wild");
     Expect("tsmctl restore 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl restore u/fine -q && stat -c %a fine && cat fine", 0, "644\nother");
@@ -543,12 +543,12 @@ TEST_F(Tsmctl, TheExamplesOfTheHelpWork) {
     ASSERT_NE(commands.find("backup\n"), std::string::npos);
     std::istringstream lines(commands);
     for (std::string command; std::getline(lines, command);) {
-        fs::remove_all(root_ / "store");
-        fs::remove_all(root_ / "work");
-        fs::create_directories(root_ / "work/docs");
+        fs::remove_all(root / "store");
+        fs::remove_all(root / "work");
+        fs::create_directories(root / "work/docs");
         standinSetClock("2024-01-01 00:00:00");
         {
-            OtherProgram other(root_);
+            OtherProgram other(root);
             other.Put("nightly/docs", "a.txt", "", "old");
         }
         standinSetClock(nullptr);
@@ -593,7 +593,7 @@ TEST_F(Tsmctl, ASignalLeavesNothingBehind) {
         "truncate -s 256M big; tsmctl -q backup big; mkdir out; $T restore big --to out & "
         "until ls -A out | grep -q tsmctl || ! kill -0 $!; do :; done; kill $!; wait $!",
         143, "", "stopped");
-    EXPECT_TRUE(fs::is_empty(root_ / "work/out"));
+    EXPECT_TRUE(fs::is_empty(root / "work/out"));
     Expect("tsmctl list s", 1, "", "not found");
 }
 }  // namespace

@@ -10,14 +10,15 @@
 #include <filesystem>
 #include <fstream>
 
-#include "commands.h"
-#include "recording.h"
+#include "Commands.h"
+#include "Recording.h"
 
+namespace trace {
 namespace {
 
 namespace fs = std::filesystem;
 
-// The recorder, from where this program stands: in a build, or installed.
+// The recorder's path, seen from this program: in a build, or installed.
 std::string Recorder() {
     const fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
     for (const char* place : {"../lib/libtsmtrace.so", TSMTRACE_INSTALLED}) {
@@ -26,19 +27,18 @@ std::string Recorder() {
     throw Failure("libtsmtrace.so is not installed");
 }
 
-void Refuse(const std::string& file) {
+void RequireNew(const std::string& file) {
     if (!FilesOf(file).empty()) throw Failure(file + ": exists already");
 }
 
 int Run(const std::vector<std::string>& command, const std::string& output) {
-    Refuse(output);
+    RequireNew(output);
     const int made = open(output.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (made < 0) throw Failure(output + ": " + std::strerror(errno));
     close(made);
     setenv("TSMTRACE_FILE", fs::absolute(output).c_str(), 1);
     const char* const loaded = std::getenv("LD_PRELOAD");
-    setenv("LD_PRELOAD", (Recorder() + (loaded != nullptr && *loaded != '\0' ? ":" + std::string(loaded) : "")).c_str(),
-           1);
+    setenv("LD_PRELOAD", (Recorder() + (loaded && *loaded != '\0' ? ":" + std::string(loaded) : "")).c_str(), 1);
     std::vector<char*> arguments;
     for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
@@ -56,9 +56,7 @@ std::string FirstLine(const std::string& file) {
     return line;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) try {
+int Tsmtrace(int argc, char** argv) try {
     CLI::App app("Records the calls of the TSM client API, and tells what a recording says");
     app.set_version_flag("--version", std::string("tsmtrace ") + TSMTRACE_VERSION);
     app.require_subcommand(1);
@@ -112,7 +110,7 @@ int main(int argc, char** argv) try {
     if (run->parsed()) return Run(command, output.empty() ? "tsmtrace.jsonl" : output);
     if (replay->parsed()) {
         const std::string made = output.empty() ? file + ".replay" : output;
-        Refuse(made);
+        RequireNew(made);
         status = Replay(file, fs::absolute(options), fs::absolute(made), Recorder(), FirstLine(passwordFile));
     }
     if (summary->parsed()) status = Summary(file);
@@ -125,4 +123,11 @@ int main(int argc, char** argv) try {
 } catch (const std::exception& problem) {
     fmt::print(stderr, "tsmtrace: {}\n", problem.what());
     return 1;
+}
+
+}  // namespace
+}  // namespace trace
+
+int main(int argc, char** argv) {
+    return trace::Tsmtrace(argc, argv);
 }

@@ -48,7 +48,7 @@ public:
     void Text(const std::string& text);
 
     void ExpectBytes(long long total);
-    void Advance(size_t bytes);
+    void Advance(size_t count);
     void Count(Kind kind);
     void Summary(const std::string& command);
 

@@ -64,7 +64,7 @@ int main(int count, char** arguments) {
     } else {
         fmt::print("sound: {} versions, {} bytes; findings: {}\n", checked.versions, checked.bytes, found);
     }
-    // A report that did not get out is no clean bill.
+    // A report that could not be written must not look like success.
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) return notChecked;
     return !failure.empty() ? notChecked : found > 0 ? findings : sound;
 }

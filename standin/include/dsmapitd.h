@@ -85,13 +85,7 @@ typedef struct {
 
 typedef enum { atBackup = 0x00, atArchive = 0x01 } dsmAccessType;
 
-typedef enum {
-    qtArchive = 0x00,
-    qtBackup = 0x01,
-    qtBackupActive = 0x02,
-    qtFilespace = 0x03,
-    qtMC = 0x04
-} dsmQueryType;
+typedef enum { qtArchive = 0x00, qtBackup = 0x01, qtBackupActive = 0x02, qtFilespace = 0x03, qtMC = 0x04 } dsmQueryType;
 
 typedef enum { stBackup = 0x00, stArchive = 0x01 } dsmSendType;
 typedef enum { gtBackup = 0x00, gtArchive = 0x01 } dsmGetType;

@@ -11,7 +11,7 @@
 #define DSM_RC_ABORT_BY_CLIENT 3
 #define DSM_RC_ABORT_NO_REPOSIT_SPACE 11
 #define DSM_RC_ABORT_DUPLICATE_OBJECT 32
-#define DSM_RC_REJECT_NO_RESOURCES 51 /* all sessions are in use */
+#define DSM_RC_REJECT_NO_RESOURCES 51     /* all sessions are in use */
 #define DSM_RC_REJECT_VERIFIER_EXPIRED 52 /* the password */
 #define DSM_RC_NO_MEMORY 102
 #define DSM_RC_ACCESS_DENIED 106

@@ -26,7 +26,7 @@ namespace {
 // look-up alone.
 class Process {
 public:
-    // Never destroyed: the host's own clean-up at exit may still come to call.
+    // Never destroyed: the host may still call while it exits.
     static Process& Instance() {
         static Process& instance = *new Process;
         return instance;
@@ -42,8 +42,8 @@ public:
         return environment_;
     }
 
-    // A handle for a session that is about to sign on, or 0 where there are as many as the server accepts. Handles
-    // rise, so that one is not given out again soon after its session ended.
+    // Returns a handle for a session that is about to sign on; 0 if the server accepts no more sessions. Handles rise,
+    // so that a handle is not used again soon after its session ended.
     dsUint32_t Reserve(std::size_t most) {
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto there = [](const auto& entry) { return !entry.second || !entry.second->Gone(); };
@@ -68,7 +68,7 @@ public:
         return found == sessions_.end() ? nullptr : found->second;
     }
 
-    // The sessions end in the caller's hands, outside the lock.
+    // The caller destroys the sessions, outside the lock.
     std::shared_ptr<Session> Take(dsUint32_t handle) {
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto node = sessions_.extract(handle);
@@ -161,7 +161,7 @@ dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
             faults::SetUp(environment->options.faults.rules);
             return dsInt16_t{DSM_RC_OK};
         });
-        // Only now, as the options may have a rule for this very call.
+        // Only now: the options may have a rule for this very call.
         if (const auto fault = faults::Enter(Call::dsmSetUp)) return fault->rc;
         if (rc != DSM_RC_OK) return rc;
         return Guarded(&log, DSM_RC_ABORT_SYSTEM_ERROR, [&] {
@@ -170,7 +170,7 @@ dsInt16_t dsmSetUp(dsBool_t, envSetUp* setUp) {
             environment->store = Store::Open(options.storeDir);
             try {
                 options.policy.Apply(*environment->store);
-            } catch (const std::exception& problem) {  // queries obey it all the same
+            } catch (const std::exception& problem) {  // queries obey the retention even so
                 log.Write(std::string("versions that need not be kept: ") + problem.what());
             }
             Process::Instance().SetUp(std::move(environment));

@@ -18,7 +18,7 @@ namespace {
 
 // For statements whose first four values are the key of an object.
 #define THIS_NAME "fs = ?1 AND hl = ?2 AND ll = ?3 AND type = ?4"
-// No version ends before it began, whatever the clock says.
+// A version never ends before it began, even if the clock was set back.
 constexpr const char* deactivate =
     "UPDATE object_version SET ended = MAX(?5, stored + 1) WHERE " THIS_NAME " AND ended IS NULL";
 
@@ -39,7 +39,7 @@ std::string NewSecret(const std::string& password) {
     return Hashed(password, setting.get());
 }
 
-// What stands behind the hash in a secret: since when it holds.
+// The text behind the hash in a secret: the moment since which it holds.
 std::string SinceNow() {
     return " " + std::to_string(control::Now());
 }
@@ -106,7 +106,7 @@ void Catalogue::SignOn(const std::string& node, const std::string& password, std
         if (blank != secret.npos) {
             const std::int64_t age = control::Now() - std::atoll(secret.c_str() + blank);
             if (age >= *passwordDays * 86400) throw Refusal(DSM_RC_REJECT_VERIFIER_EXPIRED);
-        } else if (!store_->ReadOnly()) {  // registered when no date was kept: it counts from now on
+        } else if (!store_->ReadOnly()) {  // registered when no date was kept: its age counts from now
             store_->Submit(Store::Need::None, [&](Change& change) {
                 change.database.Run("UPDATE node SET secret = ?2 WHERE id = ?1 AND secret = ?3", node_,
                                     hash + SinceNow(), hash);
@@ -119,7 +119,7 @@ void Catalogue::SignOn(const std::string& node, const std::string& password, std
     store_->Submit(Store::Need::None, [&](Change& change) {
         change.database.Run("INSERT INTO node (name, secret) VALUES (?1, ?2) ON CONFLICT DO NOTHING", node, secret);
     });
-    known();  // again, because another session may have been first
+    known();  // again: another session may have registered it meanwhile
 }
 
 std::optional<std::int64_t> NodeView::FindFilespace(const std::string& name) const {
@@ -160,7 +160,7 @@ void Catalogue::DeleteFilespace(const std::string& name) {
     store_->Submit(Store::Need::None, [&](Change& change) {
         const NodeView view{change.database, policy_, node_};
         change.last = {};
-        // No node has the number 0; the name only has to be another one than those of its like.
+        // No node has the number 0. The name must only differ from those of other deleted filespaces.
         change.database.Run("UPDATE filespace SET node = 0, name = CAST(id AS BLOB) WHERE id = ?1",
                             view.NeedFilespace(name));
     });
@@ -200,7 +200,7 @@ VersionListing Catalogue::List(const VersionFilter& filter) {
             " AND w.type = v.type AND w.";
         std::string moment = "?9";
         if (moments.earlier != moments.later) {
-            // The later of the two, but the date of a version means that version.
+            // The later of two possible moments, except that a version's own date means that version.
             moment = "CASE WHEN EXISTS (SELECT 1 " + same + "stored = ?10) AND NOT EXISTS (SELECT 1 " + same +
                      "stored = ?9) THEN ?10 ELSE ?9 END";
         }
@@ -231,7 +231,7 @@ VersionListing::VersionListing(Statement rows, Pattern hl, Pattern ll, Database&
       object_{fs, {}, {}, 0},
       moment_(control::Now()) {}
 
-// Versions of an object come one after the other. The look-up sees what the listing sees, being within it.
+// Versions of an object come one after the other. The look-up runs within the listing and sees the same rows.
 bool VersionListing::IsGone(const Version& version) {
     if (version.ended == 0 || policy_.KeepsAll()) return false;
     if (version.type != object_.type || version.ll != object_.ll || version.hl != object_.hl) {
@@ -331,7 +331,7 @@ public:
         const ObjectName& name = version.name;
         const std::int64_t fs = NeedFilespace(name.fs);
         Touch(name);
-        // Not before the version began or ended that it follows, whatever the clock says.
+        // Never before the version that it follows began or ended, even if the clock was set back.
         std::int64_t stored = control::Now();
         bool hasActive = false, rebinds = false;
         {
@@ -403,13 +403,13 @@ public:
               renaming.to.ll);
     }
 
-    // What the operations have made surplus.
+    // Removes the versions that need not be kept any more.
     void RemoveGone() {
         for (const ObjectKey& key : touched_) RemoveGone(key);
     }
 
 private:
-    // Before an object changes: what is gone by now must not come back.
+    // Before an object changes: a version that is gone by now must not come back.
     void Touch(ObjectKey key) {
         RemoveGone(key);
         touched_.push_back(std::move(key));

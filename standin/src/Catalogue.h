@@ -65,7 +65,7 @@ struct Version {
     std::int64_t sizeEstimate;
 };
 
-// A name with the wildcards * and ?, both of which stand for bytes of any value.
+// A name with the wildcards * and ?. Both match bytes of any value.
 class Pattern {
 public:
     explicit Pattern(std::string text);
@@ -100,7 +100,7 @@ private:
     Pattern hl_, ll_;
     Database& database_;
     const Policy& policy_;
-    ObjectKey object_;  // the one whose versions that are gone are known
+    ObjectKey object_;  // of gone_
     std::map<std::int64_t, std::string> gone_;
     std::int64_t moment_;
 };
@@ -137,7 +137,7 @@ public:
     NodeView View() { return {database_, policy_, node_}; }
     // Remembers the answer, so that another process's deletion is noticed by the commit only.
     bool HasFilespace(const std::string& name);
-    // Data of a version of this node, and their name for messages.
+    // The data of a version of this node, and its name for messages.
     struct Found {
         StoredData data;
         std::string name;
@@ -156,7 +156,7 @@ private:
     const Policy& policy_;
     Database database_;
     std::int64_t node_ = 0;
-    std::optional<std::string> known_;  // a filespace, since this many deletions of the store
+    std::optional<std::string> known_;  // a filespace that was there after knownSince_ deletions
     unsigned knownSince_ = 0;
 };
 

@@ -20,7 +20,8 @@ namespace {
 
 constexpr const char* catalogueName = "catalogue.db";
 constexpr const char* repairedName = "catalogue.repaired";
-constexpr const char* awayMark = "mark.repairing";  // the mark while catalogues are exchanged, which keeps hosts out
+constexpr const char* awayMark =
+    "mark.repairing";  // the mark's name while catalogues are exchanged: without a mark hosts stay out
 
 // What a store is made of.
 constexpr const char* ownFiles[] = {"mark",
@@ -90,14 +91,14 @@ std::int64_t LastId(Database& catalogue, const std::string& schema, const Object
             const std::string table = what[7] == 'n' ? ".store" : ".object_version";
             last = std::max(last, catalogue.Number((what + schema + table).c_str()));
         } catch (const std::exception&) {
-            // The others tell.
+            // The other tables tell.
         }
     }
     return last;
 }
 
-// Calls work with each value of the column, passing over what cannot be read up to last. Returns how often it was, a
-// failure of work included.
+// Calls work with each value of the column up to last, and skips what cannot be read. Returns how often it skipped,
+// failures of work included.
 template <class Work>
 std::int64_t ForEach(Database& catalogue, const std::string& table, std::int64_t last, Work work) {
     const std::string sql = "SELECT id FROM " + table + " WHERE id > ?1 ORDER BY id LIMIT 1";
@@ -276,7 +277,7 @@ void Checker::CheckVersion(std::int64_t id) {
         ++checked_.versions;
         checked_.bytes += bytes;
     } catch (const std::exception& problem) {
-        // Its file goes when it is removed by a host at work.
+        // A host at work may have removed it, and then its file.
         const auto gone = [&] {
             try {
                 return !Catalogue().Query("SELECT 1 FROM object_version WHERE id = ?1", id).Step();
@@ -349,7 +350,7 @@ void Checker::CheckOrphans() {
 
 // ------------------------------------------------------------------- repair
 
-// SQLite's locks on the catalogue: whoever has it open holds one of them. New hosts wait for the folder's lock.
+// SQLite's locks on the catalogue: every process that has it open holds one. New hosts wait for the folder's lock.
 void Checker::NeedNoHost() const {
     if (!Exists(catalogueName)) return;
     const FileDescriptor file = root_.Open(catalogueName, O_RDWR);
@@ -365,7 +366,7 @@ void Checker::NeedNoHost() const {
 void Checker::Rebuild() {
     catalogue_.reset();
     NeedNoHost();
-    PutAsideCatalogue(root_, repairedName);  // of a repair that did not come this far
+    PutAsideCatalogue(root_, repairedName);  // left by a repair that was interrupted
     MakeCatalogue(Path(repairedName), identity_);
     {
         Database repaired(Path(repairedName), Database::Mode::Write);
@@ -421,7 +422,7 @@ void Checker::CopyRows(Database& to, std::int64_t ids) {
              (failures > 0 ? ", others are lost" : ""));
 }
 
-// The catalogues, as often as it was interrupted.
+// Exchanges the catalogues. Can be repeated after an interruption.
 void Checker::Exchange() {
     if (Exists(repairedName)) {
         for (const char* name : {"catalogue.db-wal", "catalogue.db"}) {

@@ -18,9 +18,9 @@ struct Checked {
     std::int64_t versions = 0, bytes = 0;  // what was read and found right
 };
 
-// Each finding is handed over as it comes up. Without repair nothing is changed, and hosts may be at work; with it
-// they are kept out, what belongs to no version is moved to lost+found/, and a catalogue that is damaged is replaced
-// by one of its readable rows. Throws std::exception when the folder cannot be checked as a store.
+// Reports each finding as it comes up. Without repair nothing is changed, and hosts may be at work. A repair keeps
+// hosts out, moves what belongs to no version to lost+found/, and replaces a damaged catalogue by one of its readable
+// rows. Throws std::exception when the folder cannot be checked as a store.
 Checked Check(const std::string& storeDir, bool repair, const std::function<void(const Finding&)>& report);
 
 }  // namespace standin

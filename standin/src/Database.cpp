@@ -23,7 +23,7 @@ int WaitForLock(void*, int attempts) {
     return 1;
 }
 
-// SQLite tries to open a file that cannot be made once more, which hides why.
+// If a file cannot be made, SQLite tries a second time, and that hides the reason.
 bool HasNoMoreFiles(sqlite3* database) {
     const char* const path = database ? sqlite3_db_filename(database, "main") : nullptr;
     struct statvfs status {};
@@ -120,7 +120,7 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
     const int code = sqlite3_open_v2(uri.c_str(), &handle, flags, checked ? CheckedVfs() : nullptr);
     handle_.reset(handle);
     Check(handle, code);
-    // Where the file cannot be opened otherwise, SQLite opens it for reading.
+    // SQLite opens a file for reading if it cannot open it for writing.
     if (access != SQLITE_OPEN_READONLY && sqlite3_db_readonly(handle, "main") != 0) {
         throw std::runtime_error(path + " cannot be opened for writing");
     }
@@ -133,7 +133,7 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
     Run("PRAGMA synchronous = FULL");
     Run("PRAGMA cache_size = -2048");
     // A transaction goes to the log at its commit and in one piece, so that what is read from there is always whole.
-    // OFF would keep Overwrite from writing, too.
+    // OFF would keep FlushOverOldLog from writing, too.
     Run("PRAGMA cache_spill = 2147483647");
 }
 
@@ -196,7 +196,7 @@ bool Database::InTransaction() const {
     return sqlite3_get_autocommit(handle_.get()) == 0;
 }
 
-void Database::Overwrite() {
+void Database::FlushOverOldLog() {
     Check(handle_.get(), sqlite3_db_cacheflush(handle_.get()));
     sqlite3_file* log = nullptr;
     Check(handle_.get(), sqlite3_file_control(handle_.get(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log));

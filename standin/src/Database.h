@@ -31,7 +31,7 @@ private:
     void Bind(Values whose, int index, const std::string& value);
     void Bind(Values, int, const char*) = delete;  // its std::string would not outlive the statement
 
-    // One that the database keeps is given back when this is done with, any other ends.
+    // A statement that the database keeps is given back in the end; any other is finalized.
     struct Kept {
         sqlite3_stmt* statement = nullptr;
         bool inUse = false;
@@ -72,17 +72,16 @@ public:
         return sqlite3_changes(handle_.get());
     }
 
-    // Throws when the file is not the one any more that was opened: what is written to it would be lost.
+    // Throws when the path no longer leads to the file that was opened: what is written to that one would be lost.
     void NeedInPlace();
 
     // The first column of the first row of a query that always has one.
     std::int64_t Number(const char* sql);
 
-    // Within a transaction: writes what was changed so far to the log and flushes it, so that whatever lay there can
-    // never take effect any more; something must have been changed. A process that is killed during its commit may
-    // leave its whole transaction there, unseen by those that live on, but found by the first one to come after them
-    // all.
-    void Overwrite();
+    // Within a transaction that has changed something: writes the changes so far over what the log held, and flushes
+    // them. A process that is killed during its commit may leave its whole transaction in the log. The processes that
+    // live on do not see it, but the first one after them all would; it can no longer take effect after this.
+    void FlushOverOldLog();
 
     // A database without page checksums, under a name of its own, only to be read.
     void AttachUnchecked(const std::string& path, const std::string& name);
@@ -90,7 +89,7 @@ public:
     // Another one that may be damaged, only to be read, so that its log stays with it.
     void Attach(const std::string& path, const std::string& name);
 
-    // False once SQLite has rolled it back of its own accord, as it does after a failure to read or write.
+    // False once SQLite has rolled the transaction back by itself, as after a failure to read or write.
     bool InTransaction() const;
 
     // For schema texts of several statements.

@@ -113,7 +113,7 @@ Rule FaultOf(const std::vector<std::string>& words) {
             Wrong("a reason goes with dsmEndTxn, or with the code 157");
         }
     }
-    // What looks like a success, and is none, no server does; but for a reason in spite of 0.
+    // No server answers a call that it did not carry out with success; a reason beside 0 is the exception.
     const bool untold = rule.fault->rc == DSM_RC_OK && rule.fault->reason == 0;
     const auto taken = [&](const Row& row) {
         return (!rule.call || faults::Named(row.name) == rule.call) && row.successes.count(rule.fault->rc) != 0;
@@ -151,7 +151,7 @@ std::vector<Fault> With(dsInt16_t rc, std::initializer_list<dsUint16_t> reasons)
     return faults;
 }
 
-// 2041 is how a broken connection may show first.
+// A broken connection may show as 2041 first.
 std::vector<Fault> FaultsOf(Call call) {
     switch (call) {
         case Call::dsmSetUp:
@@ -192,7 +192,7 @@ std::vector<Fault> FaultsOf(Call call) {
 constexpr std::size_t all = callCount;  // counts every call that can fail
 
 struct Table {
-    // Never set back, so that rules hold for the same calls whatever a test forgets.
+    // Never reset, so that rules hold for the same calls whatever a test forgets.
     std::array<std::atomic<unsigned long>, callCount + 1> counts{};
     std::array<std::atomic<unsigned long>, callCount + 1> forgotten{};
     std::atomic<bool> armed{false};  // spares every call the lock while there is no rule
@@ -211,7 +211,7 @@ struct Table {
 };
 
 Table& TheTable() {
-    // Never destroyed: the host's own clean-up at exit may still come to call.
+    // Never destroyed: the host may still call while it exits.
     static Table& table = *new Table;
     return table;
 }

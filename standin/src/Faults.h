@@ -1,6 +1,6 @@
-// What goes wrong on request. Rules for the calls of this process stand in one table, whoever made them: the options
-// file and the environment (for every set-up anew), or a test (standin/testcontrol.h). All functions may be called by
-// any thread.
+// Failures on request. One table has the rules for the calls of this process: those of the options file and the
+// environment, which each set-up reads anew, and those of a test (standin/testcontrol.h). Any thread may call any
+// function.
 #pragma once
 
 #include <chrono>
@@ -25,7 +25,7 @@ struct Fault {
     dsUint16_t reason;
 };
 
-// Which calls, and what becomes of them.
+// Which calls a rule is for, and what it does to them.
 struct Rule {
     std::optional<Call> call;  // none: any
     unsigned long nth = 0;     // since the process began; 0: every one
@@ -46,8 +46,8 @@ struct Faults {
     std::chrono::milliseconds idle{0};  // for which a session may be; 0: for as long as it likes
     bool strictSize = false;
 
-    // Takes a line of an options file in. False where the keyword is none of these; throws std::runtime_error, without
-    // the line's text, where the rest is wrong.
+    // Reads a line of an options file. Returns false if the keyword is for something else. Throws std::runtime_error,
+    // without the line's text, if the rest of the line is wrong.
     bool Take(const std::string& keyword, const std::string& rest);
 };
 
@@ -61,7 +61,7 @@ std::optional<Fault> Enter(Call call);
 // How many of the bytes one such call takes or gives.
 dsUint32_t AtMost(Call call, dsUint32_t bytes);
 
-// Takes the place of the rules that an earlier set-up made.
+// Replaces the rules of an earlier set-up.
 void SetUp(const std::vector<Rule>& rules);
 
 // For tests. nth counts from now on.

@@ -48,7 +48,7 @@ public:
     std::vector<std::string> Names() const;
     // Fails rather than replace something when replace is false.
     void Move(const std::string& name, const Folder& to, const std::string& newName, bool replace = false) const;
-    void Remove(const std::string& name) const;  // what is missing is none the worse
+    void Remove(const std::string& name) const;  // does nothing if it is missing
 
     void Sync() const { file_.Sync(); }
     const FileDescriptor& File() const { return file_; }

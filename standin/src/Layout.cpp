@@ -66,7 +66,7 @@ std::uint32_t Number(const std::string& bytes, std::size_t at) {
     return number;
 }
 
-// A part of the identity that stands in the header of the catalogue, where it is seen before SQLite opens the file.
+// A part of the identity, kept in the header of the catalogue, where it can be read before SQLite opens the file.
 std::uint32_t ApplicationId(const std::string& identity) {
     std::uint32_t id = 0;
     std::from_chars(identity.data(), identity.data() + 7, id, 16);
@@ -121,7 +121,7 @@ void SetMode(const Folder& root) {
     }
 }
 
-// Folders there may be new, and flushed by no one.
+// The folders in it may be new and not flushed yet.
 void SyncAbove(const Folder& root) {
     for (fs::path above = fs::path(root.Path()).parent_path();; above = above.parent_path()) {
         const FileDescriptor folder(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -199,7 +199,7 @@ bool IsReadOnly(const Folder& root) {
     return false;
 }
 
-std::string Prepare(const Folder& root, bool readOnly) {
+std::string OpenOrMake(const Folder& root, bool readOnly) {
     NeedPlainFiles(root);
     std::optional<Mark> mark = ReadMark(root);
     const std::optional<CatalogueHeader> header = HeaderOf(root);
@@ -237,7 +237,7 @@ std::string Prepare(const Folder& root, bool readOnly) {
         if (root.Status(oldCatalogue)) throw std::runtime_error(At(root, catalogue) + " is damaged");
         WriteMark(root, *mark);
         SyncAbove(root);
-        // Begun before, and perhaps never flushed as a whole; nothing was stored in it yet.
+        // An earlier start may have left it, flushed in part only. Nothing was stored in it yet.
         PutAsideCatalogue(root, catalogue);
         MakeCatalogue(At(root, catalogue), mark->identity);
     }
@@ -249,7 +249,7 @@ std::string Prepare(const Folder& root, bool readOnly) {
 }
 
 void MakeCatalogue(const std::string& path, const std::string& identity) {
-    // With the mode that the files beside it take over.
+    // The files that SQLite puts beside it take over its mode.
     {
         const FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (file.Get() < 0) ThrowErrno("create " + path);
@@ -312,7 +312,7 @@ void MakeReserve(const Folder& root) noexcept try {
     if (file.Status().st_size >= reserveSize) return;
     if (posix_fallocate(file.Get(), 0, reserveSize) != 0) root.Remove(reserve);
 } catch (const std::exception&) {
-    // The store does without.
+    // The store works without a reserve.
 }
 
 bool GiveUpReserve(const Folder& root) {

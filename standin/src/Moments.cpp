@@ -38,7 +38,7 @@ Moments MomentsOf(std::int64_t localTime) {
     t.tm_mon = part(100) - 1;
     t.tm_year = static_cast<int>(localTime) - 1900;
     const std::int64_t asUtc = timegm(&t);
-    // Read with the difference from UTC that holds a day before, and with the one a day after.
+    // Tried with the difference from UTC of a day before, and with that of a day after.
     constexpr std::int64_t day = 86400;
     const std::int64_t before = asUtc - Local(asUtc - day).tm_gmtoff, after = asUtc - Local(asUtc + day).tm_gmtoff;
     const auto fits = [&](std::int64_t moment) { return moment + Local(moment).tm_gmtoff == asUtc; };

@@ -33,7 +33,7 @@ IncomingData::~IncomingData() {
     try {
         if (!name_.empty()) home_.Incoming().Remove(name_);
     } catch (const std::exception&) {
-        // Left for the next opening of the store.
+        // The next opening of the store removes it.
     }
 }
 
@@ -53,7 +53,7 @@ void IncomingData::OpenFile() {
         FileDescriptor file = home_.Incoming().Open(name, O_WRONLY | O_CREAT | O_EXCL);
         file.Lock(true);
         const auto status = home_.Incoming().Status(name);
-        if (!status || status->st_ino != file.Status().st_ino) continue;  // taken for a dead writer's before
+        if (!status || status->st_ino != file.Status().st_ino) continue;  // taken for a dead writer's
         name_ = name;
         file.Write(row_.data(), row_.size());
         file_ = std::move(file);
@@ -89,7 +89,7 @@ ObjectData::ObjectData(const Folder& store) : incoming_(store.Sub("incoming")), 
 
 std::string ObjectData::Place(IncomingData& data, std::int64_t id) {
     const std::string file = std::to_string(id) + "-" + RandomHex(randomDigits), shard = ShardName(id);
-    // One that is there may have been made by a process whose flush failed.
+    // A folder that exists may come from a process whose flush failed.
     if (flushedShards_.count(shard) == 0) {
         data_.Make(shard);
         data_.Sync();

@@ -44,8 +44,8 @@ struct StoredData {
 
 class ObjectData;
 
-// The data of an object that is being sent. Its file, if it has one, is locked as long as this lives, which tells it
-// from one whose writer died; it is gone afterwards unless it was placed.
+// The data of an object that is being sent. If it has a file, that is locked as long as this lives: an unlocked one
+// belongs to a writer that died. The destructor removes the file unless it was placed.
 class IncomingData {
 public:
     explicit IncomingData(const ObjectData& home) : home_(home) {}
@@ -96,7 +96,7 @@ public:
     // Both by one thread at a time.
     std::string Place(IncomingData& data, std::int64_t id);
     void Flush();
-    // For a file that is to go and may be gone already.
+    // Removes a file, which may be gone already.
     void Remove(const std::string& file) const;
     void FlushRemovals(const std::set<std::string>& files) const;
 

@@ -23,9 +23,9 @@ namespace fs = std::filesystem;
 
 constexpr const char* faultVariable = "TSM_STANDIN_FAULTS";
 
-template <std::size_t size>
-std::string Field(const char (&field)[size]) {
-    return {field, strnlen(field, size)};
+template <std::size_t Size>
+std::string Field(const char (&field)[Size]) {
+    return {field, strnlen(field, Size)};
 }
 
 bool Same(const std::string& text, const char* keyword) {
@@ -94,7 +94,7 @@ void ErrorLog::Write(const std::string& text) const noexcept try {
     line += '\n';
     const int file = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (file < 0) return;
-    // One write, so that lines of several processes do not mix. There is nobody to tell when it fails.
+    // One write, so that lines of several processes do not mix. A failure cannot be reported anywhere.
     [[maybe_unused]] const ssize_t written = write(file, line.data(), line.size());
     close(file);
 } catch (...) {
@@ -126,7 +126,7 @@ void Options::ReadFile(const std::string& path) {
         const std::string place = "options file " + path + ", line " + std::to_string(number) + ": ";
         if (TakeFault(place, keyword, value)) continue;
         if (value.empty() || !(TakePolicy(keyword, value) || Take(keyword, value, baseDir))) {
-            // Values may be secret, and so may a lone word be or what stands behind "=": the log tells none of them.
+            // A value may be secret, and so may a lone word or the text behind "=": none of them goes into the log.
             throw std::runtime_error(place + "not understood" +
                                      (value.empty() ? "" : ": " + keyword.substr(0, keyword.find('='))));
         }

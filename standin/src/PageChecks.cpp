@@ -109,7 +109,7 @@ sqlite3_int64 FrameAt(sqlite3_int64 frame) {
     return logHeader + frame * frameSize;
 }
 
-// The checksum of a frame's header and page, which goes on from the one that stands before it.
+// The checksum of a frame's header and page, which goes on from that of the frame before.
 bool FrameSums(File& file, sqlite3_int64 frame, const unsigned char* header, const unsigned char* page, Sums& sums) {
     unsigned char before[8];
     if (!file.Get(before, sizeof before, frame == 0 ? logHeader - 8 : FrameAt(frame - 1) + frameHeader - 8))
@@ -198,7 +198,7 @@ bool LogReadIsGood(File& file, const unsigned char* bytes, int size, sqlite3_int
     return size < pageSize;
 }
 
-// False where a write was lost: what lies there is of an earlier log.
+// False where a write was lost: the frame there belongs to an earlier log.
 bool IsOfThisLog(File& log, const unsigned char* frame) {
     File& main = *log.main;
     const auto same = [&] { return main.saltsKnown && std::memcmp(frame + 8, main.salts, sizeof main.salts) == 0; };
@@ -206,7 +206,7 @@ bool IsOfThisLog(File& log, const unsigned char* frame) {
     return same();
 }
 
-// Of a frame that SQLite knows to be whole. Its header tells which page it is, which the page's checksum covers.
+// For a frame that SQLite knows to be whole. Its header has the page's number, which the page's checksum covers.
 int ReadLoggedPage(File& file, void* buffer, sqlite3_int64 offset) {
     unsigned char frame[frameSize];
     const int rc = file.Does().xRead(file.Real(), frame, frameSize, offset - frameHeader);
@@ -218,7 +218,7 @@ int ReadLoggedPage(File& file, void* buffer, sqlite3_int64 offset) {
     return SQLITE_OK;
 }
 
-// SQLite takes no locks on such a file, and would mix what it read before and after a change.
+// SQLite takes no locks on an immutable file, and would mix what it read before and after a change.
 bool HasChanged(const File& file) {
     struct stat now {};
     return stat(file.immutable, &now) != 0 || now.st_ino != file.found.st_ino || now.st_size != file.found.st_size ||
@@ -367,7 +367,7 @@ int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, in
     }
     file.base.pMethods = &methods;
     if (rc == SQLITE_OK && file.isLog) {
-        // SQLite makes do with a log that it can only read, and then refuses every change.
+        // SQLite accepts a log that it can only read, but then refuses every change.
         if ((flags & ~got) & SQLITE_OPEN_READWRITE && file.main->writable) rc = SQLITE_CANTOPEN;
         if (!file.ends && !FlushedPartIsGood(file)) rc = SQLITE_IOERR_DATA;
     }

@@ -50,7 +50,7 @@ void Policy::Apply(Store& store) const {
     std::vector<ObjectKey> found;
     const auto remove = [&] {
         store.Submit(Store::Need::None, [&](Change& change) {
-            for (const ObjectKey& key : found) {  // judged again, as others change them
+            for (const ObjectKey& key : found) {  // judged again: other processes change them
                 for (const auto& [id, file] : Gone(change.database, key, moment)) change.RemoveVersion(id, file);
             }
         });

@@ -37,8 +37,8 @@ public:
     // version, else of the one that ended last, holds for all.
     std::map<std::int64_t, std::string> Gone(Database& database, const ObjectKey& key, std::int64_t moment) const;
 
-    // Removes from the store what is kept neither by the server's clock nor by that of the machine, so that a clock
-    // set ahead shows what will be gone, and takes nothing.
+    // Removes from the store what neither the server's clock nor the machine's keeps. A server's clock set ahead shows
+    // what will be gone, but removes nothing.
     void Apply(Store& store) const;
 };
 

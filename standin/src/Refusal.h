@@ -6,8 +6,8 @@
 
 namespace standin {
 
-// Thrown where the server says no to a request that is in order as such; anything else that is thrown is a
-// failure of the environment and goes to the error log.
+// Thrown when the server refuses a valid request. Any other exception is a failure of the environment and goes to the
+// error log.
 class Refusal : public std::exception {
 public:
     explicit Refusal(dsInt16_t answer) : code(answer) {}
@@ -16,7 +16,7 @@ public:
     const dsInt16_t code;
 };
 
-// The code for a failure of the environment: a full disk and a store that cannot be written have their own.
+// The code for a failure of the environment. A full disk and a store that cannot be written have codes of their own.
 dsInt16_t CodeOf(const std::exception& problem, dsInt16_t otherwise);
 
 }  // namespace standin

@@ -19,8 +19,8 @@ constexpr const char* newCatalogue = "catalogue.new";
 constexpr const char* oldCatalogue = "catalogue-schema1.db";
 constexpr const char* catalogue = "catalogue.db";
 
-// Of data that are missing or cut off, none that fits: their restore fails, as it would have. Data that are there and
-// cannot be read now make the takeover fail, to be tried again.
+// Data that are missing or cut off get a checksum that fits nothing: restoring them fails, as it would have before.
+// Data that cannot be read now make the takeover fail; it can be tried again.
 std::int64_t ChecksumOf(const ObjectData& data, const StoredData& stored) try {
     Checksum sum;
     const FileDescriptor file = data.Open(stored);

@@ -62,15 +62,15 @@ std::string Text(const char* text, std::size_t longest) {
     return {text, length};
 }
 
-template <std::size_t size>
-std::string Field(const char (&field)[size]) {
-    return Text(field, size - 1);
+template <std::size_t Size>
+std::string Field(const char (&field)[Size]) {
+    return Text(field, Size - 1);
 }
 
 // Cuts what does not fit; the record was zeroed before.
-template <std::size_t size>
-void SetField(char (&field)[size], std::string_view text) {
-    text.copy(field, size - 1);
+template <std::size_t Size>
+void SetField(char (&field)[Size], std::string_view text) {
+    text.copy(field, Size - 1);
 }
 
 template <class Pointer>
@@ -150,14 +150,14 @@ bool Session::Wake() {
         environment_->log.Write("a session was idle for longer than IDLE allows: it is gone");
     transaction_ = Transaction();
     get_ = Get();
-    EndAnswers(idle);
+    EndAnswers(Idle);
     return false;
 }
 
 // ------------------------------------------------------------- order of calls
 
 unsigned Session::StatesFor(Call call) {
-    constexpr unsigned nothingUnderWay = idle | queryOver;
+    constexpr unsigned nothingUnderWay = Idle | QueryOver;
     switch (call) {
         case Call::dsmRegisterFS:
         case Call::dsmDeleteFS:
@@ -167,28 +167,28 @@ unsigned Session::StatesFor(Call call) {
         case Call::dsmBeginGetData:
             return nothingUnderWay;
         case Call::dsmGetNextQObj:
-            return querying;
+            return Querying;
         case Call::dsmEndQuery:
-            return querying | queryOver;
+            return Querying | QueryOver;
         case Call::dsmBindMC:
-            return nothingUnderWay | inTransaction;
+            return nothingUnderWay | InTransaction;
         case Call::dsmSendObj:
         case Call::dsmDeleteObj:
         case Call::dsmRenameObj:
-            return inTransaction;
+            return InTransaction;
         case Call::dsmSendData:
         case Call::dsmEndSendObj:
-            return inObject;
+            return InObject;
         case Call::dsmEndTxn:
-            return inTransaction | inObject;
+            return InTransaction | InObject;
         case Call::dsmGetObj:
-            return getting;
+            return Getting;
         case Call::dsmGetData:
-            return inGetObject;
+            return InGetObject;
         case Call::dsmEndGetObj:
-            return inGetObject | getObjectOver;
+            return InGetObject | GetObjectOver;
         case Call::dsmEndGetData:
-            return getting | inGetObject | getObjectOver;
+            return Getting | InGetObject | GetObjectOver;
         default:
             return ~0U;  // concerns no session's state
     }
@@ -196,8 +196,8 @@ unsigned Session::StatesFor(Call call) {
 
 std::optional<dsInt16_t> Session::OutOfOrder(Call call) {
     if (!(state_ & StatesFor(call))) return dsInt16_t{DSM_RC_BAD_CALL_SEQUENCE};
-    if (!InTransaction() || !transaction_.givenUp || call == Call::dsmEndTxn) return std::nullopt;
-    if (call == Call::dsmEndSendObj) state_ = inTransaction;
+    if (!HasTransaction() || !transaction_.givenUp || call == Call::dsmEndTxn) return std::nullopt;
+    if (call == Call::dsmEndSendObj) state_ = InTransaction;
     return dsInt16_t{DSM_RC_WILL_ABORT};
 }
 
@@ -211,7 +211,7 @@ dsInt16_t Session::AnswerToException() {
         return Broken(DSM_RC_NO_MEMORY, "no memory");
     } catch (const std::exception& problem) {
         return Broken(CodeOf(problem, DSM_RC_ABORT_SYSTEM_ERROR),
-                      state_ & (inGetObject | getObjectOver) ? get_.name + ": " + problem.what() : problem.what());
+                      state_ & (InGetObject | GetObjectOver) ? get_.name + ": " + problem.what() : problem.what());
     }
 }
 
@@ -222,8 +222,8 @@ void Session::NeedWritable() const {
 
 dsInt16_t Session::Broken(dsInt16_t code, const std::string& text) {
     environment_->log.Write(text);
-    if (InTransaction()) return GiveUp(static_cast<dsUint16_t>(code));
-    if (state_ == querying) EndAnswers(queryOver);
+    if (HasTransaction()) return GiveUp(static_cast<dsUint16_t>(code));
+    if (state_ == Querying) EndAnswers(QueryOver);
     return code;
 }
 
@@ -234,18 +234,18 @@ dsInt16_t Session::GiveUp(dsUint16_t reason) {
 }
 
 dsInt16_t Session::Fail(Call call, Fault fault) {
-    if (InTransaction()) {
+    if (HasTransaction()) {
         if (call == Call::dsmEndTxn) {
             transaction_ = Transaction();
-            state_ = idle;
+            state_ = Idle;
         } else if (fault.rc == DSM_RC_WILL_ABORT) {
             GiveUp(fault.reason);
-            if (call == Call::dsmEndSendObj) state_ = inTransaction;
+            if (call == Call::dsmEndSendObj) state_ = InTransaction;
         }
     }
-    if (state_ & (querying | queryOver)) {
-        if (call == Call::dsmGetNextQObj) EndAnswers(queryOver);
-        if (call == Call::dsmEndQuery) EndAnswers(idle);
+    if (state_ & (Querying | QueryOver)) {
+        if (call == Call::dsmGetNextQObj) EndAnswers(QueryOver);
+        if (call == Call::dsmEndQuery) EndAnswers(Idle);
     }
     if (call == Call::dsmEndGetData && (state_ & StatesFor(call))) EndGetData();
     return fault.rc;
@@ -298,7 +298,7 @@ dsInt16_t Session::BeginQuery(dsmQueryType type, const dsmQueryBuff* what) {
         default:
             return DSM_RC_INVALID_PARM;
     }
-    state_ = querying;
+    state_ = Querying;
     return DSM_RC_OK;
 }
 
@@ -369,12 +369,12 @@ dsInt16_t Session::GetNextQObj(DataBlk* block) {
     }
     out.numBytes = 0;
     const dsInt16_t end = answers_.any ? DSM_RC_FINISHED : DSM_RC_ABORT_NO_MATCH;
-    EndAnswers(queryOver);
+    EndAnswers(QueryOver);
     return end;
 }
 
 dsInt16_t Session::EndQuery() {
-    EndAnswers(idle);
+    EndAnswers(Idle);
     return DSM_RC_OK;
 }
 
@@ -407,7 +407,7 @@ dsInt16_t Session::BindMC(const dsmObjName* name, dsmSendType type, mcBindKey* k
 
 dsInt16_t Session::BeginTxn() {
     transaction_ = Transaction();
-    state_ = inTransaction;
+    state_ = InTransaction;
     return DSM_RC_OK;
 }
 
@@ -415,7 +415,7 @@ dsInt16_t Session::EndTxn(dsUint8_t vote, dsUint16_t* reason) {
     Need(reason);
     Require(vote == DSM_VOTE_COMMIT || vote == DSM_VOTE_ABORT, DSM_RC_INVALID_VOTE);
     Transaction ended = std::exchange(transaction_, Transaction());
-    state_ = idle;
+    state_ = Idle;
     const auto outcome = [&]() -> dsUint16_t {
         if (ended.givenUp) return *ended.givenUp;
         if (vote == DSM_VOTE_ABORT) return DSM_RC_ABORT_BY_CLIENT;
@@ -447,7 +447,7 @@ dsInt16_t Session::SendObj(dsmSendType type, const dsmObjName* name, const ObjAt
     object.sizeEstimate = Joined(a.sizeEstimate);
     transaction_.open = std::move(object);
     const dsInt16_t rc = block ? SendData(block) : dsInt16_t{DSM_RC_OK};
-    state_ = inObject;
+    state_ = InObject;
     return rc;
 }
 
@@ -470,7 +470,7 @@ dsInt16_t Session::SendData(DataBlk* block) {
 }
 
 dsInt16_t Session::EndSendObj() {
-    state_ = inTransaction;
+    state_ = InTransaction;
     if (transaction_.open->data) transaction_.open->data->Finish();
     transaction_.operations.emplace_back(std::move(*transaction_.open));
     transaction_.open.reset();
@@ -515,7 +515,7 @@ dsInt16_t Session::BeginGetData(dsmGetType type, const dsmGetList* list) {
     Get get;
     for (dsUint32_t i = 0; i < l.numObjId; ++i) get.wanted.push_back(Joined(l.objId[i]));
     get_ = std::move(get);
-    state_ = getting;
+    state_ = Getting;
     return DSM_RC_OK;
 }
 
@@ -526,10 +526,10 @@ dsInt16_t Session::GetObj(const ObjID* objId, DataBlk* block) {
     const auto found = catalogue_.Find(id);
     Require(found.has_value(), DSM_RC_ABORT_NO_MATCH);
     get_.name = found->name;
-    state_ = getObjectOver;
+    state_ = GetObjectOver;
     if (found->data.bytes == 0) return DSM_RC_FINISHED;
     get_.data = catalogue_.Open(found->data);
-    state_ = inGetObject;
+    state_ = InGetObject;
     return block && block->bufferLen > 0 ? GetData(block) : dsInt16_t{DSM_RC_MORE_DATA};
 }
 
@@ -541,19 +541,19 @@ dsInt16_t Session::GetData(DataBlk* block) {
     out.numBytes = static_cast<dsUint32_t>(get_.data.Read(out.bufferPtr, room));
     if (get_.data.Left() > 0) return DSM_RC_MORE_DATA;
     get_.data = DataReader();
-    state_ = getObjectOver;
+    state_ = GetObjectOver;
     return DSM_RC_FINISHED;
 }
 
 dsInt16_t Session::EndGetObj() {
     get_.data = DataReader();
-    state_ = getting;
+    state_ = Getting;
     return DSM_RC_OK;
 }
 
 dsInt16_t Session::EndGetData() {
     get_ = Get();
-    state_ = idle;
+    state_ = Idle;
     return DSM_RC_OK;
 }
 

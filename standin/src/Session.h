@@ -1,6 +1,6 @@
 // One sign-on: the order of its calls, and the transaction, the query or the get that is under way. Used by one
-// thread at a time. Every member function that stands for a call of the API answers with its return code and may
-// throw; Perform turns what is thrown into a return code too.
+// thread at a time. The member functions named like calls of the API return the call's code and may throw; Perform
+// turns an exception into a code too.
 #pragma once
 
 #include <atomic>
@@ -32,7 +32,8 @@ public:
     // Whether the server has ended the session because no call came for too long. Any thread may ask.
     bool Gone() const;
 
-    // A call of the session, which is not idle meanwhile. False when the session is gone, and all that was under way.
+    // A call that uses the session, which is not idle meanwhile. False when the session, with all that was under way,
+    // is gone.
     class Use {
     public:
         explicit Use(Session* session) : session_(session), there_(session && session->Wake()) {}
@@ -54,7 +55,7 @@ public:
         if (const std::optional<dsInt16_t> no = OutOfOrder(call)) return *no;
         return Answered(work);
     }
-    // Answers a call as a test wants it, with the consequences that such an answer has.
+    // Answers a call as a test wants it, with all consequences of that answer.
     dsInt16_t Fail(Call call, Fault fault);
 
     dsInt16_t RegisterFS(const regFSData* data);
@@ -83,14 +84,14 @@ public:
 private:
     // Single bits, so that the calls' rules can name several.
     enum State : unsigned {
-        idle = 1,
-        querying = 2,
-        queryOver = 4,  // no answers left, end not yet called
-        inTransaction = 8,
-        inObject = 16,
-        getting = 32,
-        inGetObject = 64,
-        getObjectOver = 128  // the last byte is delivered, end not yet called
+        Idle = 1,
+        Querying = 2,
+        QueryOver = 4,  // no answers left, end not yet called
+        InTransaction = 8,
+        InObject = 16,
+        Getting = 32,
+        InGetObject = 64,
+        GetObjectOver = 128  // the last byte is delivered, end not yet called
     };
 
     struct Answers {
@@ -103,7 +104,7 @@ private:
         std::vector<Operation> operations;
         std::optional<NewVersion> open;
         std::optional<dsUint16_t> givenUp;  // the server's reason; calls inside answer DSM_RC_WILL_ABORT
-        bool denied = false;                // to be refused as a whole, but only at its end
+        bool denied = false;                // its end refuses it as a whole
     };
 
     struct Get {
@@ -125,7 +126,7 @@ private:
         }
     }
     dsInt16_t AnswerToException();
-    bool InTransaction() const { return state_ & (inTransaction | inObject); }
+    bool HasTransaction() const { return state_ & (InTransaction | InObject); }
     dsInt16_t GiveUp(dsUint16_t reason);
     dsInt16_t Broken(dsInt16_t code, const std::string& text);
     void NeedWritable() const;
@@ -141,7 +142,7 @@ private:
     static constexpr auto inUse = std::chrono::nanoseconds::max();
     std::atomic<std::chrono::nanoseconds> idleSince_{Now()};
     bool told_ = false;  // that it is gone
-    State state_ = idle;
+    State state_ = Idle;
     std::optional<ObjectName> bound_;
     Answers answers_{};
     Transaction transaction_;

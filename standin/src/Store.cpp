@@ -62,13 +62,13 @@ std::shared_ptr<Store> Store::Open(const std::string& storeDir) {
     const Folder root = StoreFolder(storeDir);
     const struct stat status = root.File().Status();
     Stores::Place& place = stores.places[{status.st_dev, status.st_ino}];
-    // Prepare reads the catalogue's file: not while SQLite has it open in this process, which would lose its locks.
+    // OpenOrMake reads the catalogue's file. If SQLite has it open in this process, that would drop SQLite's locks.
     stores.closed.wait(lock, [&] { return (store = place.store.lock()) || !place.open; });
     const Folder locked = root.Sub(".");  // SQLite cannot create one file twice at a time
     locked.File().Lock(true);
     if (!store) {
         const bool readOnly = IsReadOnly(root);
-        const std::string identity = UsingReserve(root, [&] { return Prepare(root, readOnly); });
+        const std::string identity = UsingReserve(root, [&] { return OpenOrMake(root, readOnly); });
         auto made = UsingReserve(root, [&] { return std::make_unique<Store>(Folder(storeDir), readOnly, identity); });
         place.open = true;
         store = {made.release(), [&stores, &place](Store* ended) {
@@ -105,7 +105,7 @@ Database::Mode Store::ReadingMode() const {
     return Database::Mode::Read;
 }
 
-// Under the lock of the folder. Others may be at work in the store.
+// Holds the folder's lock. Other processes may be at work in the store.
 void Store::Tidy() {
     const std::optional<Mark> mark = ReadMark(root_);
     if (!mark || mark->identity != identity_) throw std::runtime_error(root_.Path() + "/mark was changed or removed");
@@ -114,7 +114,7 @@ void Store::Tidy() {
         SweepData();
         RemoveDeletedFilespaces();
     } catch (const std::exception&) {
-        // A store that cannot be tidied, as a part of it is damaged or the disk full, is of use all the same.
+        // A store that cannot be tidied, because a part is damaged or the disk is full, can still be used.
     }
     MakeReserve(root_);
 }
@@ -123,7 +123,7 @@ void Store::SweepData() {
     const std::optional<Folder> lost = LostAndFound(root_);
     if (lost) data_.TidyIncoming(*lost);
     Database reader(CataloguePath(), Database::Mode::Write);
-    // Only that of removals that last: those that share the transaction may still fail.
+    // Only the files of removals that last: the transaction that they share may still fail.
     std::set<std::string> garbage;
     for (Statement rows = reader.Query("SELECT file FROM garbage"); rows.Step();) {
         garbage.emplace(rows.Bytes(0, longestFileName));
@@ -134,8 +134,8 @@ void Store::SweepData() {
     Submit(Need::None, [&](Change& change) {
         for (const std::string& file : garbage) change.database.Run("DELETE FROM garbage WHERE file = ?1", file);
         ChangeSomething(change.database);
-        // Before it is judged what has no row: a killed commit in the log may have one.
-        change.database.Overwrite();
+        // Before looking for files without a row: the commit of a killed process may still be in the log and have it.
+        change.database.FlushOverOldLog();
         if (!lost) return;
         for (const std::string& file : data_.FilesFrom(change.nextId)) {
             if (!HasRow(change.database, file)) data_.MoveAway(file, *lost);
@@ -197,8 +197,8 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
     lock.unlock();
     if (first || own.Wait() == Waiting::Turn::Carries) {
         lock.lock();
-        // Those who were about a moment ago may come again: they get the processor first, and a part of the time that
-        // they would wait for the disk if they came too late. Alone, nothing is waited for.
+        // Threads that submitted a moment ago may submit again. They get the processor first, and then a part of the
+        // time that a flush takes. A single thread waits for nobody.
         if (company_ > 1 || queue_.size() > 1) {
             lock.unlock();
             std::this_thread::yield();
@@ -215,7 +215,7 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
         const auto before = company ? Waited() : std::chrono::nanoseconds::zero();
         try {
             Carry(group);
-        } catch (...) {  // no memory to sort the outcomes; those who wait must wake all the same
+        } catch (...) {  // no memory to sort the outcomes; the waiting threads must wake even so
             for (Waiting* const one : group) {
                 if (!one->failure) one->failure = std::current_exception();
             }
@@ -232,7 +232,7 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
     if (own.failure) std::rethrow_exception(own.failure);
 }
 
-// Leaves the outcome with each one of the group.
+// Carries out the changes of a group. Each member gets its own outcome.
 void Store::Carry(const Group& group) {
     const auto fail = [](const Group& those) {
         for (Waiting* const one : those) {
@@ -280,7 +280,7 @@ void Store::CarryOnce(const Group& group) {
     CarriedOut(group, group.size() > 1);
 }
 
-// With each alone, one that fails is undone by itself; otherwise nothing was done then, and the answer is false.
+// eachAlone: a member that fails is undone by itself. Otherwise a failure undoes the whole group; returns false then.
 bool Store::CarriedOut(const Group& group, bool eachAlone) {
     Database& database = *writer_;
     database.NeedInPlace();
@@ -292,7 +292,7 @@ bool Store::CarriedOut(const Group& group, bool eachAlone) {
         bool any = false;
         try {
             for (Waiting* const one : group) {
-                // What one has done is undone alone when it fails.
+                // A savepoint, to undo this member alone when it fails.
                 const std::size_t placed = change.placed.size();
                 const std::set<std::string> garbage = change.garbage;
                 if (eachAlone) database.Run("SAVEPOINT one");
@@ -319,7 +319,7 @@ bool Store::CarriedOut(const Group& group, bool eachAlone) {
             for (const std::string& file : change.placed) RemoveQuietly(file);
             throw;
         }
-        // A commit that fails leaves it open whether it lasts, so the files stay until a later one has overwritten it.
+        // A commit that failed may still turn out to last, so its files stay until a later commit has overwritten it.
         const std::size_t before = inDoubt_.size();
         inDoubt_.insert(inDoubt_.end(), change.placed.begin(), change.placed.end());
         transaction.Commit();
@@ -335,13 +335,13 @@ void Store::RemoveFilesAfter(const Change& change) noexcept try {
         if (!HasRow(change.database, file)) RemoveQuietly(file);
     }
 } catch (const std::exception&) {
-    // The change lasts all the same.
+    // The change lasts even so.
 }
 
 void Store::RemoveQuietly(const std::string& file) const noexcept try {
     data_.Remove(file);
 } catch (const std::exception&) {
-    // Left for the next opening of the store.
+    // The next opening of the store removes it.
 }
 
 }  // namespace standin

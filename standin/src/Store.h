@@ -46,23 +46,23 @@ struct Change {
 
 class Store {
 public:
-    // Makes the store where there is nothing, takes one of schema 1 over, and tidies up what interrupted processes
-    // left. What is no store, or not one that can be trusted, is refused and left as it is.
+    // Opens a store. Makes one if there is nothing, converts one of schema 1, and tidies up after interrupted
+    // processes. Throws, and changes nothing, if the folder holds something else or a store that cannot be trusted.
     static std::shared_ptr<Store> Open(const std::string& storeDir);
     Store(Folder root, bool readOnly, std::string identity);  // for Open
     ~Store();
 
-    // Carries a change out, all or nothing; when this returns, it lasts. Changes that wait together share one
-    // transaction and its flush; each fails for itself unless the commit as such does. On a full disk one that
-    // frees space is given the reserve. Throws what the work throws. Work that leaves nothing behind but rows may be
-    // done twice: together with others it is first tried without the means to undo each alone, which cost a tenth.
+    // Carries out a change, all or nothing; it is durable when this returns. Changes that wait together share one
+    // transaction and its flush; each fails for itself unless the commit fails. On a full disk a change that frees
+    // space may use the reserve. Throws what the work throws. Work that leaves only rows behind may be done twice: a
+    // group is first tried without savepoints, which cost a tenth of the time.
     using Work = std::function<void(Change&)>;
     enum class Need { Space, None };
     enum class Leaves { Anything, OnlyRows };
     void Submit(Need need, const Work& work, Leaves leaves = Leaves::Anything);
 
-    // Removes the rows and the data of filespaces that were deleted, in steps that take little room. What it does not
-    // come to, the next opening does.
+    // Removes the rows and the data of deleted filespaces, in steps that need little room. The next opening does what
+    // is left.
     void RemoveDeletedFilespaces() noexcept;
     // How often this process has done so.
     unsigned FilespaceDeletions() const { return filespaceDeletions_; }
@@ -77,7 +77,7 @@ public:
 private:
     struct Waiting;
     using Group = std::vector<Waiting*>;
-    // A mutex and a condition would cost whoever wakes up one more system call.
+    // A mutex and a condition variable would cost the woken thread one more system call.
     class Semaphore {
     public:
         Semaphore() { sem_init(&semaphore_, 0, 0); }
@@ -103,7 +103,7 @@ private:
         const Leaves leaves;
         std::exception_ptr failure;
         Turn turn = Turn::NotYet;
-        // Those of the group that this one tells that the change is over, as the first one would take long to tell all.
+        // The members of the group that this one wakes in turn: one thread alone would take long to wake all.
         std::array<Waiting*, 2> others{};
         Semaphore told;
     };
@@ -128,7 +128,7 @@ private:
     std::mutex mutex_;  // of the queue
     Group queue_;
     bool carrying_ = false;
-    // How many were about when the last change was over, and how long it waited for the disk.
+    // How many threads had a part in the last change or waited at its end, and how long it waited for the disk.
     std::size_t company_ = 0;
     std::chrono::nanoseconds waited_{0};
     bool gathers_ = false;

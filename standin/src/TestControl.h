@@ -9,7 +9,8 @@ namespace control {
 // In seconds since 1970 in UTC.
 std::int64_t Now();
 
-// How it goes where no test has set it: stopped at a moment if that is not 0, or ahead of the machine's by seconds.
+// Sets the clock for when no test has set it: stopped at a moment unless that is 0, else ahead of the machine's clock
+// by so many seconds.
 void SetServerClock(std::int64_t stoppedAt, std::int64_t aheadBy);
 
 }  // namespace control

@@ -90,7 +90,7 @@ void ApiDouble::Reset() {
 
 Lines ApiDouble::Taken() {
     Lines taken;
-    taken.swap(calls);
+    taken.swap(calls_);
     return taken;
 }
 
@@ -101,9 +101,9 @@ Lines ApiDouble::TakenNames() {
 }
 
 Answer ApiDouble::Call(const std::string& function, const std::string& arguments) {
-    calls.push_back(function + arguments);
+    calls_.push_back(function + arguments);
     if (const auto run = std::exchange(meanwhile, nullptr)) run();
-    auto& queue = scripted[function];
+    auto& queue = scripted_[function];
     if (queue.empty()) return {0, 0};
     const Answer answer = queue.front();
     queue.pop_front();

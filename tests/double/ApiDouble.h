@@ -36,7 +36,7 @@ public:
     void Reset();
 
     // The next calls of a function answer so, one after the other; then it succeeds again.
-    void Answers(const std::string& function, std::deque<Answer> answers) { scripted[function] = std::move(answers); }
+    void Answers(const std::string& function, std::deque<Answer> answers) { scripted_[function] = std::move(answers); }
     // What the next query gives, and the code that ends it.
     void Finds(std::vector<Found> found, dsInt16_t end = DSM_RC_FINISHED) { sets.push_back({std::move(found), end}); }
     // All calls since the last time, one a line.
@@ -72,6 +72,6 @@ public:
     static thread_local int inside;
 
 private:
-    Lines calls;
-    std::map<std::string, std::deque<Answer>> scripted;
+    Lines calls_;
+    std::map<std::string, std::deque<Answer>> scripted_;
 };

@@ -1,8 +1,8 @@
-// libtsmtrace.so: the client API's functions, each of which hands its call on unchanged and writes a line of JSON.
+// libtsmtrace.so: the client API's functions. Each hands its call on unchanged and writes a line of JSON.
 //
-// It lives in somebody else's process. What a host could notice is kept as it was: errno, the arguments, the answers.
-// A line is made in memory of the thread's own, without an allocation, and given to the system with one write, so that
-// it outlives the process however that ends. Where that fails, the host goes on and what is missing is counted.
+// It runs in a host's process, which must not notice it: errno, the arguments and the answers stay as they were. A
+// thread makes its lines in memory of its own, without an allocation. They are mapped to a file, so that they outlive
+// the process however it ends. If a line cannot be written, the host goes on and the line is counted as lost.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -26,11 +26,12 @@
 #include <ctime>
 #include <tuple>
 
-#include "records.h"
+#include "Records.h"
 
 // The next function of the name that the program knows, else that of the library named. Null: the API has none.
 extern "C" __attribute__((visibility("default"))) void* dsmRecorderNext(const char* name, void* own);
 
+namespace trace {
 namespace {
 
 constexpr std::size_t longestText = 2048;     // of a pointer's text, which nothing else limits
@@ -47,8 +48,8 @@ struct Thread {
 };
 pthread_key_t threadKey;
 
-// Mapped when the thread first calls: a thread_local variable would be taken from the stacks of all the host's threads,
-// however small they are. Null: no memory.
+// Mapped when the thread first calls: a thread_local variable would take room on the stack of every thread of the host,
+// however small. Null: no memory.
 Thread* OwnThread() {
     if (void* const own = pthread_getspecific(threadKey)) return static_cast<Thread*>(own);
     void* const made = mmap(nullptr, sizeof(Thread), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -88,7 +89,7 @@ std::size_t Utf8(const unsigned char* text, std::size_t size) {
     return over || beyond ? 0 : length;
 }
 
-// That of zlib and of cksum -o 3.
+// The same as zlib's crc32.
 std::uint32_t Crc32(const char* data, std::size_t size) {
     static const auto table = [] {
         struct {
@@ -108,19 +109,18 @@ std::uint32_t Crc32(const char* data, std::size_t size) {
 
 // ------------------------------------------------------------------------------------------------- the file
 
-// Lines wait in a small file beside the recording, FILE.held.PID, which is mapped: what is in memory is in that file at
-// the same moment, and stays there when the process is killed. Many lines so cost one write. Where there is no such
-// file each line is written by itself.
+// Lines wait in a small file beside the recording, FILE.held.PID. It is mapped, so what is in memory stays in that file
+// when the process is killed, and many lines cost one write. Without such a file each line is written by itself.
 class File {
 public:
     constexpr File() = default;  // so that it is there before any code runs
 
-    // From the environment, once a process. Without a file nothing is recorded.
+    // Reads the environment, once a process. Without a file nothing is recorded.
     void Open() {
         const char* const name = secure_getenv("TSMTRACE_FILE");
-        if (name == nullptr || *name == '\0') return;
+        if (!name || *name == '\0') return;
         char folder[PATH_MAX] = "";  // the host may go elsewhere
-        if (name[0] != '/' && getcwd(folder, sizeof folder) == nullptr) return;
+        if (name[0] != '/' && !getcwd(folder, sizeof folder)) return;
         const int length = std::snprintf(path_, sizeof path_, "%s%s%s", folder, *folder ? "/" : "", name);
         if (length < 0 || static_cast<std::size_t>(length) >= sizeof path_) return;
         limit_ = std::min(Number("TSMTRACE_SIZE", LLONG_MAX >> 20), LLONG_MAX >> 20) << 20;
@@ -137,8 +137,8 @@ public:
         on = true;
     }
 
-    // Takes the file for a line that is about to be written, and numbers it. No thread is cancelled in between. 0: this
-    // thread has it already, and is in a signal's handler now.
+    // Locks the file for a line, and returns the line's number. The thread cannot be cancelled until Unlock. 0: this
+    // thread has the lock already, and is now in a signal's handler.
     long long Lock() {
         int cancel;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel);
@@ -147,7 +147,7 @@ public:
             return 0;
         }
         cancel_ = cancel;
-        if (text_ == nullptr) Hold();
+        if (!text_) Hold();
         return lines_ + 1;
     }
     void Unlock() {
@@ -156,7 +156,7 @@ public:
         pthread_setcancelstate(cancel, nullptr);
     }
 
-    // Both with the lock. A line that must be seen at once does not wait.
+    // Needs the lock. A line that must be seen at once does not wait.
     void Write(const char* line, std::size_t size, long long now, bool atOnce) {
         if (lost_ != 0) {
             if (const long long lost = lost_.exchange(0); !Event("gap", lost)) lost_ += lost;
@@ -178,7 +178,7 @@ public:
         Flush();
         if (mapped_ && used_ == 0) {
             unlink(held_);
-            mapped_ = false;  // should there be calls still, none of their lines waits
+            mapped_ = false;  // lines of calls that still come do not wait
         }
         Unlock();
     }
@@ -207,12 +207,13 @@ private:
 
     static long long Number(const char* variable, long long otherwise) {
         const char* const text = secure_getenv(variable);
-        const long long number = text == nullptr ? 0 : std::atoll(text);
+        const long long number = text ? std::atoll(text) : 0;
         return number > 0 ? number : otherwise;
     }
 
-    // What a process of the same number left in the file is written first. Its blocks are there before it is mapped, so
-    // that a full disk cannot strike later, and end the host. Filesystems that want new ones then are not used so.
+    // Maps the file in which lines wait. What an earlier process with the same number left there is written first. All
+    // blocks are allocated before: on a full disk a write to the mapping would end the host. Hence only filesystems
+    // that need no new blocks for such a write.
     void Hold() {
         static char own[capacity];
         static const char nothing[4096] = {};
@@ -255,8 +256,8 @@ private:
 
     void Compare() { ahead_ = Nanoseconds(CLOCK_REALTIME) - Nanoseconds(CLOCK_MONOTONIC); }
 
-    // The file is looked at first: the host may have closed it, and opened another under its number; and what was in it
-    // before, or other processes wrote, may be all that it may hold.
+    // Looks at the file first: the host may have closed it and opened another under its number, and other processes may
+    // have filled it up to its limit.
     void Flush() {
         Compare();
         if (used_ == 0) return;
@@ -293,8 +294,8 @@ private:
         return Append(line, static_cast<std::size_t>(size));
     }
 
-    // Opens the file under its name, in place of the one that is open. Its descriptor is a high one: hosts that become
-    // daemons close the low ones, and open others under these numbers. A pipe could stop or end the host.
+    // Opens the file again by its name. The descriptor is a high one: hosts that become daemons close the low ones and
+    // use their numbers again. A pipe is refused, since it could block or end the host.
     void Attach() {
         const int opened = open(path_, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
         struct stat made;
@@ -313,7 +314,7 @@ private:
         close(opened);
     }
 
-    // The file becomes FILE.1, that one FILE.2, and so on. Where another process did so, this one only follows.
+    // Renames FILE to FILE.1, FILE.1 to FILE.2, and so on. If another process did so already, only opens the new file.
     void Rotate() {
         struct stat now;
         const bool same = S_ISREG(attached_.st_mode) && stat(path_, &now) == 0 && Same(now, attached_);
@@ -329,13 +330,13 @@ private:
     pthread_mutex_t mutex_ = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     char path_[PATH_MAX] = {}, held_[PATH_MAX + 24] = {};
     int fd_ = -1;
-    struct stat attached_ = {};  // what that was opened for
+    struct stat attached_ = {};  // the file that fd_ was opened for
     int keep_ = 0;
     long long limit_ = LLONG_MAX;
     char* text_ = nullptr;
     std::size_t used_ = 0;
     bool mapped_ = false;
-    std::atomic<long long> ahead_{0};  // how far one clock is of the other
+    std::atomic<long long> ahead_{0};  // of the monotonic clock: nanoseconds to add for the time of day
     int cancel_ = 0;
     long long lines_ = 0, flushed_ = 0;
     std::atomic<long long> lost_{0};
@@ -345,11 +346,11 @@ File file;
 
 // ------------------------------------------------------------------------------------------------- a line
 
-// What a query asked for, by handle, so that its answers can be read. Where two handles share a place, the answers of
-// one of them stay unread.
+// The type of each handle's query, with which its answers are read. If two handles share a place, the answers to one of
+// them are not read.
 std::atomic<std::uint64_t> queries[256];
 
-// The visitor that writes. A line is a JSON object; what does not fit into the buffer is left out as a whole.
+// The visitor that writes a line, a JSON object. A line that does not fit into the buffer is left out as a whole.
 class Line {
 public:
     explicit Line(Thread& thread) : thread_(thread), begin_(thread_.top), end_(begin_) {
@@ -383,7 +384,7 @@ public:
         if (thread_.depth > 1) Number("depth", thread_.depth - 1);
         Literal("call", call);
     }
-    // The lines of calls that this one makes stand behind it.
+    // The lines of calls that this call makes go behind its own in the buffer.
     void Called() { thread_.top = end_; }
 
     // From here on, what the call gives back.
@@ -415,8 +416,8 @@ public:
 
     void Handle(dsUint32_t& handle) { In("h", handle); }
     void NewHandle(dsUint32_t*& handle) {
-        if (answered_ && code_ == 0 && handle != nullptr) Number("h", *handle);
-        if (!answered_ && handle == nullptr) Literal("h", nullptr);
+        if (answered_ && code_ == 0 && handle) Number("h", *handle);
+        if (!answered_ && !handle) Literal("h", nullptr);
     }
 
     void Query(dsUint32_t handle, dsmQueryType type, dsmQueryBuff*& query) {
@@ -425,7 +426,7 @@ public:
     }
     void Found(dsUint32_t handle, DataBlk*& block) {
         Data(block, false);
-        if (!answered_ || code_ != DSM_RC_MORE_DATA || block == nullptr || block->bufferPtr == nullptr) return;
+        if (!answered_ || code_ != DSM_RC_MORE_DATA || !block || !block->bufferPtr) return;
         const std::uint64_t query = queries[handle % 256];
         if (query >> 8 != handle) return;
         switch (query & 255) {
@@ -440,30 +441,30 @@ public:
     void Deletion(dsmDelType type, dsmDelInfo& info) { DescribeDeletion(*this, type, info); }
     void Data(DataBlk*& block, bool isData = true) {
         In("data", block);
-        if (!answered_ || block == nullptr) return;
+        if (!answered_ || !block) return;
         Number("bytes", block->numBytes);
         const bool taken = code_ == 0 || code_ == DSM_RC_MORE_DATA || code_ == DSM_RC_FINISHED;
-        if (file.checksums && isData && taken && block->bufferPtr != nullptr && block->numBytes <= block->bufferLen) {
+        if (file.checksums && isData && taken && block->bufferPtr && block->numBytes <= block->bufferLen) {
             Number("crc32", Crc32(block->bufferPtr, block->numBytes));
         }
     }
     void Message(const char* key, char*& text) {
         if (answered_ && code_ == 0) (*this)(key, text);
-        if (!answered_ && text == nullptr) Literal(key, nullptr);
+        if (!answered_ && !text) Literal(key, nullptr);
     }
 
     // Whether it is set.
-    void Secret(const char* key, char*& text) { Raw(Key(key), text != nullptr ? "true" : "false"); }
+    void Secret(const char* key, char*& text) { Raw(Key(key), text ? "true" : "false"); }
     // How long it is; of a null pointer, as a negative number.
     template <class Pointer, class Length>
     void Blank(const char* key, Pointer& bytes, Length& length) {
-        Number(key, bytes != nullptr ? static_cast<long long>(length) : -static_cast<long long>(length));
+        Number(key, bytes ? static_cast<long long>(length) : -static_cast<long long>(length));
     }
     void Ids(const char* key, ObjID*& ids, dsUint32_t& count) {
         Array(key, ids, count, [&](ObjID& id) { (*this)(nullptr, id); });
     }
     void Parts(const char* key, PartialObjData*& parts, dsUint32_t& count) {
-        if (parts == nullptr) return;
+        if (!parts) return;
         Array(key, parts, count, [&](PartialObjData& part) {
             (*this)(nullptr, part.partialObjOffset);
             (*this)(nullptr, part.partialObjLength);
@@ -471,9 +472,9 @@ public:
     }
 
     void operator()(const char* key, char*& text) { Text(key, text, longestText); }
-    template <std::size_t size>
-    void operator()(const char* key, char (&field)[size]) {
-        Text(key, field, size);
+    template <std::size_t Size>
+    void operator()(const char* key, char (&field)[Size]) {
+        Text(key, field, Size);
     }
     void operator()(const char* key, dsStruct64_t& number) {
         Number(key, (std::uint64_t{number.hi} << 32) | number.lo);
@@ -497,13 +498,13 @@ public:
     }
     template <class T>
     void operator()(const char* key, T*& record) {
-        if (record == nullptr) return Literal(key, nullptr);
+        if (!record) return Literal(key, nullptr);
         (*this)(key, *record);
     }
 
     // Null, a JSON string, or, of bytes that are no UTF-8, {"bytes": "their digits"}: each can be read back as it was.
     void Text(const char* key, const char* text, std::size_t most) {
-        if (text == nullptr) return Literal(key, nullptr);
+        if (!text) return Literal(key, nullptr);
         const std::size_t size = strnlen(text, most);
         const auto* const bytes = reinterpret_cast<const unsigned char*>(text);
         for (std::size_t i = 0, length; i < size; i += length) {
@@ -541,7 +542,7 @@ private:
     // Puts a member's key, unless it is an array's element. Returns nothing to be put.
     [[gnu::always_inline]] const char* Key(const char* key) {
         const bool first = end_ == begin_ || thread_.buffer[end_ - 1] == '{' || thread_.buffer[end_ - 1] == '[';
-        if (key != nullptr) {
+        if (key) {
             first ? Raw("\"", key, "\":") : Raw(",\"", key, "\":");
         } else if (!first) {
             Raw(",");
@@ -550,7 +551,7 @@ private:
     }
     [[gnu::always_inline]] void Literal(const char* key, const char* text) {
         Key(key);
-        if (text == nullptr) return Raw("null");
+        if (!text) return Raw("null");
         Raw("\"", text, "\"");
     }
     template <class T>
@@ -583,7 +584,7 @@ private:
     }
     template <class T, class Each>
     void Array(const char* key, T* elements, dsUint32_t count, Each each) {
-        if (elements == nullptr) return Literal(key, nullptr);
+        if (!elements) return Literal(key, nullptr);
         Raw(Key(key), "[");
         for (dsUint32_t i = 0; i < std::min(count, mostIds); ++i) each(elements[i]);
         Raw("]");
@@ -604,14 +605,14 @@ private:
 
 // ------------------------------------------------------------------------------------------------- the calls
 
-void* named = nullptr;  // the API's library, where one is named and until it is needed where none is
+void* named = nullptr;  // the API's library: the one named at the start, else opened when it is needed
 
-// A library's function; of a recorder's, what it would hand the call on to, lest both write a line.
+// A function of a library. If that library is a recorder too, the function behind it: only one of them writes a line.
 void* Beyond(void* library, const char* name) {
     void* const found = dlsym(library, name);
     void* const next = dlsym(library, "dsmRecorderNext");
     Dl_info one = {}, other = {};
-    if (found == nullptr || next == nullptr || next == reinterpret_cast<void*>(&dsmRecorderNext)) return found;
+    if (!found || !next || next == reinterpret_cast<void*>(&dsmRecorderNext)) return found;
     if (dladdr(found, &one) == 0 || dladdr(next, &other) == 0 || one.dli_fbase != other.dli_fbase) return found;
     return reinterpret_cast<decltype(&dsmRecorderNext)>(next)(name, found);
 }
@@ -620,15 +621,15 @@ void SayStart(Thread& thread, void* function) {
     char program[PATH_MAX] = "";
     Dl_info where = {};
     if (readlink("/proc/self/exe", program, sizeof program - 1) < 0) program[0] = '\0';
-    if (function != nullptr) dladdr(function, &where);
+    if (function) dladdr(function, &where);
     Line line(thread);
     line.Start(program, where.dli_fname);
 }
 
-// The library named is opened at once and for all: what the recorder does not have is then found in it.
+// Opens the named library for all to see: functions that the recorder does not have are then found in it.
 void Initialise() {
     const char* const library = secure_getenv("TSMTRACE_API");
-    if (library != nullptr && *library != '\0') named = dlopen(library, RTLD_LAZY | RTLD_GLOBAL);
+    if (library && *library != '\0') named = dlopen(library, RTLD_LAZY | RTLD_GLOBAL);
     if (pthread_key_create(&threadKey, [](void* own) { munmap(own, sizeof(Thread)); }) == 0) file.Open();
     pthread_atfork(nullptr, nullptr, [] {
         if (!file.on) return;
@@ -637,7 +638,7 @@ void Initialise() {
     });
 }
 
-__attribute__((constructor)) void Prepare() {
+__attribute__((constructor)) void InitialiseOnce() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, Initialise);
 }
@@ -650,13 +651,13 @@ template <class Result, class... Declared, class Describe, class... Arguments>
 Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& slot, const Describe& describe,
               Arguments... arguments) {
     const int before = errno;
-    Prepare();
+    InitialiseOnce();
     void* found = slot.load(std::memory_order_acquire);
-    if (found == nullptr) slot = found = dsmRecorderNext(name, reinterpret_cast<void*>(own));
+    if (!found) slot = found = dsmRecorderNext(name, reinterpret_cast<void*>(own));
     const auto function = reinterpret_cast<Result (*)(Declared...)>(found);
     const auto call = [&]() -> dsInt16_t {
         errno = before;
-        if (function == nullptr) return DSM_RC_ABORT_SYSTEM_ERROR;
+        if (!function) return DSM_RC_ABORT_SYSTEM_ERROR;
         if constexpr (std::is_void_v<Result>) {
             function(arguments...);
             return DSM_RC_OK;
@@ -666,7 +667,7 @@ Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& 
     };
     dsInt16_t rc;
     Thread* const thread = file.on ? OwnThread() : nullptr;
-    if (thread == nullptr) {
+    if (!thread) {
         if (file.on) file.Lose();
         rc = call();
     } else {
@@ -692,41 +693,42 @@ struct Prototype;
 template <class R, class... Arguments>
 struct Prototype<R(Arguments...)> {
     using Result = R;
-    template <int i>
-    using Argument = std::tuple_element_t<i, std::tuple<Arguments...>>;
+    template <int Index>
+    using Argument = std::tuple_element_t<Index, std::tuple<Arguments...>>;
 };
 
 }  // namespace
+}  // namespace trace
 
 void* dsmRecorderNext(const char* name, void* own) {
-    Prepare();
-    void* found = Beyond(RTLD_NEXT, name);
-    if (found == nullptr) {
-        if (named == nullptr) named = dlopen("libApiTSM64.so", RTLD_LAZY | RTLD_GLOBAL);
-        if (named != nullptr) found = Beyond(named, name);
+    trace::InitialiseOnce();
+    void* found = trace::Beyond(RTLD_NEXT, name);
+    if (!found) {
+        if (!trace::named) trace::named = dlopen("libApiTSM64.so", RTLD_LAZY | RTLD_GLOBAL);
+        if (trace::named) found = trace::Beyond(trace::named, name);
     }
     return found == own ? nullptr : found;
 }
 
-// As the API's own header declares them, whichever it is.
-#define ARGUMENT(name, i) Prototype<decltype(name)>::Argument<i> a##i
+// The functions, with the parameters that the API's header declares.
+#define ARGUMENT(name, i) trace::Prototype<decltype(name)>::Argument<i> a##i
 #define PARAMETERS_1(name) ARGUMENT(name, 0)
 #define PARAMETERS_2(name) PARAMETERS_1(name), ARGUMENT(name, 1)
 #define PARAMETERS_3(name) PARAMETERS_2(name), ARGUMENT(name, 2)
 #define PARAMETERS_4(name) PARAMETERS_3(name), ARGUMENT(name, 3)
 #define PARAMETERS_5(name) PARAMETERS_4(name), ARGUMENT(name, 4)
 #define PARAMETERS_6(name) PARAMETERS_5(name), ARGUMENT(name, 5)
-#define ARGUMENTS_1 Plain(a0)
-#define ARGUMENTS_2 ARGUMENTS_1, Plain(a1)
-#define ARGUMENTS_3 ARGUMENTS_2, Plain(a2)
-#define ARGUMENTS_4 ARGUMENTS_3, Plain(a3)
-#define ARGUMENTS_5 ARGUMENTS_4, Plain(a4)
-#define ARGUMENTS_6 ARGUMENTS_5, Plain(a5)
-#define CALL(name, count, words, answers, ...)                          \
-    Prototype<decltype(name)>::Result name(PARAMETERS_##count(name)) {  \
-        static std::atomic<void*> slot{nullptr};                        \
-        static constexpr auto describe = __VA_ARGS__;                   \
-        return HandOn(&name, #name, slot, describe, ARGUMENTS_##count); \
+#define ARGUMENTS_1 trace::Plain(a0)
+#define ARGUMENTS_2 ARGUMENTS_1, trace::Plain(a1)
+#define ARGUMENTS_3 ARGUMENTS_2, trace::Plain(a2)
+#define ARGUMENTS_4 ARGUMENTS_3, trace::Plain(a3)
+#define ARGUMENTS_5 ARGUMENTS_4, trace::Plain(a4)
+#define ARGUMENTS_6 ARGUMENTS_5, trace::Plain(a5)
+#define CALL(name, count, words, answers, ...)                                 \
+    trace::Prototype<decltype(name)>::Result name(PARAMETERS_##count(name)) {  \
+        static std::atomic<void*> slot{nullptr};                               \
+        static constexpr auto describe = __VA_ARGS__;                          \
+        return trace::HandOn(&name, #name, slot, describe, ARGUMENTS_##count); \
     }
 extern "C" {
 #include "../tables/calls.def"

@@ -1,12 +1,13 @@
 // A recording as tsmtrace reads it: its lines, and what they say in words.
-#ifndef TRACE_RECORDING_H
-#define TRACE_RECORDING_H
+#pragma once
 
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+namespace trace {
 
 using Json = nlohmann::json;
 
@@ -15,20 +16,20 @@ struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What a recording itself lacks.
+// What is missing from a recording.
 struct Health {
     long long unreadable = 0;        // lines, as of a process killed in the middle of one
-    long long lost = 0;              // for want of room, as the recorder said itself
+    long long lost = 0;              // the recorder had no room for them, and says so
     long long missing = 0;           // by their numbers: rotated away, or never written
     long long begun = 0, ended = 0;  // processes
 };
 
-// All lines, each process's in their order: of the older parts FILE.N to FILE.1, of FILE, and of what processes that
-// ended suddenly still held. One in which the taker misses a member counts as unreadable. Throws Failure when there is no
-// such file.
+// Calls take for every line: those of the older parts FILE.N to FILE.1, of FILE, and of the files in which processes
+// that ended suddenly held theirs. The lines of one process come in their order. A line in which take misses a member
+// counts as unreadable. Throws Failure when there is no such file.
 Health ForEachLine(const std::string& file, const std::function<void(Json&)>& take);
 
-// Only the calls, without those that the API made itself. Every one has the members "call" and "rc".
+// Calls take for every call of the host, not for those that the API made itself. Each has the members "call" and "rc".
 Health ForEachCall(const std::string& file, const std::function<void(Json&)>& take);
 
 // The files of a recording that exist, in the order of reading.
@@ -49,4 +50,4 @@ std::string Shown(const Json& value);
 std::string Moment(const Json& line);
 std::string Duration(double nanoseconds);
 
-#endif
+}  // namespace trace

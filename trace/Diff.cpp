@@ -1,17 +1,18 @@
-// Two recordings against each other, session by session.
+// Compares two recordings, session by session.
 #include <fmt/format.h>
 
 #include <map>
 
-#include "commands.h"
-#include "recording.h"
+#include "Commands.h"
+#include "Recording.h"
 
+namespace trace {
 namespace {
 
 constexpr const char* passing[] = {"n", "at", "mono", "ns", "pid", "tid", "h", "depth"};
 constexpr const char* moments[] = {"stored", "ended", "begun", "completed", "moment"};
 
-// The calls of a session as far as they are compared.
+// The calls of a session, without what is not compared.
 struct Sequence {
     std::vector<Json> calls;
     std::map<long long, long long> ids;  // in the order of their appearance
@@ -43,7 +44,7 @@ std::map<std::pair<std::size_t, std::size_t>, Sequence> Read(const std::string& 
     std::map<long long, std::map<std::pair<long long, long long>, std::size_t>> handles;
     std::map<long long, std::size_t> processes;
     const Health health = ForEachCall(file, [&](Json& line) {
-        // One process makes the calls of all again.
+        // A replay is one process, whatever made the calls first.
         const long long pid = replayed ? 0 : line.at("pid").get<long long>();
         const auto handle = std::pair(line.at("pid").get<long long>(), HandleOf(line));
         const std::size_t process = processes.emplace(pid, processes.size()).first->second;
@@ -86,9 +87,11 @@ int Diff(const std::string& a, const std::string& b, bool replayed) {
                 fmt::print("process {}, session {}, call {}:\n  < {}\n  > {}\n{}", key.first + 1, key.second, i + 1,
                            words(one), words(other), parted ? "" : Differences(one[i], other[i]));
             }
-            if (parted) break;  // what follows cannot be held against each other
+            if (parted) break;  // what follows cannot be compared
         }
     }
     fmt::print("{} calls compared, {} differences\n", calls, differences);
     return differences == 0 ? 0 : 1;
 }
+
+}  // namespace trace

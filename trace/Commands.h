@@ -1,8 +1,9 @@
 // The commands of tsmtrace that work on recordings. Each returns the exit status.
-#ifndef TRACE_COMMANDS_H
-#define TRACE_COMMANDS_H
+#pragma once
 
 #include <string>
+
+namespace trace {
 
 struct Filter {
     long long handle = -1;
@@ -15,15 +16,16 @@ int Summary(const std::string& file);
 int Show(const std::string& file, const Filter& filter);
 int Export(const std::string& file);
 
-// Compares sequence and answers; times, handles and identifiers may differ. Where one is a replay of the other, what a
-// replay chooses by itself may differ too. 1: they differ.
+// Compares the sequence of calls and their answers; times, handles and identifiers may differ. If b is a replay of a,
+// what a replay chooses by itself may differ too. Returns 1 when they differ.
 int Diff(const std::string& a, const std::string& b, bool replayed);
 
-// Makes the calls of a recording again, on the server of an options file, recording into another file; then compares.
+// Makes the calls of a recording again, on the server that the options file names. Records them into output, and
+// compares the two recordings.
 int Replay(const std::string& file, const std::string& options, const std::string& output, const std::string& recorder,
            const std::string& password);
 
-// A new folder with all that a support desk asks for.
+// Makes a folder with all that a support desk asks for.
 int Doctor(const std::string& file, const std::string& folder, std::string options, std::string log);
 
-#endif
+}  // namespace trace

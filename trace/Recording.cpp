@@ -1,4 +1,4 @@
-#include "recording.h"
+#include "Recording.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -8,6 +8,7 @@
 #include <fstream>
 #include <map>
 
+namespace trace {
 namespace {
 
 namespace fs = std::filesystem;
@@ -71,13 +72,15 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
     const std::vector<std::string> files = FilesOf(file);
     if (files.empty()) throw Failure(file + ": there is no such recording");
     Health health;
-    std::map<long long, long long> last;  // number of a process's line: what it held may stand in the file already
+    std::map<long long, long long>
+        last;  // of a process: the number of its last line; what it held may be in the file already
     for (const std::string& part : files) {
         std::ifstream in(part, std::ios::binary);
         if (!in) throw Failure(part + ": cannot be read");
-        for (std::string text; std::getline(in, text);) try {
-                if (text.empty()) continue;
-                if (text[0] == '\0') break;  // the unused rest of what is held
+        for (std::string text; std::getline(in, text);) {
+            if (text.empty()) continue;
+            if (text[0] == '\0') break;  // the unused rest of what is held
+            try {
                 Json line = Json::parse(text);
                 const long long pid = line.at("pid").get<long long>();
                 const std::string event = line.value("event", "");
@@ -88,8 +91,7 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
                 }
                 if (const long long number = line.value("n", 0LL)) {
                     const bool known = last.count(pid) != 0;
-                    if (event == "start" && known && number <= last[pid])
-                        last[pid] = 0;  // another process of this number
+                    if (event == "start" && known && number <= last[pid]) last[pid] = 0;  // another process, same id
                     if (known && number <= last[pid]) continue;
                     health.missing += number - last[pid] - 1;
                     last[pid] = number;
@@ -99,6 +101,7 @@ Health ForEachLine(const std::string& file, const std::function<void(Json&)>& ta
             } catch (const Json::exception&) {
                 ++health.unreadable;
             }
+        }
     }
     return health;
 }
@@ -157,13 +160,13 @@ std::string Words(const Json& line) {
         const std::size_t end = text.find('}', begin);
         const std::string path = text.substr(begin + 1, end - begin - 1);
         const Json* value = &line;
-        for (std::size_t at = 0; at < path.size() && value != nullptr;) {
+        for (std::size_t at = 0; at < path.size() && value;) {
             const std::size_t dot = std::min(path.find('.', at), path.size());
             const auto member = value->is_object() ? value->find(path.substr(at, dot - at)) : value->end();
             value = value->is_object() && member != value->end() ? &*member : nullptr;
             at = dot + 1;
         }
-        std::string shown = value == nullptr ? "something" : Shown(*value);
+        std::string shown = value ? Shown(*value) : "something";
         if (path == "vote") shown = shown == "1" ? "commit" : shown == "2" ? "abort" : "vote " + shown;
         std::replace(shown.begin(), shown.end(), '{', '(');
         text.replace(begin, end - begin + 1, shown);
@@ -185,7 +188,7 @@ std::string Sentence(const Json& line) {
         line.contains("reason") && line.at("reason").is_number() ? line.at("reason").get<long long>() : 0;
     const std::string name = CodeOf(code).name;
     const std::string codes = (name.empty() ? "" : name + ", ") + fmt::format("{}", code);
-    // What the caller may not do, or did wrong; anything else is trouble.
+    // The caller did something wrong or is not allowed to; every other code is a failure of the API or the server.
     const bool refused = (code >= 100 && code != 102 && code != 157 && code != 2302) || code == 32;
     if (reason != 0)
         return fmt::format("{} failed: {} (reason {}; {})", Words(line), CodeOf(reason).text, reason, codes);
@@ -203,3 +206,5 @@ std::string Duration(double nanoseconds) {
         std::find_if(std::begin(units), std::end(units) - 1, [&](auto& u) { return nanoseconds >= u.first; });
     return fmt::format("{:.3g} {}", nanoseconds / unit->first, unit->second);
 }
+
+}  // namespace trace

@@ -1,4 +1,4 @@
-// A folder for a support desk.
+// Makes a folder for a support desk.
 #include <fmt/format.h>
 #include <gnu/libc-version.h>
 #include <sys/stat.h>
@@ -9,15 +9,16 @@
 #include <filesystem>
 #include <fstream>
 
-#include "commands.h"
-#include "recording.h"
+#include "Commands.h"
+#include "Recording.h"
 
+namespace trace {
 namespace {
 
 namespace fs = std::filesystem;
 
-// A line of an options file as it may be shown. Only the values of options that are known to hold none are: a new
-// option for a password would not be on a list of those that do. Comments are nobody's business.
+// A line of an options file, without what may be secret. A value is shown only if its option is known to be harmless:
+// a list of secret options would miss a new one. Comments are left out.
 std::string WithoutSecrets(std::string line) {
     static const char* const harmless[] = {
         "storedir",      "mgmtclass",   "backdelete",     "tcpserveraddress", "tcpport",      "commmethod",
@@ -68,7 +69,7 @@ int Doctor(const std::string& file, const std::string& folder, std::string optio
     }
     say(fmt::format("lines lost {}, missing {}, unreadable {}; processes begun {}, ended {}", health.lost,
                     health.missing, health.unreadable, health.begun, health.ended));
-    for (const std::string& part : FilesOf(file)) {  // by a name that no other file here has
+    for (const std::string& part : FilesOf(file)) {  // under names that no other file here has
         const std::string suffix = fs::path(part).filename().string().substr(fs::path(file).filename().string().size());
         fs::copy_file(part, fs::path(folder) / ("recording" + suffix));
     }
@@ -86,3 +87,5 @@ int Doctor(const std::string& file, const std::string& folder, std::string optio
     fmt::print("{}: look it through before you send it; names of files and nodes are in it\n", folder);
     return 0;
 }
+
+}  // namespace trace

@@ -1,4 +1,4 @@
-// Makes recorded calls again: the visitor of calls.def that fills arguments in from a line.
+// Makes recorded calls again. The visitor of calls.def fills in the arguments from a line.
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -9,10 +9,11 @@
 #include <map>
 #include <memory>
 
-#include "commands.h"
-#include "recording.h"
-#include "records.h"
+#include "Commands.h"
+#include "Recording.h"
+#include "Records.h"
 
+namespace trace {
 namespace {
 
 template <class T, class = void>
@@ -20,7 +21,7 @@ constexpr bool hasVersion = false;
 template <class T>
 constexpr bool hasVersion<T, std::void_t<decltype(T::stVersion)>> = true;
 
-// What is kept from call to call: which handle and which identifier stand for those of the recording.
+// What is kept from call to call: the new handle and the new identifier for each of the recording.
 struct World {
     std::string options, password;
     bool setUp = false;
@@ -41,7 +42,7 @@ public:
         const Json& call = line_.at("call");
         if (call == "dsmSetUp" && code == 0) world_.setUp = true;
         if (call == "dsmCleanUp") world_.setUp = false;
-        // Calls of a session that there is not go nowhere, lest they go to another one.
+        // The calls of a session that was not opened get handle 0, so that they cannot reach another session.
         if (call == "dsmInitEx" && HandleOf(line_) != 0)
             world_.handles[{line_.at("pid").get<long long>(), HandleOf(line_)}] = code == 0 ? newHandle_ : 0;
     }
@@ -109,19 +110,19 @@ public:
         const Json& value = Get(key);
         text = value.is_null() || std::strcmp(key, "configFile") == 0 ? nullptr : Copy(Bytes(value));
     }
-    template <std::size_t size>
-    void operator()(const char* key, char (&field)[size]) {
+    template <std::size_t Size>
+    void operator()(const char* key, char (&field)[Size]) {
         const std::string text = std::strcmp(key, "config") == 0    ? world_.options
                                  : std::strncmp(key, "log", 3) == 0 ? ""
                                                                     : Bytes(Get(key));
-        std::memcpy(field, text.data(), std::min(size, text.size()));
+        std::memcpy(field, text.data(), std::min(Size, text.size()));
     }
     // Identifiers and other numbers are of one type.
     void operator()(const char* key, dsStruct64_t& number) { Set(number, Get(key), std::strcmp(key, "id") == 0); }
-    // As long ago as it was then.
+    // As long before now as it was before the recorded call.
     void operator()(const char* key, dsmDate& date) {
         std::tm moment = {};
-        if (!Get(key).is_string() || strptime(Bytes(Get(key)).c_str(), "%Y-%m-%d %H:%M:%S", &moment) == nullptr) return;
+        if (!Get(key).is_string() || !strptime(Bytes(Get(key)).c_str(), "%Y-%m-%d %H:%M:%S", &moment)) return;
         moment.tm_isdst = -1;
         const std::time_t then = std::mktime(&moment) + std::time(nullptr) - line_.at("at").get<long long>() / 1000000;
         if (moment.tm_year > 100 && moment.tm_year < 8000) localtime_r(&then, &moment);
@@ -139,7 +140,7 @@ public:
         Fields(*this, record);
         at_ = outer;
     }
-    // The set-up always names the options file, lest the calls reach another server.
+    // The set-up always names the options file: without it the calls could reach another server.
     template <class T>
     void operator()(const char* key, T*& record) {
         if (Get(key).is_null() && !std::is_same_v<T, envSetUp>) return;
@@ -155,7 +156,7 @@ private:
     long long Integer(const char* key) const { return Get(key).is_number() ? Get(key).get<long long>() : 0; }
     void Set(dsStruct64_t& number, const Json& value, bool isId) const {
         std::uint64_t whole = value.is_number() ? value.get<std::uint64_t>() : 0;
-        // One that this server did not tell names nothing, lest it be of another object.
+        // An identifier that this server did not tell must not name any object of it.
         if (isId && whole != 0) whole = world_.ids.count(whole) != 0 ? world_.ids[whole] : whole | 1ULL << 63;
         number = {static_cast<dsUint32_t>(whole >> 32), static_cast<dsUint32_t>(whole)};
     }
@@ -219,24 +220,23 @@ const std::map<std::string, void (*)(Filler&, void*)> makers = {
 
 int Replay(const std::string& file, const std::string& options, const std::string& output, const std::string& recorder,
            const std::string& password) {
-    // Without another one, the API's library that was recorded.
+    // The API's library that was recorded, unless another one is named.
     const char* const named = std::getenv("TSMTRACE_API");
-    std::string api = named != nullptr ? named : "";
+    std::string api = named ? named : "";
     ForEachLine(file, [&](Json& line) {
         if (api.empty() && line.contains("api")) api = Bytes(line.at("api"));
     });
-    if (dlopen(api.c_str(), RTLD_LAZY) == nullptr)
-        throw Failure(fmt::format("{}; --api names another library", dlerror()));
+    if (!dlopen(api.c_str(), RTLD_LAZY)) throw Failure(fmt::format("{}; --api names another library", dlerror()));
     setenv("TSMTRACE_API", api.c_str(), 1);
     setenv("TSMTRACE_FILE", output.c_str(), 1);
     void* const library = dlopen(recorder.c_str(), RTLD_NOW);
-    if (library == nullptr) throw Failure(dlerror());
+    if (!library) throw Failure(dlerror());
     World world{options, password};
     ForEachCall(file, [&](Json& line) {
         const std::string call = line.at("call");
         const auto maker = makers.find(call);
         void* const function = maker == makers.end() ? nullptr : dlsym(library, call.c_str());
-        if (function == nullptr) throw Failure(call + ": there is no such function");
+        if (!function) throw Failure(call + ": there is no such function");
         if (call == "dsmInitEx" && !world.setUp)
             throw Failure("a sign-on without a set-up: the API would choose the server");
         Filler filler(world, line);
@@ -244,3 +244,5 @@ int Replay(const std::string& file, const std::string& options, const std::strin
     });
     return Diff(file, output, true);
 }
+
+}  // namespace trace

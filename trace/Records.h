@@ -1,7 +1,6 @@
-// The fields of the API's records that a recording holds, for the visitors of tables/calls.def. What a record has
-// beyond them is left out: whoever compiled the caller may have known a shorter one.
-#ifndef TRACE_RECORDS_H
-#define TRACE_RECORDS_H
+// The fields of the API's records that a recording holds, for the visitors of tables/calls.def. Fields that later
+// versions of a record added are left out: the caller may have been compiled with a shorter one.
+#pragma once
 
 #include <type_traits>
 
@@ -12,6 +11,8 @@
 #include "dsmrc.h"
 // clang-format on
 #pragma GCC visibility pop
+
+namespace trace {
 
 // An argument without the const that some headers have and others have not.
 template <class T>
@@ -90,7 +91,7 @@ void Fields(V&, dsmRenameOut_t&) {}
 
 #undef FIELDS
 
-// What stands behind the untyped question of a query; questions of other types are not looked into.
+// Gives the question of a query its type. Questions of other types are not looked into.
 template <class V, class Buffer>
 void DescribeQuery(V& v, dsmQueryType type, Buffer*& query) {
     const auto as = [&](auto* question) {
@@ -109,4 +110,4 @@ void DescribeDeletion(V& v, dsmDelType type, dsmDelInfo& info) {
     if (type == dtBackupID) v.In("what", info.backIDInfo);
 }
 
-#endif
+}  // namespace trace

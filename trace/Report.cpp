@@ -1,4 +1,4 @@
-// What happened: in sum, line by line, and as a picture.
+// Tells what happened: in sum, line by line, and as a picture.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -6,9 +6,10 @@
 #include <deque>
 #include <map>
 
-#include "commands.h"
-#include "recording.h"
+#include "Commands.h"
+#include "Recording.h"
 
+namespace trace {
 namespace {
 
 using Session = std::pair<long long, long long>;  // process, handle
@@ -17,7 +18,7 @@ Session SessionOf(const Json& line) {
     return {line.at("pid").get<long long>(), HandleOf(line)};
 }
 
-// The nodes that signed on, so that a session can be called by its node.
+// The node of each session, to name the session by.
 class Sessions {
 public:
     std::string Name(const Json& line) {
@@ -38,7 +39,7 @@ struct Sum {
     double total = 0;
 };
 
-// What a session did last, several of a kind as one.
+// The last steps of a session; equal ones in a row count as one step.
 class History {
 public:
     void Add(const Json& line) {
@@ -64,7 +65,7 @@ private:
     std::string call_;
 };
 
-// All digits of a name, or any part: what the user typed.
+// Whether an object's name, or any text in the value, contains the part.
 bool Has(const Json& value, const std::string& part) {
     const bool named = value.is_string() || (value.is_object() && value.contains("fs") && value.contains("ll"));
     if (named && Shown(value).find(part) != std::string::npos) return true;
@@ -184,3 +185,5 @@ int Export(const std::string& file) {
     fmt::print("\n]}}\n");
     return 0;
 }
+
+}  // namespace trace
