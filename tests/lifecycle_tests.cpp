@@ -1,5 +1,6 @@
 // Set-up, sign-on and sign-off, the registry, filespaces and management classes, the thread wrappers.
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -111,6 +112,21 @@ TEST_F(Library, WorksOnOtherHandlesMeanwhile) {
     for (const int handle : {8, first, first, 8}) EXPECT_EQ(TsmEndRestore(handle), 0);
     EXPECT_EQ(api.Taken(), (Lines{"dsmEndSendObj h=7", "dsmEndGetData h=8", "dsmEndTxn h=7 vote=1 reason=0",
                                   "dsmEndGetData h=8", "dsmEndGetData h=7", "dsmEndGetData h=7", "dsmEndGetData h=8"}));
+}
+
+TEST_F(Library, HoldsItsLockWhileItSignsOnAndOff) {
+    auto* const mutex = reinterpret_cast<pthread_mutex_t*>(tsmApi);  // the registry's first field
+    int held = 0;
+    const auto isHeld = [&] { pthread_mutex_trylock(mutex) == EBUSY ? ++held : pthread_mutex_unlock(mutex); };
+    for (const dsUint32_t handle : {3u, 4u}) {
+        api.meanwhile = isHeld;
+        EXPECT_EQ(Open("/", handle), static_cast<int>(handle));
+    }
+    for (const auto& signOff : {+[] { return TsmCloseSession(3); }, +[] { return TsmReleaseApi(); }}) {
+        api.meanwhile = isHeld;
+        EXPECT_EQ(signOff(), 0);
+    }
+    EXPECT_EQ(held, 4);
 }
 
 // Every function that takes a handle, without a session to take it to.

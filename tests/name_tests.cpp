@@ -44,8 +44,10 @@ TEST_F(Library, NamesObjectsByTheRulesOfEachOperation) {
         EXPECT_EQ(api.Taken().rbegin()[2], "dsmBindMC " + fs + c.given + " type=1 send=0 v=1 mc=''");
         api.Finds({Found{}});
         EXPECT_EQ(TsmRenameBackup(session, path, name, path, name), 0);
-        EXPECT_EQ(api.Taken().at(7), "dsmRenameObj v=1 out=1 repository=11 " + fs + c.renamed + " type=1 to " +
-                                         c.renamed + " merge=0 id=0:0");
+        const Lines calls = api.Taken(), lookUp = Asked(fs + c.pattern, 255, 255);
+        EXPECT_EQ(Lines(calls.begin(), calls.begin() + 6), lookUp + lookUp);
+        EXPECT_EQ(calls.at(7), "dsmRenameObj v=1 out=1 repository=11 " + fs + c.renamed + " type=1 to " + c.renamed +
+                                   " merge=0 id=0:0");
     }
 }
 

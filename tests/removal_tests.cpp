@@ -158,6 +158,7 @@ TEST_F(Connected, RenamesNothingThatIsNotThere) {
 TEST_F(RenameToATakenName, MovesItAside) {
     Prepare();
     api.Answers("dsmDeleteObj", {{0}, {106}});  // a deletion that fails is passed over
+    api.Answers("dsmEndTxn", {{0}, {0, 5}});    // the reason of one commit stays for the next
     std::string time;
     tzset();
     setenv("TZ", "ABC-7", 1);  // as a host may at any time
@@ -172,11 +173,12 @@ TEST_F(RenameToATakenName, MovesItAside) {
         if (calls[aside + 1].find("/b" + candidate + "'") != std::string::npos) time = candidate;
     }
     EXPECT_EQ(time.size(), 25u);
-    const Lines expected = Asked("'/vm' '' '/f'", 255, 255) + Asked("'/vm' '/b' '/g'", 255, 255) +
-                           Asked("'/vm' '/b' '/g'", 255, 255) + Removed("del=2 v=1 0:2") +
-                           Lines{"dsmBeginTxn", "dsmDeleteObj del=2 v=1 0:3"} +
-                           Renamed("'/vm' '/b' '/g' type=2", "'/b" + time + "' '/g" + time + "'") +
-                           Renamed("'/vm' '' '/f' type=1", "'/b' '/g'");
+    Lines expected = Asked("'/vm' '' '/f'", 255, 255) + Asked("'/vm' '/b' '/g'", 255, 255) +
+                     Asked("'/vm' '/b' '/g'", 255, 255) + Removed("del=2 v=1 0:2") +
+                     Lines{"dsmBeginTxn", "dsmDeleteObj del=2 v=1 0:3"} +
+                     Renamed("'/vm' '/b' '/g' type=2", "'/b" + time + "' '/g" + time + "'") +
+                     Renamed("'/vm' '' '/f' type=1", "'/b' '/g'");
+    expected.back() = "dsmEndTxn vote=1 reason=5";
     EXPECT_EQ(Lines(calls.begin(), calls.begin() + static_cast<long>(expected.size())), expected);
 }
 
