@@ -335,6 +335,7 @@ TEST_F(Tsmctl, DamageIsNoticed) {
                           {"f", "", "", 0, 5, "0 bytes received, the object has 8"},
                           {"f", " f 0644", " f 0644 9", 0, 0, unknown},
                           {"f", "tsmctl2", "tsmctl3", 0, 0, unknown},
+                          {"f", "tsmctl2", "tsmctl0", 0, 0, unknown},
                           {"s", " 8 ", " - ", -170, 0, content},
                           {"s", " 8 ", " - ", 0, -1, content},
                           {"s", " 8 ", " - ", 0, 0, beside}};
@@ -386,12 +387,14 @@ TEST_F(Tsmctl, StreamsAreAnnouncedRatherTooLarge) {
         long long announced;
         const char* told;
     };
-    const Case cases[] = {{"echo", "", 1, ""},
-                          {"head -c 2M /dev/zero", "", 1 << 20, "2097152 bytes, but 1048576 were announced"},
-                          {"head -c 2M /dev/zero", "--estimate 3000000", 3000000, ""},
-                          {"head -c 2M /dev/zero", "", 10LL << 30, ""},
-                          {"head -c 2M /dev/zero", "--size 2097152", 2 << 20, ""},
-                          {"head -c 2M /dev/zero", "", 2306867, ""}};
+    const Case cases[] = {
+        {"echo", "", 1, ""},
+        {"head -c 2M /dev/zero", "", 10LL << 30, ""},
+        {"head -c 2M /dev/zero", "--estimate 5", 1 << 20, "2097152 bytes, but 1048576 were announced"},
+        {"head -c 2M /dev/zero", "--estimate 3000000", 3000000, ""},
+        {"head -c 2M /dev/zero", "", 10LL << 30, ""},
+        {"head -c 2M /dev/zero", "--size 2097152", 2 << 20, ""},
+        {"head -c 2M /dev/zero", "", 2306867, ""}};
     for (const Case& c : cases) {
         Expect(std::string(c.stream) + " | tsmctl backup - --as s " + c.options, 0, "", c.told);
         OtherProgram other(root);

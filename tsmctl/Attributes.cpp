@@ -156,7 +156,8 @@ bool SetOwner(int fd, const Info& info) {
 bool SetAttributes(int fd, std::string_view attributes) {
     const std::string path = PathOf(fd);
     bool complete = true;
-    removexattr(path.c_str(), aclKeys[0].second);  // what the folder's default may have given
+    // The default of a folder above may have given both.
+    for (const auto& entry : aclKeys) removexattr(path.c_str(), entry.second);
     const auto set = [&](const std::string& name, const std::string& value) {
         if (setxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) != 0) complete = false;
     };
@@ -165,7 +166,8 @@ bool SetAttributes(int fd, std::string_view attributes) {
     }
     for (const std::string& field : FieldsOf(attributes, "xattr")) {
         const size_t colon = std::min(field.rfind(':'), field.size() - 1);
-        const std::string name = PercentDecoded(field.substr(0, colon));
+        // As the system reads it: nothing behind a NUL may make another name of a capability.
+        const std::string name = PercentDecoded(field.substr(0, colon)).c_str();
         if (name != capability) set(name, FromBase64(field.substr(colon + 1)));
     }
     return complete;

@@ -109,6 +109,7 @@ std::optional<Info> ParseInfo(const std::string& text) {
                                   &info.ctime.tv_sec, &info.ctime.tv_nsec);
     const bool first = info.version == 1;
     if (count < (first ? 5 : 10) || info.version < 1 || info.version > 2) return std::nullopt;
+    if (info.mtime.tv_nsec < 0 || info.mtime.tv_nsec > 999999999) return std::nullopt;
     if (!std::strchr(first ? "flds" : "fldspcb", kind) || info.mode > 07777) return std::nullopt;
     info.kind = static_cast<Kind>(kind);
     info.size = ParseNumber(size);
@@ -124,8 +125,11 @@ std::optional<Info> ParseInfo(const std::string& text) {
 }
 
 bool IsOfSealedVersion(const std::string& text) {
-    unsigned version = 0;
-    return std::sscanf(text.c_str(), "tsmctl%9u", &version) == 1 && version > 1;
+    constexpr std::string_view word = "tsmctl";
+    const size_t digits =
+        text.compare(0, word.size(), word) == 0 ? text.find_first_not_of("0123456789", word.size()) : 0;
+    const std::string version = digits == 0 ? "" : text.substr(word.size(), digits - word.size());
+    return !version.empty() && version != "1";
 }
 
 Info InfoOf(const struct stat& status) {

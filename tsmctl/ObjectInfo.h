@@ -51,8 +51,8 @@ constexpr long long longestHeader = 64 << 20;
 std::string FormatInfo(const Info& info);
 // Nothing for a text that another program stored.
 std::optional<Info> ParseInfo(const std::string& text);
-// Whether the text begins like one of version 2 or later. If it does not fit its object all the same, a newer tsmctl
-// wrote it, or it is damaged; the object must not be read as if it were another program's.
+// Whether the text begins like one of any version but the first. If it does not fit its object all the same, a newer
+// tsmctl wrote it, or it is damaged; the object must not be read as if it were another program's.
 bool IsOfSealedVersion(const std::string& text);
 Info InfoOf(const struct stat& status);
 

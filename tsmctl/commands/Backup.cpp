@@ -274,14 +274,15 @@ void StoreTrees(const BackupOptions& options, Context& context) {
     RunParallel(context, session, options.jobs, items.size() - alone, job);
 }
 
-// The size of the last version and a tenth more, or a large value where that size is not known.
+// The size of the last version and a tenth more, or a large value where that size is not known, or is one that would
+// have fit into the buffer, as this stream does not.
 long long EstimateFor(Session& session, const Parts& object) {
     Selection files;
     files.objectType = TSM_OBJECTS_FILES;
     long long estimate = largeStream;
     for (const StoredObject& last : List(session, NamePattern(object, false), Scope::Self, files)) {
-        const bool known = last.info && last.info->size;
-        estimate = known ? *last.info->size + *last.info->size / 10
+        const bool known = last.info && last.info->size.value_or(0) >= static_cast<long long>(pieceSize);
+        estimate = known ? *last.info->size + std::min(*last.info->size / 10, LLONG_MAX - *last.info->size)
                          : std::max(largeStream, last.announced - static_cast<long long>(sealLength));
     }
     return estimate;
