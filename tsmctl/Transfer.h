@@ -31,6 +31,7 @@ public:
     void Send(unsigned char* data, size_t length);
     // The next bytes of the content are zeros that the header tells of, and are not sent.
     void Skip(long long length);
+    const std::string& InfoText() const { return info_; }
     void Commit();
 
 private:

@@ -80,7 +80,7 @@ public:
         report_.Advance(first);
         if (!whole) sent += Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX) - length);
         if (info.size && (sent < *info.size || (!whole && MoreIn(STDIN_FILENO)))) FailSize();
-        upload.Commit();
+        Commit(upload, object);
         report_.Count(Kind::Stream);
         if (sent > announced) {
             report_.Warn(Join(object), fmt::format("has {} bytes, but {} were announced; --estimate announces more",
@@ -89,6 +89,15 @@ public:
     }
 
 private:
+    // Where the API fails to end an object and commits all the same, the library answers 0, and nothing is stored.
+    void Commit(Upload& upload, const Parts& object) {
+        upload.Commit();
+        for (const StoredObject& stored : List(session_, NamePattern(object, false), Scope::Self, {})) {
+            if (stored.text == upload.InfoText()) return;
+        }
+        throw Failure("is not stored, although its commit did not fail");
+    }
+
     static StoredName NameOf(const LocalItem& item) { return ToStored(SplitAtSlash(item.object)); }
 
     static bool MoreIn(int fd) {
@@ -126,7 +135,8 @@ private:
             complete = false;
         }
         if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
-        Upload(session_, NameOf(item), 0, info, "", options_.mgmtClass).Commit();
+        Upload upload(session_, NameOf(item), 0, info, "", options_.mgmtClass);
+        Commit(upload, SplitAtSlash(item.object));
     }
 
     // A link or a special file.
@@ -136,7 +146,7 @@ private:
         info.size = static_cast<long long>(target.size());
         Upload upload = Begin(item, info, ReadAttributes(OpenItem(item, O_PATH).Get(), report_), *info.size);
         upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
-        upload.Commit();
+        Commit(upload, SplitAtSlash(item.object));
         report_.Advance(target.size());
     }
 
@@ -178,7 +188,7 @@ private:
             throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
                                       more ? "more" : "less", *info.size));
         }
-        upload.Commit();
+        Commit(upload, SplitAtSlash(item.object));
         return true;
     }
 
