@@ -17,7 +17,7 @@ static int DeleteEach(int session, TsmObject* objects, int count) {
         if (result < 0) return Problem("TsmDelete", result);
         /* 0 is also the result when the library's own search failed. */
         const int left = Count(session, path, name, 1, TSM_OBJECTS_FILES);
-        if (left != 0) return left < 0 ? EXIT_FAILURE : Refuse(path, name, "is still there");
+        if (left != 0) return left < 0 ? EXIT_FAILURE : PrintRefusal(path, name, "is still there");
         printf("deleted %s%s\n", path, name);
     }
     return FinishOutput() || failed;

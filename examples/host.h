@@ -76,7 +76,7 @@ static inline int OpenSession(void) {
     return 0;
 }
 
-static inline int Refuse(const char* path, const char* name, const char* why) {
+static inline int PrintRefusal(const char* path, const char* name, const char* why) {
     fprintf(stderr, "%s %s: %s\n", path, name, why);
     return EXIT_FAILURE;
 }
@@ -98,14 +98,16 @@ static inline int Count(int session, char* path, char* name, int activeOnly, int
 static inline int CheckKinds(int session, const char* path, const char* name, int activeOnly) {
     char level[1300]; /* more than a path and a name can have */
     if (*path == '/') ++path;
-    if (snprintf(level, sizeof level, "/%s/%s", path, name) >= (int)sizeof level) return Refuse(path, name, "too long");
+    if (snprintf(level, sizeof level, "/%s/%s", path, name) >= (int)sizeof level)
+        return PrintRefusal(path, name, "too long");
     int wrong = TSM_OBJECTS_DIRECTORIES;
     for (char* slash; (slash = strrchr(level, '/')) != NULL; wrong = TSM_OBJECTS_FILES) {
         *slash = '\0';
         if (slash[1] == '\0') continue;
         const int count = Count(session, level, slash + 1, activeOnly, wrong);
         if (count < 0) return EXIT_FAILURE;
-        if (count > 0) return Refuse(level, slash + 1, wrong == TSM_OBJECTS_FILES ? "is a file" : "is a directory");
+        if (count > 0)
+            return PrintRefusal(level, slash + 1, wrong == TSM_OBJECTS_FILES ? "is a file" : "is a directory");
     }
     return 0;
 }

@@ -9,13 +9,13 @@ static int Rename(int session, char** arguments) {
     if (CheckKinds(session, oldPath, oldName, 0) != 0) return EXIT_FAILURE;
     /* A rename first deletes every version under the new name. */
     const int taken = Count(session, newPath, newName, 0, TSM_OBJECTS_ANY);
-    if (taken != 0) return taken < 0 ? EXIT_FAILURE : Refuse(newPath, newName, "is taken");
+    if (taken != 0) return taken < 0 ? EXIT_FAILURE : PrintRefusal(newPath, newName, "is taken");
 
     const int result = TsmRenameBackup(session, oldPath, oldName, newPath, newName);
     if (result < 0) return Problem("TsmRenameBackup", result);
     /* 0 is also the result when the server gave up without a reason. */
     const int renamed = Count(session, newPath, newName, 0, TSM_OBJECTS_FILES);
-    return renamed > 0 ? 0 : renamed < 0 ? EXIT_FAILURE : Refuse(newPath, newName, "the server did not rename");
+    return renamed > 0 ? 0 : renamed < 0 ? EXIT_FAILURE : PrintRefusal(newPath, newName, "the server did not rename");
 }
 
 /* The library drops one slash at the end of a path and adds one in front where it is missing. */

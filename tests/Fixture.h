@@ -61,23 +61,23 @@ protected:
     void SetUp() override {
         api.Reset();
         ASSERT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), 0);
-        api.Taken();
+        api.TakeCalls();
     }
     void TearDown() override {
         if (tsmApi) TsmReleaseApi();
     }
     int Open(const char* delimiter, dsUint32_t handle = 7) {
-        EXPECT_EQ(api.Taken(), Lines{}) << "calls that nobody looked at";
+        EXPECT_EQ(api.TakeCalls(), Lines{}) << "calls that nobody looked at";
         api.nextHandle = handle;
         const int opened = TsmOpenSession(C("NODE"), nullptr, C("secret"), nullptr, nullptr, nullptr, C(delimiter));
-        EXPECT_EQ(api.TakenNames(), Lines{"dsmInitEx"}) << "and nothing else";
+        EXPECT_EQ(api.TakeCallNames(), Lines{"dsmInitEx"}) << "and nothing else";
         return opened;
     }
     // A session with a filespace and no calls written down yet.
     int Connect(const char* delimiter = "/") {
         const int opened = Open(delimiter);
         EXPECT_EQ(TsmConnectToFileSpace(opened, C("vm")), 0);
-        api.Taken();
+        api.TakeCalls();
         return opened;
     }
     // The result of one call that the API answers so, and the functions of the API that it calls.
@@ -85,7 +85,7 @@ protected:
                 const std::function<long long()>& call) {
         for (const auto& [function, scripted] : answers) api.Answers(function, scripted);
         EXPECT_EQ(call(), result) << calls;
-        EXPECT_EQ(api.TakenNames(), Calls(calls));
+        EXPECT_EQ(api.TakeCallNames(), Calls(calls));
         for (const auto& [function, scripted] : answers) api.Answers(function, {});
     }
     ApiDouble& api = ApiDouble::Get();

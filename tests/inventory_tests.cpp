@@ -58,7 +58,7 @@ TEST_F(Connected, AsksForVersionsAndKindsOfObjects) {
         api.Finds({}, c.objectType == 0 ? 2 : 121);
         EXPECT_EQ(TsmGetBackupInfo(session, C("a"), C("b"), c.activeOnly, c.objectType, &objects), 0);
         EXPECT_EQ(objects, nullptr);
-        EXPECT_EQ(api.Taken(), Asked("'/vm' '/a' '/b'", c.type, c.state));
+        EXPECT_EQ(api.TakeCalls(), Asked("'/vm' '/a' '/b'", c.type, c.state));
     }
 }
 
@@ -73,7 +73,7 @@ TEST_F(Connected, ReadsMoments) {
     TsmObject* objects;
     for (const auto& [text, query] : moments) {
         EXPECT_EQ(TsmGetBackupInfoPointInTime(session, C("a"), C("b"), C(text), 0, &objects), 0);
-        EXPECT_EQ(api.Taken().at(0), std::string("dsmBeginQuery q=1 v=2 '/vm' '/a' '/b' type=255 state=") + query);
+        EXPECT_EQ(api.TakeCalls().at(0), std::string("dsmBeginQuery q=1 v=2 '/vm' '/a' '/b' type=255 state=") + query);
     }
 }
 
@@ -125,10 +125,10 @@ TEST_F(Connected, HoldsRecordsUntilTheyAreReleased) {
     none = objects;
     EXPECT_EQ(TsmGetBackupInfo(session, C("*"), nullptr, 0, 0, &none), -11);
     EXPECT_EQ(objects->isFile, 1) << "so does one that fails";
-    api.Taken();
+    api.TakeCalls();
     EXPECT_EQ(TsmEndGetBackupInfoPointInTime(session), 0);
     EXPECT_EQ(TsmEndGetBackupInfo(session), 0);
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
 }
 
 TEST_F(Library, KeepsTheOrderOfManyRecords) {

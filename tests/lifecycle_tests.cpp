@@ -19,7 +19,7 @@ TEST(Initialisation, HandsTheEnvironmentToTheApi) {
     EXPECT_EQ(TsmReleaseApi(), 0);
     EXPECT_EQ(tsmApi, nullptr);
     EXPECT_EQ(
-        api.Taken(),
+        api.TakeCalls(),
         (Lines{"dsmSetUp mt=1 v=4 config='dsm.opt' dir='/api' log='/log'/'dsierror.log'", "dsmQueryApiVersionEx v=0",
                "dsmInitEx v=5 out=0 api=8 node='N' owner='O' password='P' user='N' userPassword='UP' app='APP' "
                "config=null options='-x' delimiter=a unicode=0",
@@ -29,7 +29,7 @@ TEST(Initialisation, HandsTheEnvironmentToTheApi) {
     EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(TsmOpenSession(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, C("")), 7);
     EXPECT_EQ(TsmReleaseApi(), 2) << "the clean-up's code, not negated";
-    EXPECT_EQ(api.Taken(),
+    EXPECT_EQ(api.TakeCalls(),
               (Lines{"dsmSetUp mt=1 v=4 config='' dir='' log=''/''", "dsmQueryApiVersionEx v=0",
                      "dsmInitEx v=5 out=0 api=8 node=null owner=null password=null user=null userPassword=null "
                      "app='KARVELON-CLIENT' config=null options=null delimiter=\\ unicode=0",
@@ -42,31 +42,32 @@ TEST(Initialisation, FailsClearlyAndCanBeTriedAgain) {
     EXPECT_EQ(TsmOpenSession(C("N"), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -2014);
     EXPECT_EQ(TsmCloseSession(7), -2014);
     EXPECT_EQ(TsmReleaseApi(), -2014);
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
 
     api.Answers("dsmSetUp", {{2}, {-1}});
     EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, C("APP")), -2);
     EXPECT_NE(tsmApi, nullptr);
     EXPECT_EQ(TsmOpenSession(C("N"), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -2041);
-    EXPECT_EQ(api.Taken().at(1), "dsmCleanUp mt=1");
+    EXPECT_EQ(api.TakeCalls().at(1), "dsmCleanUp mt=1");
     EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), 1) << "the plain negation";
-    EXPECT_EQ(api.TakenNames(), (Lines{"dsmCleanUp", "dsmSetUp", "dsmCleanUp"})) << "the failed one is released first";
+    EXPECT_EQ(api.TakeCallNames(), (Lines{"dsmCleanUp", "dsmSetUp", "dsmCleanUp"}))
+        << "the failed one is released first";
     EXPECT_EQ(TsmReleaseApi(), 0);
     EXPECT_EQ(tsmApi, nullptr);
 
     std::string path(1279, 'p');
     EXPECT_EQ(TsmInitApi(path.data(), path.data(), path.data(), nullptr), 0);
     EXPECT_EQ(TsmInitApi(nullptr, nullptr, nullptr, nullptr), -2041);
-    EXPECT_EQ(api.TakenNames(), (Lines{"dsmCleanUp", "dsmSetUp", "dsmQueryApiVersionEx"}));
+    EXPECT_EQ(api.TakeCallNames(), (Lines{"dsmCleanUp", "dsmSetUp", "dsmQueryApiVersionEx"}));
     EXPECT_EQ(TsmReleaseApi(), 0);
     path += 'p';
     for (int which = 0; which < 3; ++which) {
-        api.Taken();
+        api.TakeCalls();
         EXPECT_EQ(TsmInitApi(which == 0 ? path.data() : nullptr, which == 1 ? path.data() : nullptr,
                              which == 2 ? path.data() : nullptr, nullptr),
                   -2120);
         EXPECT_EQ(TsmReleaseApi(), 0);
-        EXPECT_EQ(api.TakenNames(), Lines{"dsmCleanUp"});
+        EXPECT_EQ(api.TakeCallNames(), Lines{"dsmCleanUp"});
     }
 }
 
@@ -81,11 +82,11 @@ TEST_F(Library, KeepsSessionsByHandle) {
     EXPECT_EQ(TsmEndBackup(0), -2014);
     api.nextHandle = 9;
     EXPECT_EQ(TsmCloseSession(9), 0) << "never opened";
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
 
     // A handle that the API gives out anew replaces the session, which is not signed off.
     EXPECT_EQ(TsmConnectToFileSpace(2, C("old")), 0);
-    api.Taken();
+    api.TakeCalls();
     EXPECT_EQ(Open("/", 2), 2);
     TsmObject* objects;
     EXPECT_EQ(TsmGetBackupInfo(2, C("a"), C("b"), 1, 0, &objects), -2061);
@@ -94,11 +95,11 @@ TEST_F(Library, KeepsSessionsByHandle) {
     api.nextHandle = 9;
     EXPECT_EQ(TsmCloseSession(3), 2) << "the code of the sign-off, not negated";
     EXPECT_EQ(TsmCloseSession(3), 0);
-    EXPECT_EQ(api.Taken(), Lines{"dsmTerminate h=3"});
+    EXPECT_EQ(api.TakeCalls(), Lines{"dsmTerminate h=3"});
     EXPECT_EQ(Open("/", 5), 5);
     api.nextHandle = 9;
     EXPECT_EQ(TsmReleaseApi(), 0);
-    EXPECT_EQ(api.Taken(), (Lines{"dsmTerminate h=1", "dsmTerminate h=2", "dsmTerminate h=5", "dsmCleanUp mt=1"}));
+    EXPECT_EQ(api.TakeCalls(), (Lines{"dsmTerminate h=1", "dsmTerminate h=2", "dsmTerminate h=5", "dsmCleanUp mt=1"}));
 }
 
 // Each handle leads to its own session. The registry's lock is not held while a session works: a call from inside the
@@ -110,8 +111,9 @@ TEST_F(Library, WorksOnOtherHandlesMeanwhile) {
     api.meanwhile = [] { EXPECT_EQ(TsmEndRestore(8), 0); };
     EXPECT_EQ(TsmEndBackup(first), 0);
     for (const int handle : {8, first, first, 8}) EXPECT_EQ(TsmEndRestore(handle), 0);
-    EXPECT_EQ(api.Taken(), (Lines{"dsmEndSendObj h=7", "dsmEndGetData h=8", "dsmEndTxn h=7 vote=1 reason=0",
-                                  "dsmEndGetData h=8", "dsmEndGetData h=7", "dsmEndGetData h=7", "dsmEndGetData h=8"}));
+    EXPECT_EQ(api.TakeCalls(),
+              (Lines{"dsmEndSendObj h=7", "dsmEndGetData h=8", "dsmEndTxn h=7 vote=1 reason=0", "dsmEndGetData h=8",
+                     "dsmEndGetData h=7", "dsmEndGetData h=7", "dsmEndGetData h=8"}));
 }
 
 TEST_F(Library, HoldsItsLockWhileItSignsOnAndOff) {
@@ -146,7 +148,7 @@ TEST_F(Library, RefusesUnknownHandlesWithoutCallingTheApi) {
                    TsmRenameBackup(4, t, t, t, t), TsmSetAccess(4, t, t, t));
     };
     EXPECT_EQ(tryAll(), std::vector<long long>(20, -2014));
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
     TsmReleaseApi();
     EXPECT_EQ(tryAll(), std::vector<long long>(20, -2014)) << "and without an instance";
 }
@@ -162,7 +164,7 @@ TEST_F(Connected, RefusesNullTextsWithoutCallingTheApi) {
                   TsmRenameBackup(session, nullptr, t, t, t), TsmRenameBackup(session, t, nullptr, t, t),
                   TsmRenameBackup(session, t, t, nullptr, t), TsmRenameBackup(session, t, t, t, nullptr)),
               std::vector<long long>(14, -2000));
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
 }
 
 TEST_F(Connected, RefusesNullAddressesWithoutCallingTheApi) {
@@ -174,7 +176,7 @@ TEST_F(Connected, RefusesNullAddressesWithoutCallingTheApi) {
                   TsmGetData(session, &nowhere, 1)),
               std::vector<long long>(7, -2009));
     EXPECT_EQ(TsmSendData(session, Bytes("x"), -1), -109);
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
 }
 
 TEST_F(Connected, RefusesTextsThatDoNotFit) {
@@ -185,7 +187,7 @@ TEST_F(Connected, RefusesTextsThatDoNotFit) {
     TsmObject* objects = nullptr;
     const int s = session, slashes = Open(std::string(200, '/').c_str(), 8);
     EXPECT_EQ(TsmConnectToFileSpace(slashes, t), 0);
-    api.Taken();
+    api.TakeCalls();
     EXPECT_EQ(
         All(TsmConnectToFileSpace(s, path), TsmDeleteFileSpace(s, path),
             TsmSetAccess(s, t, C((paths + "p").c_str()), t), TsmBeginBackup(s, path, t, 1),
@@ -197,10 +199,10 @@ TEST_F(Connected, RefusesTextsThatDoNotFit) {
             TsmRenameBackup(s, path, t, t, t), TsmRenameBackup(s, t, name, t, t), TsmRenameBackup(s, t, t, path, t),
             TsmRenameBackup(s, t, t, t, name), TsmRenameBackup(s, t, t, name, t)),  // a directory too long
         std::vector<long long>(20, -2120));
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
     EXPECT_EQ(TsmGetBackupInfo(s, path + 1, name + 1, 1, 0, &objects), 0) << "just fits";
     EXPECT_EQ(TsmBeginBackupEx(s, C(""), name + 1, 1, info + 1, nullptr), 0);
-    EXPECT_NE(api.Taken().back().find("length=65535"), std::string::npos);
+    EXPECT_NE(api.TakeCalls().back().find("length=65535"), std::string::npos);
 }
 
 TEST_F(Library, RefusesObjectsWithoutAFilespace) {
@@ -211,7 +213,7 @@ TEST_F(Library, RefusesObjectsWithoutAFilespace) {
         All(TsmBeginBackup(session, t, t, 1), TsmGetBackupInfo(session, t, t, 1, 0, &objects),
             TsmBeginRestore(session, t, t, t), TsmDelete(session, t, t, 1, t), TsmRenameBackup(session, t, t, t, t)),
         std::vector<long long>(5, -2061));
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
 }
 
 TEST(Session, WithoutAHandleNeedsNoSignOff) {
@@ -220,11 +222,11 @@ TEST(Session, WithoutAHandleNeedsNoSignOff) {
     TsmSession session;
     dsmApiVersionEx version = {};
     EXPECT_EQ(session.OpenSession(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, version), 7);
-    api.Taken();
+    api.TakeCalls();
     api.Answers("dsmTerminate", {{2}});
     EXPECT_EQ(session.CloseSession(), 2);
     EXPECT_EQ(session.CloseSession(), 0);
-    EXPECT_EQ(api.Taken(), Lines{"dsmTerminate"}) << "a failed sign-off is not tried again";
+    EXPECT_EQ(api.TakeCalls(), Lines{"dsmTerminate"}) << "a failed sign-off is not tried again";
     char* text = session._RcApiOut(7, -50);
     EXPECT_EQ(std::string(text), std::string(1021, 'm') + "-50") << "as long as a message can be";
     std::free(text);
@@ -240,10 +242,10 @@ TEST_F(Library, AnswersFailedFilespaceCalls) {
     EXPECT_EQ(TsmConnectToFileSpace(session, C("b")), -3);
     EXPECT_EQ(TsmDeleteFileSpace(session, C("a")), -106);
     EXPECT_EQ(TsmSetAccess(session, C("n"), C("/a"), nullptr), -7);
-    api.Taken();
+    api.TakeCalls();
     TsmObject* objects;
     EXPECT_EQ(TsmGetBackupInfo(session, C(""), C("x"), 1, 0, &objects), 0);
-    EXPECT_NE(api.Taken().at(0).find("'/b'"), std::string::npos) << "a failed registration leaves the new name";
+    EXPECT_NE(api.TakeCalls().at(0).find("'/b'"), std::string::npos) << "a failed registration leaves the new name";
 }
 
 namespace {
@@ -288,16 +290,16 @@ TEST_F(Library, ListsNames) {
             api.Finds(severalNames);
             ASSERT_EQ(listing.get(session, &list), static_cast<int>(listing.names.size()));
             EXPECT_EQ(Lines(list, list + listing.names.size()), listing.names);
-            EXPECT_EQ(api.Taken(), (Lines{listing.begin, listing.next, "dsmEndQuery"}));
+            EXPECT_EQ(api.TakeCalls(), (Lines{listing.begin, listing.next, "dsmEndQuery"}));
         }
         EXPECT_EQ(listing.end(session), 0);
         EXPECT_EQ(listing.end(session), 0);
-        EXPECT_EQ(api.Taken(), Lines{});
+        EXPECT_EQ(api.TakeCalls(), Lines{});
         // Texts that fill their fields without a terminator are cut.
         api.Finds({Named(std::string(2000, 'x'))});
         ASSERT_EQ(listing.get(session, &list), 1);
         EXPECT_EQ(std::strlen(list[0]), listing.longest);
-        api.Taken();
+        api.TakeCalls();
     }
 }
 

@@ -104,7 +104,7 @@ TEST(Initialisation, IsRefusedWithoutMemory) {
 TEST_F(Library, SignsNobodyOnWithoutMemory) {
     const auto check = [&](long long result) {
         EXPECT_EQ(result, failed ? -102 : 7);
-        EXPECT_EQ(api.Taken().empty(), failed) << "nobody is signed on";
+        EXPECT_EQ(api.TakeCalls().empty(), failed) << "nobody is signed on";
     };
     const auto signOn = [] { return TsmOpenSession(C("N"), C("O"), C("P"), C("-x"), C("e"), C("U"), C("/")); };
     EXPECT_GT(FailEachAllocation([] {}, signOn, check), 7);
@@ -152,14 +152,14 @@ TEST_F(Connected, EveryFailedAllocationIsAResult) {
         const auto check = [&](long long result) {
             const bool passedOver = operation.tidiesUp && result == 0;
             EXPECT_EQ(result, failed && !passedOver ? -102 : operation.expected);
-            const Lines calls = api.TakenNames();
+            const Lines calls = api.TakeCallNames();
             EXPECT_EQ(std::count(calls.begin(), calls.end(), "dsmBeginQuery"),
                       std::count(calls.begin(), calls.end(), "dsmEndQuery"))
                 << "a query was left open";
             api.sets.clear();
             EXPECT_EQ(TsmBeginBackup(session, C("d"), C("again"), 1), 0) << "the session is still of use";
             EXPECT_EQ(TsmCloseSession(session), 0);
-            api.Taken();
+            api.TakeCalls();
         };
         EXPECT_GT(FailEachAllocation(prepare, operation.run, check), 0);
     }

@@ -34,17 +34,17 @@ TEST_F(Library, NamesObjectsByTheRulesOfEachOperation) {
         char *path = C(c.path), *name = C(c.name);
         TsmObject* objects;
         EXPECT_EQ(TsmGetBackupInfo(session, path, name, 1, TSM_OBJECTS_ANY, &objects), 0);
-        EXPECT_EQ(api.Taken().at(0), asked);
+        EXPECT_EQ(api.TakeCalls().at(0), asked);
         EXPECT_EQ(TsmDelete(session, path, name, 0, nullptr), 0);
-        EXPECT_EQ(api.Taken().at(0), asked);
+        EXPECT_EQ(api.TakeCalls().at(0), asked);
         if (!c.name) continue;
         EXPECT_EQ(TsmBeginRestore(session, path, name, nullptr), -2);
-        EXPECT_EQ(api.Taken(), Asked(fs + c.given, 1, 1));
+        EXPECT_EQ(api.TakeCalls(), Asked(fs + c.given, 1, 1));
         EXPECT_EQ(TsmBeginBackup(session, path, name, 1), 0);
-        EXPECT_EQ(api.Taken().rbegin()[2], "dsmBindMC " + fs + c.given + " type=1 send=0 v=1 mc=''");
+        EXPECT_EQ(api.TakeCalls().rbegin()[2], "dsmBindMC " + fs + c.given + " type=1 send=0 v=1 mc=''");
         api.Finds({Found{}});
         EXPECT_EQ(TsmRenameBackup(session, path, name, path, name), 0);
-        const Lines calls = api.Taken(), lookUp = Asked(fs + c.pattern, 255, 255);
+        const Lines calls = api.TakeCalls(), lookUp = Asked(fs + c.pattern, 255, 255);
         EXPECT_EQ(Lines(calls.begin(), calls.begin() + 6), lookUp + lookUp);
         EXPECT_EQ(calls.at(7), "dsmRenameObj v=1 out=1 repository=11 " + fs + c.renamed + " type=1 to " + c.renamed +
                                    " merge=0 id=0:0");
@@ -69,9 +69,9 @@ TEST_F(Library, NamesFilespaces) {
         const int session = Open(c.delimiter);
         EXPECT_EQ(TsmConnectToFileSpace(session, C(c.name.c_str())), 0);
         EXPECT_EQ(TsmDeleteFileSpace(session, C(c.name.c_str())), 0);
-        EXPECT_EQ(api.Taken(), (Lines{"dsmRegisterFS v=1 '" + c.connected + "' 'NTFS' 0:0 0:0 'FS-INFO' length=8",
-                                      "dsmDeleteFS '" + c.deleted + "' repository=1"}));
+        EXPECT_EQ(api.TakeCalls(), (Lines{"dsmRegisterFS v=1 '" + c.connected + "' 'NTFS' 0:0 0:0 'FS-INFO' length=8",
+                                          "dsmDeleteFS '" + c.deleted + "' repository=1"}));
     }
     EXPECT_EQ(TsmSetAccess(Open("/"), C("nodeB"), C("\\vm01"), C("ignored")), 0);
-    EXPECT_EQ(api.Taken(), Lines{"dsmSetAccess access=0 '\\vm01' '\\' '*' type=1 node='nodeB' owner=null"});
+    EXPECT_EQ(api.TakeCalls(), Lines{"dsmSetAccess access=0 '\\vm01' '\\' '*' type=1 node='nodeB' owner=null"});
 }

@@ -23,7 +23,7 @@ Lines Renamed(const std::string& from, const std::string& to) {
 // Of '/f', which is renamed to '/b' '/g', where a directory with two versions is.
 class RenameToATakenName : public Connected {
 protected:
-    void Prepare() {
+    void AnswerLookUps() {
         api.sets.clear();
         api.Finds({Object("", "/f", 1)});
         api.Finds({Object("/b", "/g", 2, DSM_OBJ_DIRECTORY)});
@@ -41,7 +41,7 @@ TEST_F(Connected, DeletesActiveVersionsByNameAndClimbs) {
     api.Finds({Object("/a", "/b", 7, DSM_OBJ_DIRECTORY)});
     api.Finds({Object("/a", "/c", 8)});
     EXPECT_EQ(TsmDelete(session, C("a\\b/"), nullptr, 2, nullptr), 0);
-    EXPECT_EQ(api.Taken(),
+    EXPECT_EQ(api.TakeCalls(),
               Asked("'/vm' '/a/b' '/*'", 255, 1) + Removed("del=1 v=1 '/vm' '/a/b' '/f' type=1 group=105") +
                   Removed("del=1 v=1 '/vm' '/a/b' '/g' type=9 group=106") + Asked("'/vm' '/a/b' '/*'", 255, 1) +
                   Asked("'/vm' '/a' '/b'", 255, 1) + Removed("del=1 v=1 '/vm' '/a' '/b' type=2 group=107") +
@@ -51,10 +51,10 @@ TEST_F(Connected, DeletesActiveVersionsByNameAndClimbs) {
 TEST_F(Connected, DeletesEveryVersionByIdentifierAndClimbsPastMissingDirectories) {
     api.Finds({Object("/a/b", "/f", 1), Object("/a/b", "/f", 2), Object("/a/b", "/f", 3)});
     EXPECT_EQ(TsmDelete(session, C("/a/b"), C("f/"), 1, nullptr), 0);
-    EXPECT_EQ(api.Taken(), Asked("'/vm' '/a/b' '/f'", 255, 255) + Removed("del=2 v=1 0:1") + Removed("del=2 v=1 0:2") +
-                               Removed("del=2 v=1 0:3") + Asked("'/vm' '/a/b' '/*'", 255, 1) +
-                               Asked("'/vm' '/a' '/b'", 255, 255) + Asked("'/vm' '/a' '/*'", 255, 1) +
-                               Asked("'/vm' '' '/a'", 255, 255));
+    EXPECT_EQ(api.TakeCalls(), Asked("'/vm' '/a/b' '/f'", 255, 255) + Removed("del=2 v=1 0:1") +
+                                   Removed("del=2 v=1 0:2") + Removed("del=2 v=1 0:3") +
+                                   Asked("'/vm' '/a/b' '/*'", 255, 1) + Asked("'/vm' '/a' '/b'", 255, 255) +
+                                   Asked("'/vm' '/a' '/*'", 255, 1) + Asked("'/vm' '' '/a'", 255, 255));
 }
 
 TEST_F(Library, ClimbsFromAnyDirectory) {
@@ -75,16 +75,16 @@ TEST_F(Library, ClimbsFromAnyDirectory) {
     };
     for (const auto& n : names) {
         EXPECT_EQ(TsmDelete(Connect(n.delimiter), C(n.path), C(n.name), 0, nullptr), 0);
-        EXPECT_EQ(api.Taken(), n.calls);
+        EXPECT_EQ(api.TakeCalls(), n.calls);
     }
     // A delimiter of several characters loses a level for each, if not a character.
     EXPECT_EQ(TsmDelete(Connect("ab"), C("abxabyabzabw"), C("f"), 0, nullptr), 0);
-    EXPECT_EQ(api.TakenNames().size(), 3u * 9u);
+    EXPECT_EQ(api.TakeCallNames().size(), 3u * 9u);
 }
 
 TEST_F(Connected, DeletesWhatWasCurrentAtAMoment) {
     EXPECT_EQ(TsmDelete(session, C(""), C("f"), 1, C("2021-3-7")), 0);
-    EXPECT_EQ(api.Taken().at(0), "dsmBeginQuery q=1 v=2 '/vm' '' '/f' type=255 state=255 at=2021.3.7.0.0.0");
+    EXPECT_EQ(api.TakeCalls().at(0), "dsmBeginQuery q=1 v=2 '/vm' '' '/f' type=255 state=255 at=2021.3.7.0.0.0");
 }
 
 TEST_F(Connected, AnswersFailedDeletions) {
@@ -124,7 +124,7 @@ TEST_F(Connected, RenamesToAFreeName) {
     api.Finds({});                         // nothing else in its directory
     api.Finds({Object("", "/old", 4, DSM_OBJ_DIRECTORY)});
     EXPECT_EQ(TsmRenameBackup(session, "old/", "f\\", "n\\ew", "/g"), 0);
-    EXPECT_EQ(api.Taken(),
+    EXPECT_EQ(api.TakeCalls(),
               Asked("'/vm' '/old' '/f'", 255, 255) + Asked("'/vm' '/n/ew' '/g'", 255, 255) +
                   Renamed("'/vm' '/old' '/f' type=2", "'/n/ew' '/g'") + Asked("'/vm' '/old' '/f'", 255, 255) +
                   Removed("del=2 v=1 0:3") + Asked("'/vm' '/old' '/*'", 255, 1) + Asked("'/vm' '' '/old'", 255, 255) +
@@ -135,7 +135,7 @@ TEST_F(Connected, RenamesAFileToAFreeNameWhenLookUpsBreakOff) {
     api.Finds({Object("/a/b", "/f", 1, DSM_OBJ_DIRECTORY)}, 11);
     api.Finds({Object("", "/c/d", 1, DSM_OBJ_DIRECTORY)}, -11);
     EXPECT_EQ(TsmRenameBackup(session, "a/b", "f", "/", "c"), 0);
-    EXPECT_EQ(api.Taken().at(5), Renamed("'/vm' '/a/b' '/f' type=1", "'' '/c'").at(1));
+    EXPECT_EQ(api.TakeCalls().at(5), Renamed("'/vm' '/a/b' '/f' type=1", "'' '/c'").at(1));
 }
 
 TEST_F(Connected, RenamesEvenIfWhatFollowsFails) {
@@ -145,18 +145,18 @@ TEST_F(Connected, RenamesEvenIfWhatFollowsFails) {
         api.Finds({Object("/old", "/f", 1)});
         api.Answers(function, {{0}, {0}, {5}, {0}, {5}, {5}});
         EXPECT_EQ(TsmRenameBackup(session, "old", "f", "new", "f"), 0);
-        api.Taken();
+        api.TakeCalls();
         api.Answers(function, {});
     }
 }
 
 TEST_F(Connected, RenamesNothingThatIsNotThere) {
     EXPECT_EQ(TsmRenameBackup(session, "old", "f", "new", "f"), -2);
-    EXPECT_EQ(api.Taken(), Asked("'/vm' '/old' '/f'", 255, 255)) << "the new name is not looked at";
+    EXPECT_EQ(api.TakeCalls(), Asked("'/vm' '/old' '/f'", 255, 255)) << "the new name is not looked at";
 }
 
 TEST_F(RenameToATakenName, MovesItAside) {
-    Prepare();
+    AnswerLookUps();
     api.Answers("dsmDeleteObj", {{0}, {106}});  // a deletion that fails is passed over
     api.Answers("dsmEndTxn", {{0}, {0, 5}});    // the reason of one commit stays for the next
     std::string time;
@@ -165,7 +165,7 @@ TEST_F(RenameToATakenName, MovesItAside) {
     const std::time_t before = std::time(nullptr);
     EXPECT_EQ(TsmRenameBackup(session, "", "f", "b", "g"), 0);
     const std::time_t after = std::time(nullptr);
-    const Lines calls = api.Taken();
+    const Lines calls = api.TakeCalls();
     const std::size_t aside = 14;
     ASSERT_GT(calls.size(), aside + 5);
     for (const std::time_t& moment : {before, after}) {
@@ -185,7 +185,7 @@ TEST_F(RenameToATakenName, MovesItAside) {
 TEST_F(RenameToATakenName, EndsWhereARenameFails) {
     const std::string asked = "BeginQuery GetNextQObj EndQuery ", renamed = "BeginTxn RenameObj EndTxn ";
     const auto rename = [&] {
-        Prepare();
+        AnswerLookUps();
         api.sets[2] = {{}, 2};  // nothing to delete at the taken name
         return TsmRenameBackup(session, "", "f", "b", "g");
     };
@@ -229,12 +229,12 @@ TEST_F(Connected, RefusesRenamesToTakenNamesThatDoNotFitWithTheTime) {
         api.Finds({Object("/o", "/f", 1)});
         api.Finds({Object("/n", "/g", 2)});
         EXPECT_EQ(TsmRenameBackup(session, "o", "f", newPath.c_str(), newName.c_str()), fits ? 0 : -2120);
-        EXPECT_EQ(api.TakenNames().size() == 6, !fits);
+        EXPECT_EQ(api.TakeCallNames().size() == 6, !fits);
         if (fits) continue;
         // A free name is not moved aside.
         api.sets.clear();
         api.Finds({Object("/o", "/f", 1)});
         EXPECT_EQ(TsmRenameBackup(session, "o", "f", newPath.c_str(), newName.c_str()), 0);
-        api.Taken();
+        api.TakeCalls();
     }
 }

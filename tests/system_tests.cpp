@@ -306,7 +306,7 @@ Lines Minus(const Lines& from, const Lines& what) {
 
 class Sweep : public System, public testing::WithParamInterface<Operation> {
 protected:
-    void Prepare() {
+    void StoreObjects() {
         const char* const stored[][3] = {{"d", "f", "d1"},     {"d", "f", "second"}, {"d", "keep", "k"},
                                          {"c/e/g", "f", "c1"}, {"old/x", "f", "o1"}, {"old/x", "f", "o2"},
                                          {"t", "f", "t1"},     {"t", "f", "t2"},     {"t", "keep", "k"}};
@@ -390,7 +390,7 @@ protected:
 // there after a success, and the failure is reported, unless the header says otherwise.
 TEST_P(Sweep, SurvivesFailuresOfEveryCall) {
     const Operation& op = GetParam();
-    Prepare();
+    StoreObjects();
     fs::copy(folder / "prepared", folder / "store", fs::copy_options::recursive);
     const Contents before = Look();
     EXPECT_EQ(Run("", 0, {}), op.result);

@@ -5,21 +5,22 @@
 
 TEST_F(Connected, BacksUpAnObjectUnderNewDirectories) {
     EXPECT_EQ(TsmBeginBackupEx(session, C("a\\b/"), C("f"), 1ll << 32, C("abc"), C("LONG")), 0);
-    EXPECT_EQ(api.Taken(), NewDirectory("'/vm' '' '/a'", "'LONG'") + NewDirectory("'/vm' '/a' '/b'", "'LONG'") +
-                               Announced("'/vm' '/a/b' '/f' type=1", "1:0 compressed=0 info='abc' length=4 mc='LONG'"));
+    EXPECT_EQ(api.TakeCalls(),
+              NewDirectory("'/vm' '' '/a'", "'LONG'") + NewDirectory("'/vm' '/a' '/b'", "'LONG'") +
+                  Announced("'/vm' '/a/b' '/f' type=1", "1:0 compressed=0 info='abc' length=4 mc='LONG'"));
     EXPECT_EQ(TsmSendData(session, Bytes("hello"), 5), 0);
     EXPECT_EQ(TsmEndBackup(session), 0);
-    EXPECT_EQ(api.Taken(), Lines{"dsmSendData v=3 'hello' length=5"} + commit);
+    EXPECT_EQ(api.TakeCalls(), Lines{"dsmSendData v=3 'hello' length=5"} + commit);
 }
 
 TEST_F(Connected, LeavesDirectoriesAloneThatExist) {
     api.Finds({Found{"/vm", "", "/a", DSM_OBJ_DIRECTORY}});
     EXPECT_EQ(TsmBeginBackup(session, C("/a"), C("f"), -1), 0);
-    EXPECT_EQ(api.Taken(),
+    EXPECT_EQ(api.TakeCalls(),
               Asked("'/vm' '' '/a'", 2, 1) +
                   Announced("'/vm' '/a' '/f' type=1", "4294967295:4294967295 compressed=0 info='' length=1 mc=null"));
     EXPECT_EQ(TsmBeginBackup(session, C("/"), C("d"), 0), 0);
-    EXPECT_EQ(api.Taken(), Announced("'/vm' '' '/d' type=2", "0:0 compressed=0 info='' length=1 mc=null"))
+    EXPECT_EQ(api.TakeCalls(), Announced("'/vm' '' '/d' type=2", "0:0 compressed=0 info='' length=1 mc=null"))
         << "the top of the filespace has no directory object, and size 0 makes one of the object";
 }
 
@@ -47,7 +48,8 @@ TEST_F(Library, MakesADirectoryOfEachLevel) {
     };
     for (const auto& c : cases) {
         EXPECT_EQ(TsmBeginBackup(Connect(c.delimiter), C(c.path), C("f"), 1), 0);
-        EXPECT_EQ(api.Taken(), c.levels + Announced(c.object + " type=1", "0:1 compressed=0 info='' length=1 mc=null"));
+        EXPECT_EQ(api.TakeCalls(),
+                  c.levels + Announced(c.object + " type=1", "0:1 compressed=0 info='' length=1 mc=null"));
     }
 }
 
@@ -88,16 +90,16 @@ TEST_F(Connected, AnswersFailedSending) {
 TEST_F(Connected, SendsUntilAllIsTaken) {
     auto* const data = Bytes("abcdef");
     EXPECT_EQ(TsmSendData(session, nullptr, 0), 0);
-    api.takes = {2, 3, 1};
+    api.acceptedBytes = {2, 3, 1};
     EXPECT_EQ(TsmSendData(session, data, 6), 0);
     EXPECT_NE(api.lastSent, reinterpret_cast<char*>(data)) << "the caller's buffer stays with the caller";
-    EXPECT_EQ(api.Taken(), (Lines{"dsmSendData v=3 '' length=0", "dsmSendData v=3 'abcdef' length=6",
-                                  "dsmSendData v=3 'cdef' length=4", "dsmSendData v=3 'f' length=1"}));
-    api.takes = {2, 0};
+    EXPECT_EQ(api.TakeCalls(), (Lines{"dsmSendData v=3 '' length=0", "dsmSendData v=3 'abcdef' length=6",
+                                      "dsmSendData v=3 'cdef' length=4", "dsmSendData v=3 'f' length=1"}));
+    api.acceptedBytes = {2, 0};
     EXPECT_EQ(TsmSendData(session, data, 6), -1) << "takes nothing";
-    api.takes = {7};
+    api.acceptedBytes = {7};
     EXPECT_EQ(TsmSendData(session, data, 6), -1) << "takes more than there is";
-    EXPECT_EQ(api.Taken().size(), 3u);
+    EXPECT_EQ(api.TakeCalls().size(), 3u);
 }
 
 TEST_F(Connected, AnswersFailedCommits) {
@@ -117,7 +119,7 @@ protected:
         api.Finds({found});
         api.Answers("dsmGetObj", {{getObj}});
         const long long size = TsmBeginRestore(session, C("d"), C("f"), nullptr);
-        opening = api.Taken();
+        opening = api.TakeCalls();
         return size;
     }
     int Read(int size = 1) { return TsmGetData(session, &buffer, size); }
@@ -137,10 +139,10 @@ TEST_F(Restore, OpensTheLastMatch) {
     api.Finds({brim, last});
     api.Answers("dsmGetObj", {{2200}});
     EXPECT_EQ(TsmBeginRestore(session, C("dir/sub"), C("a*"), C("2021-3-7 9:5")), (1ll << 32) + 5);
-    EXPECT_EQ(api.Taken(), (Lines{"dsmBeginQuery q=1 v=2 '/vm' '/dir/sub' '/a*' type=1 state=255 at=2021.3.7.9.5.0",
-                                  "dsmGetNextQObj v=3 length=4600 response=8", "dsmEndQuery",
-                                  "dsmBindMC '/vm' '/dir/sub' '/a.bin' type=1 send=0 v=1 mc='LONG'",
-                                  "dsmBeginGetData wait=1 get=0 v=2 n=1 0:3", "dsmGetObj 0:3"}));
+    EXPECT_EQ(api.TakeCalls(), (Lines{"dsmBeginQuery q=1 v=2 '/vm' '/dir/sub' '/a*' type=1 state=255 at=2021.3.7.9.5.0",
+                                      "dsmGetNextQObj v=3 length=4600 response=8", "dsmEndQuery",
+                                      "dsmBindMC '/vm' '/dir/sub' '/a.bin' type=1 send=0 v=1 mc='LONG'",
+                                      "dsmBeginGetData wait=1 get=0 v=2 n=1 0:3", "dsmGetObj 0:3"}));
 }
 
 TEST_F(Restore, CutsNamesThatFillTheirFields) {
@@ -162,8 +164,8 @@ TEST_F(Restore, ReadsToTheEnd) {
     EXPECT_EQ(TsmEndRestore(session), 0);
     EXPECT_EQ(Read(), 0);
     EXPECT_EQ(buffer, reinterpret_cast<unsigned char*>(room.data()));
-    EXPECT_EQ(api.Taken(), (Lines{"dsmGetData v=3 length=32768 got=0", "dsmGetData v=3 length=65536 got=0",
-                                  "dsmGetData v=3 length=32768 got=0", "dsmEndGetObj", "dsmEndGetData"}));
+    EXPECT_EQ(api.TakeCalls(), (Lines{"dsmGetData v=3 length=32768 got=0", "dsmGetData v=3 length=65536 got=0",
+                                      "dsmGetData v=3 length=32768 got=0", "dsmEndGetObj", "dsmEndGetData"}));
 }
 
 TEST_F(Restore, AnswersFailuresToOpen) {
@@ -189,11 +191,11 @@ TEST_F(Restore, AnswersFailuresToOpen) {
 TEST_F(Restore, OfAnObjectWithoutBytesEndsAtOnce) {
     EXPECT_EQ(Begin(empty, 121), 0);
     EXPECT_EQ(Read(), 0);
-    EXPECT_EQ(api.Taken(), Lines{});
+    EXPECT_EQ(api.TakeCalls(), Lines{});
     api.Answers("dsmEndGetObj", {{4}});
     EXPECT_EQ(Begin(empty, 121), -4);
     EXPECT_EQ(Read(), -1) << "the stream has not ended";
-    EXPECT_EQ(api.TakenNames(), Lines{"dsmGetData"});
+    EXPECT_EQ(api.TakeCallNames(), Lines{"dsmGetData"});
 }
 
 TEST_F(Restore, AnswersFailedReads) {
@@ -211,5 +213,5 @@ TEST_F(Restore, AnswersFailedReads) {
     api.Answers("dsmEndGetData", {{5}, {-5}});
     EXPECT_EQ(TsmEndRestore(session), -5);
     EXPECT_EQ(TsmEndRestore(session), -5);
-    EXPECT_EQ(api.TakenNames(), Calls("GetData GetData GetData GetData EndGetObj EndGetData EndGetData"));
+    EXPECT_EQ(api.TakeCallNames(), Calls("GetData GetData GetData GetData EndGetObj EndGetData EndGetData"));
 }

@@ -88,14 +88,14 @@ void ApiDouble::Reset() {
     *this = ApiDouble();
 }
 
-Lines ApiDouble::Taken() {
+Lines ApiDouble::TakeCalls() {
     Lines taken;
     taken.swap(calls_);
     return taken;
 }
 
-Lines ApiDouble::TakenNames() {
-    Lines names = Taken();
+Lines ApiDouble::TakeCallNames() {
+    Lines names = TakeCalls();
     for (std::string& line : names) line.resize(std::min(line.find(' '), line.size()));
     return names;
 }
@@ -257,9 +257,9 @@ dsInt16_t dsmSendData(dsUint32_t handle, DataBlk* block) {
                                                         Number("length", block->bufferLen) + (clean ? "" : " unclean"));
     if (answer.rc == 0) {
         block->numBytes = block->bufferLen;
-        if (!Api().takes.empty()) {
-            block->numBytes = Api().takes.front();
-            Api().takes.pop_front();
+        if (!Api().acceptedBytes.empty()) {
+            block->numBytes = Api().acceptedBytes.front();
+            Api().acceptedBytes.pop_front();
         }
     }
     if (answer.rc != 0 || block->numBytes == block->bufferLen) Api().firstPass = nullptr;

@@ -40,12 +40,12 @@ public:
     // What the next query gives, and the code that ends it.
     void Finds(std::vector<Found> found, dsInt16_t end = DSM_RC_FINISHED) { sets.push_back({std::move(found), end}); }
     // All calls since the last time, one a line.
-    Lines Taken();
+    Lines TakeCalls();
     // The names alone.
-    Lines TakenNames();
+    Lines TakeCallNames();
 
-    std::deque<dsUint32_t> takes;    // bytes that the next dsmSendData calls take; all of them when empty
-    std::deque<std::string> chunks;  // bytes that the next dsmGetData calls give
+    std::deque<dsUint32_t> acceptedBytes;  // that the next dsmSendData calls take; all of them when empty
+    std::deque<std::string> chunks;        // bytes that the next dsmGetData calls give
     dsUint32_t nextHandle = 7;
     const char* lastSent = nullptr;  // where the bytes of the last dsmSendData were
 
