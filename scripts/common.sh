@@ -30,7 +30,7 @@ need() {
 build_packages=(g++ cmake ninja-build libsqlite3-dev libxxhash-dev libcrypt-dev libcli11-dev libfmt-dev nlohmann-json3-dev libssl-dev)
 test_packages=(binutils libgtest-dev abigail-tools groff-base python3-pytest python3-venv python3-setuptools python3-wheel mypy pkgconf)
 clang_packages=(clang libclang-rt-dev)
-style_packages=(clang-format clang-tidy python3)
+style_packages=(clang-format clang-tidy libbenchmark-dev python3)
 packaging_packages=(binutils doxygen dpkg-dev file)
 
 # build FOLDER [CMAKE OPTION...]: configures and builds in build/FOLDER; on a terminal, shows ninja's progress
