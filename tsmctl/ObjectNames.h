@@ -47,7 +47,7 @@ StoredName ToStoredRaw(Parts parts);
 // byte; Matches then decides on the plain names.
 class NamePattern {
 public:
-    // The parts are plain. Without wildcards, * and ? stand for themselves.
+    // Takes plain names. Without wildcards, * and ? stand for themselves.
     NamePattern(Parts parts, bool wildcards);
 
     bool IsRoot() const { return parts_.empty(); }
