@@ -22,6 +22,8 @@ ROWS = [
     ("FAULT dsmSendData 157 DSM_RC_ABORT_NO_REPOSIT_SPACE", BACKUP, 1, "out of storage space"),
     ("FAULT dsmSendData 2 DSM_RC_ABORT_SYSTEM_ERROR", BACKUP, 1, "cannot send"),
     ("FAULT dsmEndSendObj 3 157 15", BACKUP, 1, "tree/"),
+    ("FAULT dsmEndSendObj 1", BACKUP, 1, "tree/sub/big: is not stored, although"),
+    ("FAULT dsmEndSendObj 1", STREAM, 1, "is not stored, although"),
     ("FAULT dsmEndTxn 2302 12", BACKUP, 1, "no medium could be mounted"),
     ("FAULT dsmEndTxn 4 0 16", BACKUP, 1, "no room in the server's log"),
     ("FAULT dsmTerminate 1\nFAULT dsmCleanUp 1", BACKUP, 0, ""),

@@ -32,6 +32,8 @@ public:
     // The next bytes of the content are zeros that the header tells of, and are not sent.
     void Skip(long long length);
     void Commit();
+    // The information text.
+    const std::string& Text() const { return info_; }
 
 private:
     void Put(unsigned char* data, size_t length);
