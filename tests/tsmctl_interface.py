@@ -61,10 +61,10 @@ def test_help():
 def test_help_and_page_of(command):
     part = section("\n" + described, r"\n\.Ss " + command + r"(?: [^\n]*)?", r"\n\.Ss")
     assert options_of_page(part) == options_of(helps[command]) - {"-h", "--help"}
-    arguments = re.search(r"^Usage: tsmctl \S+ \[OPTIONS\](.*)", helps[command], re.M)[1].replace("...", " ...").split()
+    arguments = re.search(r"^Usage: tsmctl \S+ \[OPTIONS\](.*)", helps[command], re.M)[1].replace("...", " ...").strip()
     headed = re.search(r"^\.Ss " + command + r"((?: .*)?)$", described, re.M)[1].split()
-    optional = headed[:1] == ["Op"]
-    assert [f"[{word}]" if optional else word for word in headed if word not in ("Op", "Ar")] == arguments
+    wanted = " ".join(word for word in headed if word not in ("Op", "Ar"))
+    assert (f"[{wanted}]" if headed[:1] == ["Op"] else wanted) == arguments
     assert run("help", command) == helps[command]
 
 

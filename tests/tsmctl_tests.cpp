@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -232,7 +233,7 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
     Expect("tsmctl list | grep -c -e one -e two -e ok", 0, "3");
     Expect("TSMCTL_PASSWORD=wrong tsmctl list", 1, "", "sign on as node node: DSM_RC_AUTH_FAILURE (-137), wrong");
     Expect("tsmctl restore nothing", 1, "", "DSM_RC_ABORT_NO_MATCH (-2)");
-    Expect("tsmctl backup one --class NONE", 1, "", "tsmctl: one: ");
+    Expect("tsmctl backup one --full --class NONE", 1, "", "tsmctl: one: ");
     Expect("tsmctl list one > /dev/full", 1, "", "standard output");
     Expect("tsmctl restore one --to - > /dev/full", 1, "", "cannot write");
     Expect(
@@ -267,7 +268,7 @@ TEST_F(Tsmctl, NothingLeadsOutOfTheTreeDuringABackup) {
     Expect(
         R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log; python3 -c 'import os, stat; [os.mknod(f"t/pipes/{n:0200}", stat.S_IFSOCK) for n in range(400)]'
         tsmctl backup t 2> log & exec 3< log; read -r <&3; mv t/sub was; ln -s ../outside t/sub; cat <&3; wait $!)",
-        1, "tsmctl: t/sub/f: sub is in the way");
+        1, "tsmctl: t/sub: sub is in the way");
     Expect("tsmctl list t/sub/f", 1, "", "not found");
 }
 
@@ -465,15 +466,90 @@ TEST_F(Tsmctl, ListingsAreInTheOrderOfTheNames) {
     Expect("tsmctl list 'd/a*' --type file | cut -c 16-21,43-", 0, "     3  d/a/z\n     5  d/a.b\n");
 }
 
+// Between the backups: added, changed, deleted, renamed, turned into the other kind and back, the last of a directory
+// gone. "only" and the name in front of it go with directories that the library removes when they are empty.
+TEST_F(Tsmctl, EachMomentIsTheTreeOfThatMoment) {
+    const std::string same = R"(
+look() { (cd "$1" && find . -printf '%p %y %m %T@ %l\n' | sort); }
+same() { diff <(look $1) <(look $2/t) && diff -r --no-dereference $1 $2/t; })";
+    const char* const changes[] = {
+        R"(mkdir -p t/a/b/c t/lone t/was/x t/old t/empty
+           for f in stay changed gone a/b/c/only lone/only turn was/one was/x/two old/f; do echo 1 > t/$f; done; ln -s x t/link; chmod 0700 t/lone t/a/b)",
+        R"(echo 22 > t/changed; rm t/gone t/a/b/c/only t/lone/only t/turn t/link; mkdir -p t/turn t/link/deep
+           echo 2 | tee t/turn/in t/link/deep/x; rm -r t/was t/empty; echo 2 > t/was; mv t/old t/new)",
+        R"(rm -r t/turn t/link t/was t/a/b; echo 3 > t/turn; ln -s q t/link; mkdir t/was t/more; echo 3 > t/was/three
+           echo 3 > t/more/f; mv t/new t/lone/new)",
+        "chmod 0750 t; rm -r t/*; mkdir -p t/stay/only/only; echo 4 > t/stay/only/only/f; chmod 0711 t/stay"};
+    const char* const told[] = {"19 new, 0 changed, 0 unchanged, 0 gone", "5 new, 7 changed, 3 unchanged, 9 gone",
+                                "5 new, 6 changed, 2 unchanged, 7 gone", "3 new, 2 changed, 0 unchanged, 11 gone"};
+    int day = 0;
+    for (const char* const change : changes) {
+        ++day;
+        const std::string number = std::to_string(day);
+        Expect(std::string(change) + "; cp -a t day" + number, 0, day == 2 ? "2\n" : "");
+        const std::string options = day == 3 ? " --to top -j 3" : " --to top";
+        Expect("tsmctl backup t" + options + "; sleep 1.1; date '+%F %T' > at" + number + "; sleep 1.1", 0, "",
+               told[day - 1]);
+        Expect(same + "\ntsmctl restore top/t --to now" + number + " && same day" + number + " now" + number, 0);
+    }
+    Expect(same + R"~(
+        for day in 1 2 3 4; do tsmctl restore top/t --to then$day --at "$(cat at$day)" && same day$day then$day || exit; done)~",
+           0);
+    Expect("tsmctl backup t --to top", 0, "", " 0 new, 0 changed, 5 unchanged, 0 gone");
+}
+
+TEST_F(Tsmctl, WhatABackupLeavesAsItIs) {
+    Expect(
+        R"(mkdir -p t/shut t/cache/x t/tmp/x t/sub/tmp; touch t/f t/shut/f t/cache/x/f t/tmp/x/f t/sub/tmp/f t/sub/a.o t/b
+        printf 'Signature: 8a477f597d28d172789f06886806bc55' > t/cache/CACHEDIR.TAG; printf '%s\n' '# no' '' '/t/tmp/' > not
+        echo t > paths; tsmctl -q backup t; tsmctl list > all; cp -a t orig; echo s | tsmctl -q backup - --as t/s; echo x > y)",
+        0);
+    {
+        OtherProgram other(root);
+        other.Put("t", "foreign", "", "x");
+        other.Put("t/sub", "foreign", "a text", "x");
+    }
+    const std::vector<std::array<const char*, 4>> cases = {
+        {"rm -r t/*", "", "nothing of what is stored", "19"},
+        {"rm -r t/*; touch t/other t/lost+found", "", "nothing of what is stored", "19"},
+        {"rm -r t; touch t", "", "was a directory", "19"},
+        {"rm -r t", "", "t: cannot read", "19"},
+        {"rm -r t/*", "--keep-vanished", "0 gone", "19"},
+        {"rm -r t/shut/* t/b; chmod 0 t/shut", "", "t/shut: shut is in the way", "18"},
+        {"rm t/cache/x/f t/b", "--exclude-caches", "t/cache is a cache", "18"},
+        {"rm -r t/tmp/x t/sub/tmp t/b", "--exclude tmp", "1 gone", "18"},
+        {"rm -r t/tmp/x t/sub/tmp t/b", "--exclude sub/t?p", "3 gone", "16"},
+        {"rm -r t/tmp t/sub/tmp t/b", "--exclude-from not", "3 gone", "16"},
+        {"rm t/sub/* -r; rmdir t/sub; rm t/b", "--exclude none --exclude '*.o'", "3 gone", "16"},
+        {"rm t/b; echo new > t/c", "--exclude /t/c/", "1 new, 1 changed, 14 unchanged, 1 gone", "19"},
+    };
+    for (const auto& [change, options, told, left] : cases) {
+        Expect("rm -rf t; cp -a orig t; tsmctl -q backup t --full", 0);
+        SCOPED_TRACE(change);
+        const Outcome outcome = Run(std::string(change) + "; low $T backup --files-from paths " + options +
+                                    " 2>&1; tsmctl list t -q | wc -l");
+        EXPECT_NE(outcome.out.find(told), std::string::npos) << outcome.out;
+        EXPECT_EQ(outcome.out.substr(outcome.out.rfind('\n', outcome.out.size() - 2) + 1), std::string(left) + "\n")
+            << outcome.out;
+    }
+    Expect(
+        "rm -rf t; cp -a orig t; tsmctl -q backup t --full; mv t/b t/c; touch t; faulty 'dsmEndSendObj 2 1' backup t",
+        1, "", "t/c: is not stored");
+    Expect("tsmctl list t/b && tsmctl -q backup t && tsmctl list t/c && tsmctl list t/b", 1, "  t/c\n",
+           "t/b: not found");
+    Expect("tsmctl backup ../store --to s; tsmctl list s -q | wc -l", 0, "2\n", "../store is the store of a server");
+}
+
 TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
     Expect("echo i > x; tsmctl -q backup x; rm x; mkdir x; echo b > x/b; echo c > x/c", 0);
-    Expect("sleep 1.1; date '+%F %T' > at; tsmctl backup x", 0, "", "a file of this name is stored");
+    Expect("sleep 1.1; date '+%F %T' > at; tsmctl backup x --keep-vanished", 0, "", "a file of this name is stored");
     Expect("tsmctl restore x --to dir; cat dir/x/b", 0, "b\n", "the file is skipped");
     for (const char* const command : {"delete x/b --all-versions", "delete x/b", "rename x/b y", "rename at x/at"}) {
         Expect(std::string("tsmctl ") + command, 1, "", "directory above (x)");
     }
     Expect("tsmctl list x --all-versions | wc -l; tsmctl restore x --to -", 0, "4\ni\n");
-    Expect("mv x z; echo new > x; sleep 1.1; tsmctl backup x", 0, "", "a directory of this name is stored");
+    Expect("mv x z; echo new > x; sleep 1.1; tsmctl backup x --keep-vanished", 0, "",
+           "a directory of this name is stored");
     Expect("tsmctl restore x --to file; cat file/x", 0, "new\n", "the directory, with all that it holds, is skipped");
     Expect("tsmctl delete x/b x --recursive --all-versions --yes && tsmctl list -q --all-versions | wc -l", 0,
            "removed x/b (1 version)\n");
@@ -582,7 +658,7 @@ TEST_F(Tsmctl, ServerCommands) {
 // A commit that answers 0 and still gives a reason has failed.
 TEST_F(Tsmctl, LooksAtTheReasonOfACommit) {
     Expect("echo kept > f; tsmctl backup f", 0);
-    for (const char* command : {"backup", "delete", "delete --all-versions"}) {
+    for (const char* command : {"backup --full", "delete", "delete --all-versions"}) {
         Expect("TSM_FAULT='dsmEndTxn 1 0 11' \"${T%/*}/faulty_tsmctl\" " + std::string(command) + " f", 1, "", "(-11)");
     }
     Expect("tsmctl restore f --to -", 0, "kept");

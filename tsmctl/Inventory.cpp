@@ -115,6 +115,48 @@ std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Sco
 
 namespace {
 
+// The names are in their stored form and hold nothing that the library gives a meaning to. A null name is every name.
+StoredFolder ActiveIn(Session& session, const std::string& path, const char* name) {
+    TsmObject* records = nullptr;
+    const int handle = session.Handle();
+    const long long count = session.Check(
+        "cannot list", TsmGetBackupInfo(handle, Text(path), const_cast<char*>(name), 1, TSM_OBJECTS_ANY, &records));
+    StoredFolder found;
+    for (long long i = 0; i < count; ++i) {
+        if (path != records[i].highLevelName) continue;
+        StoredObject object = CopyOf(records[i]);
+        if (Escape(Unescape(object.name)) != object.name) continue;
+        const bool directory = object.directory;
+        StoredPair& pair = found[object.name];
+        pair.Of(directory) = std::move(object);
+    }
+    TsmEndGetBackupInfo(handle);
+    return found;
+}
+
+}  // namespace
+
+StoredFolder ListFolder(Session& session, const Parts& folder) {
+    const StoredName inside = ToStored(Append(folder, {"x"}));
+    return ActiveIn(session, inside.path, nullptr);
+}
+
+StoredPair ListOne(Session& session, const Parts& object) {
+    const StoredName stored = ToStored(object);
+    return ActiveIn(session, stored.path, stored.name.c_str())[stored.name];
+}
+
+bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& text) {
+    const auto& found = stored.Of(isDirectory);
+    return found && found->text == text;
+}
+
+void RequireStored(Session& session, const Parts& object, bool isDirectory, const std::string& text) {
+    if (!IsStoredAs(ListOne(session, object), isDirectory, text)) throw Failure(notStored);
+}
+
+namespace {
+
 constexpr const char* ambiguous = "its name holds bytes that the server would take for other names as well";
 
 bool PathSurvives(const std::string& path) {

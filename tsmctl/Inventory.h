@@ -45,6 +45,25 @@ struct Selection {
 // The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.
 std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection);
 
+// The active objects directly in a directory (plain parts, empty for the top), or only those of one name, that are
+// stored exactly as tsmctl stores them. By stored name: a file, a directory, or both. Throws Failure.
+struct StoredPair {
+    std::optional<StoredObject> file;  // or link, stream
+    std::optional<StoredObject> directory;
+
+    std::optional<StoredObject>& Of(bool isDirectory) { return isDirectory ? directory : file; }
+    const std::optional<StoredObject>& Of(bool isDirectory) const { return isDirectory ? directory : file; }
+};
+using StoredFolder = std::map<std::string, StoredPair>;
+StoredFolder ListFolder(Session& session, const Parts& folder);
+StoredPair ListOne(Session& session, const Parts& object);
+
+// Why an object failed that was committed: the commit answers 0 also where the API could not end the object.
+constexpr const char* notStored = "is not stored, although its commit succeeded";
+bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& text);
+// Throws Failure unless the active file or directory of this name (plain parts) has the information text.
+void RequireStored(Session& session, const Parts& object, bool isDirectory, const std::string& text);
+
 // Throws Failure for an object of a newer tsmctl, or with a damaged text: it is no other program's.
 void RequireKnown(const StoredObject& object);
 // Throws Failure unless the library reads just this object by its name, which may hold bytes that the library gives a

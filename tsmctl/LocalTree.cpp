@@ -7,9 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
-#include <functional>
 #include <set>
+#include <string_view>
 #include <system_error>
 
 #include "Errors.h"
@@ -20,12 +21,40 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// The parts below the top; "/" has itself as its top.
+Parts PartsBelow(const LocalItem& item) {
+    return item.local.size() == item.below ? Parts{"."} : SplitAtSlash(item.local.substr(item.below));
+}
+
 // The folder of the item, and its name in there.
 std::pair<UniqueFd, std::string> PlaceOf(const LocalItem& item) {
-    Parts parts = SplitAtSlash(item.local.substr(item.below));
+    Parts parts = PartsBelow(item);
     const std::string name = parts.back();
     parts.pop_back();
     return {OpenBelow(item.top->Get(), parts, false), name};
+}
+
+UniqueFd OpenFolder(const LocalItem& item) {
+    return OpenBelow(item.top->Get(), PartsBelow(item), false);
+}
+
+// Fills in what the item is. folder holds it.
+void LookAt(LocalItem& item, int folder) {
+    const std::string name = PartsBelow(item).back();
+    struct stat status = {};
+    if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) FailLocal("cannot read", errno);
+    item.info = InfoOf(status);
+    item.device = status.st_dev;
+    if (!item.object.empty()) ToStored(SplitAtSlash(item.object));  // fails for a name that is too long
+}
+
+// Whether a regular file in the folder begins with the text.
+bool BeginsWith(int folder, const char* name, std::string_view text) {
+    const UniqueFd file(openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    std::string begin(text.size(), '\0');
+    struct stat status = {};
+    return file.Get() >= 0 && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
+           pread(file.Get(), begin.data(), begin.size(), 0) == static_cast<ssize_t>(begin.size()) && begin == text;
 }
 
 }  // namespace
@@ -71,79 +100,73 @@ std::vector<Source> ResolveSources(const std::vector<std::string>& paths, const 
     return sources;
 }
 
+LocalItem Look(const Source& source) {
+    LocalItem item = {source.local, Join(source.object), {}, nullptr, source.local.rfind('/') + 1, 0};
+    const std::string folder = item.below == 0 ? "." : source.local.substr(0, item.below);
+    item.top = std::make_shared<UniqueFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (item.top->Get() < 0) FailLocal("cannot read", errno);
+    LookAt(item, item.top->Get());
+    if (item.info.kind == Kind::Other || IsSpecial(item.info.kind)) {
+        throw Failure("is neither a file nor a link nor a directory");
+    }
+    return item;
+}
+
+LocalFolder Read(const LocalItem& directory, Report& report) {
+    UniqueFd folder = OpenFolder(directory);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(folder.Get()), closedir);
+    if (!stream) FailLocal("cannot read the directory", errno);
+    const int number = folder.Release();  // the stream's now
+    LocalFolder found;
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent* const entry = readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+        errno = 0;
+    }
+    if (errno != 0) {
+        found.whole = false;
+        report.Failed(directory.local, std::string("cannot read the directory: ") + std::strerror(errno));
+    }
+    found.isCache = BeginsWith(number, "CACHEDIR.TAG", "Signature: 8a477f597d28d172789f06886806bc55");
+    found.isStore = BeginsWith(number, "mark", "tsm-standin store\n");
+    std::sort(names.begin(), names.end());
+    const std::string stem = directory.local == "/" ? "/" : directory.local + "/";
+    const std::string above = directory.object.empty() ? "" : directory.object + "/";
+    for (const std::string& name : names) {
+        LocalItem item = {stem + name, above + name, {}, directory.top, directory.below, 0};
+        if (Attempt(report, item.local, [&] { LookAt(item, number); })) {
+            found.entries.push_back(std::move(item));
+        } else {
+            found.unreadable.push_back(name);
+        }
+    }
+    return found;
+}
+
 namespace {
 
-class Scanner {
-public:
-    Scanner(Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable)
-        : report_(report), items_(items), unreadable_(unreadable) {}
-
-    void Start(const Source& source) {
-        below_ = source.local.rfind('/') + 1;
-        Attempt(source.local, source.object, [&] {
-            const std::string folder = below_ == 0 ? "." : source.local.substr(0, below_);
-            top_ = std::make_shared<UniqueFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-            if (top_->Get() < 0) FailLocal("cannot read", errno);
-            if (source.isRoot) return Enter(OpenBelow(top_->Get(), {"."}, false), source.local, source.object);
-            const Kind kind = Visit(top_->Get(), source.local, source.object).kind;
-            if (kind != Kind::Other && !IsSpecial(kind)) return;
-            items_.pop_back();
-            throw Failure("is neither a file nor a link nor a directory");
-        });
+void ScanBelow(const LocalItem& directory, Report& report, std::vector<LocalItem>& items,
+               std::vector<std::string>& unreadable) {
+    LocalFolder folder;
+    if (!Attempt(report, directory.local, [&] { folder = Read(directory, report); }) || !folder.whole) {
+        unreadable.push_back(directory.object);
     }
-
-private:
-    void Attempt(const std::string& local, const Parts& object, const std::function<void()>& work) try {
-        work();
-    } catch (const Failure& failure) {
-        report_.Failed(local, failure.what());
-        unreadable_.push_back(Join(object));
+    for (const std::string& name : folder.unreadable) unreadable.push_back(directory.object + "/" + name);
+    for (const LocalItem& item : folder.entries) {
+        items.push_back(item);
+        if (item.info.kind == Kind::Directory) ScanBelow(item, report, items, unreadable);
     }
-
-    Info Visit(int folder, const std::string& local, const Parts& object) {
-        CheckInterrupt();
-        ToStored(object);
-        const std::string name = local.substr(local.rfind('/') + 1);
-        struct stat status = {};
-        if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) FailLocal("cannot read", errno);
-        const Info info = InfoOf(status);
-        items_.push_back({local, Join(object), info, top_, below_});
-        if (info.kind == Kind::Directory) Enter(OpenBelow(folder, {name}, false), local, object);
-        return info;
-    }
-
-    void Enter(UniqueFd folder, const std::string& local, const Parts& object) {
-        const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(folder.Get()), closedir);
-        if (!entries) FailLocal("cannot read the directory", errno);
-        const int number = folder.Release();  // the entries' now
-        std::vector<std::string> names;
-        errno = 0;
-        while (const dirent* const entry = readdir(entries.get())) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-            errno = 0;
-        }
-        const int error = errno;
-        std::sort(names.begin(), names.end());
-        const std::string stem = local == "/" ? local : local + "/";
-        for (const std::string& name : names) {
-            const Parts inside = Append(object, {name});
-            Attempt(stem + name, inside, [&] { Visit(number, stem + name, inside); });
-        }
-        if (error != 0) FailLocal("cannot read the directory", error);
-    }
-
-    Report& report_;
-    std::vector<LocalItem>& items_;
-    std::vector<std::string>& unreadable_;
-    std::shared_ptr<const UniqueFd> top_;
-    size_t below_ = 0;
-};
+}
 
 }  // namespace
 
 void Scan(const Source& source, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable) {
-    Scanner(report, items, unreadable).Start(source);
+    LocalItem top;
+    if (!Attempt(report, source.local, [&] { top = Look(source); })) return unreadable.push_back(Join(source.object));
+    if (!source.isRoot) items.push_back(top);
+    if (top.info.kind == Kind::Directory) ScanBelow(top, report, items, unreadable);
 }
 
 }  // namespace tsmctl

@@ -1,6 +1,8 @@
 // The local files and trees that are backed up or verified.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -18,7 +20,8 @@ struct LocalItem {
     std::string object;  // plain object path
     Info info;
     std::shared_ptr<const UniqueFd> top;  // the folder that holds the path that was typed; links may lead to it
-    size_t below;                         // where the part below top begins in local
+    size_t below = 0;                     // where the part below top begins in local
+    dev_t device = 0;                     // its file system
 };
 // Opens for reading, or with O_PATH in the flags only to look at its attributes, or reads a link. No link below the
 // item's top is followed, whatever has changed since the scan.
@@ -33,6 +36,20 @@ struct Source {
 };
 // Throws UsageError when two paths have the same object path.
 std::vector<Source> ResolveSources(const std::vector<std::string>& paths, const std::string& to);
+
+// The source itself. Throws Failure when it cannot be read or is a special file.
+LocalItem Look(const Source& source);
+
+// What a directory holds, ordered by name.
+struct LocalFolder {
+    std::vector<LocalItem> entries;
+    std::vector<std::string> unreadable;  // names that are there, and could not be looked at
+    bool whole = true;                    // false when reading broke off
+    bool isCache = false;                 // marked by a file CACHEDIR.TAG
+    bool isStore = false;                 // the store of an embedded server
+};
+// What cannot be read is reported. Throws Failure when the directory cannot be opened.
+LocalFolder Read(const LocalItem& directory, Report& report);
 
 // Appends the source's tree, each directory before what it holds. What cannot be read is reported, and its object path
 // goes to unreadable. So is a source that is a special file or a socket.

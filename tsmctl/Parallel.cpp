@@ -1,50 +1,108 @@
 #include "Parallel.h"
 
-#include <algorithm>
-#include <atomic>
 #include <new>
 #include <system_error>
-#include <thread>
-#include <vector>
+#include <utility>
 
 #include "Errors.h"
 
 namespace tsmctl {
 
-void RunParallel(Context& context, Session& own, int sessions, size_t count, const Job& job) {
-    std::atomic<size_t> next{0};
-    const auto worker = [&](Session& session) {
-        size_t i = count;
-        try {
-            Buffer buffer(pieceSize);
-            for (i = next++; i < count; i = next++) {
-                Attempt(context.report, job.subject(i), [&] { job.work(session, buffer, i); });
-            }
-        } catch (const Interrupted&) {
-            // The calling thread sees the signal too.
-        } catch (const std::bad_alloc&) {
-            // The other threads go on. Without the buffer there is memory to report what this one had begun.
-            if (i < count) context.report.Failed(job.subject(i), noMemory);
-        } catch (const std::exception& failure) {
-            context.report.Failed("worker", failure.what());
-        }
-    };
-    const size_t wanted = std::min(static_cast<size_t>(sessions), count);
-    std::vector<std::thread> threads;
-    try {
-        while (threads.size() + 1 < wanted) {
-            threads.emplace_back([&] {
-                Session session(context.connection);
-                worker(session);
-            });
-        }
-    } catch (const std::system_error&) {
-        // The threads that have started do the work.
+Workers::Workers(Context& context, Session& own, int sessions)
+    : context_(context), own_(own), ownBuffer_(pieceSize), sessions_(static_cast<size_t>(sessions)) {}
+
+Workers::~Workers() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ended_ = true;
+        tasks_.clear();
     }
-    worker(own);
-    for (std::thread& thread : threads) thread.join();
+    changed_.notify_all();
+    for (std::thread& thread : threads_) thread.join();
+}
+
+void Workers::Run(Session& session, Buffer& buffer, const Task& task) {
+    Attempt(context_.report, task.subject, [&] { task.work(session, buffer); });
+}
+
+void Workers::Do(std::string subject, Work work) {
     CheckInterrupt();
-    for (size_t i = next++; i < count; i = next++) context.report.Failed(job.subject(i), noMemory);
+    Task task = {std::move(subject), std::move(work)};
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const bool more = living_ + 1 < sessions_ && running_ + tasks_.size() >= living_;
+        if (more) StartThread();
+        if (living_ > 0 && tasks_.size() < 8 * sessions_) {
+            tasks_.push_back(std::move(task));
+            changed_.notify_all();
+            return;
+        }
+    }
+    Run(own_, ownBuffer_, task);
+}
+
+// Without another thread, those that have started do the work.
+bool Workers::StartThread() try {
+    threads_.emplace_back([this] { WorkInThread(); });
+    ++living_;
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
+void Workers::WorkInThread() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    try {
+        Session session(context_.connection);
+        Buffer buffer(pieceSize);
+        while (true) {
+            changed_.wait(lock, [this] { return ended_ || !tasks_.empty(); });
+            if (tasks_.empty()) break;
+            const Task task = std::move(tasks_.front());
+            tasks_.pop_front();
+            ++running_;
+            lock.unlock();
+            const auto done = [&] {
+                lock.lock();
+                --running_;
+                changed_.notify_all();
+            };
+            try {
+                Run(session, buffer, task);
+            } catch (...) {
+                done();
+                throw;
+            }
+            done();
+        }
+    } catch (const Interrupted&) {
+        // The calling thread sees the signal too.
+    } catch (const std::exception&) {
+        // There was no memory for a session or a report. What waits is done by the others.
+    }
+    --living_;
+}
+
+void Workers::Finish() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!tasks_.empty()) {
+        const Task task = std::move(tasks_.front());
+        tasks_.pop_front();
+        lock.unlock();
+        Run(own_, ownBuffer_, task);
+        lock.lock();
+    }
+    changed_.wait(lock, [this] { return running_ == 0; });
+    lock.unlock();
+    CheckInterrupt();
+}
+
+void RunParallel(Context& context, Session& own, int sessions, size_t count, const Job& job) {
+    Workers workers(context, own, sessions);
+    for (size_t i = 0; i < count; ++i) {
+        workers.Do(job.subject(i), [&job, i](Session& session, Buffer& buffer) { job.work(session, buffer, i); });
+    }
+    workers.Finish();
 }
 
 }  // namespace tsmctl

@@ -1,21 +1,65 @@
 // Work on many objects at the same time.
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "Context.h"
 #include "Files.h"
 
 namespace tsmctl {
 
+// Sessions that do what they are given, each in a thread of its own. The calling thread, with its session, is one of
+// them: it works while it would have to wait. Failures are reported under the subject.
+class Workers {
+public:
+    using Work = std::function<void(Session&, Buffer&)>;
+
+    Workers(Context& context, Session& own, int sessions);
+    // What has not begun is left out.
+    ~Workers();
+    Workers(const Workers&) = delete;
+    Workers& operator=(const Workers&) = delete;
+
+    // Takes the work, or does it at once. Few are kept waiting, so that memory does not grow with their number.
+    void Do(std::string subject, Work work);
+    // Returns when everything is done. Throws Interrupted at a signal.
+    void Finish();
+
+private:
+    struct Task {
+        std::string subject;
+        Work work;
+    };
+
+    void Run(Session& session, Buffer& buffer, const Task& task);
+    bool StartThread();
+    void WorkInThread();
+
+    Context& context_;
+    Session& own_;
+    Buffer ownBuffer_;
+    const size_t sessions_;
+    std::vector<std::thread> threads_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Task> tasks_;
+    size_t running_ = 0;
+    size_t living_ = 0;  // threads that take work
+    bool ended_ = false;
+};
+
 struct Job {
     std::function<std::string(size_t)> subject;
     std::function<void(Session&, Buffer&, size_t)> work;
 };
-// Does the job for each number below count, once, with as many sessions, each in a thread of its own. The calling
-// thread takes part with its session. Failures are reported under the subject.
+// Does the job for each number below count, once, with as many sessions.
 void RunParallel(Context& context, Session& own, int sessions, size_t count, const Job& job);
 
 }  // namespace tsmctl

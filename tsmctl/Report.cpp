@@ -131,6 +131,11 @@ void Report::Count(Kind kind) {
     Draw();
 }
 
+void Report::CountChange(Change change, long long count) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    changes_[change] += count;
+}
+
 double Report::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
 }
@@ -187,6 +192,10 @@ void Report::Summary(const std::string& command) {
         const char* const plural = kind == Kind::Directory ? "directories" : nullptr;
         text += count == 1 || plural ? fmt::format(" {} {},", count, count == 1 ? KindName(kind) : plural)
                                      : fmt::format(" {} {}s,", count, KindName(kind));
+    }
+    if (!changes_.empty()) {
+        text += fmt::format(" {} new, {} changed, {} unchanged, {} gone,", changes_[Change::New],
+                            changes_[Change::Changed], changes_[Change::Unchanged], changes_[Change::Gone]);
     }
     if (bytes_ > 0) text += fmt::format(" {} bytes", bytes_);
     text += fmt::format(" in {:.2f} s", Seconds());

@@ -17,6 +17,9 @@ namespace tsmctl {
 // Writes a line to standard error. Nothing is done about an error.
 void PrintMessage(std::string_view text);
 
+// What became of an object in a backup.
+enum class Change { New, Changed, Unchanged, Gone };
+
 // Safe for several threads.
 class Report {
 public:
@@ -50,6 +53,8 @@ public:
     void ExpectBytes(long long total);
     void Advance(size_t count);
     void Count(Kind kind);
+    // Once called, even with 0, the summary tells all four.
+    void CountChange(Change change, long long count = 1);
     void Summary(const std::string& command);
 
     // False when anything failed or differed. Flushes standard output first; an error there is a failure.
@@ -78,6 +83,7 @@ private:
     long long differences_ = 0;
     std::map<Kind, long long> counts_;
     std::map<std::string, long long> losses_;
+    std::map<Change, long long> changes_;
 };
 
 // Does the work. A failure is reported under the subject; then the result is false. Interrupted and UsageError pass.

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdint>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -20,8 +21,8 @@
 #include "HelpFormatter.h"
 #include "Inventory.h"
 #include "LocalTree.h"
-#include "Parallel.h"
 #include "Transfer.h"
+#include "TreeBackup.h"
 #include "commands/Commands.h"
 
 namespace tsmctl {
@@ -31,8 +32,9 @@ struct BackupOptions {
     SourceOptions source;
     std::optional<long long> size;      // of standard input
     std::optional<long long> estimate;  // of the same
-    std::string mgmtClass;
-    int jobs = 1;
+    TreeOptions tree;
+    std::vector<std::string> exclusionFiles;
+    std::vector<std::string> pathFiles;
 };
 
 // Announced for a stream of which nothing is known.
@@ -44,18 +46,16 @@ public:
     Sender(const BackupOptions& options, Report& report, Session& session, Buffer& buffer)
         : options_(options), report_(report), session_(session), buffer_(buffer) {}
 
-    void Store(const LocalItem& item) {
+    // Returns the information text that was stored.
+    std::string Store(const LocalItem& item) {
         switch (item.info.kind) {
             case Kind::Directory:
-                StoreDirectory(item);
-                break;
+                return StoreDirectory(item);
             case Kind::File:
-                StoreFile(item);
-                break;
+                return StoreFile(item);
             default:
-                StoreWithoutFile(item);
+                return StoreWithoutFile(item);
         }
-        report_.Count(item.info.kind);
     }
 
     // Without a size, what fits into the buffer is announced exactly, and anything longer by the estimate.
@@ -74,13 +74,14 @@ public:
         if (whole && !info.size) info.size = length;
         if (info.size && (whole ? length != *info.size : length > *info.size)) FailSize();
         const long long announced = info.size ? *info.size : std::max(estimate(), length);
-        Upload upload(session_, ToStored(object), announced, info, "", options_.mgmtClass);
+        Upload upload(session_, ToStored(object), announced, info, "", options_.tree.mgmtClass);
         long long sent = length;
         if (first > 0) upload.Send(buffer_.data(), first);
         report_.Advance(first);
         if (!whole) sent += Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX) - length);
         if (info.size && (sent < *info.size || (!whole && MoreIn(STDIN_FILENO)))) FailSize();
-        Commit(upload, object);
+        upload.Commit();
+        RequireStored(session_, object, false, upload.InfoText());
         report_.Count(Kind::Stream);
         if (sent > announced) {
             report_.Warn(Join(object), fmt::format("has {} bytes, but {} were announced; --estimate announces more",
@@ -89,15 +90,6 @@ public:
     }
 
 private:
-    // Where the API fails to end an object and commits all the same, the library answers 0, and nothing is stored.
-    void Commit(Upload& upload, const Parts& object) {
-        upload.Commit();
-        for (const StoredObject& stored : List(session_, NamePattern(object, false), Scope::Self, {})) {
-            if (stored.text == upload.InfoText()) return;
-        }
-        throw Failure("is not stored, although its commit did not fail");
-    }
-
     static StoredName NameOf(const LocalItem& item) { return ToStored(SplitAtSlash(item.object)); }
 
     static bool MoreIn(int fd) {
@@ -124,7 +116,7 @@ private:
     }
 
     // Its attributes have to fit into its information text; what does not is left out, ACLs last.
-    void StoreDirectory(const LocalItem& item) {
+    std::string StoreDirectory(const LocalItem& item) {
         Info info = item.info;
         bool complete = true;
         for (const std::string& field : AttributesIn(ReadAttributes(OpenItem(item, O_PATH).Get(), report_))) {
@@ -135,29 +127,31 @@ private:
             complete = false;
         }
         if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
-        Upload upload(session_, NameOf(item), 0, info, "", options_.mgmtClass);
-        Commit(upload, SplitAtSlash(item.object));
+        Upload(session_, NameOf(item), 0, info, "", options_.tree.mgmtClass).Commit();
+        return FormatInfo(info);
     }
 
     // A link or a special file.
-    void StoreWithoutFile(const LocalItem& item) {
+    std::string StoreWithoutFile(const LocalItem& item) {
         std::string target = item.info.kind == Kind::Link ? ReadLink(item) : "";
         Info info = item.info;
         info.size = static_cast<long long>(target.size());
         Upload upload = Begin(item, info, ReadAttributes(OpenItem(item, O_PATH).Get(), report_), *info.size);
         upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
-        Commit(upload, SplitAtSlash(item.object));
+        upload.Commit();
         report_.Advance(target.size());
+        return upload.InfoText();
     }
 
     Upload Begin(const LocalItem& item, Info info, const std::string& header, long long bytes) {
         if (!header.empty()) AddField(info.fields, "header", std::to_string(header.size()));
-        return Upload(session_, NameOf(item), bytes, info, header, options_.mgmtClass);
+        return Upload(session_, NameOf(item), bytes, info, header, options_.tree.mgmtClass);
     }
 
     // The file counts as it is when it is opened. A link or a pipe that has taken its place is refused.
-    void StoreFile(const LocalItem& item) {
-        for (int attempt = 1; !StoredUnchanged(item); ++attempt) {
+    std::string StoreFile(const LocalItem& item) {
+        for (int attempt = 1;; ++attempt) {
+            if (const auto text = StoreUnchanged(item)) return *text;
             if (attempt == tries) {
                 throw Failure(fmt::format("changed while it was read, {} times; not stored", tries));
             }
@@ -166,8 +160,8 @@ private:
         }
     }
 
-    // False when the file changed while it was read; nothing of it is stored then.
-    bool StoredUnchanged(const LocalItem& item) {
+    // Nothing when the file changed while it was read; nothing of it is stored then.
+    std::optional<std::string> StoreUnchanged(const LocalItem& item) {
         const UniqueFd file = OpenItem(item);
         const struct stat status = StatusOf(file);
         const Info info = InfoOf(status);
@@ -183,13 +177,13 @@ private:
         const auto state = [](const Info& i) {
             return TimeText(i.mtime) + TimeText(i.ctime) + std::to_string(*i.size);
         };
-        if (state(after) != state(info)) return false;
+        if (state(after) != state(info)) return std::nullopt;
         if (sent != *info.size || more) {
             throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
                                       more ? "more" : "less", *info.size));
         }
-        Commit(upload, SplitAtSlash(item.object));
-        return true;
+        upload.Commit();
+        return upload.InfoText();
     }
 
     // A write in the tick of the clock in which the file changed last would not show in its times.
@@ -228,60 +222,15 @@ private:
     Buffer& buffer_;
 };
 
-// The server keeps a file and a directory of one name apart: the new kind does not replace the old one.
-void WarnOfOtherKind(Report& report, Session& session, const std::string& subject, const Parts& name, bool directory) {
-    for (const StoredObject& object : List(session, NamePattern(name, false), Scope::Self, {})) {
-        if (object.directory == directory) continue;
-        const char* const kind = directory ? "file" : "directory";
-        report.Warn(subject, fmt::format("a {} of this name is stored and stays; restore takes the newer", kind));
-    }
-}
-
-// What is found below the sources, without sockets, directories first.
-std::vector<LocalItem> FindItems(const std::vector<Source>& sources, Report& report, Session& session) {
-    std::vector<LocalItem> items;
-    std::vector<std::string> unreadable;
-    for (const Source& source : sources) {
-        const size_t first = items.size();
-        Scan(source, report, items, unreadable);
-        if (source.isRoot || items.size() == first) continue;
-        WarnOfOtherKind(report, session, source.local, source.object, items[first].info.kind == Kind::Directory);
-    }
-    for (const LocalItem& item : items) {
-        if (item.info.kind == Kind::Other) report.Warn(item.local, "socket, skipped");
-    }
-    items.erase(std::remove_if(items.begin(), items.end(), [](const auto& i) { return i.info.kind == Kind::Other; }),
-                items.end());
-    std::stable_partition(items.begin(), items.end(), [](const auto& i) { return i.info.kind == Kind::Directory; });
-    return items;
-}
-
 void StoreTrees(const BackupOptions& options, Context& context) {
     const std::vector<Source> sources = ResolveSources(options.source.paths, options.source.to);
     Session session(context.connection);
-    Buffer buffer(pieceSize);
     session.Handle();
-    const std::vector<LocalItem> items = FindItems(sources, context.report, session);
-    long long bytes = 0;
-    size_t directories = 0;
-    for (const LocalItem& item : items) {
-        bytes += item.info.size.value_or(0);
-        directories += item.info.kind == Kind::Directory ? 1 : 0;
-    }
-    context.report.ExpectBytes(bytes);
-
-    // Two sessions that miss the same directory would both create it. So one session stores the directories, or the
-    // first file, which creates those that --to names.
-    Sender sender(options, context.report, session, buffer);
-    const size_t alone = std::min(items.size(), std::max<size_t>(directories, 1));
-    for (size_t i = 0; i < alone; ++i) {
-        Attempt(context.report, items[i].local, [&] { sender.Store(items[i]); });
-    }
-    const Job job = {[&](size_t i) { return items[alone + i].local; },
-                     [&](Session& own, Buffer& memory, size_t i) {
-                         Sender(options, context.report, own, memory).Store(items[alone + i]);
-                     }};
-    RunParallel(context, session, options.jobs, items.size() - alone, job);
+    TreeBackup backup(options.tree, context, session, [&](Session& own, Buffer& buffer, const LocalItem& item) {
+        return Sender(options, context.report, own, buffer).Store(item);
+    });
+    for (const Source& source : sources) backup.Run(source);
+    backup.Finish();
 }
 
 // The size of the last version and a tenth more, or a large value where that size is not known, or is one that would
@@ -305,14 +254,30 @@ void StoreInput(const BackupOptions& options, Context& context) {
     session.Handle();
     context.report.ExpectBytes(options.size.value_or(0));
     Attempt(context.report, "standard input", [&] {
-        WarnOfOtherKind(context.report, session, Join(object), object, false);
+        if (ListOne(session, object).directory) {
+            context.report.Warn(Join(object), "a directory of this name is stored and stays; restore takes the newer");
+        }
         Sender(options, context.report, session, buffer).StoreStream(object, [&] {
             return options.estimate ? *options.estimate : EstimateFor(session, object);
         });
     });
 }
 
-void Backup(const BackupOptions& options, Context& context) {
+// One in each line; empty lines count for nothing, nor do those that begin with comment.
+void AddLinesOf(const std::vector<std::string>& files, const char* comment, std::vector<std::string>& lines) {
+    for (const std::string& name : files) {
+        std::ifstream file(name);
+        for (std::string line; std::getline(file, line);) {
+            if (!line.empty() && (!comment || line[0] != *comment)) lines.push_back(line);
+        }
+        if (!file.eof()) throw Failure(name + ": cannot be read");
+    }
+}
+
+void Backup(BackupOptions options, Context& context) {
+    AddLinesOf(options.pathFiles, nullptr, options.source.paths);
+    AddLinesOf(options.exclusionFiles, "#", options.tree.exclusions.patterns);
+    if (options.source.paths.empty() && options.pathFiles.empty()) throw UsageError("PATH is missing: what to store");
     CheckSource(options.source);
     if (options.size && !options.source.IsInput()) throw UsageError("--size belongs to -");
     if (options.estimate && !options.source.IsInput()) throw UsageError("--estimate belongs to -");
@@ -328,12 +293,25 @@ void Backup(const BackupOptions& options, Context& context) {
 
 void AddBackup(CommandLine& line) {
     const auto options = std::make_shared<BackupOptions>();
-    CLI::App& command = line.Add("backup", "Store files, links and whole trees, or standard input",
-                                 {"tsmctl backup docs --to nightly -j 4", "tsmctl backup docs/a.txt docs/b.txt",
-                                  "tar -c docs | tsmctl backup - --as dumps/docs.tar"},
-                                 [options](Context& context) { Backup(*options, context); });
-    AddPaths(command, options->source.paths, fileType, "what to store, by its last part; - is standard input");
-    command.add_option("--class", options->mgmtClass, "management class (default: the server's choice)")
+    CLI::App& command =
+        line.Add("backup", "Store files, links and whole trees, or standard input",
+                 {"tsmctl backup docs --to nightly -j 4 --exclude '*.o' --exclude-caches",
+                  "tsmctl backup docs/a.txt docs/b.txt", "tar -c docs | tsmctl backup - --as dumps/docs.tar"},
+                 [options](Context& context) { Backup(*options, context); });
+    AddPaths(command, options->source.paths, fileType, "what to store, by its last part; - is standard input")
+        ->required(false);
+    const auto add = [&](const char* name, std::vector<std::string>& values, const char* type, const char* text) {
+        command.add_option(name, values, text)->type_name(type)->allow_extra_args(false);
+    };
+    add("--files-from", options->pathFiles, fileType, "file with more PATHs, one in a line");
+    add("--exclude", options->tree.exclusions.patterns, "PATTERN", "leave out what the end of its path matches");
+    add("--exclude-from", options->exclusionFiles, fileType, "file with more patterns, one in a line");
+    command.add_flag("--exclude-caches", options->tree.exclusions.caches, "leave out what is below a CACHEDIR.TAG");
+    command.add_flag("--one-file-system", options->tree.exclusions.oneFileSystem, "leave out what is mounted below");
+    command.add_flag("--full", options->tree.full, "send what has not changed, too");
+    command.add_flag("--keep-vanished", options->tree.keepVanished, "leave active what is not here any more");
+    command.add_flag("--force", options->tree.force, "even if nothing of a stored tree is left");
+    command.add_option("--class", options->tree.mgmtClass, "management class (default: the server's choice)")
         ->type_name("NAME");
     CLI::Option* const size = AddNumber(command, "--size", "BYTES", "of standard input, if it is known", 0, LLONG_MAX,
                                         [options](long long number) { options->size = number; });
@@ -341,7 +319,7 @@ void AddBackup(CommandLine& line) {
               [options](long long number) { options->estimate = number; })
         ->excludes(size);
     AddPlace(command, options->source);
-    AddJobs(command, options->jobs);
+    AddJobs(command, options->tree.jobs);
 }
 
 }  // namespace tsmctl

@@ -8,8 +8,8 @@
 
 #include "Errors.h"
 #include "Inventory.h"
+#include "KeptDirectories.h"
 #include "Terminal.h"
-#include "Transfer.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
 
@@ -48,14 +48,19 @@ public:
         CheckFilesAbove();
         PlanMoves();
         CheckTarget();
-        const auto directories = FindDirectoriesAbove();
+        std::set<Parts> above;
+        for (const Parts& parts : {from_, to_}) {
+            for (Parts& directory : DirectoriesAbove(parts)) above.insert(std::move(directory));
+        }
+        KeptDirectories kept(session_, report_, "");
+        for (const Parts& directory : above) kept.Remember(directory);
         for (const Move& move : moves_) {
             if (PendingSignal() != 0) break;
             const bool done = Attempt(report_, move.from.ObjectPath(), [&] { Rename(move); });
             // The objects below would create this directory again, without its mode and time.
             if (!done && move.from.directory) break;
         }
-        RestoreDirectories(directories);
+        kept.Restore(false);
         ReportRenamed();
         CheckInterrupt();
     }
@@ -126,41 +131,6 @@ private:
         session_.Check("cannot rename",
                        TsmRenameBackup(session_.Handle(), move.from.path.c_str(), move.from.name.c_str(),
                                        move.to.path.c_str(), move.to.name.c_str()));
-    }
-
-    // The library removes a directory above when it is empty for a moment, and creates it again without its info.
-    std::vector<StoredObject> FindDirectoriesAbove() {
-        std::set<Parts> above;
-        for (const Parts& parts : {from_, to_}) {
-            for (Parts& directory : DirectoriesAbove(parts)) above.insert(std::move(directory));
-        }
-        std::vector<StoredObject> found;
-        for (const Parts& parts : above) {
-            for (StoredObject& object : List(session_, NamePattern(parts, false), Scope::Self, {})) {
-                if (object.directory && object.info) found.push_back(std::move(object));
-            }
-        }
-        return found;
-    }
-
-    // Also after a signal, at which Attempt would stop.
-    void RestoreDirectories(const std::vector<StoredObject>& directories) {
-        for (const StoredObject& directory : directories) {
-            try {
-                RestoreDirectory(directory);
-            } catch (const Failure& failure) {
-                report_.Failed(directory.ObjectPath(), failure.what());
-            }
-        }
-    }
-
-    void RestoreDirectory(const StoredObject& directory) {
-        const NamePattern pattern(directory.PlainParts(), false);
-        const auto now = List(session_, pattern, Scope::Self, {});
-        const bool kept = std::any_of(now.begin(), now.end(), [](const auto& object) { return bool(object.info); });
-        // A directory that holds nothing any more is gone for good.
-        if (kept || (now.empty() && List(session_, pattern, Scope::Tree, {}).empty())) return;
-        Upload(session_, {directory.path, directory.name}, 0, *directory.info, "", "").Commit();
     }
 
     // The library's 0 is no proof: a listing shows where the objects are now.

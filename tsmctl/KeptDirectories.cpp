@@ -1,0 +1,33 @@
+#include "KeptDirectories.h"
+
+#include <algorithm>
+
+#include "Errors.h"
+#include "Transfer.h"
+
+namespace tsmctl {
+
+void KeptDirectories::Remember(const Parts& directory) {
+    for (StoredObject& object : List(session_, NamePattern(directory, false), Scope::Self, {})) {
+        if (object.directory && object.info) directories_.push_back(std::move(object));
+    }
+}
+
+void KeptDirectories::Restore(bool evenEmpty) {
+    for (const StoredObject& directory : directories_) {
+        try {
+            const NamePattern pattern(directory.PlainParts(), false);
+            const auto now = List(session_, pattern, Scope::Self, {});
+            const bool kept = std::any_of(now.begin(), now.end(),
+                                          [](const auto& object) { return object.directory && bool(object.info); });
+            if (kept) continue;
+            if (!evenEmpty && now.empty() && List(session_, pattern, Scope::Tree, {}).empty()) continue;
+            Upload(session_, {directory.path, directory.name}, 0, *directory.info, "", mgmtClass_).Commit();
+            RequireStored(session_, directory.PlainParts(), true, directory.text);
+        } catch (const Failure& failure) {
+            report_.Failed(directory.ObjectPath(), failure.what());
+        }
+    }
+}
+
+}  // namespace tsmctl

@@ -1,0 +1,239 @@
+#include "TreeBackup.h"
+
+#include <chrono>
+#include <ctime>
+#include <set>
+#include <thread>
+
+#include "Errors.h"
+
+namespace tsmctl {
+namespace {
+
+// A change within one tick of the system's clock leaves the ctime as it is.
+void WaitForTheNextTick(const timespec& changed) {
+    constexpr auto tick = std::chrono::milliseconds(20);
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const auto age =
+        std::chrono::seconds(now.tv_sec - changed.tv_sec) + std::chrono::nanoseconds(now.tv_nsec - changed.tv_nsec);
+    if (age >= age.zero() && age < tick) std::this_thread::sleep_for(tick - age);
+}
+
+// So many objects are sent before it is checked that they are stored, for which all sessions have to be idle.
+constexpr size_t mostUnchecked = 1000;
+
+}  // namespace
+
+bool SameAsStored(const LocalItem& item, const Info& stored) {
+    const Info& here = item.info;
+    const auto same = [&](const char* key) { return FieldOf(here.fields, key) == FieldOf(stored.fields, key); };
+    // The attributes of a directory are not known yet; like those of a file, they do not change without the ctime.
+    return stored.version == here.version && here.kind == stored.kind && here.mode == stored.mode &&
+           here.size == stored.size && TimeText(here.mtime) == TimeText(stored.mtime) &&
+           TimeText(here.ctime) == TimeText(stored.ctime) && here.uid == stored.uid && here.gid == stored.gid &&
+           same("link") && same("device");
+}
+
+TreeBackup::TreeBackup(const TreeOptions& options, Context& context, Session& session, Store store)
+    : options_(options),
+      context_(context),
+      session_(session),
+      store_(std::move(store)),
+      buffer_(pieceSize),
+      workers_(context, session, options.jobs),
+      vanished_(
+          session, context.report, [this](const Parts& object, bool directory) { return LeavesOut(object, directory); },
+          [this](const LocalItem& item) { return store_(session_, buffer_, item); }, options.mgmtClass) {
+    context.report.CountChange(Change::New, 0);
+}
+
+void TreeBackup::Run(const Source& source) {
+    Attempt(context_.report, source.local, [&] {
+        top_ = Look(source);
+        const bool isDirectory = top_.info.kind == Kind::Directory;
+        head_ = source.object.size() - (source.isRoot ? 0 : 1);
+        Folder folder;
+        folder.object = {source.object.begin(), source.object.begin() + static_cast<std::ptrdiff_t>(head_)};
+        if (source.isRoot) return Enter(top_, folder, [] {});
+        if (LeavesOut(source.object, isDirectory)) return;
+        const StoredPair stored = ListOne(session_, source.object);
+        if (!isDirectory && stored.directory && !options_.force && !options_.keepVanished) {
+            throw Failure("was a directory when it was stored; --force stores what it is now in its place");
+        }
+        folder.stored[Escape(source.object.back())] = stored;
+        StoreItem(top_, folder);
+        Settle(folder);
+    });
+}
+
+bool TreeBackup::LeavesOut(const Parts& object, bool directory) const {
+    return options_.exclusions.LeaveOut({object.begin() + static_cast<std::ptrdiff_t>(head_), object.end()}, directory);
+}
+
+void TreeBackup::CheckTop(const Folder& folder, const LocalFolder& here) const {
+    std::set<std::string> names(here.unreadable.begin(), here.unreadable.end());
+    for (const LocalItem& item : here.entries) names.insert(SplitAtSlash(item.object).back());
+    size_t stored = 0;
+    for (const auto& [name, pair] : folder.stored) {
+        const std::string plain = Unescape(name);
+        if (plain == "lost+found" || (pair.file && !IsFromTree(*pair.file))) continue;
+        if (names.count(plain) > 0) return;
+        ++stored;
+    }
+    if (stored > 1 || (stored == 1 && here.entries.empty())) {
+        throw Failure(
+            "holds nothing of what is stored of it, as if another file system were here; nothing is stored "
+            "or removed (--force stores it as it is, --keep-vanished removes nothing)");
+    }
+}
+
+// Stores the directory by the function given, and then what it holds.
+void TreeBackup::Enter(const LocalItem& directory, Folder& folder, const std::function<void()>& store) {
+    Report& report = context_.report;
+    LocalFolder here;
+    const char* closed = nullptr;
+    const bool readable = Attempt(report, directory.local, [&] {
+        here = Read(directory, report);
+        closed = options_.exclusions.WhyClosed(directory, here, top_.device);
+        if (!closed) folder.stored = ListFolder(session_, folder.object);
+    });
+    const bool isTop = directory.local == top_.local;
+    if (isTop && readable && !options_.force && !options_.keepVanished) CheckTop(folder, here);
+    store();
+    if (closed) {
+        report.Note(directory.local + " " + closed);
+    } else if (readable) {
+        Walk(std::move(here), folder);
+    } else {
+        ++*folder.unfinished;
+    }
+}
+
+void TreeBackup::Walk(LocalFolder here, Folder& folder) {
+    std::vector<LocalItem> directories;
+    for (const std::string& name : here.unreadable) folder.stored.erase(Escape(name));
+    for (LocalItem& item : here.entries) {
+        const Parts object = SplitAtSlash(item.object);
+        const bool isDirectory = item.info.kind == Kind::Directory;
+        if (LeavesOut(object, isDirectory)) {
+            folder.stored.erase(Escape(object.back()));
+        } else if (item.info.kind == Kind::Other) {
+            context_.report.Warn(item.local, "socket, skipped");
+        } else if (isDirectory) {
+            directories.push_back(std::move(item));
+        } else {
+            StoreItem(item, folder);
+        }
+    }
+    here.entries = {};
+    for (const LocalItem& item : directories) StoreItem(item, folder);
+    if (here.whole) Settle(folder);
+}
+
+void TreeBackup::StoreItem(const LocalItem& item, Folder& folder) {
+    const bool isDirectory = item.info.kind == Kind::Directory;
+    const Parts object = SplitAtSlash(item.object);
+    StoredPair stored;
+    if (auto node = folder.stored.extract(Escape(object.back()))) stored = std::move(node.mapped());
+    const bool replaces = bool(stored.Of(!isDirectory));
+    if (replaces) folder.replaced.push_back(item);
+    folder.othersStay = folder.othersStay || !replaces;
+    const auto& before = stored.Of(isDirectory);
+    const Change change = options_.full || !before || !before->info || !SameAsStored(item, *before->info)
+                              ? before || replaces ? Change::Changed : Change::New
+                              : Change::Unchanged;
+    if (!isDirectory) return Send(item, folder, change);
+    Folder inside;
+    inside.object = object;
+    if (!before) inside.unfinished = folder.unfinished;
+    Enter(item, inside, [&] { Send(item, folder, change); });
+}
+
+void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change) {
+    Report& report = context_.report;
+    if (change == Change::Unchanged) return Count(item.info.kind, change);
+    ++*folder.unfinished;
+    ++uncheckedObjects_;
+    if (folder.sent->empty()) unchecked_.push_back({folder.object, folder.sent, folder.unfinished});
+    Sent& sent = folder.sent->emplace_back(
+        Sent{item.local, Escape(SplitAtSlash(item.object).back()), item.info.kind, change, {}});
+    const auto work = [this, item, &sent, keep = folder.sent, unfinished = folder.unfinished](Session& session,
+                                                                                              Buffer& buffer) {
+        WaitForTheNextTick(item.info.ctime);
+        sent.text = store_(session, buffer, item);
+        --*unfinished;
+    };
+    // Two sessions that miss the same directory would both create it. So this one stores the directories, and the
+    // first file, which creates those that --to names.
+    if (item.info.kind == Kind::Directory || !headStored_) {
+        const bool done = Attempt(report, item.local, [&] { work(session_, buffer_); });
+        headStored_ = headStored_ || done;
+    } else {
+        workers_.Do(item.local, work);
+    }
+}
+
+void TreeBackup::Count(Kind kind, Change change) {
+    context_.report.Count(kind);
+    context_.report.CountChange(change);
+}
+
+void TreeBackup::Finish() {
+    workers_.Finish();
+    for (const Unchecked& folder : unchecked_) {
+        if (!folder.sent->empty()) Check(folder);
+    }
+    unchecked_.clear();
+    uncheckedObjects_ = 0;
+}
+
+void TreeBackup::Check(const Unchecked& folder) {
+    Report& report = context_.report;
+    const bool listed = Attempt(report, Join(folder.object), [&] {
+        const StoredFolder now = ListFolder(session_, folder.object);
+        for (const Sent& sent : *folder.sent) {
+            if (sent.text.empty()) continue;  // has failed already
+            const auto found = now.find(sent.name);
+            const bool isThere =
+                found != now.end() && IsStoredAs(found->second, sent.kind == Kind::Directory, sent.text);
+            if (isThere) {
+                Count(sent.kind, sent.change);
+            } else {
+                report.Failed(sent.local, notStored);
+                ++*folder.unfinished;
+            }
+        }
+    });
+    if (!listed) ++*folder.unfinished;
+    folder.sent->clear();
+}
+
+void TreeBackup::Settle(Folder& folder) {
+    Report& report = context_.report;
+    StoredFolder gone;
+    for (const auto& [name, stored] : folder.stored) {
+        const bool mayGo = (!stored.file || IsFromTree(*stored.file)) && !folder.object.empty();
+        if (mayGo && !options_.keepVanished) gone.emplace(name, stored);
+        folder.othersStay = folder.othersStay || !mayGo;
+    }
+    if (uncheckedObjects_ >= mostUnchecked) Finish();
+    if (gone.empty() && folder.replaced.empty()) return;
+    workers_.Finish();
+    for (const Unchecked& sent : unchecked_) {
+        if (sent.unfinished == folder.unfinished && !sent.sent->empty()) Check(sent);
+    }
+    if (*folder.unfinished > 0) {
+        return report.Note(Join(folder.object) + ": what is gone stays stored, since not everything here could be");
+    }
+    if (options_.keepVanished) {
+        for (const LocalItem& item : folder.replaced) WarnOfOtherKind(report, item);
+        return;
+    }
+    Attempt(report, Join(folder.object), [&] {
+        report.CountChange(Change::Gone,
+                           vanished_.Remove(folder.object, gone, folder.replaced, folder.othersStay, head_));
+    });
+}
+
+}  // namespace tsmctl

@@ -1,0 +1,95 @@
+// Stores local trees, directory by directory, and makes the stored trees equal to them.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Exclusions.h"
+#include "Inventory.h"
+#include "LocalTree.h"
+#include "Parallel.h"
+#include "Vanished.h"
+
+namespace tsmctl {
+
+struct TreeOptions {
+    Exclusions exclusions;
+    bool full = false;
+    bool keepVanished = false;
+    bool force = false;
+    std::string mgmtClass;
+    int jobs = 1;
+};
+
+// Whether the item need not be sent again.
+bool SameAsStored(const LocalItem& item, const Info& stored);
+
+class TreeBackup {
+public:
+    using Store = std::function<std::string(Session&, Buffer&, const LocalItem&)>;  // returns the information text
+
+    TreeBackup(const TreeOptions& options, Context& context, Session& session, Store store);
+
+    // Reports what fails, and goes on.
+    void Run(const Source& source);
+    // Returns when everything is stored. A listing of each directory says whether it is, since a commit answers 0 also
+    // where the API could not end the object. Throws Interrupted at a signal.
+    void Finish();
+
+private:
+    struct Sent {
+        std::string local;
+        std::string name;  // as stored
+        Kind kind;
+        Change change;
+        std::string text;  // empty until it is committed
+    };
+    // A directory while it is stored.
+    struct Folder {
+        Parts object;
+        StoredFolder stored;              // in the end, what is not here
+        std::vector<LocalItem> replaced;  // stored as the other kind too
+        // The sessions fill in the texts.
+        std::shared_ptr<std::deque<Sent>> sent = std::make_shared<std::deque<Sent>>();
+        bool othersStay = false;  // something in it does
+        // What has not been stored, or not yet. A new directory counts in the one above, from which it may have been
+        // moved away under another name.
+        std::shared_ptr<std::atomic<size_t>> unfinished = std::make_shared<std::atomic<size_t>>(0);
+    };
+
+    // Where something was sent of which no listing has shown yet that it is stored.
+    struct Unchecked {
+        Parts object;
+        std::shared_ptr<std::deque<Sent>> sent;
+        std::shared_ptr<std::atomic<size_t>> unfinished;
+    };
+
+    void Enter(const LocalItem& directory, Folder& folder, const std::function<void()>& store);
+    void Walk(LocalFolder here, Folder& folder);
+    void CheckTop(const Folder& folder, const LocalFolder& here) const;
+    void Send(const LocalItem& item, Folder& folder, Change change);
+    void StoreItem(const LocalItem& item, Folder& folder);
+    void Settle(Folder& folder);
+    void Check(const Unchecked& folder);
+    void Count(Kind kind, Change change);
+    bool LeavesOut(const Parts& object, bool directory) const;
+
+    const TreeOptions& options_;
+    Context& context_;
+    Session& session_;
+    const Store store_;
+    Buffer buffer_;
+    Workers workers_;
+    Vanished vanished_;
+    std::vector<Unchecked> unchecked_;
+    size_t uncheckedObjects_ = 0;  // at most as many are in them
+    bool headStored_ = false;      // whether the directories above the trees are there
+    size_t head_ = 0;              // how many there are
+    LocalItem top_;
+};
+
+}  // namespace tsmctl

@@ -1,0 +1,119 @@
+#include "Vanished.h"
+
+#include <fmt/format.h>
+
+#include "Errors.h"
+#include "KeptDirectories.h"
+#include "tsmconnector.h"
+
+namespace tsmctl {
+
+bool IsFromTree(const StoredObject& object) {
+    return object.info && object.info->kind != Kind::Stream;
+}
+
+void WarnOfOtherKind(Report& report, const LocalItem& item) {
+    const char* const kind = item.info.kind == Kind::Directory ? "file" : "directory";
+    report.Warn(item.local, fmt::format("a {} of this name is stored and stays; restore takes the newer", kind));
+}
+
+namespace {
+
+// A directory that the library made has no text.
+bool MayGo(const std::optional<StoredObject>& object) {
+    return !object || IsFromTree(*object) || (object->directory && object->text.empty());
+}
+
+}  // namespace
+
+long long Vanished::Remove(const Parts& folder, const StoredFolder& gone, const std::vector<LocalItem>& replaced,
+                           bool othersStay, size_t depth) {
+    gone_ = 0;
+    tried_.clear();
+    KeptDirectories kept(session_, report_, mgmtClass_);
+    if (!othersStay) {
+        const Parts inside = Append(folder, {"x"});
+        FilesAbove(session_, {}).RequireNone(inside, [&](const StoredObject& file) {
+            return IsFromTree(file) && file.PlainParts().size() > depth;
+        });
+        for (const Parts& directory : DirectoriesAbove(inside)) kept.Remember(directory);
+    }
+    const auto nameOf = [&](const LocalItem& item) { return Append(folder, {SplitAtSlash(item.object).back()}); };
+    try {
+        RemoveEntries(folder, gone);
+        for (const LocalItem& item : replaced) {
+            Attempt(report_, item.local, [&] { RemoveOtherKind(nameOf(item), item.info.kind == Kind::Directory); });
+        }
+    } catch (const Interrupted&) {
+        // What the library removed in passing comes first; then the signal is seen again.
+    } catch (const Failure& failure) {
+        report_.Failed(Join(folder), failure.what());
+    }
+    kept.Restore(true);
+    for (const LocalItem& item : replaced) {
+        try {
+            CheckReplaced(nameOf(item), item);
+        } catch (const Failure& failure) {
+            report_.Failed(item.local, failure.what());
+        }
+    }
+    CheckInterrupt();
+    return gone_;
+}
+
+// A deletion's 0 is no proof: what counts is what is listed afterwards. False when something stays.
+bool Vanished::RemoveEntries(const Parts& folder, const StoredFolder& entries) {
+    if (entries.empty()) return true;
+    const auto plain = [&](const std::string& name) { return Append(folder, {Unescape(name)}); };
+    for (const auto& [name, stored] : entries) {
+        const Parts object = plain(name);
+        Attempt(report_, Join(object), [&, &pair = stored] { RemoveEntry(object, pair); });
+    }
+    const auto count = [](const StoredPair& pair) { return (pair.file ? 1 : 0) + (pair.directory ? 1 : 0); };
+    StoredFolder after = ListFolder(session_, folder);
+    bool all = true;
+    for (const auto& [name, stored] : entries) {
+        const int left = count(after[name]);
+        gone_ += count(stored) - left;
+        if (left == 0) continue;
+        all = false;
+        if (tried_.count(plain(name)) > 0) report_.Failed(Join(plain(name)), "is gone here, and cannot be removed");
+    }
+    return all;
+}
+
+void Vanished::RemoveEntry(const Parts& object, const StoredPair& stored) {
+    for (const bool directory : {false, true}) {
+        if (!MayGo(stored.Of(directory)) || (stored.Of(directory) && keep_(object, directory))) return;
+    }
+    // The name alone counts for a deletion: a file and a directory of one name go together.
+    if (stored.directory && !RemoveEntries(object, ListFolder(session_, object))) return;
+    if (!stored.file && !IsFromTree(*stored.directory)) return;
+    Delete(stored.file ? *stored.file : *stored.directory, "");
+    tried_.insert(object);
+}
+
+void Vanished::Delete(const StoredObject& object, const std::string& at) {
+    session_.Check("cannot delete",
+                   TsmDelete(session_.Handle(), Text(object.path), Text(object.name), 0, TextOrNull(at)));
+}
+
+void Vanished::RemoveOtherKind(const Parts& object, bool isDirectory) {
+    if (!ListOne(session_, object).Of(isDirectory)) throw Failure(notStored);
+    if (!isDirectory) RemoveEntries(object, ListFolder(session_, object));
+    const StoredPair now = ListOne(session_, object);
+    const auto& old = now.Of(!isDirectory);
+    if (!old || !IsFromTree(*old) || (!isDirectory && !ListFolder(session_, object).empty())) return;
+    // Of what was active at that moment, the new one was not there yet.
+    const auto& other = now.Of(isDirectory);
+    Delete(*old, other && other->date > old->date ? old->date : "");
+}
+
+void Vanished::CheckReplaced(const Parts& object, const LocalItem& item) {
+    const bool isDirectory = item.info.kind == Kind::Directory;
+    const StoredPair now = ListOne(session_, object);
+    if (now.Of(!isDirectory)) WarnOfOtherKind(report_, item);
+    if (!now.Of(isDirectory)) RequireStored(session_, object, isDirectory, restore_(item));
+}
+
+}  // namespace tsmctl

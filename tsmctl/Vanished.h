@@ -1,0 +1,56 @@
+// Makes stored objects inactive that the local tree does not have any more. Their versions stay.
+#pragma once
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Inventory.h"
+#include "LocalTree.h"
+#include "Report.h"
+
+namespace tsmctl {
+
+// Stored by backup from a local tree: not a stream, nor the object of another program.
+bool IsFromTree(const StoredObject& object);
+
+void WarnOfOtherKind(Report& report, const LocalItem& item);
+
+class Vanished {
+public:
+    // keep says what stays (plain parts, whether it is a directory); restore stores a local item and returns
+    // its information text.
+    Vanished(Session& session, Report& report, std::function<bool(const Parts&, bool)> keep,
+             std::function<std::string(const LocalItem&)> restore, std::string mgmtClass)
+        : session_(session),
+          report_(report),
+          keep_(std::move(keep)),
+          restore_(std::move(restore)),
+          mgmtClass_(std::move(mgmtClass)) {}
+
+    // What has to go from one directory; of the replaced items the objects of the other kind do. The new is stored
+    // already, and no other session is at work: when a directory becomes empty, the library removes it by its name,
+    // with everything of that name, and so on towards the top. What should stay is stored again at once. othersStay
+    // says that the directory does not become empty. Files with the names of directories above, of which there are up
+    // to depth, are not put at risk: that fails before anything is done. Returns the number of objects that have gone.
+    long long Remove(const Parts& folder, const StoredFolder& gone, const std::vector<LocalItem>& replaced,
+                     bool othersStay, size_t depth);
+
+private:
+    bool RemoveEntries(const Parts& folder, const StoredFolder& entries);
+    void RemoveEntry(const Parts& object, const StoredPair& stored);
+    void Delete(const StoredObject& object, const std::string& at);
+    void RemoveOtherKind(const Parts& object, bool isDirectory);
+    void CheckReplaced(const Parts& object, const LocalItem& item);
+
+    Session& session_;
+    Report& report_;
+    const std::function<bool(const Parts&, bool)> keep_;
+    const std::function<std::string(const LocalItem&)> restore_;
+    const std::string mgmtClass_;
+    std::set<Parts> tried_;
+    long long gone_ = 0;
+};
+
+}  // namespace tsmctl
