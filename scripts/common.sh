@@ -33,14 +33,16 @@ clang_packages=(clang libclang-rt-dev)
 style_packages=(clang-format clang-tidy libbenchmark-dev python3)
 packaging_packages=(binutils doxygen dpkg-dev file)
 
-# build FOLDER [CMAKE OPTION...]: configures and builds in build/FOLDER; on a terminal, shows ninja's progress
+# build FOLDER [CMAKE OPTION...]: configures and builds in build/FOLDER, everything or the TARGETS; on a terminal, shows
+# ninja's progress
 build() {
     local folder=$root/build/$1 quiet=(-- --quiet)
     shift
     [ ! -t 1 ] || quiet=()
     # A folder that version 1.0.0 configured has an empty TSM_SDK_DIR, which is refused.
     cmake -S "$root" -B "$folder" -G Ninja --log-level=WARNING -UTSM_SDK_DIR -DTSM_WERROR=ON "$@" >/dev/null
-    cmake --build "$folder" -j "$jobs" "${quiet[@]}"
+    # shellcheck disable=SC2086 # several targets
+    cmake --build "$folder" --target ${TARGETS:-all} -j "$jobs" "${quiet[@]}"
 }
 
 # run_tests FOLDER [CTEST OPTION...]: runs the tests of a build, and shows those that fail; on a terminal, its progress
