@@ -58,9 +58,9 @@ def files(folder):
     return {str(path.relative_to(folder)): path.read_bytes() for path in pathlib.Path(folder).rglob("*") if path.is_file()}
 
 
-def run(store, command, rules=""):
+def run(store, command, rules="", retries="0"):
     environment = {"HOME": os.getcwd(), "TSM_STANDIN_STORE": os.path.abspath(store), "TSM_STANDIN_FAULTS": rules,
-                   "TSMCTL_FILESPACE": "tsmctl", "TSMCTL_PASSWORD": "secret"}
+                   "TSMCTL_FILESPACE": "tsmctl", "TSMCTL_PASSWORD": "secret", "TSMCTL_RETRIES": retries}
     shutil.rmtree("out", ignore_errors=True)
     slow = "sleep 1" if "IDLE 500" in rules else ":"
     return subprocess.run(["sh", "-c", f"({slow}; echo hello) | exec '{tsmctl}' {command}"], env=environment,

@@ -51,6 +51,7 @@ protected:
         setenv("TSMCTL_PASSWORD", "secret", 1);
         setenv("TSMCTL_NODE", "node", 1);
         setenv("TSMCTL_LOG_DIR", root.c_str(), 1);
+        setenv("TSMCTL_RETRIES", "0", 1);
         unsetenv("TSMCTL_FILESPACE");
     }
     void TearDown() override {

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <utility>
 
+#include "Arguments.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
 #include "UsageText.h"
@@ -71,6 +72,10 @@ void CommandLine::AddCommonOptions() {
         ->envname("TSMCTL_FILESPACE");
     add("--password-file", connection_.passwordFile, fileType, "file whose first line is the password")
         ->envname("TSMCTL_PASSWORD_FILE");
+    AddNumber(app_, "--retries", "NUMBER", "further tries after failures that may pass", 0, 1000,
+              [this](long long number) { connection_.retries = number; })
+        ->default_str(std::to_string(connection_.retries))
+        ->envname("TSMCTL_RETRIES");
     app_.add_flag("-q,--quiet", quiet_, "no progress, no summary");
 }
 

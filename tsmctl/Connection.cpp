@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
@@ -41,6 +43,13 @@ std::string PasswordFor(const ConnectionOptions& options) {
     if (password.empty()) throw UsageError("the password is empty");
     if (password.find('\0') != std::string::npos) throw UsageError("the password holds a byte 0");
     return password;
+}
+
+// 0.1 seconds the first time, and four times as long each time, up to a minute. False when a signal ends it.
+bool PauseBefore(long long retry) {
+    const long long length = std::min(60'000LL, 25LL << std::min(2 * retry, 20LL));
+    for (long long passed = 0; passed < length && PendingSignal() == 0; passed += 100) poll(nullptr, 0, 100);
+    return PendingSignal() == 0;
 }
 
 }  // namespace
@@ -82,18 +91,43 @@ Session::~Session() {
 }
 
 int Session::Handle() {
-    if (handle_ > 0) return handle_;
+    if (handle_ == 0) Retry([this] { SignOn(); }, true);
+    return handle_;
+}
+
+void Session::SignOn() {
     const ConnectionOptions& options = connection_.options_;
     char delimiter[] = "/";
     handle_ = TsmOpenSession(TextOrNull(options.node), TextOrNull(options.owner), Text(connection_.password_), nullptr,
                              nullptr, nullptr, delimiter);
     if (handle_ <= 0) {
         const int result = std::exchange(handle_, 0);
-        throw Failure(CodeText("cannot sign on as node " + options.node, result));
+        FailWith("cannot sign on as node " + options.node, result);
     }
     const std::string what = "cannot connect to the filespace " + options.filespace;
     if (withFilespace_) Check(what.c_str(), TsmConnectToFileSpace(handle_, Text(options.filespace)));
-    return handle_;
+}
+
+void Session::Retry(const std::function<void()>& work, bool listing) {
+    if (std::exchange(trying_, true)) return work();
+    struct Reset {
+        bool& trying;
+        ~Reset() { trying = false; }
+    } const reset = {trying_};
+    std::atomic<bool>& failing = listing ? connection_.listingFails_ : connection_.failing_;
+    const long long most = failing ? 0 : connection_.options_.retries;
+    for (long long retry = 1;; ++retry) {
+        try {
+            work();
+            failing = false;
+            return;
+        } catch (const PassingFailure&) {
+            Drop();
+            if (retry <= most && PauseBefore(retry)) continue;
+            failing = true;
+            throw;
+        }
+    }
 }
 
 void Session::Drop() {
@@ -104,7 +138,7 @@ void Session::Drop() {
 long long Session::Check(const char* what, long long result) {
     if (result >= 0) return result;
     Drop();
-    throw Failure(CodeText(what, result));
+    FailWith(what, result);
 }
 
 }  // namespace tsmctl

@@ -1,6 +1,8 @@
 // The connector's library and its sessions.
 #pragma once
 
+#include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,6 +28,7 @@ struct ConnectionOptions {
     std::string owner;
     std::string filespace = "tsmctl";
     std::string passwordFile;  // empty for TSMCTL_PASSWORD, or the terminal
+    long long retries = 3;
 };
 
 // The library with the node's password. The first session sets it up, so that commands which need no server, and
@@ -52,6 +55,9 @@ private:
     std::once_flag once_;
     std::string password_;
     std::optional<LogWatch> log_;
+    // Whether trying again did not help last time: listings, and all else.
+    std::atomic<bool> listingFails_{false};
+    std::atomic<bool> failing_{false};
 };
 
 // One session for one thread. It signs on when it is first needed. After a failure it is closed, which discards what
@@ -67,16 +73,22 @@ public:
 
     // Throws Failure where the sign-on fails.
     int Handle();
+    // Does the work, and again in a new session when it fails in a way that may pass: as often as the user allows, after
+    // pauses that grow. Inside other work that is tried again, it is done once. After trying again was in vain, nothing
+    // is tried again until some work succeeds; listings, which say little about the rest, are on their own in that.
+    void Retry(const std::function<void()>& work, bool listing = false);
     void Drop();
     // Returns a good result; drops the session and throws Failure for a negative one.
     long long Check(const char* what, long long result);
 
 private:
     Session(Connection& connection, bool withFilespace);
+    void SignOn();
 
     Connection& connection_;
     const bool withFilespace_;
     int handle_ = 0;
+    bool trying_ = false;
 };
 
 }  // namespace tsmctl

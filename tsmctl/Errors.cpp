@@ -44,6 +44,14 @@ std::string CodeText(const std::string& what, long long result) {
     return fmt::format("{}: {} ({}), {}", what, *code.name ? code.name : "return code", result, code.meaning);
 }
 
+// docs/results.md lists them.
+void FailWith(const std::string& what, long long result) {
+    for (const int code : {1, 12, 14, 15, 16, 17, 18, 51, 102, 121, 157, 2041, 2200, 2302}) {
+        if (result == -code) throw PassingFailure(CodeText(what, result));
+    }
+    throw Failure(CodeText(what, result));
+}
+
 Failure NotFound(const std::string& place) {
     return Failure(CodeText(place.empty() ? "not found" : "not found " + place, -2));
 }

@@ -12,6 +12,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// The client API or the server failed in a way that may pass: another try, in a new session, makes sense.
+class PassingFailure : public Failure {
+public:
+    using Failure::Failure;
+};
+
 // The command line makes no sense, or there is no terminal to ask on: exit status 2. No object was changed.
 class UsageError : public std::runtime_error {
 public:
@@ -23,6 +29,8 @@ struct Interrupted {};
 
 // "what: DSM_RC_NAME (-code), meaning" for a result of the connector.
 std::string CodeText(const std::string& what, long long result);
+// Throws PassingFailure or Failure with that text.
+[[noreturn]] void FailWith(const std::string& what, long long result);
 // No object matches. place may say where it was sought.
 Failure NotFound(const std::string& place = "");
 // Throws Failure with the text of an errno.

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <tuple>
+#include <utility>
 
 #include "Errors.h"
 
@@ -51,6 +52,25 @@ StoredObject CopyOf(const TsmObject& record) {
     return object;
 }
 
+// Gives each record of a listing to take. Path and name are those of the library; a null name is every name.
+void Records(Session& session, const std::string& path, const char* name, const Selection& selection,
+             const std::function<void(const TsmObject&)>& take) {
+    const auto list = [&] {
+        TsmObject* records = nullptr;
+        const int handle = session.Handle();
+        char* const hl = Text(path);
+        char* const ll = const_cast<char*>(name);
+        const long long count = session.Check(
+            "cannot list",
+            selection.at.empty()
+                ? TsmGetBackupInfo(handle, hl, ll, selection.allVersions ? 0 : 1, selection.objectType, &records)
+                : TsmGetBackupInfoPointInTime(handle, hl, ll, Text(selection.at), selection.objectType, &records));
+        for (long long i = 0; i < count; ++i) take(records[i]);
+        TsmEndGetBackupInfo(handle);
+    };
+    session.Retry(list, true);
+}
+
 class Lister {
 public:
     Lister(Session& session, const NamePattern& pattern, const Selection& selection)
@@ -58,23 +78,13 @@ public:
 
     // Keeps what matches at a depth from least to most, so that queries which overlap give nothing twice.
     void Query(const std::string& path, const char* name, size_t least, size_t most) {
-        TsmObject* records = nullptr;
-        const int handle = session_.Handle();
-        char* const hl = Text(path);
-        char* const ll = const_cast<char*>(name);
-        const long long count = session_.Check(
-            "cannot list",
-            selection_.at.empty()
-                ? TsmGetBackupInfo(handle, hl, ll, selection_.allVersions ? 0 : 1, selection_.objectType, &records)
-                : TsmGetBackupInfoPointInTime(handle, hl, ll, Text(selection_.at), selection_.objectType, &records));
-        for (long long i = 0; i < count; ++i) {
-            StoredObject object = CopyOf(records[i]);
+        Records(session_, path, name, selection_, [&](const TsmObject& record) {
+            StoredObject object = CopyOf(record);
             const Parts plain = object.PlainParts();
             if (plain.size() >= least && plain.size() <= most && pattern_.Matches(plain)) {
                 found_.emplace_back(plain, std::move(object));
             }
-        }
-        TsmEndGetBackupInfo(handle);
+        });
     }
 
     std::vector<StoredObject> Sorted() {
@@ -117,20 +127,14 @@ namespace {
 
 // The names are in their stored form and hold nothing that the library gives a meaning to. A null name is every name.
 StoredFolder ActiveIn(Session& session, const std::string& path, const char* name) {
-    TsmObject* records = nullptr;
-    const int handle = session.Handle();
-    const long long count = session.Check(
-        "cannot list", TsmGetBackupInfo(handle, Text(path), const_cast<char*>(name), 1, TSM_OBJECTS_ANY, &records));
     StoredFolder found;
-    for (long long i = 0; i < count; ++i) {
-        if (path != records[i].highLevelName) continue;
-        StoredObject object = CopyOf(records[i]);
-        if (Escape(Unescape(object.name)) != object.name) continue;
+    Records(session, path, name, {}, [&](const TsmObject& record) {
+        if (path != record.highLevelName) return;
+        StoredObject object = CopyOf(record);
+        if (Escape(Unescape(object.name)) != object.name) return;
         const bool directory = object.directory;
-        StoredPair& pair = found[object.name];
-        pair.Of(directory) = std::move(object);
-    }
-    TsmEndGetBackupInfo(handle);
+        found[object.name].Of(directory) = std::move(object);
+    });
     return found;
 }
 
@@ -146,13 +150,14 @@ StoredPair ListOne(Session& session, const Parts& object) {
     return ActiveIn(session, stored.path, stored.name.c_str())[stored.name];
 }
 
-bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& text) {
+bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& text, const std::string& before) {
     const auto& found = stored.Of(isDirectory);
-    return found && found->text == text;
+    return found && found->text == text && found->date != before;
 }
 
-void RequireStored(Session& session, const Parts& object, bool isDirectory, const std::string& text) {
-    if (!IsStoredAs(ListOne(session, object), isDirectory, text)) throw Failure(notStored);
+void RequireStored(Session& session, const Parts& object, bool isDirectory, const std::string& text,
+                   const std::string& before) {
+    if (!IsStoredAs(ListOne(session, object), isDirectory, text, before)) throw PassingFailure(notStored);
 }
 
 namespace {
@@ -165,18 +170,14 @@ bool PathSurvives(const std::string& path) {
 
 void RequireOnlyMatch(Session& session, const StoredObject& object, const std::string& at, bool anyVersion) {
     if (object.name.find('\\') != std::string::npos) throw Failure(ambiguous);
-    TsmObject* records = nullptr;
-    const int handle = session.Handle();
-    const long long count = session.Check(
-        "cannot list", at.empty() ? TsmGetBackupInfo(handle, Text(object.path), Text(object.name), anyVersion ? 0 : 1,
-                                                     anyVersion ? TSM_OBJECTS_ANY : TSM_OBJECTS_FILES, &records)
-                                  : TsmGetBackupInfoPointInTime(handle, Text(object.path), Text(object.name), Text(at),
-                                                                TSM_OBJECTS_FILES, &records));
-    const bool only = count > 0 && std::all_of(records, records + count, [&](const TsmObject& record) {
-                          return record.highLevelName == object.path && record.lowLevelName == "/" + object.name;
-                      });
-    TsmEndGetBackupInfo(handle);
-    if (!only) throw Failure(ambiguous);
+    size_t others = 0;
+    size_t found = 0;
+    const Selection selection = {anyVersion, at, anyVersion ? TSM_OBJECTS_ANY : TSM_OBJECTS_FILES};
+    Records(session, object.path, object.name.c_str(), selection, [&](const TsmObject& record) {
+        const bool same = record.highLevelName == object.path && record.lowLevelName == "/" + object.name;
+        ++(same ? found : others);
+    });
+    if (found == 0 || others > 0) throw Failure(ambiguous);
 }
 
 }  // namespace
@@ -196,6 +197,16 @@ void RequireChangeable(Session& session, const StoredObject& object) {
     const bool rewritten = object.name.empty() || object.name.find_first_of("\\/") != std::string::npos;
     if (!PathSurvives(object.path) || HasWildcard(object.path) || rewritten) throw Failure(ambiguous);
     if (HasWildcard(object.name)) RequireOnlyMatch(session, object, "", true);
+}
+
+void DeleteObject(Session& session, const StoredObject& object, bool allVersions, const std::string& at) {
+    bool again = false;
+    session.Retry([&] {
+        const int result =
+            TsmDelete(session.Handle(), Text(object.path), Text(object.name), allVersions ? 1 : 0, TextOrNull(at));
+        if (std::exchange(again, true) && result == TSM_RESULT_ABORT_NO_MATCH) return;  // an earlier try did it
+        session.Check("cannot delete", result);
+    });
 }
 
 void FilesAbove::RequireNone(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo) {

@@ -60,9 +60,11 @@ StoredPair ListOne(Session& session, const Parts& object);
 
 // Why an object failed that was committed: the commit answers 0 also where the API could not end the object.
 constexpr const char* notStored = "is not stored, although its commit succeeded";
-bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& text);
-// Throws Failure unless the active file or directory of this name (plain parts) has the information text.
-void RequireStored(Session& session, const Parts& object, bool isDirectory, const std::string& text);
+// before is the date of a version that does not count, because it was there earlier.
+bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& text, const std::string& before = "");
+// Throws PassingFailure unless the active file or directory of this name (plain parts) has the information text.
+void RequireStored(Session& session, const Parts& object, bool isDirectory, const std::string& text,
+                   const std::string& before = "");
 
 // Throws Failure for an object of a newer tsmctl, or with a damaged text: it is no other program's.
 void RequireKnown(const StoredObject& object);
@@ -71,6 +73,9 @@ void RequireKnown(const StoredObject& object);
 void RequireReadable(Session& session, const StoredObject& object, const std::string& at);
 // The same before a change. It is stricter, because the library may remove directories above by their names.
 void RequireChangeable(Session& session, const StoredObject& object);
+
+// Deletes an active version, or all versions, of what was active at the moment. Success is no proof: list afterwards.
+void DeleteObject(Session& session, const StoredObject& object, bool allVersions, const std::string& at);
 
 // When a directory becomes empty, the library removes it by its name, and a file of that name with it. This lists the
 // files that are in danger, each directory once.

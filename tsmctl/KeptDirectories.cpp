@@ -15,15 +15,18 @@ void KeptDirectories::Remember(const Parts& directory) {
 
 void KeptDirectories::Restore(bool evenEmpty) {
     for (const StoredObject& directory : directories_) {
-        try {
+        const auto restore = [&] {
             const NamePattern pattern(directory.PlainParts(), false);
             const auto now = List(session_, pattern, Scope::Self, {});
             const bool kept = std::any_of(now.begin(), now.end(),
                                           [](const auto& object) { return object.directory && bool(object.info); });
-            if (kept) continue;
-            if (!evenEmpty && now.empty() && List(session_, pattern, Scope::Tree, {}).empty()) continue;
+            if (kept) return;
+            if (!evenEmpty && now.empty() && List(session_, pattern, Scope::Tree, {}).empty()) return;
             Upload(session_, {directory.path, directory.name}, 0, *directory.info, "", mgmtClass_).Commit();
             RequireStored(session_, directory.PlainParts(), true, directory.text);
+        };
+        try {
+            session_.Retry(restore);
         } catch (const Failure& failure) {
             report_.Failed(directory.ObjectPath(), failure.what());
         }

@@ -51,10 +51,12 @@ bool Workers::StartThread() try {
 }
 
 void Workers::WorkInThread() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
     try {
         Session session(context_.connection);
         Buffer buffer(pieceSize);
+        session.Handle();
+        lock.lock();
         while (true) {
             changed_.wait(lock, [this] { return ended_ || !tasks_.empty(); });
             if (tasks_.empty()) break;
@@ -78,9 +80,10 @@ void Workers::WorkInThread() {
     } catch (const Interrupted&) {
         // The calling thread sees the signal too.
     } catch (const std::exception&) {
-        // There was no memory for a session or a report. What waits is done by the others.
+        // There was no memory, or the server accepts no more sessions. What waits is done by the others.
     }
-    --living_;
+    if (!lock.owns_lock()) lock.lock();
+    sessions_ = living_--;
 }
 
 void Workers::Finish() {
@@ -100,7 +103,9 @@ void Workers::Finish() {
 void RunParallel(Context& context, Session& own, int sessions, size_t count, const Job& job) {
     Workers workers(context, own, sessions);
     for (size_t i = 0; i < count; ++i) {
-        workers.Do(job.subject(i), [&job, i](Session& session, Buffer& buffer) { job.work(session, buffer, i); });
+        workers.Do(job.subject(i), [&job, i](Session& session, Buffer& buffer) {
+            session.Retry([&] { job.work(session, buffer, i); });
+        });
     }
     workers.Finish();
 }

@@ -45,7 +45,7 @@ private:
     Context& context_;
     Session& own_;
     Buffer ownBuffer_;
-    const size_t sessions_;
+    size_t sessions_;  // with the one of the calling thread
     std::vector<std::thread> threads_;
     std::mutex mutex_;
     std::condition_variable changed_;

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "Errors.h"
 
@@ -35,7 +36,7 @@ bool SameAsStored(const LocalItem& item, const Info& stored) {
            same("link") && same("device");
 }
 
-TreeBackup::TreeBackup(const TreeOptions& options, Context& context, Session& session, Store store)
+TreeBackup::TreeBackup(const TreeOptions& options, Context& context, Session& session, StoreFunction store)
     : options_(options),
       context_(context),
       session_(session),
@@ -44,7 +45,12 @@ TreeBackup::TreeBackup(const TreeOptions& options, Context& context, Session& se
       workers_(context, session, options.jobs),
       vanished_(
           session, context.report, [this](const Parts& object, bool directory) { return LeavesOut(object, directory); },
-          [this](const LocalItem& item) { return store_(session_, buffer_, item); }, options.mgmtClass) {
+          [this](const LocalItem& item) {
+              std::string text;
+              store_(session_, buffer_, item, text);
+              return text;
+          },
+          options.mgmtClass) {
     context.report.CountChange(Change::New, 0);
 }
 
@@ -143,25 +149,36 @@ void TreeBackup::StoreItem(const LocalItem& item, Folder& folder) {
     const Change change = options_.full || !before || !before->info || !SameAsStored(item, *before->info)
                               ? before || replaces ? Change::Changed : Change::New
                               : Change::Unchanged;
-    if (!isDirectory) return Send(item, folder, change);
+    const std::string date = before ? before->date : "";
+    if (!isDirectory) return Send(item, folder, change, date);
     Folder inside;
     inside.object = object;
     if (!before) inside.unfinished = folder.unfinished;
-    Enter(item, inside, [&] { Send(item, folder, change); });
+    Enter(item, inside, [&] { Send(item, folder, change, date); });
 }
 
-void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change) {
+// A listing says what became of an earlier try, so that nothing is stored twice.
+void TreeBackup::Store(Session& session, Buffer& buffer, Sent& sent) const {
+    session.Retry([&] {
+        const bool isThere =
+            !sent.text.empty() && IsStoredAs(ListOne(session, SplitAtSlash(sent.item.object)),
+                                             sent.item.info.kind == Kind::Directory, sent.text, sent.before);
+        if (!isThere) store_(session, buffer, sent.item, sent.text);
+        sent.committed = true;
+    });
+}
+
+void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, const std::string& before) {
     Report& report = context_.report;
     if (change == Change::Unchanged) return Count(item.info.kind, change);
     ++*folder.unfinished;
     ++uncheckedObjects_;
     if (folder.sent->empty()) unchecked_.push_back({folder.object, folder.sent, folder.unfinished});
-    Sent& sent = folder.sent->emplace_back(
-        Sent{item.local, Escape(SplitAtSlash(item.object).back()), item.info.kind, change, {}});
-    const auto work = [this, item, &sent, keep = folder.sent, unfinished = folder.unfinished](Session& session,
-                                                                                              Buffer& buffer) {
-        WaitForTheNextTick(item.info.ctime);
-        sent.text = store_(session, buffer, item);
+    Sent& sent = folder.sent->emplace_back(Sent{item, change, before, {}, false});
+    const auto work = [this, &sent, keep = folder.sent, unfinished = folder.unfinished](Session& session,
+                                                                                        Buffer& buffer) {
+        WaitForTheNextTick(sent.item.info.ctime);
+        Store(session, buffer, sent);
         --*unfinished;
     };
     // Two sessions that miss the same directory would both create it. So this one stores the directories, and the
@@ -192,15 +209,23 @@ void TreeBackup::Check(const Unchecked& folder) {
     Report& report = context_.report;
     const bool listed = Attempt(report, Join(folder.object), [&] {
         const StoredFolder now = ListFolder(session_, folder.object);
-        for (const Sent& sent : *folder.sent) {
-            if (sent.text.empty()) continue;  // has failed already
-            const auto found = now.find(sent.name);
-            const bool isThere =
-                found != now.end() && IsStoredAs(found->second, sent.kind == Kind::Directory, sent.text);
-            if (isThere) {
-                Count(sent.kind, sent.change);
+        for (Sent& sent : *folder.sent) {
+            if (!sent.committed) continue;  // has failed already
+            const Kind kind = sent.item.info.kind;
+            const bool isDirectory = kind == Kind::Directory;
+            const Parts object = SplitAtSlash(sent.item.object);
+            const auto found = now.find(Escape(object.back()));
+            const bool isThere = found != now.end() && IsStoredAs(found->second, isDirectory, sent.text, sent.before);
+            bool again = false;
+            const auto storeAgain = [&] {
+                session_.Retry([&] {
+                    if (std::exchange(again, true)) Store(session_, buffer_, sent);
+                    RequireStored(session_, object, isDirectory, sent.text, sent.before);
+                });
+            };
+            if (isThere || Attempt(report, sent.item.local, storeAgain)) {
+                Count(kind, sent.change);
             } else {
-                report.Failed(sent.local, notStored);
                 ++*folder.unfinished;
             }
         }

@@ -30,9 +30,10 @@ bool SameAsStored(const LocalItem& item, const Info& stored);
 
 class TreeBackup {
 public:
-    using Store = std::function<std::string(Session&, Buffer&, const LocalItem&)>;  // returns the information text
+    // Puts the information text into the last argument before it commits.
+    using StoreFunction = std::function<void(Session&, Buffer&, const LocalItem&, std::string&)>;
 
-    TreeBackup(const TreeOptions& options, Context& context, Session& session, Store store);
+    TreeBackup(const TreeOptions& options, Context& context, Session& session, StoreFunction store);
 
     // Reports what fails, and goes on.
     void Run(const Source& source);
@@ -42,18 +43,18 @@ public:
 
 private:
     struct Sent {
-        std::string local;
-        std::string name;  // as stored
-        Kind kind;
+        LocalItem item;
         Change change;
-        std::string text;  // empty until it is committed
+        std::string before;  // date of the version until now
+        std::string text;    // of the last try
+        bool committed = false;
     };
     // A directory while it is stored.
     struct Folder {
         Parts object;
         StoredFolder stored;              // in the end, what is not here
         std::vector<LocalItem> replaced;  // stored as the other kind too
-        // The sessions fill in the texts.
+        // The sessions fill in what became of them.
         std::shared_ptr<std::deque<Sent>> sent = std::make_shared<std::deque<Sent>>();
         bool othersStay = false;  // something in it does
         // What has not been stored, or not yet. A new directory counts in the one above, from which it may have been
@@ -71,7 +72,8 @@ private:
     void Enter(const LocalItem& directory, Folder& folder, const std::function<void()>& store);
     void Walk(LocalFolder here, Folder& folder);
     void CheckTop(const Folder& folder, const LocalFolder& here) const;
-    void Send(const LocalItem& item, Folder& folder, Change change);
+    void Send(const LocalItem& item, Folder& folder, Change change, const std::string& before);
+    void Store(Session& session, Buffer& buffer, Sent& sent) const;
     void StoreItem(const LocalItem& item, Folder& folder);
     void Settle(Folder& folder);
     void Check(const Unchecked& folder);
@@ -81,7 +83,7 @@ private:
     const TreeOptions& options_;
     Context& context_;
     Session& session_;
-    const Store store_;
+    const StoreFunction store_;
     Buffer buffer_;
     Workers workers_;
     Vanished vanished_;

@@ -89,13 +89,8 @@ void Vanished::RemoveEntry(const Parts& object, const StoredPair& stored) {
     // The name alone counts for a deletion: a file and a directory of one name go together.
     if (stored.directory && !RemoveEntries(object, ListFolder(session_, object))) return;
     if (!stored.file && !IsFromTree(*stored.directory)) return;
-    Delete(stored.file ? *stored.file : *stored.directory, "");
+    DeleteObject(session_, stored.file ? *stored.file : *stored.directory, false, "");
     tried_.insert(object);
-}
-
-void Vanished::Delete(const StoredObject& object, const std::string& at) {
-    session_.Check("cannot delete",
-                   TsmDelete(session_.Handle(), Text(object.path), Text(object.name), 0, TextOrNull(at)));
 }
 
 void Vanished::RemoveOtherKind(const Parts& object, bool isDirectory) {
@@ -106,14 +101,17 @@ void Vanished::RemoveOtherKind(const Parts& object, bool isDirectory) {
     if (!old || !IsFromTree(*old) || (!isDirectory && !ListFolder(session_, object).empty())) return;
     // Of what was active at that moment, the new one was not there yet.
     const auto& other = now.Of(isDirectory);
-    Delete(*old, other && other->date > old->date ? old->date : "");
+    DeleteObject(session_, *old, false, other && other->date > old->date ? old->date : "");
 }
 
 void Vanished::CheckReplaced(const Parts& object, const LocalItem& item) {
     const bool isDirectory = item.info.kind == Kind::Directory;
-    const StoredPair now = ListOne(session_, object);
+    StoredPair now;
+    session_.Retry([&] {
+        now = ListOne(session_, object);
+        if (!now.Of(isDirectory)) RequireStored(session_, object, isDirectory, restore_(item));
+    });
     if (now.Of(!isDirectory)) WarnOfOtherKind(report_, item);
-    if (!now.Of(isDirectory)) RequireStored(session_, object, isDirectory, restore_(item));
 }
 
 }  // namespace tsmctl

@@ -43,11 +43,11 @@ constexpr int tries = 4;
 
 class Sender {
 public:
-    Sender(const BackupOptions& options, Report& report, Session& session, Buffer& buffer)
-        : options_(options), report_(report), session_(session), buffer_(buffer) {}
+    // text becomes the information text before anything is committed under it.
+    Sender(const BackupOptions& options, Report& report, Session& session, Buffer& buffer, std::string& text)
+        : options_(options), report_(report), session_(session), buffer_(buffer), text_(text) {}
 
-    // Returns the information text that was stored.
-    std::string Store(const LocalItem& item) {
+    void Store(const LocalItem& item) {
         switch (item.info.kind) {
             case Kind::Directory:
                 return StoreDirectory(item);
@@ -74,14 +74,27 @@ public:
         if (whole && !info.size) info.size = length;
         if (info.size && (whole ? length != *info.size : length > *info.size)) FailSize();
         const long long announced = info.size ? *info.size : std::max(estimate(), length);
-        Upload upload(session_, ToStored(object), announced, info, "", options_.tree.mgmtClass);
-        long long sent = length;
-        if (first > 0) upload.Send(buffer_.data(), first);
-        report_.Advance(first);
-        if (!whole) sent += Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX) - length);
-        if (info.size && (sent < *info.size || (!whole && MoreIn(STDIN_FILENO)))) FailSize();
-        upload.Commit();
-        RequireStored(session_, object, false, upload.InfoText());
+        text_ = FormatInfo(info);
+        long long sent = 0;
+        bool readOn = false;
+        std::string failed;
+        session_.Retry([&] {
+            if (!failed.empty() && IsStoredAs(ListOne(session_, object), false, text_)) return;
+            if (readOn) throw Failure(failed + "; standard input cannot be read a second time");
+            try {
+                Upload upload(session_, ToStored(object), announced, info, "", options_.tree.mgmtClass);
+                if (first > 0) upload.Send(buffer_.data(), first);
+                report_.Advance(first);
+                readOn = !whole;
+                sent = length + (whole ? 0 : Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX) - length));
+                if (info.size && (sent < *info.size || (!whole && MoreIn(STDIN_FILENO)))) FailSize();
+                upload.Commit();
+                RequireStored(session_, object, false, text_);
+            } catch (const PassingFailure& failure) {
+                failed = failure.what();
+                throw;
+            }
+        });
         report_.Count(Kind::Stream);
         if (sent > announced) {
             report_.Warn(Join(object), fmt::format("has {} bytes, but {} were announced; --estimate announces more",
@@ -116,7 +129,7 @@ private:
     }
 
     // Its attributes have to fit into its information text; what does not is left out, ACLs last.
-    std::string StoreDirectory(const LocalItem& item) {
+    void StoreDirectory(const LocalItem& item) {
         Info info = item.info;
         bool complete = true;
         for (const std::string& field : AttributesIn(ReadAttributes(OpenItem(item, O_PATH).Get(), report_))) {
@@ -127,20 +140,24 @@ private:
             complete = false;
         }
         if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
-        Upload(session_, NameOf(item), 0, info, "", options_.tree.mgmtClass).Commit();
-        return FormatInfo(info);
+        Upload upload(session_, NameOf(item), 0, info, "", options_.tree.mgmtClass);
+        Commit(upload);
     }
 
     // A link or a special file.
-    std::string StoreWithoutFile(const LocalItem& item) {
+    void StoreWithoutFile(const LocalItem& item) {
         std::string target = item.info.kind == Kind::Link ? ReadLink(item) : "";
         Info info = item.info;
         info.size = static_cast<long long>(target.size());
         Upload upload = Begin(item, info, ReadAttributes(OpenItem(item, O_PATH).Get(), report_), *info.size);
         upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
-        upload.Commit();
+        Commit(upload);
         report_.Advance(target.size());
-        return upload.InfoText();
+    }
+
+    void Commit(Upload& upload) {
+        text_ = upload.InfoText();
+        upload.Commit();
     }
 
     Upload Begin(const LocalItem& item, Info info, const std::string& header, long long bytes) {
@@ -149,9 +166,9 @@ private:
     }
 
     // The file counts as it is when it is opened. A link or a pipe that has taken its place is refused.
-    std::string StoreFile(const LocalItem& item) {
+    void StoreFile(const LocalItem& item) {
         for (int attempt = 1;; ++attempt) {
-            if (const auto text = StoreUnchanged(item)) return *text;
+            if (StoreUnchanged(item)) return;
             if (attempt == tries) {
                 throw Failure(fmt::format("changed while it was read, {} times; not stored", tries));
             }
@@ -160,8 +177,8 @@ private:
         }
     }
 
-    // Nothing when the file changed while it was read; nothing of it is stored then.
-    std::optional<std::string> StoreUnchanged(const LocalItem& item) {
+    // False when the file changed while it was read; nothing of it is stored then.
+    bool StoreUnchanged(const LocalItem& item) {
         const UniqueFd file = OpenItem(item);
         const struct stat status = StatusOf(file);
         const Info info = InfoOf(status);
@@ -177,13 +194,13 @@ private:
         const auto state = [](const Info& i) {
             return TimeText(i.mtime) + TimeText(i.ctime) + std::to_string(*i.size);
         };
-        if (state(after) != state(info)) return std::nullopt;
+        if (state(after) != state(info)) return false;
         if (sent != *info.size || more) {
             throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
                                       more ? "more" : "less", *info.size));
         }
-        upload.Commit();
-        return upload.InfoText();
+        Commit(upload);
+        return true;
     }
 
     // A write in the tick of the clock in which the file changed last would not show in its times.
@@ -220,15 +237,17 @@ private:
     Report& report_;
     Session& session_;
     Buffer& buffer_;
+    std::string& text_;
 };
 
 void StoreTrees(const BackupOptions& options, Context& context) {
     const std::vector<Source> sources = ResolveSources(options.source.paths, options.source.to);
     Session session(context.connection);
     session.Handle();
-    TreeBackup backup(options.tree, context, session, [&](Session& own, Buffer& buffer, const LocalItem& item) {
-        return Sender(options, context.report, own, buffer).Store(item);
-    });
+    const auto store = [&](Session& own, Buffer& buffer, const LocalItem& item, std::string& text) {
+        Sender(options, context.report, own, buffer, text).Store(item);
+    };
+    TreeBackup backup(options.tree, context, session, store);
     for (const Source& source : sources) backup.Run(source);
     backup.Finish();
 }
@@ -257,7 +276,8 @@ void StoreInput(const BackupOptions& options, Context& context) {
         if (ListOne(session, object).directory) {
             context.report.Warn(Join(object), "a directory of this name is stored and stays; restore takes the newer");
         }
-        Sender(options, context.report, session, buffer).StoreStream(object, [&] {
+        std::string text;
+        Sender(options, context.report, session, buffer, text).StoreStream(object, [&] {
             return options.estimate ? *options.estimate : EstimateFor(session, object);
         });
     });

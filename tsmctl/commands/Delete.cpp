@@ -103,7 +103,9 @@ public:
             if (PendingSignal() != 0) break;
             const Parts parts = object->StoredParts();
             if (std::any_of(kept_.begin(), kept_.end(), [&](const Parts& p) { return StartsWith(p, parts); })) continue;
-            if (!Attempt(report_, object->ObjectPath(), [&] { DeleteOne(*object); })) kept_.push_back(parts);
+            if (!Attempt(report_, object->ObjectPath(),
+                         [&] { DeleteObject(session_, *object, options_.allVersions, options_.at); }))
+                kept_.push_back(parts);
         }
         ReportDeleted(before, FindRecords());
     }
@@ -116,11 +118,6 @@ private:
     using RecordMap = std::map<Key, Record>;
 
     static constexpr const char* notActive = "this version is not active; add --all-versions";
-
-    void DeleteOne(const StoredObject& object) {
-        session_.Check("cannot delete", TsmDelete(session_.Handle(), Text(object.path), Text(object.name),
-                                                  options_.allVersions ? 1 : 0, TextOrNull(options_.at)));
-    }
 
     // Everything that this deletion may take, with the directories above that it may leave empty.
     RecordMap FindRecords() {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "Errors.h"
 #include "Inventory.h"
@@ -127,10 +128,19 @@ private:
         }
     }
 
+    // What an earlier try has renamed would be deleted, as something that has the new name.
     void Rename(const Move& move) {
-        session_.Check("cannot rename",
-                       TsmRenameBackup(session_.Handle(), move.from.path.c_str(), move.from.name.c_str(),
-                                       move.to.path.c_str(), move.to.name.c_str()));
+        const StoredObject& from = move.from;
+        const auto hasOldName = [&](const StoredObject& object) { return object.StoredPath() == from.StoredPath(); };
+        bool again = false;
+        session_.Retry([&] {
+            if (std::exchange(again, true)) {
+                const auto now = List(session_, NamePattern(from.PlainParts(), false), Scope::Self, everyVersion);
+                if (std::none_of(now.begin(), now.end(), hasOldName)) return;
+            }
+            session_.Check("cannot rename", TsmRenameBackup(session_.Handle(), from.path.c_str(), from.name.c_str(),
+                                                            move.to.path.c_str(), move.to.name.c_str()));
+        });
     }
 
     // The library's 0 is no proof: a listing shows where the objects are now.

@@ -230,9 +230,11 @@ void RestoreToOutput(const RestoreOptions& options, Report& report, Session& ses
     });
     if (files.size() != 1) throw Failure("is not one file or stream");
     Buffer buffer(pieceSize);
-    Download download(session, files[0], options.at);
+    // What was written once cannot be taken back: only the beginning is tried again.
+    std::optional<Download> download;
+    session.Retry([&] { download.emplace(session, files[0], options.at); });
     report.ExpectBytes(files[0].Size().value_or(0));
-    Restorer::ReceiveInto(STDOUT_FILENO, download, buffer, report);
+    Restorer::ReceiveInto(STDOUT_FILENO, *download, buffer, report);
     report.Count(files[0].GetKind());
 }
 

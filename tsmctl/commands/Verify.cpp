@@ -48,12 +48,11 @@ public:
 
     void Compare(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const Kind stored = object.GetKind();
-        report_.Count(item.info.kind);
         const bool sameKind = stored == item.info.kind || (stored == Kind::Stream && item.info.kind == Kind::File);
         if (!sameKind) {
+            report_.Count(item.info.kind);
             return Differs(item.local, fmt::format("{} here, {} stored", KindName(item.info.kind), KindName(stored)));
         }
-        if (object.info && stored != Kind::Stream) CompareInfo(item, *object.info);
         std::string there = object.info ? object.info->fields : "";
         const UniqueFd here = OpenItem(item, item.info.kind == Kind::File ? 0 : O_PATH);
         if (!object.directory) {
@@ -67,6 +66,9 @@ public:
             }
             there = download.Header();
         }
+        // Comes after the calls that are tried again.
+        report_.Count(item.info.kind);
+        if (object.info && stored != Kind::Stream) CompareInfo(item, *object.info);
         if (!object.info || object.info->version < 2 || stored == Kind::Stream) return;
         if (AttributesIn(there) != AttributesIn(ReadAttributes(here.Get(), report_))) {
             Differs(item.local, "extended attributes or ACL differ");
