@@ -4,6 +4,7 @@
 
 #include "Errors.h"
 #include "Transfer.h"
+#include "tsmconnector.h"
 
 namespace tsmctl {
 
@@ -21,9 +22,14 @@ void KeptDirectories::Restore(bool evenEmpty) {
             const bool kept = std::any_of(now.begin(), now.end(),
                                           [](const auto& object) { return object.directory && bool(object.info); });
             if (kept) continue;
-            if (!evenEmpty && now.empty() && List(session_, pattern, Scope::Tree, {}).empty()) continue;
+            const bool inUse = evenEmpty || !now.empty() || !ListIn(session_, directory.StoredPath(), {}).empty();
+            // Versions that are left below are found through the directory, even if it is not active.
+            if (!inUse && ListIn(session_, directory.StoredPath(), {true, "", TSM_OBJECTS_ANY}).empty()) continue;
             Upload(session_, {directory.path, directory.name}, 0, *directory.info, "", mgmtClass_).Commit();
             RequireStored(session_, directory.PlainParts(), true, directory.text);
+            if (inUse) continue;
+            session_.Check("cannot delete",
+                           TsmDelete(session_.Handle(), Text(directory.path), Text(directory.name), 0, nullptr));
         } catch (const Failure& failure) {
             report_.Failed(directory.ObjectPath(), failure.what());
         }
