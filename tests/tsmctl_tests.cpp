@@ -195,7 +195,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
         {"restore a --forse", "no such option: --forse; did you mean --force? (see 'tsmctl help restore')"},
         {"--force restore a", "--force has to come after the command"},
         {"rename a", "NEW is missing: its new object path"},
-        {"list a b", "unexpected argument: b"},
+        {"rename a b c", "unexpected argument: c"},
         {"backup a --jobs", "--jobs needs a value, NUMBER: sessions"},
         {"list --node a --node b", "--node is given more than once"},
         {"list --json=no", "--json takes no value"},
@@ -207,7 +207,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
         {"backup - --as n --size 0x10", "not '0x10'"},
         {"help lst", "did you mean list?"}};
     for (const auto& [arguments, text] : told) Expect(std::string("tsmctl ") + arguments, 2, "", text);
-    Expect("tsmctl backup - --as n --size 010 <<< 123456789 && tsmctl list n -q", 0, "stream     0600    10 ");
+    Expect("tsmctl backup - --as n --size 010 <<< 123456789 && tsmctl list n -q", 0, "stream     0600            10 ");
     Expect("tsmctl --help > /dev/full", 1, "", "standard output");
     Expect("tsmctl frobnicate 2> /dev/full", 2);
     Expect("unset TSMCTL_PASSWORD; tsmctl list", 2, "", "no password");
@@ -445,10 +445,10 @@ TEST_F(Tsmctl, MomentsAndVersions) {
         0);
     Expect("tsmctl restore f --to - --at \"$(cat at)\"; tsmctl restore f --to -", 0, "one\ntwo\n");
     Expect("tsmctl list f --all-versions | wc -l; tsmctl list f | wc -l; tsmctl list --at '2001-1-1 0:0:0' | wc -l", 0,
-           "2\n1\n0\n", "tsmctl: nothing to list in filespace tsmctl of node node\n");
+           "2\n1\n0\n", "tsmctl: nothing found in filespace tsmctl of node node\n");
     Expect("tsmctl list f --all-versions --json | grep -o '\"active\":[a-z]*'; tsmctl list f --all-versions", 0,
-           "\"active\":false\n\"active\":true\nfile       0644     4  ");
-    Expect("tsmctl list f --all-versions | cut -c 45-", 0, "inactive  f\nactive    f\n");
+           "\"active\":false\n\"active\":true\nfile       0644             4  ");
+    Expect("tsmctl list f --all-versions | cut -c 53-", 0, "inactive  f\nactive    f\n");
     Expect("tsmctl list f --at \"$(cat at)\" --json | grep -c '\"active\":false'; tsmctl list f --json", 0,
            "1\n{\"path\":\"f\",\"kind\":\"file\",\"size\":4,");
     Expect("tsmctl delete f --at \"$(cat at)\"", 1, "", "this version is not active");
@@ -464,7 +464,7 @@ TEST_F(Tsmctl, ListingsAreInTheOrderOfTheNames) {
     Expect("tsmctl list | while read -r kind mode size day time path; do echo $kind $size $path; done", 0,
            "directory - d\nfile 0 d/0\ndirectory - d/a\nfile 3 d/a/z\nfile 5 d/a.b\nlink 3 d/l\n"
            "stream 1234567 s\nstream 1 u\n");
-    Expect("tsmctl list 'd/a*' --type file | cut -c 16-21,43-", 0, "     3  d/a/z\n     5  d/a.b\n");
+    Expect("tsmctl list 'd/a*' --type file | cut -c 16-29,51-", 0, "             3  d/a/z\n             5  d/a.b\n");
 }
 
 // Between the backups: added, changed, deleted, renamed, turned into the other kind and back, the last of a directory
@@ -565,9 +565,9 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect("tsmctl delete 'p/*.a'", 2, "", "without --yes");
     Expect("tsmctl delete 'p/*.a' --yes; tsmctl list p | grep -c '[ab]$'", 0, "removed p/1.a\nremoved p/2.a\n1\n");
     Expect("tsmctl delete --literal 'p/*' && tsmctl delete 'p/%'", 0, "removed p/*\nremoved p/%\n");
-    Expect("tsmctl delete q/f", 0, "removed q\nremoved q/f\n");
+    Expect("tsmctl delete q/f", 0, "removed q/f\nremoved q\n");
     Expect("tsmctl delete --recursive --yes p/d p/none", 1,
-           "removed p/d\nremoved p/d/e\nremoved p/d/e/f\nremoved p/d/g\n", "p/none: not found");
+           "removed p/d/e/f\nremoved p/d/e\nremoved p/d/g\nremoved p/d\n", "p/none: not found");
     Expect("tsmctl list --json | grep -c path", 0, "4\n");
     Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl -q list --all-versions | wc -l", 0,
            "0\n");

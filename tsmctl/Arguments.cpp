@@ -78,6 +78,12 @@ CLI::Option* AddMoment(CLI::App& command, std::string& at, const char* descripti
     return command.add_option("--at", at, description)->type_name("MOMENT")->check(CheckMoment);
 }
 
+CLI::Option* AddExclude(CLI::App& command, std::vector<std::string>& patterns) {
+    return command.add_option("--exclude", patterns, "leave out what the end of its path matches")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false);
+}
+
 CLI::Option* AddJobs(CLI::App& command, int& jobs) {
     return AddNumber(command, "-j,--jobs", "NUMBER", "sessions at the same time, 1 to 64", 1, 64,
                      [&jobs](long long number) { jobs = static_cast<int>(number); })

@@ -22,6 +22,7 @@ CLI::Option* AddChoice(CLI::App& command, const char* name, std::string& value, 
                        const std::vector<std::string>& choices);
 
 CLI::Option* AddMoment(CLI::App& command, std::string& at, const char* description);
+CLI::Option* AddExclude(CLI::App& command, std::vector<std::string>& patterns);
 CLI::Option* AddJobs(CLI::App& command, int& jobs);
 CLI::Option* AddJson(CLI::App& command, bool& json);
 CLI::Option* AddLiteral(CLI::App& command, bool& literal);

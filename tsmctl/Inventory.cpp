@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -52,9 +54,9 @@ StoredObject CopyOf(const TsmObject& record) {
     return object;
 }
 
-// Gives each record of a listing to take. Path and name are those of the library; a null name is every name.
-void Records(Session& session, const std::string& path, const char* name, const Selection& selection,
-             const std::function<void(const TsmObject&)>& take) {
+// Gives each record of a listing to take. The path and the name may be patterns; a null name is every name.
+void Ask(Session& session, const std::string& path, const char* name, const Selection& selection,
+         const std::function<void(const TsmObject&)>& take) {
     const auto list = [&] {
         TsmObject* records = nullptr;
         const int handle = session.Handle();
@@ -65,62 +67,188 @@ void Records(Session& session, const std::string& path, const char* name, const 
             selection.at.empty()
                 ? TsmGetBackupInfo(handle, hl, ll, selection.allVersions ? 0 : 1, selection.objectType, &records)
                 : TsmGetBackupInfoPointInTime(handle, hl, ll, Text(selection.at), selection.objectType, &records));
-        for (long long i = 0; i < count; ++i) take(records[i]);
+        std::for_each(records, records + count, take);
         TsmEndGetBackupInfo(handle);
     };
     session.Retry(list, true);
 }
 
-class Lister {
-public:
-    Lister(Session& session, const NamePattern& pattern, const Selection& selection)
-        : session_(session), pattern_(pattern), selection_(selection) {}
+using Found = std::vector<std::pair<Parts, StoredObject>>;  // by plain name
 
-    // Keeps what matches at a depth from least to most, so that queries which overlap give nothing twice.
-    void Query(const std::string& path, const char* name, size_t least, size_t most) {
-        Records(session_, path, name, selection_, [&](const TsmObject& record) {
-            StoredObject object = CopyOf(record);
-            const Parts plain = object.PlainParts();
-            if (plain.size() >= least && plain.size() <= most && pattern_.Matches(plain)) {
-                found_.emplace_back(plain, std::move(object));
-            }
-        });
-    }
+// Keeps what matches at a depth from least to most, so that queries which overlap give nothing twice.
+void Add(Found& found, Session& session, const NamePattern& pattern, const Selection& selection,
+         const std::string& path, const char* name, size_t least, size_t most) {
+    Ask(session, path, name, selection, [&](const TsmObject& record) {
+        StoredObject object = CopyOf(record);
+        Parts plain = object.PlainParts();
+        if (plain.size() >= least && plain.size() <= most && pattern.Matches(plain)) {
+            found.emplace_back(std::move(plain), std::move(object));
+        }
+    });
+}
 
-    std::vector<StoredObject> Sorted() {
-        std::sort(found_.begin(), found_.end(), [](const auto& a, const auto& b) {
-            return std::tie(a.first, a.second.date) < std::tie(b.first, b.second.date);
-        });
-        std::vector<StoredObject> objects;
-        objects.reserve(found_.size());
-        for (auto& entry : found_) objects.push_back(std::move(entry.second));
-        return objects;
-    }
-
-private:
-    Session& session_;
-    const NamePattern& pattern_;
-    const Selection& selection_;
-    std::vector<std::pair<Parts, StoredObject>> found_;
-};
+std::vector<StoredObject> Sorted(Found found) {
+    std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
+        return std::tie(a.first, a.second.date) < std::tie(b.first, b.second.date);
+    });
+    std::vector<StoredObject> objects;
+    objects.reserve(found.size());
+    for (auto& entry : found) objects.push_back(std::move(entry.second));
+    return objects;
+}
 
 }  // namespace
 
 std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection) {
     constexpr size_t any = SIZE_MAX;
-    Lister lister(session, pattern, selection);
+    Found found;
+    const auto add = [&](const std::string& path, const char* name, size_t least, size_t most) {
+        Add(found, session, pattern, selection, path, name, least, most);
+    };
     const size_t depth = pattern.Depth();
     if (pattern.IsRoot()) {
-        lister.Query("*", nullptr, 0, any);
-        return lister.Sorted();
+        add("*", nullptr, 0, any);
+        return Sorted(std::move(found));
     }
-    lister.Query(pattern.ServerPath(depth - 1), pattern.ServerName().c_str(), depth, depth);
+    add(pattern.ServerPath(depth - 1), pattern.ServerName(depth - 1).c_str(), depth, depth);
     if (scope == Scope::Tree) {
         const std::string whole = pattern.ServerPath(depth);
-        lister.Query(whole, nullptr, depth + 1, depth + 1);
-        lister.Query(whole + "/*", nullptr, depth + 2, any);
+        add(whole, nullptr, depth + 1, depth + 1);
+        add(whole + "/*", nullptr, depth + 2, any);
     }
-    return lister.Sorted();
+    return Sorted(std::move(found));
+}
+
+namespace {
+
+// In a path that another program stored, the library gives these bytes a meaning.
+std::string AsPattern(std::string path) {
+    std::replace_if(
+        path.begin(), path.end(), [](char c) { return c == '\\' || c == '?'; }, '*');
+    return path;
+}
+
+class Walker {
+public:
+    Walker(Session& session, const NamePattern& pattern, const Selection& selection, const Visit& visit)
+        : session_(session), pattern_(pattern), selection_(selection), visit_(visit) {}
+
+    bool Run() {
+        if (pattern_.IsRoot()) Enter({""}, 0);
+        if (pattern_.IsRoot()) return found_;
+        const size_t above = pattern_.Above();
+        const auto ask = [&](size_t level, const std::string& name) {
+            Collect(level, [&](const Selection& selection) {
+                Found some;
+                Add(some, session_, pattern_, selection, pattern_.ServerPath(level),
+                    name.empty() ? nullptr : name.c_str(), level + 1, level + 1);
+                return Sorted(std::move(some));
+            });
+        };
+        ask(above, pattern_.ServerName(above));
+        if (!directorySeen_ && !pattern_.IsWild()) ask(pattern_.Depth(), "");
+        return found_;
+    }
+
+private:
+    using Query = std::function<std::vector<StoredObject>(const Selection&)>;
+
+    // Goes through the directories of one plain name, of which there may be several. The level is the number of parts
+    // of that name.
+    void Enter(const std::set<std::string>& paths, size_t level) {
+        CheckInterrupt();
+        Collect(level, [&](const Selection& selection) {
+            std::vector<StoredObject> found;
+            for (const std::string& path : paths) {
+                auto some = ListIn(session_, path, selection);
+                found.insert(found.end(), std::make_move_iterator(some.begin()), std::make_move_iterator(some.end()));
+            }
+            return found;
+        });
+    }
+
+    // Asks for the entries of a directory, and goes through them.
+    void Collect(size_t level, const Query& query) {
+        const bool onTheWay = level + 1 < pattern_.Depth();
+        Selection all = selection_;
+        if (all.objectType == TSM_OBJECTS_FILES) all.objectType = TSM_OBJECTS_ANY;
+        if (onTheWay) all.objectType = TSM_OBJECTS_DIRECTORIES;
+        std::vector<StoredObject> found = query(all);
+        if (selection_.marked) Mark(found, query({false, "", all.objectType}));
+        if (!selection_.at.empty()) {
+            // Files of that moment may be in a directory that was stored anew since.
+            for (StoredObject& directory : query({true, "", TSM_OBJECTS_DIRECTORIES})) {
+                directory.chosen = directory.active = false;
+                found.push_back(std::move(directory));
+            }
+        }
+        std::map<std::string, std::vector<StoredObject>> byName;
+        for (StoredObject& object : found) byName[Unescape(object.name)].push_back(std::move(object));
+        found.clear();
+        for (auto& [name, versions] : byName) Visit(versions, onTheWay);
+    }
+
+    void Mark(std::vector<StoredObject>& found, std::vector<StoredObject> now) const {
+        const auto key = [](const StoredObject& o) {
+            return std::make_tuple(o.path, o.name, o.directory, o.date, o.text, o.announced);
+        };
+        // Two versions of the same second can look the same. Only one of them is active.
+        std::map<decltype(key(now[0])), StoredObject*> active;
+        for (StoredObject& object : now) active.emplace(key(object), &object);
+        for (StoredObject& object : found) object.active = active.erase(key(object)) > 0;
+        if (!selection_.andNow) return;
+        for (const auto& entry : active) {
+            found.push_back(std::move(*entry.second));
+            found.back().chosen = false;
+        }
+    }
+
+    void Visit(std::vector<StoredObject>& versions, bool onTheWay) {
+        const Parts plain = versions[0].PlainParts();
+        if (!pattern_.Matches(plain)) return;
+        std::set<std::string> below;
+        for (const StoredObject& object : versions) {
+            if (object.directory) below.insert(object.StoredPath());
+        }
+        versions.erase(std::remove_if(versions.begin(), versions.end(),
+                                      [&](const StoredObject& object) {
+                                          const bool wanted = object.chosen || (selection_.andNow && object.active);
+                                          found_ = found_ || (wanted && !onTheWay);
+                                          return !wanted ||
+                                                 (object.directory && selection_.objectType == TSM_OBJECTS_FILES);
+                                      }),
+                       versions.end());
+        const bool goOn = onTheWay || visit_(versions, plain);
+        versions.clear();
+        directorySeen_ = directorySeen_ || !below.empty();
+        if (!goOn || below.empty()) return;
+        Enter(below, plain.size());
+    }
+
+    Session& session_;
+    const NamePattern& pattern_;
+    const Selection& selection_;
+    const tsmctl::Visit& visit_;
+    bool found_ = false;
+    bool directorySeen_ = false;
+};
+
+}  // namespace
+
+std::vector<StoredObject> ListIn(Session& session, const std::string& path, const Selection& selection) {
+    Found found;
+    if (path.size() > maxPath) return {};  // nothing fits below
+    Ask(session, AsPattern(path), nullptr, selection, [&](const TsmObject& record) {
+        if (path != record.highLevelName) return;
+        StoredObject object = CopyOf(record);
+        Parts plain = {Unescape(object.name)};
+        found.emplace_back(std::move(plain), std::move(object));
+    });
+    return Sorted(std::move(found));
+}
+
+bool Walk(Session& session, const NamePattern& pattern, const Selection& selection, const Visit& visit) {
+    return Walker(session, pattern, selection, visit).Run();
 }
 
 namespace {
@@ -128,7 +256,7 @@ namespace {
 // The names are in their stored form and hold nothing that the library gives a meaning to. A null name is every name.
 StoredFolder ActiveIn(Session& session, const std::string& path, const char* name) {
     StoredFolder found;
-    Records(session, path, name, {}, [&](const TsmObject& record) {
+    Ask(session, path, name, {}, [&](const TsmObject& record) {
         if (path != record.highLevelName) return;
         StoredObject object = CopyOf(record);
         if (Escape(Unescape(object.name)) != object.name) return;
@@ -170,14 +298,14 @@ bool PathSurvives(const std::string& path) {
 
 void RequireOnlyMatch(Session& session, const StoredObject& object, const std::string& at, bool anyVersion) {
     if (object.name.find('\\') != std::string::npos) throw Failure(ambiguous);
-    size_t others = 0;
-    size_t found = 0;
-    const Selection selection = {anyVersion, at, anyVersion ? TSM_OBJECTS_ANY : TSM_OBJECTS_FILES};
-    Records(session, object.path, object.name.c_str(), selection, [&](const TsmObject& record) {
-        const bool same = record.highLevelName == object.path && record.lowLevelName == "/" + object.name;
-        ++(same ? found : others);
+    size_t count = 0;
+    bool only = true;
+    const int type = anyVersion ? TSM_OBJECTS_ANY : TSM_OBJECTS_FILES;
+    Ask(session, object.path, object.name.c_str(), {anyVersion, at, type}, [&](const TsmObject& record) {
+        ++count;
+        only = only && record.highLevelName == object.path && record.lowLevelName == "/" + object.name;
     });
-    if (found == 0 || others > 0) throw Failure(ambiguous);
+    if (!only || count == 0) throw Failure(ambiguous);
 }
 
 }  // namespace

@@ -23,6 +23,8 @@ struct StoredObject {
     std::string fileSpace;
     bool directory = false;
     std::optional<Info> info;  // when the text is ours and fits the object
+    bool active = true;        // now; known only where it was asked for
+    bool chosen = true;        // by the selection
 
     Parts StoredParts() const;
     Parts PlainParts() const;
@@ -40,10 +42,24 @@ struct Selection {
     bool allVersions = false;
     std::string at = {};
     int objectType = TSM_OBJECTS_ANY;
+    // Of a walk: which of them are active now, and with at also those that are active now and were not then.
+    bool marked = false;
+    bool andNow = false;
 };
 
 // The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.
 std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection);
+
+// The versions in a directory, whose path is as stored, ordered by plain name and date. Throws Failure.
+std::vector<StoredObject> ListIn(Session& session, const std::string& path, const Selection& selection);
+
+// Goes through what the pattern names and everything below, in the order of the plain names and directory by directory,
+// so that memory does not grow with the tree. What lies in a directory of which no version is stored is found only
+// directly below a path without wildcards. False when there is nothing, of whatever type. Throws Failure.
+//
+// visit gets the versions of one plain name, of which there may be none, and says whether to go on below it.
+using Visit = std::function<bool(std::vector<StoredObject>& versions, const Parts& plain)>;
+bool Walk(Session& session, const NamePattern& pattern, const Selection& selection, const Visit& visit);
 
 // The active objects directly in a directory (plain parts, empty for the top), or only those of one name, that are
 // stored exactly as tsmctl stores them. By stored name: a file, a directory, or both. Throws Failure.

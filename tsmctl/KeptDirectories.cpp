@@ -21,9 +21,12 @@ void KeptDirectories::Restore(bool evenEmpty) {
             const bool kept = std::any_of(now.begin(), now.end(),
                                           [](const auto& object) { return object.directory && bool(object.info); });
             if (kept) return;
-            if (!evenEmpty && now.empty() && List(session_, pattern, Scope::Tree, {}).empty()) return;
+            const bool inUse = evenEmpty || !now.empty() || !ListIn(session_, directory.StoredPath(), {}).empty();
+            // Versions that are left below are found through the directory, even if it is not active.
+            if (!inUse && ListIn(session_, directory.StoredPath(), {true, "", TSM_OBJECTS_ANY}).empty()) return;
             Upload(session_, {directory.path, directory.name}, 0, *directory.info, "", mgmtClass_).Commit();
             RequireStored(session_, directory.PlainParts(), true, directory.text);
+            if (!inUse) DeleteObject(session_, directory, false, "");
         };
         try {
             session_.Retry(restore);

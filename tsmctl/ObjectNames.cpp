@@ -11,7 +11,6 @@ namespace tsmctl {
 namespace {
 
 constexpr std::string_view specialBytes = "%\\*?";
-constexpr size_t maxPath = 1024;
 constexpr size_t maxName = 255;
 
 // * matches any run of characters and ? matches one. Only the last * is tried again, so that no memory is needed.
@@ -214,11 +213,18 @@ bool NamePattern::IsWild() const {
     return wildcards_ && std::any_of(parts_.begin(), parts_.end(), [](const auto& part) { return HasWildcard(part); });
 }
 
+size_t NamePattern::Above() const {
+    size_t count = 0;
+    while (count + 1 < parts_.size() && !(wildcards_ && HasWildcard(parts_[count]))) ++count;
+    return count;
+}
+
 bool NamePattern::Matches(const Parts& plain) const {
-    if (plain.size() < parts_.size()) return false;
-    return std::equal(parts_.begin(), parts_.end(), plain.begin(), [this](const auto& pattern, const auto& part) {
-        return wildcards_ ? WildcardMatch(pattern, part) : pattern == part;
-    });
+    const auto both = static_cast<std::ptrdiff_t>(std::min(parts_.size(), plain.size()));
+    return std::equal(parts_.begin(), parts_.begin() + both, plain.begin(),
+                      [this](const auto& pattern, const auto& part) {
+                          return wildcards_ ? WildcardMatch(pattern, part) : pattern == part;
+                      });
 }
 
 std::string NamePattern::ServerPath(size_t count) const {
@@ -227,8 +233,8 @@ std::string NamePattern::ServerPath(size_t count) const {
     return path;
 }
 
-std::string NamePattern::ServerName() const {
-    return ServerPattern(parts_.back());
+std::string NamePattern::ServerName(size_t part) const {
+    return ServerPattern(parts_[part]);
 }
 
 }  // namespace tsmctl

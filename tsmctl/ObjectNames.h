@@ -33,6 +33,8 @@ std::string Printable(std::string_view text);
 // For scripts, which read names as they are: only line breaks become "?".
 std::string OneLine(std::string text);
 
+constexpr size_t maxPath = 1024;  // bytes of a stored path
+
 // A name as the connector takes it.
 struct StoredName {
     std::string path;  // "/a/b", empty at the top
@@ -54,11 +56,13 @@ public:
     bool IsWild() const;
     size_t Depth() const { return parts_.size(); }
     const Parts& Plain() const { return parts_; }
-    // Whether the first Depth() parts match.
+    // The parts before the last one and the first wildcard.
+    size_t Above() const;
+    // Whether the parts match, as far as both go.
     bool Matches(const Parts& plain) const;
-    // The pattern for the server: the first count parts as a path, and the last part as a name.
+    // The pattern for the server: the first count parts as a path, and a part as a name.
     std::string ServerPath(size_t count) const;
-    std::string ServerName() const;
+    std::string ServerName(size_t part) const;
 
 private:
     Parts parts_;

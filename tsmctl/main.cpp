@@ -19,6 +19,8 @@ int Run(int argc, char** argv) try {
     AddCheck(commandLine);
     AddRestore(commandLine);
     AddList(commandLine);
+    AddFind(commandLine);
+    AddDiff(commandLine);
     AddDelete(commandLine);
     AddRename(commandLine);
     AddFilespaces(commandLine);

@@ -324,7 +324,7 @@ void AddBackup(CommandLine& line) {
         command.add_option(name, values, text)->type_name(type)->allow_extra_args(false);
     };
     add("--files-from", options->pathFiles, fileType, "file with more PATHs, one in a line");
-    add("--exclude", options->tree.exclusions.patterns, "PATTERN", "leave out what the end of its path matches");
+    AddExclude(command, options->tree.exclusions.patterns);
     add("--exclude-from", options->exclusionFiles, fileType, "file with more patterns, one in a line");
     command.add_flag("--exclude-caches", options->tree.exclusions.caches, "leave out what is below a CACHEDIR.TAG");
     command.add_flag("--one-file-system", options->tree.exclusions.oneFileSystem, "leave out what is mounted below");

@@ -12,7 +12,9 @@ void AddClasses(CommandLine& line);
 void AddCompletion(CommandLine& line);
 void AddDelete(CommandLine& line);
 void AddDeleteFilespace(CommandLine& line);
+void AddDiff(CommandLine& line);
 void AddFilespaces(CommandLine& line);
+void AddFind(CommandLine& line);  // in List.cpp
 void AddGrant(CommandLine& line);
 void AddHelp(CommandLine& line);  // knows the commands that were added before
 void AddList(CommandLine& line);

@@ -2,6 +2,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -9,6 +11,8 @@
 #include "Arguments.h"
 #include "Errors.h"
 #include "Inventory.h"
+#include "KeptDirectories.h"
+#include "Parallel.h"
 #include "Terminal.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
@@ -23,154 +27,245 @@ struct DeleteOptions {
     bool allVersions = false;
     bool literal = false;
     bool yes = false;
+    int jobs = 1;
 
     // What can go: active versions, or all of them.
     Selection Versions() const { return {allVersions, "", TSM_OBJECTS_ANY}; }
+    Selection Candidates() const { return {allVersions, at, TSM_OBJECTS_ANY}; }
     // An active version can only go if it was also active at the moment.
     bool OnlyActiveAt() const { return !at.empty() && !allVersions; }
 };
 
-// The plain name, which gives the order of the report, and the stored one.
-using Key = std::pair<Parts, std::string>;
-
-Key KeyOf(const StoredObject& object) {
-    return {object.PlainParts(), object.StoredPath()};
-}
-
+// Works directory by directory from the lowest up, since a directory can only go when it is empty, and remembers no
+// more than the objects that are being deleted.
 class Deleter {
 public:
-    Deleter(const DeleteOptions& options, Report& report, Session& session)
-        : options_(options), report_(report), session_(session) {}
+    Deleter(const DeleteOptions& options, const std::vector<NamePattern>& patterns, Context& context, Session& session)
+        : options_(options),
+          patterns_(patterns),
+          report_(context.report),
+          session_(session),
+          workers_(context, session, options.jobs) {}
 
-    // Adds what the path selects, or throws Failure.
-    void Select(const NamePattern& pattern) {
-        Selection chosen = options_.Versions();
-        chosen.at = options_.at;
-        const auto active = List(session_, pattern, Scope::Tree, {});
-        const auto candidates = List(session_, pattern, Scope::Tree, chosen);
-        const auto below = [&](const StoredObject& object) { return object.PlainParts().size() > pattern.Depth(); };
-        if (!options_.recursive) {
-            for (const StoredObject& object : active) {
-                if (!below(object)) continue;
-                throw Failure("is a directory that holds " + object.ObjectPath() + " (use --recursive)");
-            }
-        }
-        bool found = false;
-        for (const StoredObject& object : candidates) {
-            if (!options_.recursive && below(object)) continue;
-            found = true;
-            if (Attempt(report_, object.ObjectPath(), [&] { RequireChangeable(session_, object); })) {
-                objects_.emplace(KeyOf(object), object);
-                if (!object.directory) files_.insert(KeyOf(object));
-            } else {
-                kept_.push_back(object.StoredParts());
-            }
-        }
-        if (!found) throw NotFound();
-        patterns_.push_back(pattern);
-    }
-
-    // Comes after every Select. Leaves out objects whose deletion would take a file with it that was not selected, and
-    // versions that are not active.
-    void LeaveOutUnsafe() {
-        FilesAbove above(session_, options_.Versions());
-        const auto mayGo = [&](const StoredObject& file) { return files_.count(KeyOf(file)) > 0; };
-        const RecordMap before = options_.OnlyActiveAt() ? FindRecords() : RecordMap();
-        for (auto entry = objects_.begin(); entry != objects_.end();) {
-            const StoredObject& object = entry->second;
-            const bool gone = options_.OnlyActiveAt() && before.count(entry->first) == 0;
-            const bool safe = Attempt(report_, object.ObjectPath(), [&] {
-                if (gone) throw Failure(notActive);
-                above.RequireNone(object.PlainParts(), mayGo);
+    // The number of objects; of --yes, only those that the pattern itself names. Throws Failure for what cannot be
+    // deleted.
+    size_t Count(const NamePattern& pattern) {
+        std::set<std::string> names;
+        size_t count = 0;
+        const bool found =
+            Walk(session_, pattern, options_.Candidates(), [&](const auto& versions, const Parts& plain) {
+                if (!options_.recursive && plain.size() > pattern.Depth()) return false;
+                names.clear();
+                for (const StoredObject& object : versions) names.insert(object.StoredPath());
+                count += names.size();
+                if (!options_.recursive) RequireNothingBelow(versions);
+                return options_.recursive && !options_.yes;
             });
-            if (!safe && !gone) kept_.push_back(object.StoredParts());
-            entry = safe ? std::next(entry) : objects_.erase(entry);
-        }
+        if (!found) throw NotFound();
+        return count;
     }
 
-    size_t Count() const { return objects_.size(); }
-
-    void Delete() {
-        const RecordMap before = FindRecords();
-        // A directory can only go when it is empty: files come before directories, and the deepest names first.
-        std::vector<const StoredObject*> order;
-        for (const auto& entry : objects_) order.push_back(&entry.second);
-        std::sort(order.begin(), order.end(), [](const StoredObject* a, const StoredObject* b) {
-            return std::make_pair(a->directory, b->StoredParts().size()) <
-                   std::make_pair(b->directory, a->StoredParts().size());
-        });
-        for (const StoredObject* object : order) {
-            if (PendingSignal() != 0) break;
-            const Parts parts = object->StoredParts();
-            if (std::any_of(kept_.begin(), kept_.end(), [&](const Parts& p) { return StartsWith(p, parts); })) continue;
-            if (!Attempt(report_, object->ObjectPath(),
-                         [&] { DeleteObject(session_, *object, options_.allVersions, options_.at); }))
-                kept_.push_back(parts);
+    // Reports what is gone, and what fails.
+    void Delete(const NamePattern& pattern) {
+        const std::vector<Parts> above = DirectoriesAbove(pattern.Plain());
+        const auto listAbove = [&] {
+            Records records;
+            for (const Parts& directory : above) {
+                records.merge(
+                    RecordsOf(List(session_, NamePattern(directory, false), Scope::Self, options_.Versions())));
+            }
+            return records;
+        };
+        FilesAbove files(session_, options_.Versions());
+        files.RequireNone(pattern.Plain(), [&](const StoredObject& file) { return MayGo(file); });
+        const Records before = listAbove();
+        KeptDirectories kept(session_, report_, "");
+        for (const Parts& directory : above) {
+            if (options_.allVersions) kept.Remember(directory);
         }
-        ReportDeleted(before, FindRecords());
+        if (pattern.IsRoot()) {
+            DeleteIn("");
+        } else {
+            DeleteLevel("",
+                        [&](const Selection& selection) { return List(session_, pattern, Scope::Self, selection); });
+        }
+        Settle();
+        if (options_.recursive && !pattern.IsRoot() && !pattern.IsWild()) {
+            DeleteIn(ToStored(Append(pattern.Plain(), {"x"})).path);  // what has no directory above it
+            Settle();
+        }
+        kept.Restore(false);
+        ReportGone(before, listAbove());
     }
 
 private:
     struct Record {
         long long versions = 0;
         Kind kind = Kind::File;
+        std::string name;
     };
-    using RecordMap = std::map<Key, Record>;
+    using Records = std::map<std::string, Record>;  // by stored path
+    using ListLevel = std::function<std::vector<StoredObject>(const Selection&)>;
+
+    struct Item {
+        StoredObject object;
+        bool done = false;
+    };
+    // A directory, or what the pattern names in it, until it is known what became of its entries.
+    struct Level {
+        std::string path;
+        ListLevel list;
+        Records before;
+        std::shared_ptr<std::deque<Item>> items;  // files first; the sessions mark what is done
+        std::vector<Item*> directories;
+    };
 
     static constexpr const char* notActive = "this version is not active; add --all-versions";
 
-    // Everything that this deletion may take, with the directories above that it may leave empty.
-    RecordMap FindRecords() {
-        RecordMap records;
-        std::set<Parts> ancestors;
-        for (const NamePattern& pattern : patterns_) {
-            for (Parts& directory : DirectoriesAbove(pattern.Plain())) ancestors.insert(std::move(directory));
-            Add(records, List(session_, pattern, Scope::Tree, options_.Versions()));
+    void RequireNothingBelow(const std::vector<StoredObject>& versions) {
+        for (const StoredObject& object : versions) {
+            if (!object.directory) continue;
+            for (const StoredObject& below : ListIn(session_, object.StoredPath(), options_.Versions())) {
+                throw Failure("is a directory that holds " + below.ObjectPath() + " (use --recursive)");
+            }
         }
-        for (const Parts& directory : ancestors) {
-            Add(records, List(session_, NamePattern(directory, false), Scope::Self, options_.Versions()));
+    }
+
+    // Whether a file may be lost with the directory of its name.
+    bool MayGo(const StoredObject& file) const {
+        const Parts plain = file.PlainParts();
+        return options_.at.empty() && std::any_of(patterns_.begin(), patterns_.end(), [&](const NamePattern& pattern) {
+                   const bool here = plain.size() == pattern.Depth();
+                   return (here || (options_.recursive && plain.size() > pattern.Depth())) && pattern.Matches(plain);
+               });
+    }
+
+    static Records RecordsOf(const std::vector<StoredObject>& objects) {
+        Records records;
+        for (const StoredObject& object : objects) {
+            Record& record = records[object.StoredPath()];
+            record = {record.versions + 1, object.GetKind(), object.ObjectPath()};
         }
         return records;
     }
 
-    // An object that two patterns list counts once.
-    static void Add(RecordMap& records, const std::vector<StoredObject>& list) {
-        RecordMap found;
-        for (const StoredObject& object : list) {
-            Record& record = found[KeyOf(object)];
-            record = {record.versions + 1, object.GetKind()};
-        }
-        records.merge(found);
+    void DeleteIn(const std::string& path) {
+        const auto list = [this, path](const Selection& selection) { return ListIn(session_, path, selection); };
+        const bool done = Attempt(report_, Unescape(path), [&] { DeleteLevel(path, list); });
+        if (!done) notEmpty_.insert(path);
     }
 
-    void ReportDeleted(const RecordMap& before, const RecordMap& after) {
-        for (const auto& [key, record] : before) {
-            const auto rest = after.find(key);
-            const long long gone = record.versions - (rest == after.end() ? 0 : rest->second.versions);
-            if (gone > 0) {
-                const std::string versions =
-                    options_.allVersions ? fmt::format(" ({} version{})", gone, gone == 1 ? "" : "s") : "";
-                report_.Line("removed " + Join(key.first) + versions);
-                report_.Count(record.kind);
+    void DeleteLevel(const std::string& path, const ListLevel& list) {
+        std::vector<StoredObject> there = list(options_.Versions());
+        Level level = {path, list, RecordsOf(there), std::make_shared<std::deque<Item>>(), {}};
+        std::vector<StoredObject> candidates = options_.at.empty() ? there : list(options_.Candidates());
+        std::map<std::string, bool> directories;  // whether a file has the same name and stays
+        for (const auto* const objects : {&there, &candidates}) {
+            for (const StoredObject& object : *objects) {
+                if (object.directory) directories.emplace(object.StoredPath(), false);
             }
         }
-        for (const auto& entry : objects_) {
-            const auto was = before.find(entry.first);
-            const auto is = after.find(entry.first);
-            const bool stays = was != before.end() && is != after.end() && is->second.versions >= was->second.versions;
-            const bool reported = std::count(kept_.begin(), kept_.end(), entry.second.StoredParts()) > 0;
-            if (!stays || reported || PendingSignal() != 0) continue;
-            report_.Failed(entry.second.ObjectPath(), options_.OnlyActiveAt() ? notActive : "is still there");
+        std::set<std::string> refused;
+        std::map<std::string, StoredObject> chosen;
+        for (StoredObject& object : candidates) {
+            const std::string name = object.StoredPath();
+            if (refused.count(name) + chosen.count(name) > 0) continue;
+            const bool may = Attempt(report_, object.ObjectPath(), [&] {
+                RequireChangeable(session_, object);
+                if (options_.OnlyActiveAt() && level.before.count(name) == 0) throw Failure(notActive);
+            });
+            if (may) chosen.emplace(name, std::move(object));
+            if (!may) refused.insert(name);
         }
+        for (const StoredObject& object : there) {
+            const auto directory = directories.find(object.StoredPath());
+            const bool stays = !options_.at.empty() || chosen.count(object.StoredPath()) == 0;
+            if (directory != directories.end() && !object.directory) directory->second = stays;
+        }
+        there = candidates = {};
+        for (auto& [name, object] : chosen) {
+            Item& item = level.items->emplace_back(Item{std::move(object)});
+            if (directories.count(name) > 0) {
+                level.directories.push_back(&item);
+                continue;
+            }
+            workers_.Do(item.object.ObjectPath(),
+                        [this, &item, keep = level.items](Session& session, Buffer&) { DeleteOne(session, item); });
+        }
+        chosen.clear();
+        for (const auto& [name, fileStays] : directories) {
+            if (!options_.recursive) break;
+            if (!fileStays) {
+                DeleteIn(name);
+            } else if (!ListIn(session_, name, options_.Versions()).empty()) {
+                report_.Failed(Unescape(name.substr(1)), "a file of this name would be lost with what is below");
+                notEmpty_.insert(name);
+            }
+        }
+        waiting_ += level.items->size();
+        levels_.push_back(std::move(level));
+        constexpr size_t many = 1000;
+        if (waiting_ >= many) Settle();
+    }
+
+    void DeleteOne(Session& session, Item& item) {
+        DeleteObject(session, item.object, options_.allVersions, options_.at);
+        item.done = true;
+    }
+
+    // Waits for the files, deletes the directories that are empty now, and finds out what is gone.
+    void Settle() {
+        workers_.Finish();
+        for (const Level& level : levels_) {
+            for (Item* const item : level.directories) {
+                const std::string name = item->object.ObjectPath();
+                if (notEmpty_.count(item->object.StoredPath()) == 0) {
+                    Attempt(report_, name, [&] { DeleteOne(session_, *item); });
+                } else if (options_.at.empty()) {
+                    report_.Failed(name, "is not empty");
+                }
+            }
+            const bool listed = Attempt(report_, Unescape(level.path), [&] {
+                const Records after = RecordsOf(level.list(options_.Versions()));
+                if (!after.empty()) notEmpty_.insert(level.path);
+                ReportGone(level.before, after);
+                for (const Item& item : *level.items) ReportLeft(item, level.before, after);
+            });
+            if (!listed) notEmpty_.insert(level.path);
+        }
+        levels_.clear();
+        waiting_ = 0;
+    }
+
+    void ReportGone(const Records& before, const Records& after) {
+        for (const auto& [path, record] : before) {
+            const auto rest = after.find(path);
+            const long long gone = record.versions - (rest == after.end() ? 0 : rest->second.versions);
+            if (gone <= 0) continue;
+            const std::string versions =
+                options_.allVersions ? fmt::format(" ({} version{})", gone, gone == 1 ? "" : "s") : "";
+            report_.Line("removed " + record.name + versions);
+            report_.Count(record.kind);
+        }
+    }
+
+    // A deletion's 0 is no proof.
+    void ReportLeft(const Item& item, const Records& before, const Records& after) {
+        const auto was = before.find(item.object.StoredPath());
+        const auto is = after.find(item.object.StoredPath());
+        const bool stays = was != before.end() && is != after.end() && is->second.versions >= was->second.versions;
+        if (!item.done || !stays) return;
+        report_.Failed(item.object.ObjectPath(), options_.OnlyActiveAt() ? notActive : "is still there");
     }
 
     const DeleteOptions& options_;
+    const std::vector<NamePattern>& patterns_;
     Report& report_;
     Session& session_;
-    std::vector<NamePattern> patterns_;
-    std::map<Key, StoredObject> objects_;
-    std::set<Key> files_;      // of the objects; a file and a directory of one name have one entry there
-    std::vector<Parts> kept_;  // already reported; the directories above them stay
+    Workers workers_;
+    std::vector<Level> levels_;  // lower ones first
+    size_t waiting_ = 0;         // objects in them
+    std::set<std::string> notEmpty_;
 };
 
 NamePattern PatternOf(const std::string& typed, const DeleteOptions& options) {
@@ -188,16 +283,19 @@ void Delete(const DeleteOptions& options, Context& context) {
     for (const std::string& typed : options.paths) patterns.push_back(PatternOf(typed, options));
     Session session(context.connection);
     session.Handle();
-    Deleter deleter(options, context.report, session);
+    Deleter deleter(options, patterns, context, session);
+    std::vector<size_t> chosen;
+    size_t count = 0;
     for (size_t i = 0; i < patterns.size(); ++i) {
-        Attempt(context.report, options.paths[i], [&] { deleter.Select(patterns[i]); });
+        if (Attempt(context.report, options.paths[i], [&] { count += deleter.Count(patterns[i]); }))
+            chosen.push_back(i);
     }
-    deleter.LeaveOutUnsafe();
-    const std::string question = fmt::format("delete {} objects", deleter.Count());
-    if (deleter.Count() > 1 && !Confirmed(options.yes, question, "yes")) {
+    if (count > 1 && !Confirmed(options.yes, fmt::format("delete {} objects", count), "yes")) {
         throw Failure("not confirmed, nothing deleted");
     }
-    if (deleter.Count() > 0) deleter.Delete();
+    for (const size_t i : chosen) {
+        Attempt(context.report, options.paths[i], [&] { deleter.Delete(patterns[i]); });
+    }
     CheckInterrupt();
     context.report.Summary("delete");
 }
@@ -217,6 +315,7 @@ void AddDelete(CommandLine& line) {
     AddMoment(command, options->at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
     command.add_flag("--yes", options->yes, "do not ask before deleting more than one object");
     AddLiteral(command, options->literal);
+    AddJobs(command, options->jobs);
 }
 
 }  // namespace tsmctl

@@ -1,49 +1,28 @@
-// list: prints the objects that a path selects, as a table or as JSON.
+// list and find: print the objects that paths choose, or that patterns match, as a table or as JSON.
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <tuple>
+#include <optional>
 #include <vector>
 
 #include "Arguments.h"
-#include "Errors.h"
-#include "Inventory.h"
+#include "Chosen.h"
 #include "commands/Commands.h"
+#include "tsmconnector.h"
 
 namespace tsmctl {
 namespace {
 
 struct ListOptions {
-    std::string path = "/";
+    Chosen chosen;
+    Exclusions wanted;  // of find
     std::string type = "any";
-    std::string at;
     bool json = false;
-    bool allVersions = false;
-    bool literal = false;
 };
 
-// For each object, whether this version is active now.
-std::vector<bool> FindActive(Session& session, const NamePattern& pattern, const Selection& selection,
-                             const std::vector<StoredObject>& objects) {
-    if (!selection.allVersions && selection.at.empty()) return std::vector<bool>(objects.size(), true);
-    Selection now;
-    now.objectType = selection.objectType;
-    const auto key = [](const StoredObject& object) {
-        return std::make_tuple(object.path, object.name, object.directory, object.date, object.text, object.announced);
-    };
-    std::set<decltype(key(objects[0]))> active;
-    for (const StoredObject& object : List(session, pattern, Scope::Tree, now)) active.insert(key(object));
-    // Two versions of the same second can look the same. Only one of them is active.
-    std::vector<bool> marks;
-    for (const StoredObject& object : objects) marks.push_back(active.erase(key(object)) > 0);
-    return marks;
-}
-
-nlohmann::ordered_json JsonOf(const StoredObject& object, bool active) {
+nlohmann::ordered_json JsonOf(const StoredObject& object) {
     nlohmann::ordered_json line;
     line["path"] = object.ObjectPath();
     line["kind"] = KindName(object.GetKind());
@@ -58,63 +37,88 @@ nlohmann::ordered_json JsonOf(const StoredObject& object, bool active) {
     line["backupDate"] = object.date;
     line["filespace"] = object.fileSpace;
     line["info"] = object.text;
-    line["active"] = active;
+    line["active"] = object.active;
     line["storedName"] = PercentEncoded(object.StoredPath());
     return line;
 }
 
-void PrintTable(Report& report, const std::vector<StoredObject>& objects, const std::vector<bool>* active) {
-    const bool terminal = isatty(STDOUT_FILENO) == 1;
-    const auto sizeText = [&](const StoredObject& object) -> std::string {
-        if (!object.Size() || object.directory) return "-";
-        return terminal ? HumanSize(static_cast<double>(*object.Size())) : std::to_string(*object.Size());
-    };
-    size_t width = 4;
-    for (const StoredObject& object : objects) width = std::max(width, sizeText(object).size());
-    if (terminal) {
-        report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  {}path", "kind", "mode", "size", width, "stored",
-                                active ? "version   " : ""));
+class Table {
+public:
+    Table(Report& report, bool withVersions) : report_(report), withVersions_(withVersions) {
+        if (terminal_) {
+            report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  {}path", "kind", "mode", "size", width_, "stored",
+                                    withVersions ? "version   " : ""));
+        }
     }
-    for (size_t i = 0; i < objects.size(); ++i) {
-        const StoredObject& object = objects[i];
-        const char* const version = !active ? "" : (*active)[i] ? "active    " : "inactive  ";
-        const std::string mode = object.info ? ModeText(object.info->mode) : "-";
-        report.Entry(fmt::format("{:<9}  {:>4}  {:>{}}  {}  {}", KindName(object.GetKind()), mode, sizeText(object),
-                                 width, object.date, version) +
-                     object.ObjectPath());
-    }
-}
 
-Selection SelectionFor(const ListOptions& options) {
-    Selection selection;
-    selection.allVersions = options.allVersions;
-    selection.at = options.at;
+    void Print(const StoredObject& object) {
+        const char* const version = !withVersions_ ? "" : object.active ? "active    " : "inactive  ";
+        const std::string mode = object.info ? ModeText(object.info->mode) : "-";
+        report_.Entry(fmt::format("{:<9}  {:>4}  {:>{}}  {}  {}", KindName(object.GetKind()), mode, SizeText(object),
+                                  width_, object.date, version) +
+                      object.ObjectPath());
+    }
+
+private:
+    std::string SizeText(const StoredObject& object) const {
+        if (!object.Size() || object.directory) return "-";
+        return terminal_ ? HumanSize(static_cast<double>(*object.Size())) : std::to_string(*object.Size());
+    }
+
+    Report& report_;
+    const bool withVersions_;
+    const bool terminal_ = isatty(STDOUT_FILENO) == 1;
+    const size_t width_ = terminal_ ? 10 : 12;
+};
+
+void ListObjects(ListOptions options, Context& context) {
+    Selection& selection = options.chosen.selection;
+    selection.marked = selection.allVersions || (options.json && !selection.at.empty());
     selection.objectType = options.type == "dir"    ? TSM_OBJECTS_DIRECTORIES
                            : options.type == "file" ? TSM_OBJECTS_FILES
                                                     : TSM_OBJECTS_ANY;
-    return selection;
+    options.chosen.Patterns();
+    Session session(context.connection);
+    std::optional<Table> table;
+    if (!options.json) table.emplace(context.report, selection.allVersions);
+    Walk(context, session, options.chosen, [&](const std::vector<StoredObject>& versions, const Parts& plain, size_t) {
+        for (const StoredObject& object : versions) {
+            if (!options.wanted.patterns.empty() && !options.wanted.LeaveOut(plain, object.directory)) continue;
+            if (table) {
+                table->Print(object);
+            } else {
+                context.report.Json(JsonOf(object));
+            }
+        }
+        return true;
+    });
 }
 
-void ListObjects(const ListOptions& options, Context& context) {
-    if (options.path.empty()) throw UsageError("an empty path");
-    const NamePattern pattern(ParsePath(options.path), !options.literal);
-    const Selection selection = SelectionFor(options);
-    Session session(context.connection);
-    const auto objects = List(session, pattern, Scope::Tree, selection);
-    CheckInterrupt();
-    const auto active = FindActive(session, pattern, selection, objects);
-    if (objects.empty()) {
-        const std::string place =
-            fmt::format("in filespace {} of node {}", context.connection.Filespace(), context.connection.Node());
-        const bool onePath = !pattern.IsRoot() && !pattern.IsWild() && selection.objectType == TSM_OBJECTS_ANY;
-        if (onePath) return context.report.Failed(options.path, NotFound(place).what());
-        context.report.Note("nothing to list " + place);
-    }
-    if (!options.json) return PrintTable(context.report, objects, options.allVersions ? &active : nullptr);
-    for (size_t i = 0; i < objects.size(); ++i) context.report.Json(JsonOf(objects[i], active[i]));
+void AddFormat(CLI::App& command, ListOptions& options) {
+    AddChoice(command, "--type", options.type, "kind of object", {"any", "dir", "file"})->capture_default_str();
+    AddJson(command, options.json);
 }
 
 }  // namespace
+
+void AddFind(CommandLine& line) {
+    const auto options = std::make_shared<ListOptions>();
+    CLI::App& command =
+        line.Add("find", "Find objects by their names, with all versions",
+                 {"tsmctl find '*.txt'", "tsmctl find docs/a.txt --in nightly --json"}, [options](Context& context) {
+                     options->chosen.selection.allVersions = options->chosen.selection.at.empty();
+                     ListObjects(*options, context);
+                 });
+    command.add_option("PATTERN", options->wanted.patterns, "what the end of a path matches, may hold * and ?")
+        ->type_name("PATTERN")
+        ->expected(-1)
+        ->required();
+    command.add_option("--in", options->chosen.paths, "object path (default: everything)")
+        ->type_name("OBJECT")
+        ->allow_extra_args(false);
+    AddMoment(command, options->chosen.selection.at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
+    AddFormat(command, *options);
+}
 
 void AddList(CommandLine& line) {
     const auto options = std::make_shared<ListOptions>();
@@ -123,13 +127,9 @@ void AddList(CommandLine& line) {
                  {"tsmctl list", "tsmctl list 'nightly/docs/*.txt'", "tsmctl list nightly/docs --all-versions",
                   "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
                  [options](Context& context) { ListObjects(*options, context); });
-    command.add_option("PATH", options->path, "object path, may hold * and ? (default: everything)")
-        ->type_name("OBJECT");
-    AddChoice(command, "--type", options->type, "kind of object", {"any", "dir", "file"})->capture_default_str();
-    AddJson(command, options->json);
-    CLI::Option* const allVersions = command.add_flag("--all-versions", options->allVersions, "also inactive versions");
-    AddMoment(command, options->at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time")->excludes(allVersions);
-    AddLiteral(command, options->literal);
+    CLI::Option* const at = AddChosen(command, options->chosen, "object path, may hold * and ? (default: everything)");
+    AddFormat(command, *options);
+    command.add_flag("--all-versions", options->chosen.selection.allVersions, "also inactive versions")->excludes(at);
 }
 
 }  // namespace tsmctl

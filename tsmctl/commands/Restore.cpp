@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -16,10 +15,9 @@
 
 #include "Arguments.h"
 #include "Attributes.h"
+#include "Chosen.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
-#include "Inventory.h"
-#include "Parallel.h"
 #include "TargetFolder.h"
 #include "Transfer.h"
 #include "commands/Commands.h"
@@ -28,17 +26,14 @@ namespace tsmctl {
 namespace {
 
 struct RestoreOptions {
-    std::string path;
+    Chosen chosen;
+    std::optional<size_t> strip;
     std::string to = ".";  // "-" for standard output
-    std::string at;
     bool force = false;
     int jobs = 1;
 };
 
-struct RestoreItem {
-    StoredObject object;
-    Parts local;  // below the target folder
-};
+using RestoreItem = ChosenObject;
 
 class Restorer {
 public:
@@ -68,7 +63,7 @@ public:
         parent.pop_back();
         const UniqueFd directory = folder_.Open(parent);
         NewEntry entry(directory, item.local.back(), options_.force);
-        Download download(session, item.object, options_.at);
+        Download download(session, item.object, options_.chosen.selection.at);
         const Kind kind = item.object.GetKind();
         std::unique_lock<std::mutex> linking(mutex_, std::defer_lock);
         std::string key;  // of a file with several names
@@ -151,111 +146,134 @@ private:
     std::map<std::string, Twin> twins_;  // by what names of one file have in common
 };
 
-// Decides what is restored where, in the order of the local names; above is the number of parts that are left out. Two
-// objects can have the same local name. If their stored names differ, because another program wrote one of them in its
-// own way, ours is restored. If they are a file and a directory of one stored name, the newer is restored.
-std::vector<RestoreItem> Plan(Report& report, const std::vector<StoredObject>& objects, size_t above) {
-    const auto ours = [](const StoredObject& object) {
-        const Parts stored = object.StoredParts();
-        return std::all_of(stored.begin(), stored.end(),
-                           [](const auto& part) { return Escape(Unescape(part)) == part; });
-    };
-    const auto comesFirst = [&](const StoredObject& object, const StoredObject& rival) {
-        if (object.StoredParts() != rival.StoredParts()) return ours(object);
-        return std::tie(object.date, object.directory) > std::tie(rival.date, rival.directory);
-    };
-    std::map<Parts, const StoredObject*> byName;
-    std::set<Parts> filesFirst;  // restored instead of a directory with everything below it
-    for (const StoredObject& object : objects) {
-        Attempt(report, object.ObjectPath(), [&] {
-            const Parts plain = object.PlainParts();
-            const Parts local(plain.begin() + static_cast<std::ptrdiff_t>(above), plain.end());
+// Restores as it walks, a batch of files at a time. A directory is finished when everything in it is there.
+class TreeRestore {
+public:
+    TreeRestore(const RestoreOptions& options, Context& context, Session& session)
+        : options_(options),
+          report_(context.report),
+          restorer_(options, context.report),
+          batch_(context, session, options.jobs, [this](Session& own, Buffer& buffer, const RestoreItem& item) {
+              restorer_.RestoreOne(own, buffer, item);
+          }) {}
+
+    // Returns whether to go on below.
+    bool Visit(std::vector<StoredObject>& versions, const Parts& plain, size_t above) {
+        above = options_.strip.value_or(above);
+        if (plain.size() <= above) return true;
+        const auto head = plain.begin() + static_cast<std::ptrdiff_t>(above);
+        const Parts local(head, plain.end());
+        while (!open_.empty() && !StartsWith(local, open_.back().local)) Close();
+        if (batch_.IsFull() || closed_.size() >= Batch::most) Run(false);
+        const StoredObject* first = nullptr;
+        const bool possible = Attempt(report_, versions[0].ObjectPath(), [&] {
             RequireSafe(local);
-            const StoredObject*& place = byName[local];
-            const StoredObject* skipped = place;
-            if (!place || comesFirst(object, *place)) {
-                place = &object;
-            } else {
-                skipped = &object;
+            const Parts& owner = heads_.try_emplace(local[0], plain.begin(), head).first->second;
+            if (!std::equal(owner.begin(), owner.end(), plain.begin(), head)) {
+                throw Failure("has the same name here as what lies in another directory, which is restored");
             }
-            if (!skipped) return;
-            if (skipped->directory && !place->directory) filesFirst.insert(local);
-            throw Failure(skipped->directory == place->directory
-                              ? "another object has the same name here; only one of them is restored"
-                              : fmt::format("is stored as a file and as a directory; the {} is skipped",
-                                            skipped->directory ? "directory, with all that it holds," : "file"));
+            first = &Choose(versions);
         });
-    }
-    std::vector<RestoreItem> plan;
-    for (const auto& entry : byName) {
-        const Parts& name = entry.first;
-        const bool skipped = std::any_of(filesFirst.begin(), filesFirst.end(), [&](const Parts& file) {
-            return name.size() > file.size() && StartsWith(name, file);
-        });
-        if (!skipped) plan.push_back({*entry.second, name});
-    }
-    return plan;
-}
-
-void RestoreTree(const RestoreOptions& options, Context& context, Session& session,
-                 const std::vector<RestoreItem>& plan) {
-    Restorer restorer(options, context.report);
-    std::vector<const RestoreItem*> directories;
-    std::vector<const RestoreItem*> others;
-    long long bytes = 0;
-    // In the order of the names a directory comes before what it holds.
-    for (const RestoreItem& item : plan) {
-        bytes += item.object.Size().value_or(0);
-        if (!item.object.directory) {
-            others.push_back(&item);
-        } else if (Attempt(context.report, Join(item.local), [&] { restorer.MakeDirectory(item); })) {
-            directories.push_back(&item);
+        if (!possible) return false;
+        RestoreItem item = {*first, local};
+        if (!first->directory) {
+            batch_.Add(std::move(item));
+            return !std::any_of(versions.begin(), versions.end(), [](const auto& object) { return object.directory; });
         }
+        if (Attempt(report_, Join(local), [&] { restorer_.MakeDirectory(item); })) open_.push_back(std::move(item));
+        return true;
     }
-    context.report.ExpectBytes(bytes);
-    const Job job = {[&](size_t i) { return others[i]->object.ObjectPath(); },
-                     [&](Session& own, Buffer& buffer, size_t i) { restorer.RestoreOne(own, buffer, *others[i]); }};
-    RunParallel(context, session, options.jobs, others.size(), job);
-    std::for_each(directories.rbegin(), directories.rend(), [&](const RestoreItem* item) {
-        Attempt(context.report, Join(item->local), [&] { restorer.FinishDirectory(*item); });
-    });
-}
 
-// The objects are what is stored at the path, and below it.
-void RestoreToOutput(const RestoreOptions& options, Report& report, Session& session,
-                     const std::vector<StoredObject>& objects, size_t depth) {
-    std::vector<StoredObject> files;
-    std::copy_if(objects.begin(), objects.end(), std::back_inserter(files), [&](const auto& object) {
-        return object.PlainParts().size() == depth && !object.directory && !IsSpecial(object.GetKind());
+    void Finish() {
+        while (!open_.empty()) Close();
+        Run(true);
+    }
+
+private:
+    void Close() {
+        closed_.push_back(std::move(open_.back()));
+        open_.pop_back();
+    }
+
+    void Run(bool last) {
+        batch_.Run(last);
+        for (const RestoreItem& item : closed_) {
+            Attempt(report_, Join(item.local), [&] { restorer_.FinishDirectory(item); });
+        }
+        closed_.clear();
+    }
+
+    // Which of several objects of one name is restored. If their stored names differ, because another program wrote one
+    // of them in its own way, it is ours; if they are a file and a directory of one stored name, the newer.
+    const StoredObject& Choose(const std::vector<StoredObject>& versions) {
+        const auto ours = [](const StoredObject& object) {
+            const Parts stored = object.StoredParts();
+            return std::all_of(stored.begin(), stored.end(),
+                               [](const auto& part) { return Escape(Unescape(part)) == part; });
+        };
+        const auto comesFirst = [&](const StoredObject& object, const StoredObject& rival) {
+            if (object.StoredParts() != rival.StoredParts()) return ours(object);
+            return std::tie(object.date, object.directory) > std::tie(rival.date, rival.directory);
+        };
+        const StoredObject* first = &versions[0];
+        for (const StoredObject& object : versions) {
+            if (comesFirst(object, *first)) first = &object;
+        }
+        for (const StoredObject& skipped : versions) {
+            if (&skipped == first) continue;
+            report_.Failed(skipped.ObjectPath(),
+                           skipped.directory == first->directory
+                               ? "another object has the same name here; only one of them is restored"
+                               : fmt::format("is stored as a file and as a directory; the {} is skipped",
+                                             skipped.directory ? "directory, with all that it holds," : "file"));
+        }
+        return *first;
+    }
+
+    const RestoreOptions& options_;
+    Report& report_;
+    Restorer restorer_;
+    Batch batch_;
+    std::vector<RestoreItem> open_;       // the directories above what comes next
+    std::vector<RestoreItem> closed_;     // lower ones first
+    std::map<std::string, Parts> heads_;  // for each name at the top, what was left out in front of it
+};
+
+// One file or stream.
+void RestoreToOutput(const RestoreOptions& options, Context& context, Session& session) {
+    Report& report = context.report;
+    const NamePattern pattern = options.chosen.Patterns()[0];
+    Attempt(report, options.chosen.paths[0], [&] {
+        std::vector<StoredObject> files = List(session, pattern, Scope::Self, options.chosen.selection);
+        if (files.empty()) throw NotFound();
+        files.erase(std::remove_if(files.begin(), files.end(),
+                                   [](const auto& object) { return object.directory || IsSpecial(object.GetKind()); }),
+                    files.end());
+        if (files.size() != 1) throw Failure("is not one file or stream");
+        Buffer buffer(pieceSize);
+        // What was written once cannot be taken back: only the beginning is tried again.
+        std::optional<Download> download;
+        session.Retry([&] { download.emplace(session, files[0], options.chosen.selection.at); });
+        report.ExpectBytes(files[0].Size().value_or(0));
+        Restorer::ReceiveInto(STDOUT_FILENO, *download, buffer, report);
+        report.Count(files[0].GetKind());
     });
-    if (files.size() != 1) throw Failure("is not one file or stream");
-    Buffer buffer(pieceSize);
-    // What was written once cannot be taken back: only the beginning is tried again.
-    std::optional<Download> download;
-    session.Retry([&] { download.emplace(session, files[0], options.at); });
-    report.ExpectBytes(files[0].Size().value_or(0));
-    Restorer::ReceiveInto(STDOUT_FILENO, *download, buffer, report);
-    report.Count(files[0].GetKind());
 }
 
 void Restore(const RestoreOptions& options, Context& context) {
-    const NamePattern pattern(ParsePath(options.path), false);
+    const std::vector<NamePattern> patterns = options.chosen.Patterns();
     const bool toOutput = options.to == "-";
     if (options.to.empty()) throw UsageError("restore --to needs a folder, or - for standard output");
-    if (options.path.empty() || (toOutput && pattern.IsRoot())) throw UsageError("an object path is needed");
+    if (toOutput && (patterns.size() > 1 || patterns[0].IsRoot())) throw UsageError("one object path is needed");
     Session session(context.connection);
-    Selection selection;
-    selection.at = options.at;
-    Attempt(context.report, options.path, [&] {
-        const auto objects = List(session, pattern, Scope::Tree, selection);
-        if (objects.empty()) throw NotFound();
-        if (toOutput) {
-            RestoreToOutput(options, context.report, session, objects, pattern.Depth());
-        } else {
-            const size_t above = pattern.IsRoot() ? 0 : pattern.Depth() - 1;
-            RestoreTree(options, context, session, Plan(context.report, objects, above));
-        }
-    });
+    if (toOutput) {
+        RestoreToOutput(options, context, session);
+    } else {
+        TreeRestore tree(options, context, session);
+        Walk(context, session, options.chosen,
+             [&](auto& versions, const Parts& plain, size_t above) { return tree.Visit(versions, plain, above); });
+        tree.Finish();
+    }
     context.report.Summary("restore");
 }
 
@@ -264,14 +282,16 @@ void Restore(const RestoreOptions& options, Context& context) {
 void AddRestore(CommandLine& line) {
     const auto options = std::make_shared<RestoreOptions>();
     CLI::App& command = line.Add("restore", "Bring back one object or a whole tree",
-                                 {"tsmctl restore nightly/docs --to restored -j 4",
+                                 {"tsmctl restore nightly/docs --to restored -j 4 --exclude '*.o'",
                                   "tsmctl restore nightly/docs/a.txt --to january --at '2024-01-31 23:59:59'",
                                   "tsmctl restore dumps/docs.tar --to - | tar -t", "tsmctl restore / --to everything"},
                                  [options](Context& context) { Restore(*options, context); });
-    command.add_option("PATH", options->path, "object path; / is everything")->type_name("OBJECT")->required();
+    options->chosen.required = true;
+    AddChosen(command, options->chosen, "object path, may hold * and ?; / is everything");
+    AddNumber(command, "--strip", "NUMBER", "parts to leave out of object paths (default: those above PATH)", 0, 1024,
+              [options](long long number) { options->strip = static_cast<size_t>(number); });
     command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
     command.add_flag("--force", options->force, "replace files that exist");
-    AddMoment(command, options->at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time");
     AddJobs(command, options->jobs);
 }
 

@@ -1,0 +1,66 @@
+// The objects that a command works on, as its command line chooses them.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Context.h"
+#include "Exclusions.h"
+#include "Inventory.h"
+#include "Parallel.h"
+
+namespace tsmctl {
+
+struct Chosen {
+    std::vector<std::string> paths;  // none for everything
+    bool literal = false;
+    bool required = false;  // whether it is a failure that a pattern finds nothing
+    Exclusions exclusions;  // their paths begin with that of a restore
+    Selection selection;
+
+    // Throws UsageError.
+    std::vector<NamePattern> Patterns() const;
+};
+
+// PATH..., --exclude, --literal and --at, which is returned.
+CLI::Option* AddChosen(CLI::App& command, Chosen& chosen, const char* description);
+
+// Walks through what is chosen, each object once, though several paths choose it. above is the number of parts in front
+// of a path that a restore leaves out. What fails is reported under the path.
+using VisitChosen = std::function<bool(std::vector<StoredObject>& versions, const Parts& plain, size_t above)>;
+void Walk(Context& context, Session& session, const Chosen& chosen, const VisitChosen& visit);
+
+struct ChosenObject {
+    StoredObject object;
+    Parts local;  // the path that a restore gives it
+};
+
+// Works on many objects, so many at a time, in the order in which they were stored, which is that on the server's
+// tapes.
+class Batch {
+public:
+    using Work = std::function<void(Session&, Buffer&, const ChosenObject&)>;
+
+    Batch(Context& context, Session& session, int jobs, Work work)
+        : context_(context), session_(session), jobs_(jobs), work_(std::move(work)) {}
+
+    void Add(ChosenObject object) { objects_.push_back(std::move(object)); }
+    bool IsFull() const { return objects_.size() >= most; }
+    // Leaves only this part of the objects, others each time.
+    void Thin(long long percent);
+    void Run(bool last);
+
+    static constexpr size_t most = 10000;
+
+private:
+    Context& context_;
+    Session& session_;
+    const int jobs_;
+    const Work work_;
+    std::vector<ChosenObject> objects_;
+    bool first_ = true;
+};
+
+}  // namespace tsmctl
