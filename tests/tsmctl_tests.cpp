@@ -573,6 +573,23 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
            "0\n");
 }
 
+TEST_F(Tsmctl, PathsAndPatternsChoose) {
+    Expect("mkdir -p t/a t/b; echo 1 > t/a/x; echo 2 > t/b/x; echo 3 > t/b/y.o; tsmctl -q backup t; cp -a t u", 0);
+    Expect("tsmctl restore 't/*' --exclude '*.o' --to o && rm u/b/y.o && diff -r u o", 0);
+    Expect("tsmctl restore t/a/x t/b/x --to p; r=$?; cat p/x; exit $r", 1, "1\n", "t/b/x: has the same name here");
+    Expect("tsmctl restore t/a 't/?/x' t/a --strip 0 --to q && diff -r u q/t", 0);
+    Expect("tsmctl check t/a/x t --exclude /t/b -q --sums | cut -c 67- | tr -d '\\n'", 0, "x");
+    Expect("sleep 1.1; date '+%F %T' > at; sleep 1.1; echo 4 > t/a/x; mv t/b/x t/b/z; tsmctl -q backup t", 0);
+    Expect("tsmctl find 'a/?' z --in t | cut -c 53- | tr '\\n' ,", 0, "inactive  t/a/x,active    t/a/x,active    t/b/z,");
+    Expect("tsmctl -q diff t --at \"$(cat at)\"", 1, "M t/a/x\nM t/b\n- t/b/x\n+ t/b/z\n");
+    Expect("tsmctl -q diff t --local t && tsmctl -q diff t --local t --at \"$(cat at)\"", 1,
+           "M t/a/x\nM t/b\n+ t/b/z\n- t/b/x\n");
+    Expect("tsmctl -q delete t --recursive --yes --at \"$(cat at)\" -j 3", 1, "removed t/b/y.o\n", "not active");
+    Expect("tsmctl list t --type dir | wc -l; tsmctl restore t/b --to r && diff t/b/z r/b/z", 0, "3\n");
+    Expect("tsmctl -q delete t/b/z --all-versions && tsmctl list --all-versions | cut -c 53- | grep /b/", 0,
+           "inactive  t/b/x\ninactive  t/b/y.o\n");
+}
+
 TEST_F(Tsmctl, NamesForgeNoLines) {
     const std::string name = "a\nremoved all\x1b[2J\x7f\xc2\x9b\x9b\xe2\x80\xae\xe9\xc3\xa9";
     const std::string shown = "a?removed all?[2J????\xe9\xc3\xa9";
