@@ -122,11 +122,12 @@ private:
         for (const std::string& field : AttributesIn(ReadAttributes(OpenItem(item, O_PATH).Get(), report_))) {
             const std::string before = info.fields;
             info.fields += (before.empty() ? "" : " ") + field;
-            if (FormatInfo(info).size() <= longestInfo) continue;
+            if (FormatInfo(info).size() + sumLength <= longestInfo) continue;
             info.fields = before;
             complete = false;
         }
         if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
+        AddSum(info);
         Upload(session_, NameOf(item), 0, info, "", options_.tree.mgmtClass).Commit();
         return FormatInfo(info);
     }
@@ -168,6 +169,7 @@ private:
         if (info.kind != Kind::File) throw Failure("is no longer a regular file");
         const std::vector<Extent> extents = FindData(file.Get(), status);
         lseek(file.Get(), 0, SEEK_SET);
+        ParseExtents(FormatExtents(extents), *info.size);  // what cannot be read back is refused
         const std::string header = ReadAttributes(file.Get(), report_) + FormatExtents(extents);
         Upload upload = Begin(item, info, header, extents.empty() ? *info.size : SumOf(extents));
         const long long sent = extents.empty() ? Send(upload, file.Get(), *info.size)
@@ -252,7 +254,7 @@ void StoreInput(const BackupOptions& options, Context& context) {
     Session session(context.connection);
     Buffer buffer(pieceSize);
     session.Handle();
-    context.report.ExpectBytes(options.size.value_or(0));
+    context.report.ExpectBytes(options.size);
     Attempt(context.report, "standard input", [&] {
         if (ListOne(session, object).directory) {
             context.report.Warn(Join(object), "a directory of this name is stored and stays; restore takes the newer");

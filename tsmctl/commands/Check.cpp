@@ -35,21 +35,30 @@ std::string SumLine(const std::string& digest, const Parts& plain, size_t above)
     return fmt::format("{}{}  {}", escaped ? "\\" : "", digest, name);
 }
 
-// Other ones each time, so that repeated checks come to all.
+// Other ones each time, so that repeated checks come to all. Directories, which need not be read, all stay.
 void KeepSubset(std::vector<StoredObject>& objects, long long percent) {
-    std::shuffle(objects.begin(), objects.end(), std::mt19937_64(std::random_device()()));
-    const size_t count = objects.size();
-    objects.resize(count / 100 * static_cast<size_t>(percent) +
-                   (count % 100 * static_cast<size_t>(percent) + 99) / 100);
+    const auto files =
+        std::partition(objects.begin(), objects.end(), [](const StoredObject& object) { return object.directory; });
+    std::shuffle(files, objects.end(), std::mt19937_64(std::random_device()()));
+    const auto count = objects.end() - files;
+    objects.erase(files + (count / 100 * percent + (count % 100 * percent + 99) / 100), objects.end());
 }
+
+constexpr const char* noSum = "read, but stored without a SHA-256 to compare with";
 
 void CheckOne(const CheckOptions& options, Report& report, Session& session, Buffer& buffer, const StoredObject& object,
               size_t above) {
+    const Kind kind = object.GetKind();
+    if (object.directory) {
+        RequireKnown(object);
+        report.Count(kind);
+        if (object.info && FieldOf(object.info->fields, "sum").empty()) report.CountLoss(noSum);
+        return;
+    }
     Download download(session, object, options.at);
     Receive(download, buffer, [&](const Piece& piece) { report.Advance(piece.size); });
-    const Kind kind = object.GetKind();
     report.Count(kind);
-    if (!download.Sealed()) report.CountLoss("read, but stored without a SHA-256 to compare with");
+    if (!download.Sealed()) report.CountLoss(noSum);
     const bool isFile = kind == Kind::File || kind == Kind::Stream;
     if (options.sums && isFile) report.Entry(SumLine(download.Digest(), object.PlainParts(), above));
 }
@@ -58,15 +67,10 @@ void Check(const CheckOptions& options, Context& context) {
     if (options.path.empty()) throw UsageError("an empty path");
     const NamePattern pattern(ParsePath(options.path), false);
     Session session(context.connection);
-    Selection selection;
-    selection.at = options.at;
-    selection.objectType = TSM_OBJECTS_FILES;
-    std::vector<StoredObject> objects = List(session, pattern, Scope::Tree, selection);
+    std::vector<StoredObject> objects = List(session, pattern, Scope::Tree, {false, options.at, TSM_OBJECTS_ANY});
     if (objects.empty() && !pattern.IsRoot()) throw NotFound();
     if (options.subset < 100) KeepSubset(objects, options.subset);
-    long long bytes = 0;
-    for (const StoredObject& object : objects) bytes += object.Size().value_or(0);
-    context.report.ExpectBytes(bytes);
+    for (const StoredObject& object : objects) context.report.ExpectBytes(object.Size());
     const size_t above = pattern.IsRoot() ? 0 : pattern.Depth() - 1;
     const Job job = {[&](size_t i) { return objects[i].ObjectPath(); },
                      [&](Session& own, Buffer& buffer, size_t i) {

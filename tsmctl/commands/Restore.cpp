@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <tuple>
+#include <utility>
 
 #include "Arguments.h"
 #include "Attributes.h"
@@ -96,18 +97,17 @@ public:
     // A hole is left out where fd is a file, and written as zeros elsewhere.
     static void ReceiveInto(int fd, Download& download, Buffer& buffer, Report& report) {
         long long place = 0;
-        bool atHole = false;
+        bool sparse = false;
         Receive(download, buffer, [&](const Piece& piece) {
             place += static_cast<long long>(piece.size);
-            atHole = piece.hole && fd != STDOUT_FILENO;
-            if (!atHole) {
+            if (!piece.hole || fd == STDOUT_FILENO) {
                 WriteAll(fd, piece.data, piece.size);
-            } else if (lseek(fd, place, SEEK_SET) < 0) {
+            } else if ((!std::exchange(sparse, true) && ftruncate(fd, download.Size()) != 0) ||
+                       lseek(fd, place, SEEK_SET) < 0) {
                 FailLocal("cannot write", errno);
             }
             report.Advance(piece.size);
         });
-        if (atHole && ftruncate(fd, place) != 0) FailLocal("cannot write", errno);
     }
 
 private:
@@ -202,17 +202,15 @@ void RestoreTree(const RestoreOptions& options, Context& context, Session& sessi
     Restorer restorer(options, context.report);
     std::vector<const RestoreItem*> directories;
     std::vector<const RestoreItem*> others;
-    long long bytes = 0;
     // In the order of the names a directory comes before what it holds.
     for (const RestoreItem& item : plan) {
-        bytes += item.object.Size().value_or(0);
+        context.report.ExpectBytes(item.object.Size());
         if (!item.object.directory) {
             others.push_back(&item);
         } else if (Attempt(context.report, Join(item.local), [&] { restorer.MakeDirectory(item); })) {
             directories.push_back(&item);
         }
     }
-    context.report.ExpectBytes(bytes);
     const Job job = {[&](size_t i) { return others[i]->object.ObjectPath(); },
                      [&](Session& own, Buffer& buffer, size_t i) { restorer.RestoreOne(own, buffer, *others[i]); }};
     RunParallel(context, session, options.jobs, others.size(), job);
@@ -231,7 +229,7 @@ void RestoreToOutput(const RestoreOptions& options, Report& report, Session& ses
     if (files.size() != 1) throw Failure("is not one file or stream");
     Buffer buffer(pieceSize);
     Download download(session, files[0], options.at);
-    report.ExpectBytes(files[0].Size().value_or(0));
+    report.ExpectBytes(files[0].Size());
     Restorer::ReceiveInto(STDOUT_FILENO, download, buffer, report);
     report.Count(files[0].GetKind());
 }
