@@ -357,6 +357,9 @@ TEST_F(Tsmctl, DamageIsNoticed) {
             other.Put("bad", std::to_string(number++), info, data);
         }
         other.Put("bad", "old", "tsmctl1 f 0644 1.000000000 3", "old");
+        auto [info, data, announced] = other.Get("d", "f");
+        data[data.size() - 170] ^= 1;
+        other.Put("d", "f", info, data);
         other.Put("", "d", "tsmctl2 d 0755 1.000000000 0 0:0 1.000000000 sum=00000000", "");
         other.Put("", "holes", "tsmctl2 f 0644 1.000000000 9000000000000000000 0:0 1.000000000 header=9",
                   "data=0:0\n" + std::string(169, ' '));
@@ -371,6 +374,9 @@ TEST_F(Tsmctl, DamageIsNoticed) {
     Expect("tsmctl check bad --subset 1 2>&1 | grep -c :", 0, "2\n");
     Expect("tsmctl -q check holes || tsmctl -q restore holes", 1, "", "holes: has holes of more than 16 TiB");
     Expect("tsmctl check d -q --subset 1", 1, "", std::string("tsmctl: d: ") + unknown);
+    const std::string copied = "cp -a d e; rm -r d; mv e d; tsmctl backup d --checksum";
+    Expect(copied, 0, "", " 0 new, 2 changed, 0 unchanged,");
+    Expect(copied, 0, "", " 0 new, 0 changed, 2 unchanged,");
     Expect("tsmctl check d -q --sums && tsmctl check nothing", 1, "  d/s\n", "not found");
 }
 

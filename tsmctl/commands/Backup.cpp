@@ -310,7 +310,9 @@ void AddBackup(CommandLine& line) {
     add("--exclude-from", options->exclusionFiles, fileType, "file with more patterns, one in a line");
     command.add_flag("--exclude-caches", options->tree.exclusions.caches, "leave out what is below a CACHEDIR.TAG");
     command.add_flag("--one-file-system", options->tree.exclusions.oneFileSystem, "leave out what is mounted below");
-    command.add_flag("--full", options->tree.full, "send what has not changed, too");
+    CLI::Option* const full = command.add_flag("--full", options->tree.full, "send what has not changed, too");
+    command.add_flag("--checksum", options->tree.checksum, "read what is here and what is stored to see what changed")
+        ->excludes(full);
     command.add_flag("--keep-vanished", options->tree.keepVanished, "leave active what is not here any more");
     command.add_flag("--force", options->tree.force, "even if nothing of a stored tree is left");
     command.add_option("--class", options->tree.mgmtClass, "management class (default: the server's choice)")
