@@ -100,9 +100,10 @@ public:
 
     void Put(const std::string& path, const std::string& name, const std::string& info, std::string data) {
         auto* const bytes = reinterpret_cast<unsigned char*>(data.data());
-        EXPECT_EQ(TsmBeginBackupEx(handle_, Text(path), Text(name), 1, info.empty() ? nullptr : Text(info), nullptr),
-                  0);
-        EXPECT_EQ(TsmSendData(handle_, bytes, static_cast<int>(data.size())), 0);
+        const int announced = info.rfind("tsmctl2 d ", 0) == 0 ? 0 : 1;  // 0 makes a directory
+        char* const text = info.empty() ? nullptr : Text(info);
+        EXPECT_EQ(TsmBeginBackupEx(handle_, Text(path), Text(name), announced, text, nullptr), 0);
+        EXPECT_EQ(announced == 0 ? 0 : TsmSendData(handle_, bytes, static_cast<int>(data.size())), 0);
         EXPECT_EQ(TsmEndBackup(handle_), 0) << path << ' ' << name;
     }
 
@@ -338,6 +339,9 @@ TEST_F(Tsmctl, DamageIsNoticed) {
                           {"f", " f 0644", " f 0644 9", 0, 0, unknown},
                           {"f", "tsmctl2", "tsmctl3", 0, 0, unknown},
                           {"f", "tsmctl2", "tsmctl0", 0, 0, unknown},
+                          {"f", "tsmctl2", "tsmctl1", 0, 0, unknown},
+                          {"f", "tsmctl2", "tsnctl2", 0, 0, unknown},
+                          {"f", "tsmctl2 f", "g", 0, 0, "has a seal, but its information text is damaged"},
                           {"s", " 8 ", " - ", -170, 0, content},
                           {"s", " 8 ", " - ", 0, -1, content},
                           {"s", " 8 ", " - ", 0, 0, beside}};
@@ -354,6 +358,12 @@ TEST_F(Tsmctl, DamageIsNoticed) {
             other.Put("bad", std::to_string(number++), info, data);
         }
         other.Put("bad", "old", "tsmctl1 f 0644 1.000000000 3", "old");
+        auto [info, data, announced] = other.Get("d", "f");
+        data[data.size() - 170] ^= 1;
+        other.Put("d", "f", info, data);
+        other.Put("", "d", "tsmctl2 d 0755 1.000000000 0 0:0 1.000000000 sum=00000000", "");
+        other.Put("", "holes", "tsmctl2 f 0644 1.000000000 9000000000000000000 0:0 1.000000000 header=9",
+                  "data=0:0\n" + std::string(169, ' '));
     }
     for (size_t i = 0; i < std::size(cases); ++i) {
         const std::string object = "bad/" + std::to_string(i);
@@ -363,6 +373,11 @@ TEST_F(Tsmctl, DamageIsNoticed) {
     Expect("tsmctl -q restore bad/old --to out; ls -A out; stat -c %a,%Y out/old", 0, "old\n644,1\n");
     Expect("tsmctl check bad --subset 100", 1, "", "stored without a SHA-256 to compare with (1 object)\n");
     Expect("tsmctl check bad --subset 1 2>&1 | grep -c :", 0, "2\n");
+    Expect("tsmctl -q check holes || tsmctl -q restore holes", 1, "", "holes: has holes of more than 16 TiB");
+    Expect("tsmctl check d -q --subset 1", 1, "", std::string("tsmctl: d: ") + unknown);
+    const std::string copied = "cp -a d e; rm -r d; mv e d; tsmctl backup d --checksum";
+    Expect(copied, 0, "", " 0 new, 2 changed, 0 unchanged,");
+    Expect(copied, 0, "", " 0 new, 0 changed, 2 unchanged,");
     Expect("tsmctl check d -q --sums && tsmctl check nothing", 1, "  d/s\n", "not found");
 }
 

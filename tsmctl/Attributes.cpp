@@ -234,6 +234,7 @@ std::string FormatExtents(const std::vector<Extent>& extents) {
 std::vector<Extent> ParseExtents(std::string_view header, long long size) {
     std::vector<Extent> extents;
     long long end = 0;
+    long long holes = size;
     for (const std::string& field : FieldsOf(header, "data")) {
         const size_t colon = std::min(field.find(':'), field.size() - 1);
         const auto offset = ParseNumber(field.substr(0, colon));
@@ -242,8 +243,10 @@ std::vector<Extent> ParseExtents(std::string_view header, long long size) {
             throw Failure("the stored ranges of its data make no sense");
         }
         end = *offset + *length;
+        holes -= *length;
         extents.push_back({*offset, *length});
     }
+    if (!extents.empty() && holes > mostHoles) throw Failure("has holes of more than 16 TiB");
     return extents;
 }
 

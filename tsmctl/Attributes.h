@@ -30,7 +30,9 @@ struct Extent {
 // Where a file with holes has data; nothing for a file without. Moves the descriptor.
 std::vector<Extent> FindData(int fd, const struct stat& status);
 std::string FormatExtents(const std::vector<Extent>& extents);
-// Throws Failure for ranges that overlap or do not fit into the size.
+// The holes count in the content's SHA-256: what was meant to waste time would take years.
+constexpr long long mostHoles = 16LL << 40;
+// Throws Failure for ranges that overlap, do not fit into the size, or leave larger holes.
 std::vector<Extent> ParseExtents(std::string_view header, long long size);
 
 }  // namespace tsmctl

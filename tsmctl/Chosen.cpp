@@ -66,9 +66,9 @@ void Batch::Thin(long long percent) {
 void Batch::Run(bool last) {
     std::stable_sort(objects_.begin(), objects_.end(),
                      [](const auto& a, const auto& b) { return a.object.date < b.object.date; });
-    long long bytes = 0;
-    for (const ChosenObject& chosen : objects_) bytes += chosen.object.Size().value_or(0);
-    if (first_ && last) context_.report.ExpectBytes(bytes);
+    if (first_ && last) {
+        for (const ChosenObject& chosen : objects_) context_.report.ExpectBytes(chosen.object.Size());
+    }
     first_ = false;
     const Job job = {[&](size_t i) { return objects_[i].object.ObjectPath(); },
                      [&](Session& own, Buffer& buffer, size_t i) { work_(own, buffer, objects_[i]); }};

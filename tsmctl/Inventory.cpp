@@ -311,7 +311,7 @@ void RequireOnlyMatch(Session& session, const StoredObject& object, const std::s
 }  // namespace
 
 void RequireKnown(const StoredObject& object) {
-    if (!object.info && IsOfSealedVersion(object.text)) {
+    if (!object.info && LooksLikeOurs(object.text)) {
         throw Failure("its information text is damaged, or a newer tsmctl wrote it");
     }
 }

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "Seal.h"
+
 namespace tsmctl {
 
 const char* KindName(Kind kind) {
@@ -53,6 +55,12 @@ std::string FormatFixedPart(const Info& info) {
     if (info.size || info.version > 1) text += info.size ? fmt::format(" {}", *info.size) : " -";
     if (info.version > 1) text += fmt::format(" {}:{} {}", info.uid, info.gid, TimeText(info.ctime));
     return text;
+}
+
+std::string SumOf(const std::string& text) {
+    Sha256 sha256;
+    sha256.Add(text.data(), text.size());
+    return sha256.Hex().substr(0, 8);
 }
 
 template <typename Take>
@@ -120,16 +128,21 @@ std::optional<Info> ParseInfo(const std::string& text) {
     if (first || text[fixed.size()] != ' ' || (!info.size && info.kind != Kind::Stream)) return std::nullopt;
     info.fields = text.substr(fixed.size() + 1);
     const std::string header = FieldOf(info.fields, "header");
-    const bool sound = header.empty() || ParseNumber(header).value_or(LLONG_MAX) <= longestHeader;
+    if (!header.empty() && ParseNumber(header).value_or(LLONG_MAX) > longestHeader) return std::nullopt;
+    const std::string sum = FieldOf(info.fields, "sum");
+    const bool sound = sum.empty() || sum == SumOf(text.substr(0, text.size() - std::min(text.size(), sumLength)));
     return sound ? std::optional(info) : std::nullopt;
 }
 
-bool IsOfSealedVersion(const std::string& text) {
+bool LooksLikeOurs(const std::string& text) {
     constexpr std::string_view word = "tsmctl";
-    const size_t digits =
-        text.compare(0, word.size(), word) == 0 ? text.find_first_not_of("0123456789", word.size()) : 0;
-    const std::string version = digits == 0 ? "" : text.substr(word.size(), digits - word.size());
-    return !version.empty() && version != "1";
+    if (text.rfind(word, 0) == 0 && std::strspn(&text[word.size()], "0123456789") > 0) return true;
+    const std::string rest = text.substr(std::min(text.find(' '), text.size()));
+    return ParseInfo("tsmctl1" + rest) || ParseInfo("tsmctl2" + rest);
+}
+
+void AddSum(Info& info) {
+    AddField(info.fields, "sum", SumOf(FormatInfo(info)));
 }
 
 Info InfoOf(const struct stat& status) {

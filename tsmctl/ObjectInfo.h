@@ -51,9 +51,12 @@ constexpr long long longestHeader = 64 << 20;
 std::string FormatInfo(const Info& info);
 // Nothing for a text that another program stored.
 std::optional<Info> ParseInfo(const std::string& text);
-// Whether the text begins like one of any version but the first. If it does not fit its object all the same, a newer
-// tsmctl wrote it, or it is damaged; the object must not be read as if it were another program's.
-bool IsOfSealedVersion(const std::string& text);
+// Whether a text that is not ours, or does not fit its object, is one that a newer tsmctl wrote, or a damaged one: it
+// begins like ours, or goes on like ours. The object must not be read as if it were another program's.
+bool LooksLikeOurs(const std::string& text);
+// Adds the field by which damage to the text of an object without a seal is noticed. No field comes after it.
+constexpr size_t sumLength = std::string_view(" sum=01234567").size();
+void AddSum(Info& info);
 Info InfoOf(const struct stat& status);
 
 // Fields are divided by blanks or line breaks. Keys and values have no control characters, and keys no "=".

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <iterator>
 #include <new>
@@ -114,9 +115,9 @@ void Report::Differs(std::string_view text) {
     ++differences_;
 }
 
-void Report::ExpectBytes(long long total) {
+void Report::ExpectBytes(std::optional<long long> more) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    totalBytes_ = total;
+    totalBytes_ += std::min(std::max(0LL, more.value_or(0)), LLONG_MAX - totalBytes_);
 }
 
 void Report::Advance(size_t count) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -50,7 +51,8 @@ public:
     // Text of our own, without the last line break.
     void Text(const std::string& text);
 
-    void ExpectBytes(long long total);
+    // So many more. What is not sure counts as 0.
+    void ExpectBytes(std::optional<long long> more);
     void Advance(size_t count);
     void Count(Kind kind);
     // Once called, even with 0, the summary tells all four.

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <openssl/evp.h>
 
+#include <cstdio>
 #include <new>
 
 namespace tsmctl {
@@ -39,6 +40,12 @@ std::string Sha256::Hex() const {
     std::string hex;
     for (const unsigned char byte : digest) hex += fmt::format("{:02x}", byte);
     return hex;
+}
+
+bool LooksLikeSeal(const std::string& bytes) {
+    char end = 0;
+    const int fields = std::sscanf(bytes.c_str(), "tsmctl2 %*19[0-9] %*10[0-9] %*64[0-9a-f] %*64[0-9a-f]%c", &end);
+    return bytes.size() == sealLength && fields == 1 && end == '\n';
 }
 
 std::string Seal(const std::string& info, const std::string& header, long long size, const std::string& sha256) {

@@ -21,6 +21,7 @@ private:
 
 constexpr size_t sealLength = 169;
 
+bool LooksLikeSeal(const std::string& bytes);
 // The last bytes of an object with this information text and header, and with content of this size and SHA-256.
 std::string Seal(const std::string& info, const std::string& header, long long size, const std::string& sha256);
 

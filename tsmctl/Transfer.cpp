@@ -118,6 +118,10 @@ Piece Download::Take(const unsigned char* data, long long length, bool hole) {
     const Piece piece = {data, static_cast<size_t>(std::min<long long>(length, pieceSize)), hole};
     sha256_.Add(data, piece.size);
     received_ += static_cast<long long>(piece.size);
+    if (!Sealed()) {
+        tail_.append(data + piece.size - std::min(piece.size, sealLength), data + piece.size);
+        tail_.erase(0, tail_.size() - std::min(tail_.size(), sealLength));
+    }
     return piece;
 }
 
@@ -148,6 +152,7 @@ void Download::Finish() {
     if (expected_ && received_ != *expected_) {
         throw Failure(fmt::format("{} bytes received, the object has {}", received_, *expected_));
     }
+    if (!Sealed() && LooksLikeSeal(tail_)) throw Failure("has a seal, but its information text is damaged");
     if (!Sealed()) return;
     const std::string seal = Seal(info_, header_, received_, sha256_.Hex());
     if (held_ == seal) return;

@@ -70,6 +70,8 @@ public:
     const std::string& Header() const { return header_; }
     std::string Digest() const { return sha256_.Hex(); }
     bool Sealed() const { return sealLength_ > 0; }
+    // Of an object with holes: of its content.
+    long long Size() const { return expected_.value_or(0); }
 
 private:
     bool Fill(Buffer& buffer);
@@ -84,6 +86,7 @@ private:
     std::vector<Extent> extents_;  // empty unless there are holes
     size_t extent_ = 0;
     std::string held_;  // the last bytes received, which may be the seal
+    std::string tail_;  // the last of the content, where none is expected
     size_t begin_ = 0;  // of the content in the buffer that was not taken yet
     size_t end_ = 0;
     Sha256 sha256_;

@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,14 +20,12 @@ namespace tsmctl {
 struct TreeOptions {
     Exclusions exclusions;
     bool full = false;
+    bool checksum = false;
     bool keepVanished = false;
     bool force = false;
     std::string mgmtClass;
     int jobs = 1;
 };
-
-// Whether the item need not be sent again.
-bool SameAsStored(const LocalItem& item, const Info& stored);
 
 class TreeBackup {
 public:
@@ -72,7 +71,8 @@ private:
     void Enter(const LocalItem& directory, Folder& folder, const std::function<void()>& store);
     void Walk(LocalFolder here, Folder& folder);
     void CheckTop(const Folder& folder, const LocalFolder& here) const;
-    void Send(const LocalItem& item, Folder& folder, Change change, const std::string& before);
+    // before is what is stored of it.
+    void Send(const LocalItem& item, Folder& folder, Change change, const std::optional<StoredObject>& before);
     void Store(Session& session, Buffer& buffer, Sent& sent) const;
     void StoreItem(const LocalItem& item, Folder& folder);
     void Settle(Folder& folder);

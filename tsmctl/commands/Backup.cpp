@@ -135,11 +135,12 @@ private:
         for (const std::string& field : AttributesIn(ReadAttributes(OpenItem(item, O_PATH).Get(), report_))) {
             const std::string before = info.fields;
             info.fields += (before.empty() ? "" : " ") + field;
-            if (FormatInfo(info).size() <= longestInfo) continue;
+            if (FormatInfo(info).size() + sumLength <= longestInfo) continue;
             info.fields = before;
             complete = false;
         }
         if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
+        AddSum(info);
         Upload upload(session_, NameOf(item), 0, info, "", options_.tree.mgmtClass);
         Commit(upload);
     }
@@ -185,6 +186,7 @@ private:
         if (info.kind != Kind::File) throw Failure("is no longer a regular file");
         const std::vector<Extent> extents = FindData(file.Get(), status);
         lseek(file.Get(), 0, SEEK_SET);
+        ParseExtents(FormatExtents(extents), *info.size);  // what cannot be read back is refused
         const std::string header = ReadAttributes(file.Get(), report_) + FormatExtents(extents);
         Upload upload = Begin(item, info, header, extents.empty() ? *info.size : SumOf(extents));
         const long long sent = extents.empty() ? Send(upload, file.Get(), *info.size)
@@ -271,7 +273,7 @@ void StoreInput(const BackupOptions& options, Context& context) {
     Session session(context.connection);
     Buffer buffer(pieceSize);
     session.Handle();
-    context.report.ExpectBytes(options.size.value_or(0));
+    context.report.ExpectBytes(options.size);
     Attempt(context.report, "standard input", [&] {
         if (ListOne(session, object).directory) {
             context.report.Warn(Join(object), "a directory of this name is stored and stays; restore takes the newer");
@@ -328,7 +330,9 @@ void AddBackup(CommandLine& line) {
     add("--exclude-from", options->exclusionFiles, fileType, "file with more patterns, one in a line");
     command.add_flag("--exclude-caches", options->tree.exclusions.caches, "leave out what is below a CACHEDIR.TAG");
     command.add_flag("--one-file-system", options->tree.exclusions.oneFileSystem, "leave out what is mounted below");
-    command.add_flag("--full", options->tree.full, "send what has not changed, too");
+    CLI::Option* const full = command.add_flag("--full", options->tree.full, "send what has not changed, too");
+    command.add_flag("--checksum", options->tree.checksum, "read what is here and what is stored to see what changed")
+        ->excludes(full);
     command.add_flag("--keep-vanished", options->tree.keepVanished, "leave active what is not here any more");
     command.add_flag("--force", options->tree.force, "even if nothing of a stored tree is left");
     command.add_option("--class", options->tree.mgmtClass, "management class (default: the server's choice)")

@@ -31,19 +31,27 @@ std::string SumLine(const std::string& digest, const Parts& local) {
     return fmt::format("{}{}  {}", escaped ? "\\" : "", digest, name);
 }
 
+constexpr const char* noSum = "read, but stored without a SHA-256 to compare with";
+
+// A directory's text is all that it has.
+void CheckDirectory(Report& report, const StoredObject& object) {
+    RequireKnown(object);
+    report.Count(Kind::Directory);
+    if (object.info && FieldOf(object.info->fields, "sum").empty()) report.CountLoss(noSum);
+}
+
 void CheckOne(const CheckOptions& options, Report& report, Session& session, Buffer& buffer,
               const ChosenObject& chosen) {
     Download download(session, chosen.object, options.chosen.selection.at);
     Receive(download, buffer, [&](const Piece& piece) { report.Advance(piece.size); });
     const Kind kind = chosen.object.GetKind();
     report.Count(kind);
-    if (!download.Sealed()) report.CountLoss("read, but stored without a SHA-256 to compare with");
+    if (!download.Sealed()) report.CountLoss(noSum);
     const bool isFile = kind == Kind::File || kind == Kind::Stream;
     if (options.sums && isFile) report.Entry(SumLine(download.Digest(), chosen.local));
 }
 
 void Check(CheckOptions options, Context& context) {
-    options.chosen.selection.objectType = TSM_OBJECTS_FILES;
     options.chosen.Patterns();
     Session session(context.connection);
     Batch batch(context, session, options.jobs, [&](Session& own, Buffer& buffer, const ChosenObject& chosen) {
@@ -55,7 +63,13 @@ void Check(CheckOptions options, Context& context) {
     };
     const auto visit = [&](std::vector<StoredObject>& versions, const Parts& plain, size_t above) {
         const Parts local(plain.begin() + static_cast<std::ptrdiff_t>(above), plain.end());
-        for (StoredObject& object : versions) batch.Add({std::move(object), local});
+        for (StoredObject& object : versions) {
+            if (object.directory) {
+                Attempt(context.report, object.ObjectPath(), [&] { CheckDirectory(context.report, object); });
+            } else {
+                batch.Add({std::move(object), local});
+            }
+        }
         if (batch.IsFull()) run(false);
         return true;
     };

@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <tuple>
+#include <utility>
 
 #include "Arguments.h"
 #include "Attributes.h"
@@ -91,18 +92,17 @@ public:
     // A hole is left out where fd is a file, and written as zeros elsewhere.
     static void ReceiveInto(int fd, Download& download, Buffer& buffer, Report& report) {
         long long place = 0;
-        bool atHole = false;
+        bool sparse = false;
         Receive(download, buffer, [&](const Piece& piece) {
             place += static_cast<long long>(piece.size);
-            atHole = piece.hole && fd != STDOUT_FILENO;
-            if (!atHole) {
+            if (!piece.hole || fd == STDOUT_FILENO) {
                 WriteAll(fd, piece.data, piece.size);
-            } else if (lseek(fd, place, SEEK_SET) < 0) {
+            } else if ((!std::exchange(sparse, true) && ftruncate(fd, download.Size()) != 0) ||
+                       lseek(fd, place, SEEK_SET) < 0) {
                 FailLocal("cannot write", errno);
             }
             report.Advance(piece.size);
         });
-        if (atHole && ftruncate(fd, place) != 0) FailLocal("cannot write", errno);
     }
 
 private:
@@ -254,7 +254,7 @@ void RestoreToOutput(const RestoreOptions& options, Context& context, Session& s
         // What was written once cannot be taken back: only the beginning is tried again.
         std::optional<Download> download;
         session.Retry([&] { download.emplace(session, files[0], options.chosen.selection.at); });
-        report.ExpectBytes(files[0].Size().value_or(0));
+        report.ExpectBytes(files[0].Size());
         Restorer::ReceiveInto(STDOUT_FILENO, *download, buffer, report);
         report.Count(files[0].GetKind());
     });

@@ -148,13 +148,12 @@ void VerifyTrees(const VerifyOptions& options, Context& context) {
 
     std::set<std::string> here(unreadable.begin(), unreadable.end());
     std::vector<std::pair<const LocalItem*, const StoredObject*>> pairs;
-    long long bytes = 0;
     for (const LocalItem& item : items) {
         here.insert(item.object);
         const auto found = stored.find(item.object);
         if (found != stored.end()) {
             pairs.emplace_back(&item, &found->second);
-            bytes += item.info.size.value_or(0);
+            context.report.ExpectBytes(item.info.size);
         } else if (item.info.kind != Kind::Other) {
             verifier.Differs(item.local, "is not stored");
         }
@@ -167,7 +166,6 @@ void VerifyTrees(const VerifyOptions& options, Context& context) {
     for (const auto& [name, object] : stored) {
         if (here.count(name) == 0 && !isInUnreadable(name)) verifier.Differs(name, "is stored and not here");
     }
-    context.report.ExpectBytes(bytes);
     const Job job = {[&](size_t i) { return pairs[i].first->local; },
                      [&](Session& own, Buffer& buffer, size_t i) {
                          verifier.Compare(own, buffer, *pairs[i].first, *pairs[i].second);
