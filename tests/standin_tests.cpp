@@ -1215,7 +1215,7 @@ TEST_F(OnDisk, ManyThreadsShareFlushes) {
 // Neither one session nor several at once, which checkpoint beside each other, let the log grow for good.
 TEST_F(OnDisk, ManyThreadsLeaveTheLogShort) {
     constexpr int each = 8, objects = 50, page = 4096;  // of nine pages
-    for (const auto& [writers, pages] : {std::pair(1, 2000), {4, 8000}}) {
+    for (const auto& [writers, pages] : {std::pair(1, 2000), {4, 6000}}) {
         std::vector<std::thread> threads;
         for (int t = 0; t < writers; ++t) {
             threads.emplace_back([&, t] {

@@ -33,8 +33,8 @@ struct Stores {
 // However long the last change waited, which may have been for another process.
 constexpr std::chrono::milliseconds longestGathering{5};
 
-// In pages. The log begins anew only after a checkpoint that nobody wrote behind: from longLog on, commits wait for it.
-constexpr int checkpointEvery = 1000, longLog = 4000;
+// In pages. The log begins anew only after a checkpoint behind which nobody wrote: a long one is waited for.
+constexpr int checkpointEvery = 1000, longLog = 2000;
 
 // How long this thread has not been computing, from some moment on.
 std::chrono::nanoseconds Waited() {
