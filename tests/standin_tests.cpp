@@ -1212,6 +1212,31 @@ TEST_F(OnDisk, ManyThreadsShareFlushes) {
     EXPECT_EQ(host.Put(Name("/d", "/new"), "x"), 0);
 }
 
+// Neither one session nor several at once, which checkpoint beside each other, let the log grow for good.
+TEST_F(OnDisk, ManyThreadsLeaveTheLogShort) {
+    constexpr int each = 8, objects = 50, page = 4096;  // of nine pages
+    for (const auto& [writers, pages] : {std::pair(1, 2000), {4, 6000}}) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < writers; ++t) {
+            threads.emplace_back([&, t] {
+                const Host own;
+                const auto several = [&] {
+                    int failed = 0;
+                    for (int i = 0; i < objects; ++i) {
+                        own.Begin(Name("/" + std::to_string(t), "/" + std::to_string(i)), std::string(8 * page, 'x'));
+                        failed += dsmEndSendObj(own.handle);
+                    }
+                    return failed;
+                };
+                for (int i = 0; i < each; ++i) EXPECT_EQ(own.Transact(several), 0);
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_LT(fs::file_size(Store() / "catalogue.db-wal"), std::size_t{page} * static_cast<unsigned>(pages));
+    }
+    EXPECT_EQ(ReadAll().count(DSM_RC_ABORT_SYSTEM_ERROR), 0U);
+}
+
 // Before a new object, a transaction may deactivate, remove or rename what has its name.
 TEST_F(StandIn, ChangesBeforeAnObjectInOneTransaction) {
     const Host host;

@@ -196,6 +196,18 @@ bool Database::InTransaction() const {
     return sqlite3_get_autocommit(handle_.get()) == 0;
 }
 
+void Database::CountLog() {
+    const auto count = [](void* pages, sqlite3*, const char*, int now) {
+        *static_cast<int*>(pages) = now;
+        return SQLITE_OK;
+    };
+    sqlite3_wal_hook(handle_.get(), count, &logPages_);  // in the place of SQLite's own, which checkpoints
+}
+
+void Database::Checkpoint() {
+    Check(handle_.get(), sqlite3_wal_checkpoint_v2(handle_.get(), "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr));
+}
+
 void Database::FlushOverOldLog() {
     Check(handle_.get(), sqlite3_db_cacheflush(handle_.get()));
     sqlite3_file* log = nullptr;

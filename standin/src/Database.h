@@ -89,6 +89,14 @@ public:
     // Another one that may be damaged, only to be read, so that its log stays with it.
     void Attach(const std::string& path, const std::string& name);
 
+    // From now on commits only count the pages in the log, and leave it to Checkpoint to bring them into the main file.
+    void CountLog();
+    int LogPages() const { return logPages_; }  // after the last commit
+
+    // Brings the log into the main file, as far as no reader needs the older pages. Other connections may write
+    // meanwhile; the log begins anew with the next commit only if none did.
+    void Checkpoint();
+
     // False once SQLite has rolled the transaction back by itself, as after a failure to read or write.
     bool InTransaction() const;
 
@@ -124,6 +132,7 @@ private:
 
     std::string path_;
     Mode mode_;
+    int logPages_ = 0;
     std::unique_ptr<sqlite3, Close> handle_;
     std::map<std::string, Statement::Kept, std::less<>> kept_;
 };

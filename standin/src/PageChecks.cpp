@@ -332,7 +332,9 @@ const sqlite3_io_methods methods = {
         return Of(f).Does().xShmMap(Of(f).Real(), part, size, extend, at);
     },
     [](sqlite3_file* f, int from, int count, int flags) {
-        if (flags == (SQLITE_SHM_LOCK | SQLITE_SHM_SHARED)) Of(f).saltsKnown = false;  // a transaction begins
+        constexpr int checkpoints = 1;  // the place of SQLite's lock for them
+        // A transaction or a checkpoint begins.
+        if (flags & SQLITE_SHM_LOCK && (flags & SQLITE_SHM_SHARED || from == checkpoints)) Of(f).saltsKnown = false;
         return Of(f).Does().xShmLock(Of(f).Real(), from, count, flags);
     },
     [](sqlite3_file* f) { Of(f).Does().xShmBarrier(Of(f).Real()); },

@@ -33,6 +33,9 @@ struct Stores {
 // However long the last change waited, which may have been for another process.
 constexpr std::chrono::milliseconds longestGathering{5};
 
+// In pages. The log begins anew only after a checkpoint behind which nobody wrote: a long one is waited for.
+constexpr int checkpointEvery = 1000, longLog = 2000;
+
 // How long this thread has not been computing, from some moment on.
 std::chrono::nanoseconds Waited() {
     timespec now{}, computing{};
@@ -87,10 +90,14 @@ Store::Store(Folder root, bool readOnly, std::string identity)
     : root_(std::move(root)), readOnly_(readOnly), identity_(std::move(identity)), data_(root_) {
     Database catalogue(CataloguePath(), ReadingMode());
     NeedIdentity(catalogue, identity_);
-    if (!readOnly_) writer_ = std::make_unique<Database>(CataloguePath(), Database::Mode::Write);
+    if (readOnly_) return;
+    writer_ = std::make_unique<Database>(CataloguePath(), Database::Mode::Write);
+    writer_->CountLog();
+    checkpointer_ = std::make_unique<Database>(CataloguePath(), Database::Mode::Write);
 }
 
 Store::~Store() {
+    checkpointer_.reset();
     writer_.reset();
     if (!readOnly_) MakeReserve(root_);
 }
@@ -190,6 +197,7 @@ void Store::Waiting::TellOthers() const {
 void Store::Submit(Need need, const Work& work, Leaves leaves) {
     if (readOnly_) throw std::system_error(EROFS, std::generic_category(), root_.Path());
     Waiting own{work, need, leaves, nullptr, Waiting::Turn::NotYet, {}, {}};
+    bool checkpoints = false;
     std::unique_lock<std::mutex> lock(mutex_);
     queue_.push_back(&own);
     const bool first = !std::exchange(carrying_, true);
@@ -220,6 +228,11 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
                 if (!one->failure) one->failure = std::current_exception();
             }
         }
+        checkpoints = CheckpointIsDue();
+        if (checkpoints && writer_->LogPages() >= longLog) {
+            Checkpoint();
+            checkpoints = false;
+        }
         lock.lock();
         Waiting* const next = queue_.empty() ? nullptr : queue_.front();
         carrying_ = next != nullptr;
@@ -229,7 +242,24 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
         if (next) next->Tell(Waiting::Turn::Carries);
     }
     own.TellOthers();
+    if (checkpoints) Checkpoint();
     if (own.failure) std::rethrow_exception(own.failure);
+}
+
+// Asked by the leader after each commit.
+bool Store::CheckpointIsDue() {
+    const int pages = writer_->LogPages();
+    if (pages < checkpointedPages_) checkpointedPages_ = 0;  // the log has begun anew
+    if (pages - checkpointedPages_ < checkpointEvery) return false;
+    checkpointedPages_ = pages;
+    return true;
+}
+
+void Store::Checkpoint() noexcept try {
+    const std::lock_guard<std::mutex> lock(checkpointing_);
+    checkpointer_->Checkpoint();
+} catch (const std::exception&) {
+    // A later one does it.
 }
 
 // Carries out the changes of a group. Each member gets its own outcome.

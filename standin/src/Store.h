@@ -1,4 +1,4 @@
-// A store on the disk, shared by all sessions of the process that work on it. It has the only connection that writes.
+// A store on the disk, shared by all sessions of the process that work on it. It has the only connections that write.
 //
 //     mark             what makes the folder a store: its format, its identity, whether it is complete
 //     catalogue.db     everything but the bytes of large objects; carries the same identity
@@ -113,6 +113,8 @@ private:
     bool CarriedOut(const Group& group, bool eachAlone);
     void RemoveFilesAfter(const Change& change) noexcept;
     void RemoveQuietly(const std::string& file) const noexcept;
+    bool CheckpointIsDue();
+    void Checkpoint() noexcept;
     void Tidy();
     void SweepData();
 
@@ -122,6 +124,10 @@ private:
     ObjectData data_;
     std::unique_ptr<Database> writer_;  // the leader's; none in a store that is only read
     std::vector<std::string> inDoubt_;  // placed by commits that failed
+    int checkpointedPages_ = 0;         // of the log, when the last checkpoint was due
+
+    std::mutex checkpointing_;
+    std::unique_ptr<Database> checkpointer_;  // brings the log into the main file while the next group is carried out
 
     std::atomic<unsigned> filespaceDeletions_{0};
 
