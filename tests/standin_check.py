@@ -3,6 +3,7 @@ exit status and its JSON."""
 
 import json
 import os
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -49,6 +50,11 @@ CASES = {
              "files", False),
     "data": (lambda store: flip(large(store), 70000), "version", "version", "version", False),
     "cut off": (lambda store: os.truncate(large(store), 70000), "version", "version", "version", False),
+    "first page": (lambda store: flip(store / "catalogue.db", 50), "catalogue", "catalogue", "", True),
+    "last page": (lambda store: os.truncate(store / "catalogue.db", os.path.getsize(store / "catalogue.db") - 4096),
+                  "catalogue", "catalogue version", "version", False),
+    "other mark": (lambda store: (store / "mark").write_text(re.sub("identity ................", "identity " + HEX,
+                   (store / "mark").read_text())), "catalogue", "catalogue", "catalogue", False),
     "page": (flip_catalogue, "catalogue version", "catalogue version", "version", False),
     "mark": (lambda store: flip(store / "mark", 60), "mark", "mark", "", True),
     "no mark": (lambda store: (store / "mark").unlink(), "mark", "mark", "", True),
@@ -115,6 +121,15 @@ def test_host_at_work_is_no_finding_but_keeps_out_a_repair_of_the_catalogue(stor
         assert check(store, "--repair")[:2] == (0, "")
         flip_catalogue(store)
         assert "host" in check(store, "--repair")[2]["failure"]
+
+
+def test_help_and_manual_agree():
+    help = subprocess.run([BIN / "tsm-standin-check", "--help"], capture_output=True, text=True).stdout
+    page = Path(__file__).parents[1] / "standin/check/tsm-standin-check.1.in"
+    items = " ".join(re.findall(r"^\.It (Fl .*)", page.read_text(), re.M))
+    assert set(re.findall(r"Fl (-[\w-]+)", items)) == set(re.findall(r"^ .*?-(-\w+)", help, re.M))
+    done = subprocess.run(["groff", "-ww", "-z", "-mandoc", "-T", "utf8", page], capture_output=True, text=True)
+    assert done.stdout + done.stderr == ""
 
 
 def test_folders_that_are_no_stores(tmp_path):

@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "Schema1.h"
 #include "dsmapifp.h"
 #include "dsmrc.h"
 #include "standin/testcontrol.h"
@@ -1459,35 +1460,15 @@ TEST_F(OnDisk, ClockAndExpiry) {
 
 // A store of schema 1 is taken over when it is opened, not while another program has it open.
 TEST_F(StandIn, ConvertsSchema1) {
-    constexpr const char* old = R"(
-        PRAGMA journal_mode = WAL;
-        CREATE TABLE node (id INTEGER PRIMARY KEY, name BLOB NOT NULL UNIQUE, secret BLOB NOT NULL);
-        CREATE TABLE filespace (
-            id INTEGER PRIMARY KEY AUTOINCREMENT, node INTEGER NOT NULL, name BLOB NOT NULL, type BLOB NOT NULL,
-            info BLOB NOT NULL, occupancy INTEGER NOT NULL, capacity INTEGER NOT NULL, UNIQUE (node, name));
-        CREATE TABLE access (
-            fs INTEGER NOT NULL, hl BLOB NOT NULL, ll BLOB NOT NULL, object_type INTEGER NOT NULL,
-            access_type INTEGER NOT NULL, node BLOB NOT NULL, owner BLOB NOT NULL,
-            PRIMARY KEY (fs, hl, ll, object_type, access_type, node, owner)) WITHOUT ROWID;
-        CREATE TABLE version (
-            fs INTEGER NOT NULL, hl BLOB NOT NULL, ll BLOB NOT NULL, type INTEGER NOT NULL, id INTEGER NOT NULL UNIQUE,
-            stored INTEGER NOT NULL, ended INTEGER, class BLOB NOT NULL, copy_group INTEGER NOT NULL,
-            owner BLOB NOT NULL, estimate INTEGER NOT NULL, bytes INTEGER NOT NULL, info BLOB NOT NULL,
-            PRIMARY KEY (fs, hl, ll, type, id)) WITHOUT ROWID;
-        CREATE TABLE counter (next_id INTEGER NOT NULL);
+    const std::string old = schema1 + std::string(R"(
         INSERT INTO counter VALUES (1005);
-        CREATE TABLE garbage (id INTEGER PRIMARY KEY);
-        PRAGMA user_version = 1;
         INSERT INTO garbage VALUES (9);
-        INSERT INTO node VALUES (1, x'4E', CAST(
-            '$6$DssqdbxVlVzeWjfJ$ZxIz4T1ubYL6OFVlB77fJNnLHR3Z3P2yPJJEuI5Is1jSrYN.4XuC8QP3nf6TJE0APdqYV2WkJS4RkF2NwvmDC/'
-            AS BLOB));
         INSERT INTO filespace VALUES (1, 1, CAST('/fs' AS BLOB), CAST('T' AS BLOB), x'', 1, 2);
         INSERT INTO version SELECT 1, CAST('/d' AS BLOB), CAST('/f' AS BLOB), 1, column1, column2, column3,
             CAST('STANDARD' AS BLOB), 1, x'', 5, column4, CAST('info' AS BLOB) FROM (VALUES
             (1, 20210307090510, 20210307090520, 3), (2, 20210307090520, 20210307090520, 0),
             (3, 20210307090520, 20210307090510, 3), (1004, 20210307090540, NULL, 3));
-    )";
+    )");
     const fs::path folder = dir / "old", data = folder / "data";
     for (const char* part : {"data/0", "data/1", "incoming"}) fs::create_directories(folder / part);
     std::ofstream(data / "0/1") << "one";
@@ -1496,7 +1477,7 @@ TEST_F(StandIn, ConvertsSchema1) {
     for (const char* left : {"data/0/9", "data/1/1005", "incoming/abcdef"}) std::ofstream(folder / left) << "left";
     sqlite3* database = nullptr;
     ASSERT_EQ(sqlite3_open((folder / "catalogue.db").c_str(), &database), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(database, old, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+    ASSERT_EQ(sqlite3_exec(database, old.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
     EXPECT_EQ(SetUpWith("STOREDIR old\n"), DSM_RC_ABORT_SYSTEM_ERROR);
     EXPECT_FALSE(fs::exists(folder / "mark"));
     sqlite3_close(database);
@@ -1504,7 +1485,7 @@ TEST_F(StandIn, ConvertsSchema1) {
     std::ofstream(folder / "catalogue.new") << "half";
     ASSERT_EQ(SetUpWith("STOREDIR old\n"), 0);
     {
-        const Host host("N", "pw");
+        const Host host;
         ASSERT_EQ(host.rc, 0);
         const auto found = host.List(Name("/d", "/f"));
         ASSERT_EQ(found.size(), 4U);
@@ -1526,7 +1507,7 @@ TEST_F(StandIn, ConvertsSchema1) {
     for ([[maybe_unused]] const auto& e : fs::directory_iterator(folder / "lost+found")) ++lost;
     EXPECT_EQ(lost, 3U);
     ASSERT_EQ(SetUpWith("STOREDIR old\nKEEP STANDARD EXISTING 1"), 0);
-    EXPECT_EQ(Host("N", "pw").Contents(Name("/d", "/f")), Texts{"five*"});
+    EXPECT_EQ(Host().Contents(Name("/d", "/f")), Texts{"five*"});
     EXPECT_FALSE(fs::exists(data / "0/1"));
 }
 

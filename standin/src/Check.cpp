@@ -63,6 +63,7 @@ private:
     void CheckEntries();
     bool CheckMark();
     bool CheckCatalogue();
+    bool IsOfAnother(Database& catalogue, const std::string& schema) const;
     void CheckVersions();
     void CheckVersion(std::int64_t id);
     void CheckOrphans();
@@ -82,39 +83,57 @@ private:
     Checked checked_;
 };
 
+// Does the work, once more if something cannot be read: some disks can read then. False: it still cannot be read.
+template <class Work>
+bool Tried(Work work) {
+    for (int attempts = 2; attempts > 0; --attempts) {
+        try {
+            work();
+            return true;
+        } catch (const Unreadable&) {
+            // Perhaps the next time.
+        }
+    }
+    return false;
+}
+
 // The largest id that a row or a file can have. The catalogue is that of the schema, "main" or an attached one.
 std::int64_t LastId(Database& catalogue, const std::string& schema, const ObjectData& data) {
     std::int64_t last = 0;
     for (const std::string& file : data.FilesFrom(0)) last = std::max(last, ObjectData::IdOf(file));
     for (const char* what : {"SELECT next_id FROM ", "SELECT max(id) FROM "}) {
-        try {
+        // If one table cannot be read, the other tells.
+        Tried([&] {
             const std::string table = what[7] == 'n' ? ".store" : ".object_version";
             last = std::max(last, catalogue.Number((what + schema + table).c_str()));
-        } catch (const std::exception&) {
-            // The other tables tell.
-        }
+        });
     }
     return last;
 }
 
-// Calls work with each value of the column up to last, and skips what cannot be read. Returns how often it skipped,
-// failures of work included.
+// Calls work with each id of the table up to last, and skips what cannot be read. Returns how often it skipped.
 template <class Work>
 std::int64_t ForEach(Database& catalogue, const std::string& table, std::int64_t last, Work work) {
-    const std::string sql = "SELECT id FROM " + table + " WHERE id > ?1 ORDER BY id LIMIT 1";
+    const std::string sql = "SELECT id FROM " + table + " WHERE id >= ?1 ORDER BY id LIMIT 1";
     std::int64_t failures = 0;
-    for (std::int64_t id = 0;;) {
-        try {
+    bool more = true;
+    for (std::int64_t id = 1; more; ++id) {
+        const std::int64_t from = id;
+        bool found = false;
+        const bool done = Tried([&] {
+            found = false;
             {
-                Statement row = catalogue.Query(sql, id);
-                if (!row.Step()) break;
+                Statement row = catalogue.Query(sql, from);
+                more = row.Step();
+                if (!more) return;
                 id = row.Int(0);
             }
+            found = true;
             work(id);
-        } catch (const std::exception&) {
-            ++failures;
-            if (++id > last) break;
-        }
+        });
+        failures += !done;
+        // Where not even the id can be read, the next one may be on another page.
+        if (!done && !found && id >= last) break;
     }
     return failures;
 }
@@ -203,6 +222,10 @@ Database& Checker::Catalogue() {
     return *catalogue_;
 }
 
+bool Checker::IsOfAnother(Database& catalogue, const std::string& schema) const {
+    return !catalogue.Query("SELECT 1 FROM " + schema + ".store WHERE identity = ?1", identity_).Step();
+}
+
 // False: it cannot be read at all.
 bool Checker::CheckCatalogue() {
     const auto status = root_.Status(catalogueName);
@@ -213,8 +236,10 @@ bool Checker::CheckCatalogue() {
     if (!S_ISREG(status->st_mode)) return false;
     std::string trouble;
     try {
-        NeedIdentity(Catalogue(), identity_);
-        if (Catalogue().Number("PRAGMA user_version") != 2) throw std::runtime_error("of no known format");
+        if (Catalogue().Number("PRAGMA user_version") != 2 || IsOfAnother(Catalogue(), "main")) {
+            Find("catalogue", catalogueName, "is another store's, or of another format: put the right one back");
+            return false;
+        }
         Statement rows = Catalogue().Query("SELECT CAST(integrity_check AS BLOB) FROM pragma_integrity_check");
         while (rows.Step()) {
             const std::string_view text = rows.Bytes(0, 1 << 20);
@@ -223,7 +248,7 @@ bool Checker::CheckCatalogue() {
         if (Catalogue().Number("SELECT count(*) FROM content WHERE id NOT IN (SELECT id FROM object_version)") > 0) {
             Find("orphan", catalogueName, "bytes of small objects without a version");
         }
-    } catch (const std::exception& problem) {
+    } catch (const Unreadable& problem) {
         trouble = problem.what();
     }
     if (trouble.empty()) return true;
@@ -370,7 +395,10 @@ void Checker::Rebuild() {
     MakeCatalogue(Path(repairedName), identity_);
     {
         Database repaired(Path(repairedName), Database::Mode::Write);
-        repaired.Attach(Path(catalogueName), "old");
+        repaired.Attach(Path(catalogueName), "old", Path(repairedName));
+        bool another = false;
+        Tried([&] { another = IsOfAnother(repaired, "old"); });
+        if (another) throw std::runtime_error(Path(catalogueName) + " is another store's: put the right one back");
         // Row by row, as a page that cannot be read would undo a whole transaction; flushed when it is closed.
         repaired.Run("PRAGMA synchronous = OFF");
         CopyRows(repaired, LastId(repaired, "old", ObjectData(root_)));
@@ -396,7 +424,7 @@ void Checker::CopyRows(Database& to, std::int64_t ids) {
     // Versions whose entry in the index of ids is lost are found by their names, from both ends.
     const std::string key = "fs, hl, ll, type, id", back = "fs DESC, hl DESC, ll DESC, type DESC, id DESC";
     for (const std::string& order : {key, back}) {
-        try {
+        failures += !Tried([&] {
             Statement v = to.Query("SELECT " + key + " FROM old.object_version ORDER BY " + order);
             while (v.Step()) {
                 to.Run(
@@ -405,16 +433,11 @@ void Checker::CopyRows(Database& to, std::int64_t ids) {
                     v.Int(0), std::string(v.Bytes(1, DSM_MAX_HL_LENGTH)), std::string(v.Bytes(2, DSM_MAX_LL_LENGTH)),
                     v.Int(3), v.Int(4));
             }
-        } catch (const std::exception&) {
-            ++failures;
-        }
+        });
     }
     for (const char* table : {"access", "garbage"}) {
-        try {
-            to.Run(std::string("INSERT OR IGNORE INTO main.") + table + " SELECT * FROM old." + table);
-        } catch (const std::exception&) {
-            ++failures;
-        }
+        failures +=
+            !Tried([&] { to.Run(std::string("INSERT OR IGNORE INTO main.") + table + " SELECT * FROM old." + table); });
     }
     to.Run("UPDATE main.store SET next_id = ?1", ids + 1);
     Find("catalogue", catalogueName,
@@ -425,10 +448,11 @@ void Checker::CopyRows(Database& to, std::int64_t ids) {
 // Exchanges the catalogues. Can be repeated after an interruption.
 void Checker::Exchange() {
     if (Exists(repairedName)) {
+        root_.Remove("catalogue.db-shm");  // of the old log, which a new catalogue must not find
+        root_.Sync();
         for (const char* name : {"catalogue.db-wal", "catalogue.db"}) {
             if (Exists(name)) Find("catalogue", name, "is replaced", MoveAway(root_, name, ""));
         }
-        root_.Remove("catalogue.db-shm");
         root_.Move(repairedName, root_, catalogueName);
         root_.Sync();
     }

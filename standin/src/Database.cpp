@@ -42,20 +42,28 @@ void Check(sqlite3* database, int code) {
     if (full) throw std::system_error(ENOSPC, std::generic_category(), "catalogue");
     if (kind == SQLITE_READONLY) throw std::system_error(EROFS, std::generic_category(), "catalogue");
     if (error == SQLITE_IOERR_DATA) {
-        throw std::runtime_error("catalogue: damaged: a page does not have its checksum; see tsm-standin-check");
+        throw Unreadable("catalogue: damaged: a page does not have its checksum; see tsm-standin-check");
     }
     if (error == SQLITE_IOERR_VNODE) throw std::runtime_error("catalogue: is being changed: sign on anew");
-    throw std::runtime_error(std::string("catalogue: ") + (database ? sqlite3_errmsg(database) : sqlite3_errstr(code)));
+    const std::string text = std::string("catalogue: ") + (database ? sqlite3_errmsg(database) : sqlite3_errstr(code));
+    const bool unread = error == SQLITE_IOERR_READ || error == SQLITE_IOERR_SHORT_READ;
+    if (unread || kind == SQLITE_CORRUPT || kind == SQLITE_NOTADB) throw Unreadable(text);
+    throw std::runtime_error(text);
 }
 
-std::string Uri(const std::string& path) {
-    std::string uri = "file:";
+std::string Escaped(const std::string& path) {
+    std::string uri;
     for (const char c : path) {
         constexpr const char* digits = "0123456789ABCDEF";
         const auto byte = static_cast<unsigned char>(c);
-        c == '?' || c == '#' || c == '%' ? uri.append({'%', digits[byte >> 4], digits[byte & 15]}) : uri.append(1, c);
+        c == '?' || c == '#' || c == '%' || c == '&' ? uri.append({'%', digits[byte >> 4], digits[byte & 15]})
+                                                     : uri.append(1, c);
     }
     return uri;
+}
+
+std::string Uri(const std::string& path) {
+    return "file:" + Escaped(path);
 }
 
 }  // namespace
@@ -87,7 +95,7 @@ bool Statement::Step() {
 }
 
 void Statement::Need(bool inOrder) {
-    if (!inOrder) throw std::runtime_error("catalogue: damaged: a value that cannot be");
+    if (!inOrder) throw Unreadable("catalogue: damaged: a value that cannot be");
 }
 
 std::int64_t Statement::Int(int column) {
@@ -120,6 +128,7 @@ Database::Database(const std::string& path, Mode mode, bool checked) : path_(pat
     const int code = sqlite3_open_v2(uri.c_str(), &handle, flags, checked ? CheckedVfs() : nullptr);
     handle_.reset(handle);
     Check(handle, code);
+    sqlite3_extended_result_codes(handle, 1);  // those of statements that SQLite runs for a pragma, too
     // SQLite opens a file for reading if it cannot open it for writing.
     if (access != SQLITE_OPEN_READONLY && sqlite3_db_readonly(handle, "main") != 0) {
         throw std::runtime_error(path + " cannot be opened for writing");
@@ -170,8 +179,8 @@ void Database::AttachUnchecked(const std::string& path, const std::string& name)
     Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro&vfs=" + sqlite3_vfs_find(nullptr)->zName);
 }
 
-void Database::Attach(const std::string& path, const std::string& name) {
-    Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro&ends=1");
+void Database::Attach(const std::string& path, const std::string& name, const std::string& fresh) {
+    Run("ATTACH ?1 AS " + name, Uri(path) + "?mode=ro&ends=1&first=" + Escaped(fresh));
 }
 
 std::int64_t Database::Number(const char* sql) {

@@ -7,10 +7,16 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace standin {
+
+// A page or a value that is damaged, or that the disk cannot read. Others may still be read.
+struct Unreadable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 // A statement with its values bound, stepped row by row. Texts are bound and read as bytes. A value that is not of
 // the kind asked for is damage, as is a text longer than it may be.
@@ -86,8 +92,9 @@ public:
     // A database without page checksums, under a name of its own, only to be read.
     void AttachUnchecked(const std::string& path, const std::string& name);
 
-    // Another one that may be damaged, only to be read, so that its log stays with it.
-    void Attach(const std::string& path, const std::string& name);
+    // Another one that may be damaged, only to be read, so that its log stays with it. If its first page is, that of
+    // the fresh one is used in its place: the tables of both have their roots on the same pages.
+    void Attach(const std::string& path, const std::string& name, const std::string& fresh);
 
     // From now on commits only count the pages in the log, and leave it to Checkpoint to bring them into the main file.
     void CountLog();

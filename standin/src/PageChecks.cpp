@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <new>
 #include <string>
@@ -63,6 +64,7 @@ struct File {
     unsigned char salts[8];  // of the main file's log, as they stood there in this transaction
     bool saltsKnown;
     File* main;             // of the log
+    std::string first;      // the page that stands for a damaged first one
     const char* immutable;  // path of a main file that nobody should change, and how it was found
     struct stat found;
     // Written to the log one piece after the other, and not passed on yet. Nobody reads them before the flush.
@@ -225,10 +227,29 @@ bool HasChanged(const File& file) {
            now.st_mtim.tv_sec != file.found.st_mtim.tv_sec || now.st_mtim.tv_nsec != file.found.st_mtim.tv_nsec;
 }
 
+// The header and the schema are the same in every catalogue of a format, but for the number of pages. Where that is 0,
+// SQLite goes by the length of the file, so that one that was cut off can be read, too.
+std::string FirstPageInstead(File& file, const char* path) {
+    constexpr std::size_t numberOfPages = 28;
+    unsigned char own[pageSize];
+    sqlite3_int64 length = 0;
+    file.Does().xFileSize(file.Real(), &length);
+    const bool good = file.Get(own, pageSize, 0) && PageIsGood(own, 0);
+    if (good && Number(own + numberOfPages) * std::int64_t{pageSize} <= length) return {};
+    std::ifstream fresh(path, std::ios::binary);
+    std::string page(pageSize, '\0');
+    if (!fresh.read(page.data(), pageSize) || !PageIsGood(reinterpret_cast<unsigned char*>(page.data()), 0)) return {};
+    return page.replace(numberOfPages, 4, 4, '\0');
+}
+
 int Read(sqlite3_file* handle, void* buffer, int size, sqlite3_int64 offset) {
     File& file = Of(handle);
     const auto* const bytes = static_cast<const unsigned char*>(buffer);
     if (const int failed = file.PassOn()) return failed;
+    if (offset + size <= static_cast<sqlite3_int64>(file.first.size())) {
+        file.first.copy(static_cast<char*>(buffer), static_cast<std::size_t>(size), static_cast<std::size_t>(offset));
+        return SQLITE_OK;
+    }
     if (file.isLog && size == pageSize) return ReadLoggedPage(file, buffer, offset);
     const int rc = file.Does().xRead(file.Real(), buffer, size, offset);
     if (file.immutable && HasChanged(file)) return SQLITE_IOERR_VNODE;
@@ -373,6 +394,8 @@ int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* handle, int flags, in
         if ((flags & ~got) & SQLITE_OPEN_READWRITE && file.main->writable) rc = SQLITE_CANTOPEN;
         if (!file.ends && !FlushedPartIsGood(file)) rc = SQLITE_IOERR_DATA;
     }
+    const char* const first = file.isLog ? nullptr : sqlite3_uri_parameter(name, "first");
+    if (rc == SQLITE_OK && first) file.first = FirstPageInstead(file, first);
     file.writable = got & SQLITE_OPEN_READWRITE;
     openFiles += !file.isLog;
     return rc;
