@@ -51,6 +51,11 @@ StoredObject CopyOf(const TsmObject& record) {
     return object;
 }
 
+bool IsRunRecord(const StoredObject& object) {
+    const std::string begin = fmt::format("/{}/", runsFolder);
+    return (object.StoredPath() + "/").compare(0, begin.size(), begin) == 0;
+}
+
 class Lister {
 public:
     Lister(Session& session, const NamePattern& pattern, const Selection& selection)
@@ -69,6 +74,7 @@ public:
                 : TsmGetBackupInfoPointInTime(handle, hl, ll, Text(selection_.at), selection_.objectType, &records));
         for (long long i = 0; i < count; ++i) {
             StoredObject object = CopyOf(records[i]);
+            if (IsRunRecord(object) != selection_.runs) continue;
             const Parts plain = object.PlainParts();
             if (plain.size() >= least && plain.size() <= most && pattern_.Matches(plain)) {
                 found_.emplace_back(plain, std::move(object));

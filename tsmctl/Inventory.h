@@ -33,6 +33,9 @@ struct StoredObject {
     std::optional<long long> Size() const;
 };
 
+// Where the records of runs are, in its stored form, which no object of a tree has.
+constexpr const char* runsFolder = "%tsmctl-runs";
+
 // Self is what the pattern names, Tree also everything below it.
 enum class Scope { Self, Tree };
 
@@ -40,6 +43,7 @@ struct Selection {
     bool allVersions = false;
     std::string at = {};
     int objectType = TSM_OBJECTS_ANY;
+    bool runs = false;  // only the records of runs, which are left out otherwise
 };
 
 // The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.

@@ -152,7 +152,9 @@ void TreeBackup::StoreItem(const LocalItem& item, Folder& folder) {
 
 void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change) {
     Report& report = context_.report;
-    if (change == Change::Unchanged) return Count(item.info.kind, change);
+    if (change == Change::Unchanged || report.IsDryRun()) {
+        return Count(SplitAtSlash(item.object), item.info.kind, change);
+    }
     ++*folder.unfinished;
     ++uncheckedObjects_;
     if (folder.sent->empty()) unchecked_.push_back({folder.object, folder.sent, folder.unfinished});
@@ -174,7 +176,8 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change) {
     }
 }
 
-void TreeBackup::Count(Kind kind, Change change) {
+void TreeBackup::Count(const Parts& object, Kind kind, Change change) {
+    if (change != Change::Unchanged) context_.report.Did("stored", Join(object), change == Change::New ? "new" : "changed");
     context_.report.Count(kind);
     context_.report.CountChange(change);
 }
@@ -198,7 +201,7 @@ void TreeBackup::Check(const Unchecked& folder) {
             const bool isThere =
                 found != now.end() && IsStoredAs(found->second, sent.kind == Kind::Directory, sent.text);
             if (isThere) {
-                Count(sent.kind, sent.change);
+                Count(Append(folder.object, {Unescape(sent.name)}), sent.kind, sent.change);
             } else {
                 report.Failed(sent.local, notStored);
                 ++*folder.unfinished;

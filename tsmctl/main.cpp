@@ -19,6 +19,7 @@ int Run(int argc, char** argv) try {
     AddCheck(commandLine);
     AddRestore(commandLine);
     AddList(commandLine);
+    AddStatus(commandLine);
     AddDelete(commandLine);
     AddRename(commandLine);
     AddFilespaces(commandLine);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <string>
 #include <vector>
@@ -51,7 +52,9 @@ void CheckOne(const CheckOptions& options, Report& report, Session& session, Buf
     report.Count(kind);
     if (!download.Sealed()) report.CountLoss("read, but stored without a SHA-256 to compare with");
     const bool isFile = kind == Kind::File || kind == Kind::Stream;
-    if (options.sums && isFile) report.Entry(SumLine(download.Digest(), object.PlainParts(), above));
+    if (!options.sums || !isFile) return report.Did("checked", object.ObjectPath());
+    if (report.IsJson()) return report.Json({{"path", object.ObjectPath()}, {"sha256", download.Digest()}});
+    report.Entry(SumLine(download.Digest(), object.PlainParts(), above));
 }
 
 void Check(const CheckOptions& options, Context& context) {
@@ -66,7 +69,7 @@ void Check(const CheckOptions& options, Context& context) {
     if (options.subset < 100) KeepSubset(objects, options.subset);
     long long bytes = 0;
     for (const StoredObject& object : objects) bytes += object.Size().value_or(0);
-    context.report.ExpectBytes(bytes);
+    context.report.ExpectBytes(bytes, objects.size());
     const size_t above = pattern.IsRoot() ? 0 : pattern.Depth() - 1;
     const Job job = {[&](size_t i) { return objects[i].ObjectPath(); },
                      [&](Session& own, Buffer& buffer, size_t i) {

@@ -9,6 +9,7 @@
 #include "Arguments.h"
 #include "Errors.h"
 #include "Inventory.h"
+#include "RunRecord.h"
 #include "Terminal.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
@@ -91,7 +92,8 @@ public:
     size_t Count() const { return objects_.size(); }
 
     void Delete() {
-        const RecordMap before = FindRecords();
+        const RecordMap before = report_.IsDryRun() ? RecordMap() : FindRecords();
+        report_.ExpectBytes(0, objects_.size());
         // A directory can only go when it is empty: files come before directories, and the deepest names first.
         std::vector<const StoredObject*> order;
         for (const auto& entry : objects_) order.push_back(&entry.second);
@@ -103,8 +105,15 @@ public:
             if (PendingSignal() != 0) break;
             const Parts parts = object->StoredParts();
             if (std::any_of(kept_.begin(), kept_.end(), [&](const Parts& p) { return StartsWith(p, parts); })) continue;
-            if (!Attempt(report_, object->ObjectPath(), [&] { DeleteOne(*object); })) kept_.push_back(parts);
+            report_.Step();
+            if (report_.IsDryRun()) {
+                report_.Did("removed", object->ObjectPath());
+                report_.Count(object->GetKind());
+            } else if (!Attempt(report_, object->ObjectPath(), [&] { DeleteOne(*object); })) {
+                kept_.push_back(parts);
+            }
         }
+        if (report_.IsDryRun()) return;
         ReportDeleted(before, FindRecords());
     }
 
@@ -152,8 +161,8 @@ private:
             const long long gone = record.versions - (rest == after.end() ? 0 : rest->second.versions);
             if (gone > 0) {
                 const std::string versions =
-                    options_.allVersions ? fmt::format(" ({} version{})", gone, gone == 1 ? "" : "s") : "";
-                report_.Line("removed " + Join(key.first) + versions);
+                    options_.allVersions ? fmt::format("{} version{}", gone, gone == 1 ? "" : "s") : "";
+                report_.Did("removed", Join(key.first), versions, true);
                 report_.Count(record.kind);
             }
         }
@@ -197,11 +206,16 @@ void Delete(const DeleteOptions& options, Context& context) {
     }
     deleter.LeaveOutUnsafe();
     const std::string question = fmt::format("delete {} objects", deleter.Count());
-    if (deleter.Count() > 1 && !Confirmed(options.yes, question, "yes")) {
+    if (deleter.Count() > 1 && !Confirmed(options.yes || context.report.IsDryRun(), question, "yes")) {
         throw Failure("not confirmed, nothing deleted");
     }
     if (deleter.Count() > 0) deleter.Delete();
     CheckInterrupt();
+    for (const NamePattern& pattern : patterns) {
+        if (!options.recursive || !options.at.empty() || pattern.IsWild() || context.report.IsDryRun()) continue;
+        Attempt(context.report, Join(pattern.Plain()),
+                [&] { RemoveRuns(session, pattern.Plain(), options.allVersions); });
+    }
     context.report.Summary("delete");
 }
 
@@ -220,6 +234,7 @@ void AddDelete(CommandLine& line) {
     AddMoment(command, options->at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
     command.add_flag("--yes", options->yes, "do not ask before deleting more than one object");
     AddLiteral(command, options->literal);
+    line.AddDryRun(command);
 }
 
 }  // namespace tsmctl

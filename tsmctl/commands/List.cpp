@@ -21,7 +21,6 @@ struct ListOptions {
     std::string path = "/";
     std::string type = "any";
     std::string at;
-    bool json = false;
     bool allVersions = false;
     bool literal = false;
 };
@@ -110,7 +109,8 @@ void ListObjects(const ListOptions& options, Context& context) {
         if (onePath) return context.report.Failed(options.path, NotFound(place).what());
         context.report.Note("nothing to list " + place);
     }
-    if (!options.json) return PrintTable(context.report, objects, options.allVersions ? &active : nullptr);
+    for (const StoredObject& object : objects) context.report.Count(object.GetKind());
+    if (!context.report.IsJson()) return PrintTable(context.report, objects, options.allVersions ? &active : nullptr);
     for (size_t i = 0; i < objects.size(); ++i) context.report.Json(JsonOf(objects[i], active[i]));
 }
 
@@ -126,7 +126,6 @@ void AddList(CommandLine& line) {
     command.add_option("PATH", options->path, "object path, may hold * and ? (default: everything)")
         ->type_name("OBJECT");
     AddChoice(command, "--type", options->type, "kind of object", {"any", "dir", "file"})->capture_default_str();
-    AddJson(command, options->json);
     CLI::Option* const allVersions = command.add_flag("--all-versions", options->allVersions, "also inactive versions");
     AddMoment(command, options->at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time")->excludes(allVersions);
     AddLiteral(command, options->literal);

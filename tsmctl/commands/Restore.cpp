@@ -56,6 +56,7 @@ public:
     // Comes after everything that the directory holds, since that changes its time and its mode may forbid it.
     void FinishDirectory(const RestoreItem& item) {
         report_.Count(Kind::Directory);
+        report_.Did("restored", item.object.ObjectPath());
         RequireKnown(item.object);
         if (!item.object.info || untouched_.count(item.local) > 0) return;
         const Info& info = *item.object.info;
@@ -90,6 +91,7 @@ public:
         const struct stat status = entry.Status();
         entry.Publish(item.object.info, defaultMode_, download.Header(), report_);
         report_.Count(kind);
+        report_.Did("restored", item.object.ObjectPath());
         if (!key.empty()) twins_.try_emplace(key, Twin{item.local, status});
     }
 
@@ -197,8 +199,19 @@ std::vector<RestoreItem> Plan(Report& report, const std::vector<StoredObject>& o
     return plan;
 }
 
+void TellPlan(const RestoreOptions& options, Report& report, const std::vector<RestoreItem>& plan) {
+    for (const RestoreItem& item : plan) {
+        struct stat status = {};
+        const bool exists =
+            !item.object.directory && lstat((options.to + "/" + Join(item.local)).c_str(), &status) == 0;
+        report.Did("restored", item.object.ObjectPath(), exists ? "its name is taken here" : "");
+        report.Count(item.object.GetKind());
+    }
+}
+
 void RestoreTree(const RestoreOptions& options, Context& context, Session& session,
                  const std::vector<RestoreItem>& plan) {
+    if (context.report.IsDryRun()) return TellPlan(options, context.report, plan);
     Restorer restorer(options, context.report);
     std::vector<const RestoreItem*> directories;
     std::vector<const RestoreItem*> others;
@@ -212,7 +225,7 @@ void RestoreTree(const RestoreOptions& options, Context& context, Session& sessi
             directories.push_back(&item);
         }
     }
-    context.report.ExpectBytes(bytes);
+    context.report.ExpectBytes(bytes, plan.size());
     const Job job = {[&](size_t i) { return others[i]->object.ObjectPath(); },
                      [&](Session& own, Buffer& buffer, size_t i) { restorer.RestoreOne(own, buffer, *others[i]); }};
     RunParallel(context, session, options.jobs, others.size(), job);
@@ -229,10 +242,14 @@ void RestoreToOutput(const RestoreOptions& options, Report& report, Session& ses
         return object.PlainParts().size() == depth && !object.directory && !IsSpecial(object.GetKind());
     });
     if (files.size() != 1) throw Failure("is not one file or stream");
-    Buffer buffer(pieceSize);
-    Download download(session, files[0], options.at);
-    report.ExpectBytes(files[0].Size().value_or(0));
-    Restorer::ReceiveInto(STDOUT_FILENO, download, buffer, report);
+    if (!report.IsDryRun()) {
+        report.LeaveOutputAlone();
+        Buffer buffer(pieceSize);
+        Download download(session, files[0], options.at);
+        report.ExpectBytes(files[0].Size().value_or(0));
+        Restorer::ReceiveInto(STDOUT_FILENO, download, buffer, report);
+    }
+    report.Did("restored", files[0].ObjectPath());
     report.Count(files[0].GetKind());
 }
 
@@ -271,6 +288,7 @@ void AddRestore(CommandLine& line) {
     command.add_flag("--force", options->force, "replace files that exist");
     AddMoment(command, options->at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time");
     AddJobs(command, options->jobs);
+    line.AddDryRun(command);
 }
 
 }  // namespace tsmctl

@@ -44,11 +44,12 @@ public:
     explicit Verifier(Report& report) : report_(report) {}
 
     // A difference is a result, and makes the command fail.
-    void Differs(const std::string& subject, const std::string& text) { report_.Differs(subject + ": " + text); }
+    void Differs(const std::string& subject, const std::string& text) { report_.Differs(subject, text); }
 
     void Compare(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const Kind stored = object.GetKind();
         report_.Count(item.info.kind);
+        report_.Did("compared", item.object);
         const bool sameKind = stored == item.info.kind || (stored == Kind::Stream && item.info.kind == Kind::File);
         if (!sameKind) {
             return Differs(item.local, fmt::format("{} here, {} stored", KindName(item.info.kind), KindName(stored)));
@@ -165,7 +166,7 @@ void VerifyTrees(const VerifyOptions& options, Context& context) {
     for (const auto& [name, object] : stored) {
         if (here.count(name) == 0 && !isInUnreadable(name)) verifier.Differs(name, "is stored and not here");
     }
-    context.report.ExpectBytes(bytes);
+    context.report.ExpectBytes(bytes, pairs.size());
     const Job job = {[&](size_t i) { return pairs[i].first->local; },
                      [&](Session& own, Buffer& buffer, size_t i) {
                          verifier.Compare(own, buffer, *pairs[i].first, *pairs[i].second);
@@ -183,6 +184,7 @@ void VerifyInput(const VerifyOptions& options, Context& context) {
         if (found.empty()) throw NotFound();
         Buffer buffer(pieceSize);
         context.report.Count(Kind::Stream);
+        context.report.Did("compared", Join(name));
         Download download(session, found[0], "");
         Verifier(context.report).CompareContent(download, buffer, Join(name), [](unsigned char* memory, size_t length) {
             return ReadFull(STDIN_FILENO, memory, length);
