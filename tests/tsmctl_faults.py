@@ -45,6 +45,10 @@ ROWS = [
     ("FAULT dsmDeleteObj 157 17", DELETE, 1, "giving the transaction up"),
     ("FAULT dsmEndTxn 2302 106", DELETE, 1, "permission may be missing"),
     ("FAULT dsmDeleteFS 106", "delete-filespace tsmctl --yes", 1, "no permission"),
+    *((";".join(f"FAULT {call} 106" for call in ("dsmBeginTxn", "dsmDeleteFS", "dsmSetAccess")), command + dry, status, "")
+      for command in (BACKUP, STREAM, RENAME, DELETE, "grant OTHER", "delete-filespace tsmctl --yes")
+      for dry, status in (("", 1), (" --dry-run", 0))),
+    ("", RESTORE + " --dry-run", 0, ""),
 ]
 
 
@@ -69,7 +73,7 @@ def run(store, command, rules="", retries="0"):
 
 def state(store):
     """How many versions each object has, and the bytes of the active one."""
-    versions = [json.loads(line)["path"] for line in run(store, "list --all-versions --json").stdout.splitlines()]
+    versions = [json.loads(line)["path"] for line in run(store, "list --all-versions --json -q").stdout.splitlines()]
     done = run(store, "restore / --to out")
     assert done.returncode == 0, done.stderr
     active = files("out")
@@ -107,9 +111,9 @@ def attempt(base, rules, command, status, words):
     if command.startswith("restore"):
         there = files("out/tree") if os.path.exists("out/tree") else {}
         assert there.items() <= tree.items()
-        assert (there == tree) == (done.returncode == 0)
+        assert (there == tree) == (done.returncode == 0 and "--dry-run" not in command)
     found = state("store")
-    complete = after(command) if not command.startswith("delete-filespace") else {}
+    complete = after(command) if command != "delete-filespace tsmctl --yes" else {}
     if done.returncode == 0:
         assert found == complete
     elif command.startswith("backup"):  # each object for itself

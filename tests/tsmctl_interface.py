@@ -116,11 +116,11 @@ class Bash:
 
 
 TAB, ALL, LEFT = "\t", "\x1b*", "\x1b[D"  # Alt-* puts in every completion
-common = sorted(options_of(top) - {"-h", "-q"})
 
 
 def options_with(command):
-    return " ".join(sorted({*common, *options_of(helps.get(command, ""))} - {"-h", "-q", "-j"}))
+    names = options_of(top) | options_of(helps.get(command, ""))
+    return " ".join(sorted(name for name in names if name.startswith("--")))
 
 
 anywhere = [
@@ -265,4 +265,49 @@ def test_names_that_would_steer_the_terminal(known):
     forged = "a\nb\x9bé\x1b"
     assert on_terminal(known, "--filespace", forged, "list")[0] == 0
     assert on_terminal(known, "filespaces")[1] == "a?b?é?\r\n"
-    assert on_terminal(known, "filespaces", "--json")[1] == f'{{"filespace":{json.dumps(forged)}}}\r\n'
+    assert on_terminal(known, "filespaces", "--json", "-q")[1] == f'{{"filespace":{json.dumps(forged)}}}\r\n'
+
+
+@pytest.mark.parametrize("slow, command", [
+    ("dsmBeginGetData", "check"), ("dsmEndTxn", "delete tree --recursive --yes"), ("dsmEndTxn", "rename tree new")])
+def test_progress_counts_objects(slow, command, known, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    os.mkdir("tree")
+    for name in "abc":
+        Path("tree", name).write_text(name, encoding="utf-8")
+    on_terminal(known, "backup", "tree")
+    shown = on_terminal({**known, "TSM_STANDIN_FAULTS": f"LATENCY {slow} 120"}, *command.split())[1]
+    assert re.search(r"\d%  .*[123] of [34] objects", shown)
+
+
+# What each command needs, in the order of the help, and its first line as JSON, or some of it.
+told = {
+    "backup": (["tree"], {"action": "stored", "path": "tree", "detail": "new"}),
+    "verify": (["tree"], {"action": "compared", "path": "tree"}),
+    "check": (["--sums"], {"path": "tree/f", "sha256": "5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03"}),
+    "restore": (["tree", "--to", "out"], {"action": "restored", "path": "tree/f"}),
+    "list": (["tree"], {"path": "tree", "kind": "directory"}),
+    "status": (["--critical", "1"], {"path": "tree", "state": "complete", "level": "OK", "failures": 0}),
+    "delete": (["tree/g"], {"action": "removed", "path": "tree/g"}),
+    "rename": (["tree/f", "tree/h"], {"action": "renamed", "path": "tree/f", "detail": "to tree/h"}),
+    "filespaces": ([], {"filespace": "tsmctl"}),
+    "classes": ([], {"class": "STANDARD"}),
+    "delete-filespace": (["none", "--yes"], {"failed": ""}),
+    "grant": (["OTHER"], {"text": "granted OTHER access to filespace tsmctl"}),
+    "completion": ([], {}),
+    "help": ([], {"text": top[:-1]})}
+
+
+def test_json(known, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    os.mkdir("tree")
+    for name in ("f", "g"):
+        Path("tree", name).write_text("hello\n", encoding="utf-8")
+    assert list(told) == commands
+    for command, (arguments, first) in told.items():
+        done = subprocess.run([tsmctl, command, *arguments, "-v", "--json"], env=known, capture_output=True, text=True)
+        lines = [json.loads(line) for line in done.stdout.splitlines()]
+        assert {key: lines[0].get(key) for key in first} == first, command
+        summary = lines[-1]["summary"]
+        assert (summary["command"], summary["succeeded"]) == (command, done.returncode == 0)
+        assert summary["succeeded"] == (not done.stderr) == ("failed" not in first), done.stderr

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -100,10 +101,10 @@ public:
 
     void Put(const std::string& path, const std::string& name, const std::string& info, std::string data) {
         auto* const bytes = reinterpret_cast<unsigned char*>(data.data());
-        const int announced = info.rfind("tsmctl2 d ", 0) == 0 ? 0 : 1;  // 0 makes a directory
+        const bool directory = data.empty() || info.rfind("tsmctl2 d ", 0) == 0;
         char* const text = info.empty() ? nullptr : Text(info);
-        EXPECT_EQ(TsmBeginBackupEx(handle_, Text(path), Text(name), announced, text, nullptr), 0);
-        EXPECT_EQ(announced == 0 ? 0 : TsmSendData(handle_, bytes, static_cast<int>(data.size())), 0);
+        EXPECT_EQ(TsmBeginBackupEx(handle_, Text(path), Text(name), directory ? 0 : 1, text, nullptr), 0);
+        EXPECT_EQ(directory ? 0 : TsmSendData(handle_, bytes, static_cast<int>(data.size())), 0);
         EXPECT_EQ(TsmEndBackup(handle_), 0) << path << ' ' << name;
     }
 
@@ -221,7 +222,7 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
         "printf 'secret\\r\nmore' > pw; tsmctl -q --password-file pw list a && chmod 644 pw && tsmctl -q "
         "--password-file pw list a 2>&1 | head -1",
         0, "pw: warning: other users can read");
-    Expect("tsmctl list --json | wc -l", 0, "5");
+    Expect("tsmctl list --json -q | wc -l", 0, "5");
 }
 
 TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
@@ -549,11 +550,48 @@ TEST_F(Tsmctl, WhatABackupLeavesAsItIs) {
             << outcome.out;
     }
     Expect(
-        "rm -rf t; cp -a orig t; tsmctl -q backup t --full; mv t/b t/c; touch t; faulty 'dsmEndSendObj 2 1' backup t",
+        "rm -rf t; cp -a orig t; tsmctl -q backup t --full; mv t/b t/c; touch t; faulty 'dsmEndSendObj 3 1' backup t",
         1, "", "t/c: is not stored");
     Expect("tsmctl list t/b && tsmctl -q backup t && tsmctl list t/c && tsmctl list t/b", 1, "  t/c\n",
            "t/b: not found");
     Expect("tsmctl backup ../store --to s; tsmctl list s -q | wc -l", 0, "2\n", "../store is the store of a server");
+}
+
+TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
+    const std::string now = std::to_string(std::time(nullptr));
+    const std::string old = std::to_string(std::time(nullptr) - 9 * 3600 - 60);
+    struct Case {
+        std::string fields, options;
+        int status;
+        std::string told;
+    };
+    const Case cases[] = {
+        {" failures=0 complete=" + now, "", 0, "complete   20"},
+        {" failures=0 complete=" + now, "--critical 5 --format nagios", 0, "TSMCTL OK: 1 complete | 't'=0s;;18000\n"},
+        {" failures=2 complete=" + now, "", 1, "  t: 2 failures at 1970-"},
+        {" failures=2 complete=" + now, "--format nagios --warning 5", 1, "TSMCTL WARNING: t 2 failures at"},
+        {" failures=2", "--format nagios", 2, "TSMCTL CRITICAL: t 2 failures at"},
+        {" failures=0 complete=" + old, "--format nagios --warning 9 --critical 10", 1, "WARNING: t last complete at "},
+        {" failures=0 complete=" + old, "--format nagios --warning 5 --critical 9", 2, "CRITICAL: t last complete at "},
+        {" failures=0 complete=" + old, "--critical 10", 0, "complete   20"},
+        {" complete=" + now, "", 1, "t: not ended since 1970-01-01 00:00:50"},
+        {" complete=" + now, "--critical 5", 0, "t: not ended since"},
+        {" failures=1 complete=" + now, "--format prometheus", 1,
+         "tsmctl_last_succeeded{node=\"node\",filespace=\"tsmctl\",path=\"t\"} 0\n"},
+        {"", "none", 1, ""},
+        {"", "none --format nagios", 3, "TSMCTL UNKNOWN: no backup"}};
+    for (const Case& c : cases) {
+        OtherProgram(root).Put("t", "f", "", "x");
+        OtherProgram(root).Put("%tsmctl-runs", "t", "tsmctl2 d 0700 99.000000000 0 0:0 50.000000000" + c.fields, "");
+        const Outcome outcome =
+            Run("export TZ=UTC; tsmctl status " + c.options + " | sed 's/=[1-5]s/=0s/'; exit $PIPESTATUS");
+        EXPECT_EQ(outcome.status, c.status) << c.fields << c.options;
+        EXPECT_NE(outcome.out.find(c.told), std::string::npos) << outcome.out;
+    }
+    Expect("mkdir u; echo > u/f; tsmctl -q backup u; echo | tsmctl -q backup - --as u/s; tsmctl status u", 0,
+           "  u\ncomplete ");
+    Expect("faulty 'dsmSendObj 2 1' backup u --full; tsmctl status u", 1, "failed     20", "cannot begin");
+    Expect("tsmctl -q rename u v; tsmctl delete t --recursive --yes > log; tsmctl status", 1, "", "is recorded");
 }
 
 TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
@@ -684,7 +722,7 @@ TEST_F(Tsmctl, ServerCommands) {
         "echo 1 > f; tsmctl -q backup f --filespace two; tsmctl -q backup f; tsmctl filespaces | sort | tr '\\n' ' '",
         0, "tsmctl two ");
     Expect("tsmctl grant OTHER && tsmctl classes --json", 0, R"({"class":")");
-    Expect("tsmctl delete-filespace two --yes && tsmctl filespaces --json", 0, "{\"filespace\":\"tsmctl\"}\n");
+    Expect("tsmctl delete-filespace two --yes && tsmctl filespaces -q --json", 0, "{\"filespace\":\"tsmctl\"}\n");
     Expect("tsmctl delete-filespace two --yes", 1, "", "cannot delete the filespace");
 }
 

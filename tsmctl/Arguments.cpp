@@ -90,10 +90,6 @@ CLI::Option* AddJobs(CLI::App& command, int& jobs) {
         ->default_str(std::to_string(jobs));
 }
 
-CLI::Option* AddJson(CLI::App& command, bool& json) {
-    return command.add_flag("--json", json, "one JSON object a line");
-}
-
 CLI::Option* AddLiteral(CLI::App& command, bool& literal) {
     return command.add_flag("--literal", literal, "take * and ? in PATH as they are");
 }

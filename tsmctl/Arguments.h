@@ -24,7 +24,6 @@ CLI::Option* AddChoice(CLI::App& command, const char* name, std::string& value, 
 CLI::Option* AddMoment(CLI::App& command, std::string& at, const char* description);
 CLI::Option* AddExclude(CLI::App& command, std::vector<std::string>& patterns);
 CLI::Option* AddJobs(CLI::App& command, int& jobs);
-CLI::Option* AddJson(CLI::App& command, bool& json);
 CLI::Option* AddLiteral(CLI::App& command, bool& literal);
 
 // Local paths and their place among the objects, or standard input and its object path.

@@ -67,7 +67,7 @@ void Batch::Run(bool last) {
     std::stable_sort(objects_.begin(), objects_.end(),
                      [](const auto& a, const auto& b) { return a.object.date < b.object.date; });
     if (first_ && last) {
-        for (const ChosenObject& chosen : objects_) context_.report.ExpectBytes(chosen.object.Size());
+        for (const ChosenObject& chosen : objects_) context_.report.Expect(chosen.object.Size());
     }
     first_ = false;
     const Job job = {[&](size_t i) { return objects_[i].object.ObjectPath(); },

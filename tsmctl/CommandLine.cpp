@@ -76,7 +76,13 @@ void CommandLine::AddCommonOptions() {
               [this](long long number) { connection_.retries = number; })
         ->default_str(std::to_string(connection_.retries))
         ->envname("TSMCTL_RETRIES");
-    app_.add_flag("-q,--quiet", quiet_, "no progress, no summary");
+    app_.add_flag("-q,--quiet", output_.quiet, "no progress, no summary");
+    app_.add_flag("-v,--verbose", output_.verbose, "name each object that something is done to");
+    app_.add_flag("--json", output_.json, "one JSON object a line, the last a summary");
+}
+
+void CommandLine::AddDryRun(CLI::App& command) {
+    command.add_flag("--dry-run", output_.dryRun, "change nothing, only tell what would be done");
 }
 
 CLI::App& CommandLine::Add(const std::string& name, const std::string& description,
@@ -128,11 +134,11 @@ int CommandLine::Run(int argc, char** argv) {
         if (error.get_exit_code() != 0) throw UsageError(UsageText(app_, error));
         app_.exit(error, help);
     }
-    Report report(quiet_);
+    Report report(output_);
     Connection connection(connection_);
+    Context context = {connection, report};
     try {
         if (command) {
-            Context context = {connection, report};
             command->run(context);
         } else {
             report.Text(help.str());
@@ -140,7 +146,7 @@ int CommandLine::Run(int argc, char** argv) {
     } catch (const Failure& failure) {
         report.Failed(failure.what());
     }
-    if (report.Succeeded()) return 0;
+    if (report.Succeeded(command ? command->syntax->get_name() : "help", context.status == 0)) return context.status;
     if (const std::string log = connection.GrownLog(); !log.empty()) {
         PrintMessage("the client API's log has more: " + log);
     }

@@ -24,6 +24,8 @@ public:
     // a store that holds what they name.
     CLI::App& Add(const std::string& name, const std::string& description, const std::vector<std::string>& examples,
                   RunFunction run);
+    // For a command that changes something; it asks the Report.
+    void AddDryRun(CLI::App& command);
     const CLI::App& Syntax() const { return app_; }
 
     // Parses the arguments and runs the command. Returns the exit status. Throws UsageError.
@@ -41,7 +43,7 @@ private:
 
     CLI::App app_{"Stores files on a TSM server and brings them back.", "tsmctl"};
     ConnectionOptions connection_;
-    bool quiet_ = false;
+    ReportOptions output_;
     std::vector<Command> commands_;
 };
 

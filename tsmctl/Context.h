@@ -9,6 +9,7 @@ namespace tsmctl {
 struct Context {
     Connection& connection;
     Report& report;
+    int status = 0;  // of the program, when nothing failed
 };
 
 }  // namespace tsmctl

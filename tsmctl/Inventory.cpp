@@ -54,6 +54,11 @@ StoredObject CopyOf(const TsmObject& record) {
     return object;
 }
 
+bool IsRunRecord(const std::string& path, const std::string& name) {
+    const std::string begin = fmt::format("/{}/", runsFolder);
+    return (path + name + "/").compare(0, begin.size(), begin) == 0;
+}
+
 // Gives each record of a listing to take. The path and the name may be patterns; a null name is every name.
 void Ask(Session& session, const std::string& path, const char* name, const Selection& selection,
          const std::function<void(const TsmObject&)>& take) {
@@ -67,7 +72,9 @@ void Ask(Session& session, const std::string& path, const char* name, const Sele
             selection.at.empty()
                 ? TsmGetBackupInfo(handle, hl, ll, selection.allVersions ? 0 : 1, selection.objectType, &records)
                 : TsmGetBackupInfoPointInTime(handle, hl, ll, Text(selection.at), selection.objectType, &records));
-        std::for_each(records, records + count, take);
+        for (long long i = 0; i < count; ++i) {
+            if (IsRunRecord(records[i].highLevelName, records[i].lowLevelName) == selection.runs) take(records[i]);
+        }
         TsmEndGetBackupInfo(handle);
     };
     session.Retry(list, true);

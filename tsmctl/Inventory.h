@@ -35,6 +35,9 @@ struct StoredObject {
     std::optional<long long> Size() const;
 };
 
+// Where the records of runs are, in its stored form, which no object of a tree has.
+constexpr const char* runsFolder = "%tsmctl-runs";
+
 // Self is what the pattern names, Tree also everything below it.
 enum class Scope { Self, Tree };
 
@@ -45,6 +48,7 @@ struct Selection {
     // Of a walk: which of them are active now, and with at also those that are active now and were not then.
     bool marked = false;
     bool andNow = false;
+    bool runs = false;  // only the records of runs, which are left out otherwise
 };
 
 // The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.

@@ -35,8 +35,8 @@ size_t Room() {
 
 }  // namespace
 
-Report::Report(bool quiet)
-    : quiet_(quiet), bar_(!quiet && isatty(STDERR_FILENO) == 1), onTerminal_(isatty(STDOUT_FILENO) == 1) {}
+Report::Report(const ReportOptions& options)
+    : options_(options), bar_(!options.quiet && isatty(STDERR_FILENO) == 1), onTerminal_(isatty(STDOUT_FILENO) == 1) {}
 
 void PrintMessage(std::string_view text) {
     const std::string line = "tsmctl: " + Printable(text) + "\n";
@@ -52,19 +52,23 @@ void Report::Say(const std::string& text) {
     PrintMessage(text);
 }
 
+void Report::Event(const char* key, std::string_view subject, std::string_view text) {
+    if (options_.json) Json({{key, subject}, {"text", text}});
+}
+
 void Report::Failed(std::string_view subject, std::string_view text) {
+    Event("failed", subject, text);
     const std::lock_guard<std::mutex> lock(mutex_);
     ++failures_;
-    Say(fmt::format("{}: {}", subject, text));
+    Say(fmt::format("{}{}{}", subject, subject.empty() ? "" : ": ", text));
 }
 
 void Report::Failed(std::string_view text) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    ++failures_;
-    Say(std::string(text));
+    Failed("", text);
 }
 
 void Report::Warn(std::string_view subject, std::string_view text) {
+    Event("warning", subject, text);
     const std::lock_guard<std::mutex> lock(mutex_);
     Say(fmt::format("{}: warning: {}", subject, text));
 }
@@ -76,17 +80,21 @@ void Report::CountLoss(const std::string& what) {
 
 void Report::Note(std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (!quiet_) Say(std::string(text));
+    if (!options_.quiet) Say(std::string(text));
 }
 
 void Report::Put(const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex_);
     Erase();
-    std::fwrite((line + "\n").data(), 1, line.size() + 1, stdout);
+    std::fwrite((line + "\n").data(), 1, line.size() + 1, out_);
 }
 
 void Report::Line(std::string_view text) {
-    Put(Printable(text));
+    if (options_.json) {
+        Json({{"text", text}});
+    } else {
+        Put(Printable(text));
+    }
 }
 
 void Report::Entry(const std::string& text) {
@@ -97,8 +105,8 @@ void Report::Json(const nlohmann::ordered_json& value) {
     Put(value.dump(-1, ' ', onTerminal_, nlohmann::ordered_json::error_handler_t::replace));
 }
 
-void Report::Name(const char* key, const std::string& name, bool json) {
-    if (json) {
+void Report::Name(const char* key, const std::string& name) {
+    if (options_.json) {
         Json({{key, name}});
     } else {
         Entry(name);
@@ -106,18 +114,45 @@ void Report::Name(const char* key, const std::string& name, bool json) {
 }
 
 void Report::Text(const std::string& text) {
-    Put(text.substr(0, text.find_last_not_of('\n') + 1));
+    const std::string trimmed = text.substr(0, text.find_last_not_of('\n') + 1);
+    if (options_.json) return Line(trimmed);
+    Put(trimmed);
 }
 
-void Report::Differs(std::string_view text) {
-    Line(text);
+void Report::Differs(std::string_view subject, std::string_view text) {
+    Differs(subject, text, fmt::format("{}: {}", subject, text));
+}
+
+void Report::Differs(char mark, const std::string& object) {
+    Differs(object, std::string(1, mark), fmt::format("{} {}", mark, object));
+}
+
+void Report::Differs(std::string_view subject, std::string_view text, const std::string& line) {
+    if (options_.json) {
+        Event("differs", subject, text);
+    } else {
+        Line(line);
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     ++differences_;
 }
 
-void Report::ExpectBytes(std::optional<long long> more) {
+void Report::Did(const char* action, const std::string& object, const std::string& detail, bool isResult) {
+    if (!isResult && !options_.verbose && !options_.dryRun) return;
+    if (!options_.json) {
+        const std::string more = detail.empty() ? "" : fmt::format(" ({})", detail);
+        return Line(fmt::format("{}{} {}{}", options_.dryRun ? "would be " : "", action, object, more));
+    }
+    nlohmann::ordered_json line = {{"action", action}, {"path", object}};
+    if (!detail.empty()) line["detail"] = detail;
+    if (options_.dryRun) line["dryRun"] = true;
+    Json(line);
+}
+
+void Report::Expect(std::optional<long long> bytes) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    totalBytes_ += std::min(std::max(0LL, more.value_or(0)), LLONG_MAX - totalBytes_);
+    totalBytes_ += std::min(std::max(0LL, bytes.value_or(0)), LLONG_MAX - totalBytes_);
+    ++totalObjects_;
 }
 
 void Report::Advance(size_t count) {
@@ -126,9 +161,16 @@ void Report::Advance(size_t count) {
     Draw();
 }
 
+void Report::Step() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++steps_;
+    Draw();
+}
+
 void Report::Count(Kind kind) {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++counts_[kind];
+    ++counted_;
     Draw();
 }
 
@@ -141,32 +183,46 @@ double Report::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
+namespace {
+
 // Empty where the time is not known, or so long that it means nothing.
-std::string Report::TimeLeft(double rate) const {
-    const double seconds = static_cast<double>(totalBytes_ - bytes_) / rate;
+std::string TimeLeft(double seconds) {
     if (!(seconds >= 0 && seconds < 100 * 3600)) return "";
     const auto left = static_cast<int>(seconds);
     if (left < 3600) return fmt::format("  {}:{:02} left", left / 60, left % 60);
     return fmt::format("  {}:{:02}:{:02} left", left / 3600, left / 60 % 60, left % 60);
 }
 
+}  // namespace
+
 void Report::Draw() {
     const auto now = Clock::now();
-    if (!bar_ || bytes_ == 0 || now - drawn_ < std::chrono::milliseconds(100)) return;
+    const size_t objects = std::max(steps_, counted_);
+    if (!bar_ || (bytes_ == 0 && objects == 0) || now - drawn_ < std::chrono::milliseconds(100)) return;
     drawn_ = now;
-    const double rate = static_cast<double>(bytes_) / Seconds();
-    const std::string done = HumanSize(static_cast<double>(bytes_));
-    const std::string speed = fmt::format("  {}/s", HumanSize(rate));
-    std::vector<std::string> lines = {done + speed, done};  // from the longest to the shortest
-    if (totalBytes_ > 0) {
-        const double part = std::min(1.0, static_cast<double>(bytes_) / static_cast<double>(totalBytes_));
+    const auto bytes = static_cast<double>(bytes_);
+    const auto totalBytes = static_cast<double>(totalBytes_);
+    std::string counted = objects > 0 ? fmt::format("  {}", objects) : "";
+    if (objects > 0) counted += totalObjects_ > 0 ? fmt::format(" of {} objects", totalObjects_) : " objects";
+    const std::string of = totalBytes_ > 0 ? " of " + HumanSize(totalBytes) : "";
+    const std::string amount = bytes_ > 0 ? fmt::format("  {}{}", HumanSize(bytes), of) : "";
+    const std::string speed = bytes_ > 0 ? fmt::format("  {}/s", HumanSize(bytes / Seconds())) : "";
+    // From the longest to the shortest.
+    std::vector<std::string> lines = {amount + counted + speed, amount + counted, amount.empty() ? counted : amount};
+    if (totalBytes_ > 0 || totalObjects_ > 0) {
+        const double done =
+            totalBytes_ > 0 ? bytes / totalBytes : static_cast<double>(objects) / static_cast<double>(totalObjects_);
+        const double part = std::min(1.0, done);
         const auto marks = static_cast<size_t>(part * 24);
         const std::string scale = fmt::format("[{}{}] ", std::string(marks, '#'), std::string(24 - marks, '-'));
         const std::string percent = fmt::format("{:3.0f}%", part * 100);
-        const std::string amount = fmt::format("  {} of {}", done, HumanSize(static_cast<double>(totalBytes_)));
-        const std::string left = TimeLeft(rate);
-        lines = {scale + percent + amount + speed + left, percent + amount + speed + left, percent + speed + left,
-                 percent + left, percent};
+        const std::string left = TimeLeft(Seconds() * (1 - part) / part);
+        lines = {scale + percent + amount + counted + speed + left,
+                 percent + amount + counted + speed + left,
+                 percent + amount + speed + left,
+                 percent + speed + left,
+                 percent + left,
+                 percent};
     }
     const size_t room = Room();
     const auto fits = std::find_if(lines.begin(), lines.end(), [&](const auto& line) { return line.size() <= room; });
@@ -187,8 +243,8 @@ void Report::Summary(const std::string& command) {
     for (const auto& [what, count] : losses_) {
         Say(fmt::format("warning: {} ({} object{})", what, count, count == 1 ? "" : "s"));
     }
-    if (quiet_) return;
-    std::string text = command + ":";
+    if (options_.quiet || options_.json) return;
+    std::string text = command + (options_.dryRun ? " (dry run):" : ":");
     for (const auto& [kind, count] : counts_) {
         const char* const plural = kind == Kind::Directory ? "directories" : nullptr;
         text += count == 1 || plural ? fmt::format(" {} {},", count, count == 1 ? KindName(kind) : plural)
@@ -205,7 +261,32 @@ void Report::Summary(const std::string& command) {
     Say(text);
 }
 
-bool Report::Succeeded() {
+void Report::JsonSummary(const std::string& command, bool good) {
+    nlohmann::ordered_json objects = nlohmann::ordered_json::object();
+    for (const auto& [kind, count] : counts_) objects[KindName(kind)] = count + objects.value(KindName(kind), 0LL);
+    nlohmann::ordered_json summary = {{"command", command}, {"dryRun", options_.dryRun}, {"objects", objects}};
+    if (!changes_.empty()) {
+        summary["new"] = changes_[Change::New];
+        summary["changed"] = changes_[Change::Changed];
+        summary["unchanged"] = changes_[Change::Unchanged];
+        summary["gone"] = changes_[Change::Gone];
+    }
+    summary["bytes"] = bytes_;
+    summary["seconds"] = Seconds();
+    summary["differences"] = differences_;
+    summary["failures"] = failures_;
+    summary["incomplete"] = losses_;
+    summary["succeeded"] = good && failures_ == 0 && differences_ == 0;
+    Json({{"summary", summary}});
+}
+
+long long Report::Failures() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return failures_;
+}
+
+bool Report::Succeeded(const std::string& command, bool good) {
+    if (options_.json && !options_.quiet) JsonSummary(command, good);
     const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     if (!written) Failed("standard output", "cannot write");
     const std::lock_guard<std::mutex> lock(mutex_);

@@ -1,8 +1,10 @@
 // Everything that a command says: failures and warnings on standard error, results on standard output, the progress
-// line and the closing summary. Names and texts from outside are made harmless here and nowhere else.
+// line and the closing summary; as JSON, all but the progress on standard output. Names and texts from outside are made
+// harmless here and nowhere else.
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -21,13 +23,26 @@ void PrintMessage(std::string_view text);
 // What became of an object in a backup.
 enum class Change { New, Changed, Unchanged, Gone };
 
+struct ReportOptions {
+    bool quiet = false;
+    bool verbose = false;
+    bool json = false;
+    bool dryRun = false;
+};
+
 // Safe for several threads.
 class Report {
 public:
-    explicit Report(bool quiet);
+    explicit Report(const ReportOptions& options);
     ~Report();
     Report(const Report&) = delete;
     Report& operator=(const Report&) = delete;
+
+    bool IsJson() const { return options_.json; }
+    // Whether the command only tells what it would do.
+    bool IsDryRun() const { return options_.dryRun; }
+    // Standard output takes data. What would be written there goes to standard error.
+    void LeaveOutputAlone() { out_ = stderr; }
 
     // Something could not be done: one object, or the whole command.
     void Failed(std::string_view subject, std::string_view text);
@@ -41,38 +56,48 @@ public:
     // A line of the result.
     void Line(std::string_view text);
     // A line of the result that makes the command fail.
-    void Differs(std::string_view text);
+    void Differs(std::string_view subject, std::string_view text);
+    void Differs(char mark, const std::string& object);
+    // What was done to an object ("removed"), or would be. Left out unless each is to be named, or it is a result.
+    void Did(const char* action, const std::string& object, const std::string& detail = "", bool isResult = false);
     // A line that scripts read: names are shown as they are unless it is a terminal, but on one line.
     void Entry(const std::string& text);
     // The exact value on one line, in plain ASCII on a terminal.
     void Json(const nlohmann::ordered_json& value);
-    // An entry, or with json an object with this one member.
-    void Name(const char* key, const std::string& name, bool json);
+    // An entry, or an object with this one member.
+    void Name(const char* key, const std::string& name);
     // Text of our own, without the last line break.
     void Text(const std::string& text);
 
-    // So many more. What is not sure counts as 0.
-    void ExpectBytes(std::optional<long long> more);
+    // One more object is to be done. A size that is not sure counts as 0.
+    void Expect(std::optional<long long> bytes = 0);
     void Advance(size_t count);
+    // One more object is behind, of which is counted later whether it was done.
+    void Step();
     void Count(Kind kind);
     // Once called, even with 0, the summary tells all four.
     void CountChange(Change change, long long count = 1);
     void Summary(const std::string& command);
 
-    // False when anything failed or differed. Flushes standard output first; an error there is a failure.
-    bool Succeeded();
+    long long Failures();
+    // Ends the output, as JSON with a summary. False when anything failed or differed, or standard output could not be
+    // written.
+    bool Succeeded(const std::string& command, bool good);
 
 private:
     void Say(const std::string& text);
     void Put(const std::string& line);
-    std::string TimeLeft(double rate) const;
+    void Differs(std::string_view subject, std::string_view text, const std::string& line);
+    void Event(const char* key, std::string_view subject, std::string_view text);
+    void JsonSummary(const std::string& command, bool good);
     void Draw();
     void Erase();
 
     using Clock = std::chrono::steady_clock;
     double Seconds() const;
 
-    const bool quiet_;
+    const ReportOptions options_;
+    FILE* out_ = stdout;
     const bool bar_;
     const bool onTerminal_;  // standard output
     const Clock::time_point start_ = Clock::now();
@@ -81,6 +106,9 @@ private:
     size_t onScreen_ = 0;  // characters of the progress line
     long long bytes_ = 0;
     long long totalBytes_ = 0;
+    size_t steps_ = 0;
+    size_t counted_ = 0;
+    size_t totalObjects_ = 0;
     long long failures_ = 0;
     long long differences_ = 0;
     std::map<Kind, long long> counts_;

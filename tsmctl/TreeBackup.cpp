@@ -196,7 +196,9 @@ void TreeBackup::Store(Session& session, Buffer& buffer, Sent& sent) const {
 void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, const std::optional<StoredObject>& before) {
     Report& report = context_.report;
     const bool compare = change == Change::Unchanged && options_.checksum;
-    if (change == Change::Unchanged && !compare) return Count(item.info.kind, change);
+    if ((change == Change::Unchanged && !compare) || report.IsDryRun()) {
+        return Count(SplitAtSlash(item.object), item.info.kind, change);
+    }
     ++*folder.unfinished;
     ++uncheckedObjects_;
     if (folder.sent->empty()) unchecked_.push_back({folder.object, folder.sent, folder.unfinished});
@@ -224,7 +226,8 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
     }
 }
 
-void TreeBackup::Count(Kind kind, Change change) {
+void TreeBackup::Count(const Parts& object, Kind kind, Change change) {
+    if (change != Change::Unchanged) context_.report.Did("stored", Join(object), change == Change::New ? "new" : "changed");
     context_.report.Count(kind);
     context_.report.CountChange(change);
 }
@@ -257,7 +260,7 @@ void TreeBackup::Check(const Unchecked& folder) {
                 });
             };
             if (isThere || Attempt(report, sent.item.local, storeAgain)) {
-                Count(kind, sent.change);
+                Count(object, kind, sent.change);
             } else {
                 ++*folder.unfinished;
             }

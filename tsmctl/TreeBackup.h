@@ -77,7 +77,7 @@ private:
     void StoreItem(const LocalItem& item, Folder& folder);
     void Settle(Folder& folder);
     void Check(const Unchecked& folder);
-    void Count(Kind kind, Change change);
+    void Count(const Parts& object, Kind kind, Change change);
     bool LeavesOut(const Parts& object, bool directory) const;
 
     const TreeOptions& options_;

@@ -49,6 +49,7 @@ long long Vanished::Remove(const Parts& folder, const StoredFolder& gone, const 
     } catch (const Failure& failure) {
         report_.Failed(Join(folder), failure.what());
     }
+    if (report_.IsDryRun()) return gone_;
     kept.Restore(true);
     for (const LocalItem& item : replaced) {
         try {
@@ -70,12 +71,16 @@ bool Vanished::RemoveEntries(const Parts& folder, const StoredFolder& entries) {
         Attempt(report_, Join(object), [&, &pair = stored] { RemoveEntry(object, pair); });
     }
     const auto count = [](const StoredPair& pair) { return (pair.file ? 1 : 0) + (pair.directory ? 1 : 0); };
-    StoredFolder after = ListFolder(session_, folder);
+    StoredFolder after = report_.IsDryRun() ? StoredFolder() : ListFolder(session_, folder);
     bool all = true;
     for (const auto& [name, stored] : entries) {
-        const int left = count(after[name]);
+        const bool stays = report_.IsDryRun() && tried_.count(plain(name)) == 0;
+        const int left = count(stays ? stored : after[name]);
         gone_ += count(stored) - left;
-        if (left == 0) continue;
+        if (left == 0) {
+            report_.Did("removed", Join(plain(name)));
+            continue;
+        }
         all = false;
         if (tried_.count(plain(name)) > 0) report_.Failed(Join(plain(name)), "is gone here, and cannot be removed");
     }
@@ -88,20 +93,25 @@ void Vanished::RemoveEntry(const Parts& object, const StoredPair& stored) {
     }
     // The name alone counts for a deletion: a file and a directory of one name go together.
     if (stored.directory && !RemoveEntries(object, ListFolder(session_, object))) return;
-    if (!stored.file && !IsFromTree(*stored.directory)) return;
-    DeleteObject(session_, stored.file ? *stored.file : *stored.directory, false, "");
-    tried_.insert(object);
+    // The library removes by itself what it made.
+    const bool ours = stored.file || IsFromTree(*stored.directory);
+    if (ours) Delete(stored.file ? *stored.file : *stored.directory, "");
+    if (ours || report_.IsDryRun()) tried_.insert(object);
+}
+
+void Vanished::Delete(const StoredObject& object, const std::string& at) {
+    if (!report_.IsDryRun()) DeleteObject(session_, object, false, at);
 }
 
 void Vanished::RemoveOtherKind(const Parts& object, bool isDirectory) {
-    if (!ListOne(session_, object).Of(isDirectory)) throw Failure(notStored);
+    if (!report_.IsDryRun() && !ListOne(session_, object).Of(isDirectory)) throw Failure(notStored);
     if (!isDirectory) RemoveEntries(object, ListFolder(session_, object));
     const StoredPair now = ListOne(session_, object);
     const auto& old = now.Of(!isDirectory);
     if (!old || !IsFromTree(*old) || (!isDirectory && !ListFolder(session_, object).empty())) return;
     // Of what was active at that moment, the new one was not there yet.
     const auto& other = now.Of(isDirectory);
-    DeleteObject(session_, *old, false, other && other->date > old->date ? old->date : "");
+    Delete(*old, other && other->date > old->date ? old->date : "");
 }
 
 void Vanished::CheckReplaced(const Parts& object, const LocalItem& item) {

@@ -21,6 +21,7 @@ int Run(int argc, char** argv) try {
     AddList(commandLine);
     AddFind(commandLine);
     AddDiff(commandLine);
+    AddStatus(commandLine);
     AddDelete(commandLine);
     AddRename(commandLine);
     AddFilespaces(commandLine);

@@ -21,6 +21,7 @@
 #include "HelpFormatter.h"
 #include "Inventory.h"
 #include "LocalTree.h"
+#include "RunRecord.h"
 #include "Transfer.h"
 #include "TreeBackup.h"
 #include "commands/Commands.h"
@@ -96,6 +97,7 @@ public:
             }
         });
         report_.Count(Kind::Stream);
+        report_.Did("stored", Join(object));
         if (sent > announced) {
             report_.Warn(Join(object), fmt::format("has {} bytes, but {} were announced; --estimate announces more",
                                                    sent, announced));
@@ -242,6 +244,38 @@ private:
     std::string& text_;
 };
 
+// The run is recorded when it begins, too, so that one that was broken off shows as such. Of what is no directory, or
+// cannot be looked at, that is done only where it has been a tree.
+void StoreSource(const BackupOptions& options, Report& report, Session& session, TreeBackup& backup,
+                 const Source& source) {
+    struct stat status = {};
+    const bool found = lstat(source.local.c_str(), &status) == 0;
+    bool recorded = found && S_ISDIR(status.st_mode);
+    if (report.IsDryRun() || (found && !recorded)) return backup.Run(source);
+    backup.Finish();
+    const long long before = report.Failures();
+    RunRecord run;
+    const auto attempt = [&](const std::function<void()>& work) {
+        Attempt(report, "the record of " + Join(source.object), work);
+    };
+    const auto store = [&] { StoreRun(session, run, options.tree.mgmtClass); };
+    attempt([&] {
+        for (const RunRecord& last : FindRuns(session, source.object, Scope::Self)) {
+            run.complete = last.complete;
+            recorded = true;
+        }
+        run.tree = source.object;
+        run.begun = run.ended = std::time(nullptr);
+        if (recorded) store();
+    });
+    backup.Run(source);
+    backup.Finish();
+    run.failures = report.Failures() - before;
+    run.ended = std::time(nullptr);
+    if (run.failures == 0) run.complete = run.ended;
+    if (recorded) attempt(store);
+}
+
 void StoreTrees(const BackupOptions& options, Context& context) {
     const std::vector<Source> sources = ResolveSources(options.source.paths, options.source.to);
     Session session(context.connection);
@@ -250,7 +284,7 @@ void StoreTrees(const BackupOptions& options, Context& context) {
         Sender(options, context.report, own, buffer, text).Store(item);
     };
     TreeBackup backup(options.tree, context, session, store);
-    for (const Source& source : sources) backup.Run(source);
+    for (const Source& source : sources) StoreSource(options, context.report, session, backup, source);
     backup.Finish();
 }
 
@@ -273,10 +307,14 @@ void StoreInput(const BackupOptions& options, Context& context) {
     Session session(context.connection);
     Buffer buffer(pieceSize);
     session.Handle();
-    context.report.ExpectBytes(options.size);
+    context.report.Expect(options.size);
     Attempt(context.report, "standard input", [&] {
         if (ListOne(session, object).directory) {
             context.report.Warn(Join(object), "a directory of this name is stored and stays; restore takes the newer");
+        }
+        if (context.report.IsDryRun()) {
+            context.report.Count(Kind::Stream);
+            return context.report.Did("stored", Join(object));
         }
         std::string text;
         Sender(options, context.report, session, buffer, text).StoreStream(object, [&] {
@@ -344,6 +382,7 @@ void AddBackup(CommandLine& line) {
         ->excludes(size);
     AddPlace(command, options->source);
     AddJobs(command, options->tree.jobs);
+    line.AddDryRun(command);
 }
 
 }  // namespace tsmctl

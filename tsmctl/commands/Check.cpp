@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,7 @@ constexpr const char* noSum = "read, but stored without a SHA-256 to compare wit
 void CheckDirectory(Report& report, const StoredObject& object) {
     RequireKnown(object);
     report.Count(Kind::Directory);
+    report.Did("checked", object.ObjectPath());
     if (object.info && FieldOf(object.info->fields, "sum").empty()) report.CountLoss(noSum);
 }
 
@@ -48,7 +50,9 @@ void CheckOne(const CheckOptions& options, Report& report, Session& session, Buf
     report.Count(kind);
     if (!download.Sealed()) report.CountLoss(noSum);
     const bool isFile = kind == Kind::File || kind == Kind::Stream;
-    if (options.sums && isFile) report.Entry(SumLine(download.Digest(), chosen.local));
+    if (!options.sums || !isFile) return report.Did("checked", chosen.object.ObjectPath());
+    if (report.IsJson()) return report.Json({{"path", chosen.object.ObjectPath()}, {"sha256", download.Digest()}});
+    report.Entry(SumLine(download.Digest(), chosen.local));
 }
 
 void Check(CheckOptions options, Context& context) {

@@ -20,6 +20,7 @@ void AddHelp(CommandLine& line);  // knows the commands that were added before
 void AddList(CommandLine& line);
 void AddRename(CommandLine& line);
 void AddRestore(CommandLine& line);
+void AddStatus(CommandLine& line);
 void AddVerify(CommandLine& line);
 
 }  // namespace tsmctl

@@ -13,6 +13,7 @@
 #include "Inventory.h"
 #include "KeptDirectories.h"
 #include "Parallel.h"
+#include "RunRecord.h"
 #include "Terminal.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
@@ -209,6 +210,11 @@ private:
     }
 
     void DeleteOne(Session& session, Item& item) {
+        report_.Step();
+        if (report_.IsDryRun()) {
+            report_.Did("removed", item.object.ObjectPath());
+            return report_.Count(item.object.GetKind());
+        }
         DeleteObject(session, item.object, options_.allVersions, options_.at);
         item.done = true;
     }
@@ -225,6 +231,7 @@ private:
                     report_.Failed(name, "is not empty");
                 }
             }
+            if (report_.IsDryRun()) continue;
             const bool listed = Attempt(report_, Unescape(level.path), [&] {
                 const Records after = RecordsOf(level.list(options_.Versions()));
                 if (!after.empty()) notEmpty_.insert(level.path);
@@ -243,8 +250,8 @@ private:
             const long long gone = record.versions - (rest == after.end() ? 0 : rest->second.versions);
             if (gone <= 0) continue;
             const std::string versions =
-                options_.allVersions ? fmt::format(" ({} version{})", gone, gone == 1 ? "" : "s") : "";
-            report_.Line("removed " + record.name + versions);
+                options_.allVersions ? fmt::format("{} version{}", gone, gone == 1 ? "" : "s") : "";
+            report_.Did("removed", record.name, versions, true);
             report_.Count(record.kind);
         }
     }
@@ -290,13 +297,18 @@ void Delete(const DeleteOptions& options, Context& context) {
         if (Attempt(context.report, options.paths[i], [&] { count += deleter.Count(patterns[i]); }))
             chosen.push_back(i);
     }
-    if (count > 1 && !Confirmed(options.yes, fmt::format("delete {} objects", count), "yes")) {
+    if (count > 1 && !Confirmed(options.yes || context.report.IsDryRun(), fmt::format("delete {} objects", count), "yes")) {
         throw Failure("not confirmed, nothing deleted");
     }
     for (const size_t i : chosen) {
         Attempt(context.report, options.paths[i], [&] { deleter.Delete(patterns[i]); });
     }
     CheckInterrupt();
+    for (const NamePattern& pattern : patterns) {
+        if (!options.recursive || !options.at.empty() || pattern.IsWild() || context.report.IsDryRun()) continue;
+        Attempt(context.report, Join(pattern.Plain()),
+                [&] { RemoveRuns(session, pattern.Plain(), options.allVersions); });
+    }
     context.report.Summary("delete");
 }
 
@@ -316,6 +328,7 @@ void AddDelete(CommandLine& line) {
     command.add_flag("--yes", options->yes, "do not ask before deleting more than one object");
     AddLiteral(command, options->literal);
     AddJobs(command, options->jobs);
+    line.AddDryRun(command);
 }
 
 }  // namespace tsmctl

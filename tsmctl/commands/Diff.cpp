@@ -37,7 +37,7 @@ public:
 
     void Compare(const LocalItem& item, const StoredObject& object) {
         report_.Count(item.info.kind);
-        if (!SameAsHere(item, object)) report_.Differs("M " + item.object);
+        if (!SameAsHere(item, object)) report_.Differs('M', item.object);
         if (item.info.kind == Kind::Directory && object.directory) CompareIn(item, object.StoredPath());
     }
 
@@ -58,13 +58,13 @@ private:
             if (there) {
                 Compare(item, there.mapped());
             } else if (item.info.kind != Kind::Other) {
-                report_.Differs("+ " + item.object);
+                report_.Differs('+', item.object);
             }
         }
         for (const auto& [name, object] : stored) {
             const Parts plain = Append(SplitAtSlash(directory.object), {name});
             const bool leftOut = options_.chosen.exclusions.LeaveOut(Below(plain), object.directory);
-            if (folder.whole && !leftOut) report_.Differs("- " + Join(plain));
+            if (folder.whole && !leftOut) report_.Differs('-', Join(plain));
         }
     }
 
@@ -104,7 +104,7 @@ void DiffMoments(DiffOptions options, Context& context, Session& session) {
             report.Count((now ? now : then)->GetKind());
             const bool same = then && now && then->text == now->text && then->announced == now->announced &&
                               (now->info || then->date == now->date);
-            if (!same) report.Differs((!then ? "+ " : !now ? "- " : "M ") + (now ? now : then)->ObjectPath());
+            if (!same) report.Differs(!then ? '+' : !now ? '-' : 'M', (now ? now : then)->ObjectPath());
         }
         return true;
     });

@@ -19,7 +19,11 @@ void Grant(const GrantOptions& options, Context& context) {
     Session session(context.connection);
     const std::string& filespace = context.connection.Filespace();
     const std::string path = "/" + filespace;
-    session.Check("cannot grant access", TsmSetAccess(session.Handle(), Text(options.node), Text(path), nullptr));
+    const int handle = session.Handle();
+    if (context.report.IsDryRun()) {
+        return context.report.Line(fmt::format("would grant {} access to filespace {}", options.node, filespace));
+    }
+    session.Check("cannot grant access", TsmSetAccess(handle, Text(options.node), Text(path), nullptr));
     context.report.Line(fmt::format("granted {} access to filespace {}", options.node, filespace));
 }
 
@@ -31,6 +35,7 @@ void AddGrant(CommandLine& line) {
                                  {"tsmctl grant NODE2", "tsmctl grant NODE2 --filespace shared"},
                                  [options](Context& context) { Grant(*options, context); });
     command.add_option("NODE", options->node, "the node that gets access")->type_name("NAME")->required();
+    line.AddDryRun(command);
 }
 
 }  // namespace tsmctl

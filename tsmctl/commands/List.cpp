@@ -19,7 +19,6 @@ struct ListOptions {
     Chosen chosen;
     Exclusions wanted;  // of find
     std::string type = "any";
-    bool json = false;
 };
 
 nlohmann::ordered_json JsonOf(const StoredObject& object) {
@@ -73,17 +72,18 @@ private:
 
 void ListObjects(ListOptions options, Context& context) {
     Selection& selection = options.chosen.selection;
-    selection.marked = selection.allVersions || (options.json && !selection.at.empty());
+    selection.marked = selection.allVersions || (context.report.IsJson() && !selection.at.empty());
     selection.objectType = options.type == "dir"    ? TSM_OBJECTS_DIRECTORIES
                            : options.type == "file" ? TSM_OBJECTS_FILES
                                                     : TSM_OBJECTS_ANY;
     options.chosen.Patterns();
     Session session(context.connection);
     std::optional<Table> table;
-    if (!options.json) table.emplace(context.report, selection.allVersions);
+    if (!context.report.IsJson()) table.emplace(context.report, selection.allVersions);
     Walk(context, session, options.chosen, [&](const std::vector<StoredObject>& versions, const Parts& plain, size_t) {
         for (const StoredObject& object : versions) {
             if (!options.wanted.patterns.empty() && !options.wanted.LeaveOut(plain, object.directory)) continue;
+            context.report.Count(object.GetKind());
             if (table) {
                 table->Print(object);
             } else {
@@ -94,9 +94,8 @@ void ListObjects(ListOptions options, Context& context) {
     });
 }
 
-void AddFormat(CLI::App& command, ListOptions& options) {
+void AddType(CLI::App& command, ListOptions& options) {
     AddChoice(command, "--type", options.type, "kind of object", {"any", "dir", "file"})->capture_default_str();
-    AddJson(command, options.json);
 }
 
 }  // namespace
@@ -117,7 +116,7 @@ void AddFind(CommandLine& line) {
         ->type_name("OBJECT")
         ->allow_extra_args(false);
     AddMoment(command, options->chosen.selection.at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
-    AddFormat(command, *options);
+    AddType(command, *options);
 }
 
 void AddList(CommandLine& line) {
@@ -128,7 +127,7 @@ void AddList(CommandLine& line) {
                   "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
                  [options](Context& context) { ListObjects(*options, context); });
     CLI::Option* const at = AddChosen(command, options->chosen, "object path, may hold * and ? (default: everything)");
-    AddFormat(command, *options);
+    AddType(command, *options);
     command.add_flag("--all-versions", options->chosen.selection.allVersions, "also inactive versions")->excludes(at);
 }
 

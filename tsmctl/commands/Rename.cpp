@@ -10,6 +10,7 @@
 #include "Errors.h"
 #include "Inventory.h"
 #include "KeptDirectories.h"
+#include "RunRecord.h"
 #include "Terminal.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
@@ -49,6 +50,11 @@ public:
         CheckFilesAbove();
         PlanMoves();
         CheckTarget();
+        if (report_.IsDryRun()) {
+            for (const Move& move : moves_) ReportMove(move);
+            return;
+        }
+        for (size_t i = 0; i < moves_.size(); ++i) report_.Expect();
         std::set<Parts> above;
         for (const Parts& parts : {from_, to_}) {
             for (Parts& directory : DirectoriesAbove(parts)) above.insert(std::move(directory));
@@ -57,6 +63,7 @@ public:
         for (const Parts& directory : above) kept.Remember(directory);
         for (const Move& move : moves_) {
             if (PendingSignal() != 0) break;
+            report_.Step();
             const bool done = Attempt(report_, move.from.ObjectPath(), [&] { Rename(move); });
             // The objects below would create this directory again, without its mode and time.
             if (!done && move.from.directory) break;
@@ -123,7 +130,7 @@ private:
             report_.Warn(Unescape(Join(move.toParts)), "exists; every version stored there is replaced");
         }
         const std::string question = fmt::format("replace {} objects", replaced);
-        if (replaced > 0 && !Confirmed(options_.yes, question, "yes")) {
+        if (replaced > 0 && !Confirmed(options_.yes || report_.IsDryRun(), question, "yes")) {
             throw Failure("not confirmed, nothing renamed");
         }
     }
@@ -141,6 +148,11 @@ private:
             session_.Check("cannot rename", TsmRenameBackup(session_.Handle(), from.path.c_str(), from.name.c_str(),
                                                             move.to.path.c_str(), move.to.name.c_str()));
         });
+    }
+
+    void ReportMove(const Move& move) {
+        report_.Did("renamed", move.from.ObjectPath(), "to " + Unescape(Join(move.toParts)));
+        report_.Count(move.from.GetKind());
     }
 
     // The library's 0 is no proof: a listing shows where the objects are now.
@@ -161,7 +173,10 @@ private:
                 continue;
             }
             ++there;
-            report_.Count(move.from.GetKind());
+            ReportMove(move);
+        }
+        if (there == moves_.size()) {
+            Attempt(report_, Join(from_), [&] { RemoveRuns(session_, from_, false); });
         }
         if (there > 0) {
             report_.Line(
@@ -201,6 +216,7 @@ void AddRename(CommandLine& line) {
     command.add_option("OLD", options->oldPath, "the object path")->type_name("OBJECT")->required();
     command.add_option("NEW", options->newPath, "its new object path")->type_name("OBJECT")->required();
     command.add_flag("--yes", options->yes, "replace what is stored at NEW without asking");
+    line.AddDryRun(command);
 }
 
 }  // namespace tsmctl

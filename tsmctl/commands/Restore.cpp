@@ -52,6 +52,7 @@ public:
     // Comes after everything that the directory holds, since that changes its time and its mode may forbid it.
     void FinishDirectory(const RestoreItem& item) {
         report_.Count(Kind::Directory);
+        report_.Did("restored", item.object.ObjectPath());
         RequireKnown(item.object);
         if (!item.object.info || untouched_.count(item.local) > 0) return;
         const Info& info = *item.object.info;
@@ -86,6 +87,7 @@ public:
         const struct stat status = entry.Status();
         entry.Publish(item.object.info, defaultMode_, download.Header(), report_);
         report_.Count(kind);
+        report_.Did("restored", item.object.ObjectPath());
         if (!key.empty()) twins_.try_emplace(key, Twin{item.local, status});
     }
 
@@ -177,10 +179,14 @@ public:
         if (!possible) return false;
         RestoreItem item = {*first, local};
         if (!first->directory) {
-            batch_.Add(std::move(item));
+            report_.IsDryRun() ? Tell(item) : batch_.Add(std::move(item));
             return !std::any_of(versions.begin(), versions.end(), [](const auto& object) { return object.directory; });
         }
-        if (Attempt(report_, Join(local), [&] { restorer_.MakeDirectory(item); })) open_.push_back(std::move(item));
+        if (report_.IsDryRun()) {
+            Tell(item);
+        } else if (Attempt(report_, Join(local), [&] { restorer_.MakeDirectory(item); })) {
+            open_.push_back(std::move(item));
+        }
         return true;
     }
 
@@ -190,6 +196,14 @@ public:
     }
 
 private:
+    void Tell(const RestoreItem& item) {
+        struct stat status = {};
+        const std::string here = options_.to + "/" + Join(item.local);
+        const bool taken = !item.object.directory && lstat(here.c_str(), &status) == 0;
+        report_.Did("restored", item.object.ObjectPath(), taken ? "its name is taken here" : "");
+        report_.Count(item.object.GetKind());
+    }
+
     void Close() {
         closed_.push_back(std::move(open_.back()));
         open_.pop_back();
@@ -250,12 +264,16 @@ void RestoreToOutput(const RestoreOptions& options, Context& context, Session& s
                                    [](const auto& object) { return object.directory || IsSpecial(object.GetKind()); }),
                     files.end());
         if (files.size() != 1) throw Failure("is not one file or stream");
-        Buffer buffer(pieceSize);
-        // What was written once cannot be taken back: only the beginning is tried again.
-        std::optional<Download> download;
-        session.Retry([&] { download.emplace(session, files[0], options.chosen.selection.at); });
-        report.ExpectBytes(files[0].Size());
-        Restorer::ReceiveInto(STDOUT_FILENO, *download, buffer, report);
+        if (!report.IsDryRun()) {
+            report.LeaveOutputAlone();
+            Buffer buffer(pieceSize);
+            // What was written once cannot be taken back: only the beginning is tried again.
+            std::optional<Download> download;
+            session.Retry([&] { download.emplace(session, files[0], options.chosen.selection.at); });
+            report.Expect(files[0].Size());
+            Restorer::ReceiveInto(STDOUT_FILENO, *download, buffer, report);
+        }
+        report.Did("restored", files[0].ObjectPath());
         report.Count(files[0].GetKind());
     });
 }
@@ -293,6 +311,7 @@ void AddRestore(CommandLine& line) {
     command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
     command.add_flag("--force", options->force, "replace files that exist");
     AddJobs(command, options->jobs);
+    line.AddDryRun(command);
 }
 
 }  // namespace tsmctl

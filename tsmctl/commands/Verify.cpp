@@ -44,7 +44,7 @@ public:
     explicit Verifier(Report& report) : report_(report) {}
 
     // A difference is a result, and makes the command fail.
-    void Differs(const std::string& subject, const std::string& text) { report_.Differs(subject + ": " + text); }
+    void Differs(const std::string& subject, const std::string& text) { report_.Differs(subject, text); }
 
     void Compare(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
         const Kind stored = object.GetKind();
@@ -68,6 +68,7 @@ public:
         }
         // Comes after the calls that are tried again.
         report_.Count(item.info.kind);
+        report_.Did("compared", item.object);
         if (object.info && stored != Kind::Stream) CompareInfo(item, *object.info);
         if (!object.info || object.info->version < 2 || stored == Kind::Stream) return;
         if (AttributesIn(there) != AttributesIn(ReadAttributes(here.Get(), report_))) {
@@ -153,7 +154,7 @@ void VerifyTrees(const VerifyOptions& options, Context& context) {
         const auto found = stored.find(item.object);
         if (found != stored.end()) {
             pairs.emplace_back(&item, &found->second);
-            context.report.ExpectBytes(item.info.size);
+            context.report.Expect(item.info.size);
         } else if (item.info.kind != Kind::Other) {
             verifier.Differs(item.local, "is not stored");
         }
@@ -183,6 +184,7 @@ void VerifyInput(const VerifyOptions& options, Context& context) {
         if (found.empty()) throw NotFound();
         Buffer buffer(pieceSize);
         context.report.Count(Kind::Stream);
+        context.report.Did("compared", Join(name));
         Download download(session, found[0], "");
         Verifier(context.report).CompareContent(download, buffer, Join(name), [](unsigned char* memory, size_t length) {
             return ReadFull(STDIN_FILENO, memory, length);

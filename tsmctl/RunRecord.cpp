@@ -1,0 +1,64 @@
+#include "RunRecord.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include "Transfer.h"
+
+namespace tsmctl {
+namespace {
+
+std::vector<StoredObject> ListRecords(Session& session, const Parts& tree, Scope scope, bool allVersions) {
+    Selection records;
+    records.allVersions = allVersions;
+    records.runs = true;
+    return List(session, NamePattern(Append({runsFolder}, tree), false), scope, records);
+}
+
+}  // namespace
+
+std::vector<RunRecord> FindRuns(Session& session, const Parts& tree, Scope scope) {
+    std::vector<RunRecord> runs;
+    for (const StoredObject& object : ListRecords(session, tree, scope, false)) {
+        if (!object.info) continue;  // a directory above
+        const Parts parts = object.PlainParts();
+        const Info& info = *object.info;
+        runs.push_back({Parts(parts.begin() + 1, parts.end()), info.ctime.tv_sec, info.mtime.tv_sec,
+                        ParseNumber(FieldOf(info.fields, "failures")), ParseNumber(FieldOf(info.fields, "complete"))});
+    }
+    return runs;
+}
+
+void StoreRun(Session& session, const RunRecord& run, const std::string& mgmtClass) {
+    Parts stored = {runsFolder};
+    for (const std::string& part : run.tree) stored.push_back(Escape(part));
+    Info info;
+    info.kind = Kind::Directory;
+    info.mode = 0700;
+    info.size = 0;
+    info.uid = geteuid();
+    info.gid = getegid();
+    info.ctime.tv_sec = run.begun;
+    info.mtime.tv_sec = run.ended;
+    if (run.failures) AddField(info.fields, "failures", std::to_string(*run.failures));
+    if (run.complete) AddField(info.fields, "complete", std::to_string(*run.complete));
+    Upload(session, ToStoredRaw(stored), 0, info, "", mgmtClass).Commit();
+}
+
+void RemoveRuns(Session& session, const Parts& tree, bool allVersions) {
+    std::vector<StoredObject> records = ListRecords(session, tree, Scope::Tree, allVersions);
+    std::reverse(records.begin(), records.end());  // what a directory holds comes first
+    std::set<std::string> removed;
+    for (const StoredObject& record : records) {
+        if (!record.info || !removed.insert(record.StoredPath()).second) continue;
+        const int result =
+            TsmDelete(session.Handle(), Text(record.path), Text(record.name), allVersions ? 1 : 0, nullptr);
+        // The library has removed a directory that became empty.
+        if (result != -2) session.Check("cannot delete the record of a run", result);
+    }
+}
+
+}  // namespace tsmctl
