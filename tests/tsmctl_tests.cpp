@@ -568,9 +568,9 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
     const Case cases[] = {
         {" failures=0 complete=" + now, "", 0, "complete   20"},
         {" failures=0 complete=" + now, "--critical 5 --format nagios", 0, "TSMCTL OK: 1 complete | 't'=0s;;18000\n"},
-        {" failures=2 complete=" + now, "", 1, "  t: 2 failures at 1970-"},
-        {" failures=2 complete=" + now, "--format nagios --warning 5", 1, "TSMCTL WARNING: t 2 failures at"},
-        {" failures=2", "--format nagios", 2, "TSMCTL CRITICAL: t 2 failures at"},
+        {" failures=2 complete=" + now, "", 1, "  t: 2 failed at 1970-"},
+        {" failures=2 complete=" + now, "--format nagios --warning 5", 1, "TSMCTL WARNING: t 2 failed at"},
+        {" failures=2", "--format nagios", 2, "TSMCTL CRITICAL: t 2 failed at"},
         {" failures=0 complete=" + old, "--format nagios --warning 9 --critical 10", 1, "WARNING: t last complete at "},
         {" failures=0 complete=" + old, "--format nagios --warning 5 --critical 9", 2, "CRITICAL: t last complete at "},
         {" failures=0 complete=" + old, "--critical 10", 0, "complete   20"},

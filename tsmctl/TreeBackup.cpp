@@ -227,7 +227,8 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
 }
 
 void TreeBackup::Count(const Parts& object, Kind kind, Change change) {
-    if (change != Change::Unchanged) context_.report.Did("stored", Join(object), change == Change::New ? "new" : "changed");
+    if (change != Change::Unchanged)
+        context_.report.Did("stored", Join(object), change == Change::New ? "new" : "changed");
     context_.report.Count(kind);
     context_.report.CountChange(change);
 }

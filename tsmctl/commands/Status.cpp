@@ -53,7 +53,7 @@ Finding Judge(const RunRecord& run, const StatusOptions& options, long long now)
         // Within the limits, it may well be at work.
         worse(options.warning || options.critical ? Ok : Warning, "not ended since " + TimeOf(run.begun));
     } else if (*run.failures > 0) {
-        worse(Warning, fmt::format("{} failures at {}", *run.failures, TimeOf(run.ended)));
+        worse(Warning, fmt::format("{} failed at {}", *run.failures, TimeOf(run.ended)));
     }
     if (!run.complete) {
         worse(Critical, "never complete");
