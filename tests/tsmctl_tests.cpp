@@ -365,6 +365,8 @@ TEST_F(Tsmctl, DamageIsNoticed) {
         other.Put("", "d", "tsmctl2 d 0755 1.000000000 0 0:0 1.000000000 sum=00000000", "");
         other.Put("", "holes", "tsmctl2 f 0644 1.000000000 9000000000000000000 0:0 1.000000000 header=9",
                   "data=0:0\n" + std::string(169, ' '));
+        other.Put("", "size", "tsmctl2 f 0644 1.000000000 9000000000 0:0 1.000000000 header=9",
+                  "data=0:0\n" + std::string(169, ' '));
     }
     for (size_t i = 0; i < std::size(cases); ++i) {
         const std::string object = "bad/" + std::to_string(i);
@@ -375,6 +377,7 @@ TEST_F(Tsmctl, DamageIsNoticed) {
     Expect("tsmctl check bad --subset 100", 1, "", "stored without a SHA-256 to compare with (1 object)\n");
     Expect("tsmctl check bad --subset 1 2>&1 | grep -c :", 0, "2\n");
     Expect("tsmctl -q check holes || tsmctl -q restore holes", 1, "", "holes: has holes of more than 16 TiB");
+    Expect("tsmctl -q check size", 1, "", std::string("size: ") + beside);
     Expect("tsmctl check d -q --subset 1", 1, "", std::string("tsmctl: d: ") + unknown);
     const std::string copied = "cp -a d e; rm -r d; mv e d; tsmctl backup d --checksum";
     Expect(copied, 0, "", " 0 new, 2 changed, 0 unchanged,");

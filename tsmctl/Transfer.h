@@ -89,6 +89,7 @@ private:
     std::string tail_;  // the last of the content, where none is expected
     size_t begin_ = 0;  // of the content in the buffer that was not taken yet
     size_t end_ = 0;
+    bool ended_ = false;  // everything of an object with holes was received
     Sha256 sha256_;
     long long received_ = 0;  // content
     bool open_ = true;
