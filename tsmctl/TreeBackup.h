@@ -22,7 +22,7 @@ struct TreeOptions {
     bool keepVanished = false;
     bool force = false;
     std::string mgmtClass;
-    int jobs = 1;
+    int jobs = usualSessions;
 };
 
 // Whether the item need not be sent again.
