@@ -24,7 +24,7 @@ struct TreeOptions {
     bool keepVanished = false;
     bool force = false;
     std::string mgmtClass;
-    int jobs = 1;
+    int jobs = usualSessions;
 };
 
 class TreeBackup {

@@ -31,7 +31,7 @@ struct RestoreOptions {
     std::optional<size_t> strip;
     std::string to = ".";  // "-" for standard output
     bool force = false;
-    int jobs = 1;
+    int jobs = usualSessions;
 };
 
 using RestoreItem = ChosenObject;

@@ -24,7 +24,7 @@ namespace {
 
 struct VerifyOptions {
     SourceOptions source;
-    int jobs = 1;
+    int jobs = usualSessions;
 };
 
 // For people, in the local time zone.
