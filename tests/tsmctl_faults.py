@@ -48,10 +48,10 @@ ROWS = [
 ]
 
 
-def write(tree):
+def write(tree, top="tree/"):
     for path, data in tree.items():
-        os.makedirs(os.path.dirname("tree/" + path), exist_ok=True)
-        pathlib.Path("tree", path).write_bytes(data)
+        os.makedirs(os.path.dirname(top + path), exist_ok=True)
+        pathlib.Path(top, path).write_bytes(data)
 
 
 def files(folder):
@@ -95,12 +95,12 @@ def after(command):
     return done
 
 
-def attempt(base, rules, command, status, words):
+def attempt(base, rules, command, status, words, retries="0"):
     before, tree = base
     write({"a": b"4444", "b": b"333", "empty": b"2"})
     shutil.rmtree("store", ignore_errors=True)
     shutil.copytree("base", "store")
-    done = run("store", command, rules)
+    done = run("store", command, rules, retries)
     assert done.returncode in ((0, 1) if status is None else (status,)), done
     assert words in done.stderr
     assert done.returncode == 0 or done.stderr
@@ -123,6 +123,23 @@ def attempt(base, rules, command, status, words):
 @pytest.mark.parametrize("rules, command, status, words", ROWS)
 def test_rules(base, rules, command, status, words):
     attempt(base, rules, command, status, words)
+
+
+@pytest.mark.parametrize("command", (BACKUP, STREAM, RESTORE, RENAME, DELETE))
+def test_tries_again(base, command):
+    setbacks = """dsmGetNextQObj 2 2041; FAULT dsmSendData 1 157 15; FAULT dsmEndSendObj 4 1;
+        FAULT dsmEndTxn 2 2302 12; FAULT dsmGetData 2 14; FAULT dsmDeleteObj 1 157 17; FAULT dsmRenameObj 1 157 16"""
+    attempt(base, "FAULT " + setbacks, command, 0, "", "3")
+
+
+def test_one_call_in_a_hundred(base):
+    tree = {f"{n // 20}/{n}": b"%d" % n for n in range(200)}
+    write(tree, "lots/")
+    ends = [1]
+    while ends[-1] != 0 and len(ends) < 9:
+        ends.append(run("many", "backup lots -j 3", f"FAULT 1 {len(ends)}", "9").returncode)
+    found = state("many")
+    assert {path: found.get("lots/" + path) for path in tree} == {path: (1, data) for path, data in tree.items()}
 
 
 def test_bad_days(base):

@@ -53,7 +53,7 @@ public:
     void ExpectBytes(long long total);
     void Advance(size_t count);
     void Count(Kind kind);
-    // Once called, even with 0, the summary tells all four.
+    // The summary tells what was counted, even if it was 0.
     void CountChange(Change change, long long count = 1);
     void Summary(const std::string& command);
 

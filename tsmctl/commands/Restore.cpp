@@ -31,7 +31,7 @@ struct RestoreOptions {
     std::string path;
     std::string to = ".";  // "-" for standard output
     std::string at;
-    bool force = false;
+    std::string overwrite = "changed";
     int jobs = 1;
 };
 
@@ -49,15 +49,19 @@ public:
     }
 
     void MakeDirectory(const RestoreItem& item) {
-        const bool made = folder_.Make(item.local, item.object.info ? 0700 : 0777);
-        if (!made && !options_.force) untouched_.insert(item.local);
+        const auto mode = folder_.Make(item.local, item.object.info ? 0700 : 0777);
+        if (mode && (!item.object.info || options_.overwrite == "never")) kept_[item.local] = *mode;
     }
 
     // Comes after everything that the directory holds, since that changes its time and its mode may forbid it.
     void FinishDirectory(const RestoreItem& item) {
         report_.Count(Kind::Directory);
+        if (const auto kept = kept_.find(item.local); kept != kept_.end()) {
+            if ((kept->second & S_IRWXU) != S_IRWXU) fchmod(folder_.Open(item.local).Get(), kept->second);
+            return;
+        }
         RequireKnown(item.object);
-        if (!item.object.info || untouched_.count(item.local) > 0) return;
+        if (!item.object.info) return;
         const Info& info = *item.object.info;
         ApplyMetadata(folder_.Open(item.local).Get(), info, info.fields, report_);
         WarnOfSetIds(item, info.fields);
@@ -67,9 +71,13 @@ public:
         Parts parent = item.local;
         parent.pop_back();
         const UniqueFd directory = folder_.Open(parent);
-        NewEntry entry(directory, item.local.back(), options_.force);
-        Download download(session, item.object, options_.at);
         const Kind kind = item.object.GetKind();
+        if (Stays(directory, item)) {
+            report_.Count(kind);
+            return report_.CountChange(Change::Unchanged);
+        }
+        NewEntry entry(directory, item.local.back(), options_.overwrite != "never");
+        Download download(session, item.object, options_.at);
         std::unique_lock<std::mutex> linking(mutex_, std::defer_lock);
         std::string key;  // of a file with several names
         bool linked = false;
@@ -111,6 +119,21 @@ public:
     }
 
 private:
+    // Whether what has the name already is left as it is. Names of one file are linked again, so these are not.
+    bool Stays(const UniqueFd& directory, const RestoreItem& item) const {
+        struct stat status = {};
+        const bool exists = fstatat(directory.Get(), item.local.back().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+        if (!exists || S_ISDIR(status.st_mode) || options_.overwrite == "always") return false;
+        if (options_.overwrite == "never") return true;
+        if (!item.object.info) return false;
+        const Info here = InfoOf(status);
+        const Info& stored = *item.object.info;
+        return here.kind == (stored.kind == Kind::Stream ? Kind::File : stored.kind) && here.size == stored.size &&
+               here.mode == (stored.mode & ~setIds) && TimeText(here.mtime) == TimeText(stored.mtime) &&
+               FieldOf(here.fields, "device") == FieldOf(stored.fields, "device") &&
+               FieldOf(stored.fields, "link").empty();
+    }
+
     // Another name of a file that was restored before.
     struct Twin {
         Parts local;
@@ -145,7 +168,7 @@ private:
     const RestoreOptions& options_;
     Report& report_;
     TargetFolder folder_;
-    std::set<Parts> untouched_;  // directories that existed keep their mode and time
+    std::map<Parts, mode_t> kept_;  // the modes of directories that existed and stay as they are
     mode_t defaultMode_;
     std::mutex mutex_;                   // of the twins, until the first one has its name
     std::map<std::string, Twin> twins_;  // by what names of one file have in common
@@ -270,7 +293,11 @@ void AddRestore(CommandLine& line) {
                                  [options](Context& context) { Restore(*options, context); });
     command.add_option("PATH", options->path, "object path; / is everything")->type_name("OBJECT")->required();
     command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
-    command.add_flag("--force", options->force, "replace files that exist");
+    AddChoice(command, "--overwrite", options->overwrite, "which files that exist are replaced",
+              {"never", "changed", "always"})
+        ->capture_default_str();
+    command.add_flag_callback(
+        "--force", [options] { options->overwrite = "always"; }, "as --overwrite always");
     AddMoment(command, options->at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time");
     AddJobs(command, options->jobs);
 }
