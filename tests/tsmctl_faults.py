@@ -4,6 +4,7 @@ import functools
 import json
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 
@@ -30,7 +31,7 @@ ROWS = [
     ("FAULT dsmEndTxn 2 0 16", BACKUP, 1, "no room in the server's log"),
     ("FAULT dsmTerminate 1\nFAULT dsmCleanUp 1", BACKUP, 0, ""),
     ("PARTIALSEND 99; LATENCY dsmEndTxn 10", BACKUP, 0, ""),
-    ("SESSIONS 1", BACKUP + " -j 3", None, ""),
+    ("SESSIONS 1", BACKUP + " -j 3", 0, ""),
     ("STRICTSIZE", BACKUP, 0, ""),
     ("STRICTSIZE", STREAM, 0, ""),
     ("IDLE 500", STREAM, 1, "the session is gone"),
@@ -39,7 +40,7 @@ ROWS = [
     ("FAULT dsmBeginGetData 9", RESTORE, 1, "the data is offline"),
     ("FAULT dsmGetData 3 14", RESTORE, 1, "not available now"),
     ("SHORTREAD 77", RESTORE, 0, ""),
-    ("SESSIONS 1; IDLE 86400000", RESTORE + " -j 3", None, ""),
+    ("SESSIONS 1; IDLE 86400000", RESTORE + " -j 3", 0, ""),
     ("FAULT dsmRenameObj 157 17", RENAME, 1, "no room in the server's database"),
     ("FAULT dsmRenameObj 32", RENAME, 1, "the new name has stored versions"),
     ("FAULT dsmDeleteObj 157 17", DELETE, 1, "giving the transaction up"),
@@ -52,10 +53,10 @@ ROWS = [
 ]
 
 
-def write(tree):
+def write(tree, top="tree/"):
     for path, data in tree.items():
-        os.makedirs(os.path.dirname("tree/" + path), exist_ok=True)
-        pathlib.Path("tree", path).write_bytes(data)
+        os.makedirs(os.path.dirname(top + path), exist_ok=True)
+        pathlib.Path(top, path).write_bytes(data)
 
 
 def files(folder):
@@ -99,12 +100,12 @@ def after(command):
     return done
 
 
-def attempt(base, rules, command, status, words):
+def attempt(base, rules, command, status, words, retries="0"):
     before, tree = base
     write({"a": b"4444", "b": b"333", "empty": b"2"})
     shutil.rmtree("store", ignore_errors=True)
     shutil.copytree("base", "store")
-    done = run("store", command, rules)
+    done = run("store", command, rules, retries)
     assert done.returncode in ((0, 1) if status is None else (status,)), done
     assert words in done.stderr
     assert done.returncode == 0 or done.stderr
@@ -127,6 +128,24 @@ def attempt(base, rules, command, status, words):
 @pytest.mark.parametrize("rules, command, status, words", ROWS)
 def test_rules(base, rules, command, status, words):
     attempt(base, rules, command, status, words)
+
+
+@pytest.mark.parametrize("command", (BACKUP, STREAM, RESTORE, RENAME, DELETE))
+def test_tries_again(base, command):
+    setbacks = """dsmGetNextQObj 2 2041; FAULT dsmSendData 1 157 15; FAULT dsmEndSendObj 4 1;
+        FAULT dsmEndTxn 2 2302 12; FAULT dsmGetData 2 14; FAULT dsmDeleteObj 1 157 17; FAULT dsmRenameObj 1 157 16"""
+    attempt(base, "FAULT " + setbacks, command, 0, "", "3")
+
+
+def test_one_call_in_a_hundred(base):
+    tree = {f"{n // 20}/{n}": b"%d" % n for n in range(200)}
+    write(tree, "lots/")
+    done = None
+    for seed in range(9):
+        done = done if done and done.returncode == 0 else run("many", "backup lots -j 3", f"FAULT 1 {seed}", "9")
+        assert not re.search(r"\(-(1|12|15|16|17|18|51|2041|2302)\)", done.stderr)  # these pass
+    found = state("many")
+    assert {path: found.get("lots/" + path) for path in tree} == {path: (1, data) for path, data in tree.items()}
 
 
 def test_bad_days(base):

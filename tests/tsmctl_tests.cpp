@@ -275,13 +275,21 @@ TEST_F(Tsmctl, NothingLeadsOutOfTheTreeDuringABackup) {
     Expect("tsmctl list t/sub/f", 1, "", "not found");
 }
 
-TEST_F(Tsmctl, RestoreReplacesOnlyWithForce) {
+TEST_F(Tsmctl, RestoreReplacesWhenToldTo) {
     Expect("umask 022; mkdir d; echo new > d/f; ln -s x d/l; tsmctl -q backup d; echo old > d/f; ln -sfn y d/l", 0);
+    Expect("tsmctl restore d --overwrite never; cat d/f; readlink d/l; ls -A d | wc -l", 0, "old\ny\n2\n");
     Expect("tsmctl restore d", 1, "", "exists already");
-    Expect("cat d/f; readlink d/l; ls -A d | wc -l", 0, "old\ny\n2\n");
-    Expect("tsmctl restore d --force && cat d/f && readlink d/l", 0, "new\nx\n");
-    Expect("rm d/*; chmod 0711 d; tsmctl -q restore d && stat -c %a d; tsmctl -q restore d --force; stat -c %a d", 0,
-           "711\n755\n");
+    Expect("tsmctl -q restore d --overwrite changed && cat d/f && readlink d/l", 0, "new\nx\n");
+    Expect("tsmctl restore d", 0, "", "2 unchanged");
+    Expect("chmod 600 d/f; tsmctl restore d; tsmctl restore d --overwrite changed", 0, "", "1 unchanged");
+    Expect("tsmctl restore d --force 2>&1 | grep unchanged", 1);
+    Expect(
+        "rm d/*; chmod 0711 d; tsmctl -q restore d --overwrite never; stat -c %a d; tsmctl -q restore d; stat -c %a d",
+        0, "711\n755\n");
+    Expect(R"(mkdir -p ro/sub; touch ro/sub/f; chmod 0555 ro ro/sub; tsmctl -q backup ro; chmod -R u+w ro
+        for how in always changed never; do rm ro/sub/f; chmod 0555 ro ro/sub; low $T -q restore ro --overwrite $how || exit
+        stat -c %a ro ro/sub; ls ro/sub; chmod -R u+w ro; done)",
+           0, "555\n555\nf\n555\n555\nf\n555\n555\nf\n");
     Expect("mkdir -p o/f o2; tsmctl restore d/f --to o --force", 1, "", "a directory of this name");
     Expect("ln -s ../o2 o/d; tsmctl restore d --to o --force", 1, "", "d is in the way");
     Expect("ls -A o2; tsmctl restore / --to o3 -q && cat o3/d/f", 0, "new\n");
@@ -655,8 +663,8 @@ TEST_F(Tsmctl, NamesForgeNoLines) {
     setenv("TSMCTL_FILESPACE", name.c_str(), 1);
     Expect("mkdir d; touch \"d/$N\" d/x; tsmctl -q backup d; tsmctl list \"d/$N\"; tsmctl filespaces", 0,
            "  d/" + raw + "\n" + raw + "\n");
-    Expect("tsmctl restore d --to .", 1, "", "tsmctl: d/" + shown + ": exists already");
-    Expect("rm d/a*; tsmctl verify d", 1, "d/" + shown + ": is stored");
+    Expect("rm d/a*; mkdir \"d/$N\"; tsmctl restore d", 1, "", "tsmctl: d/" + shown + ": a directory of this name");
+    Expect("rmdir d/a*; tsmctl verify d", 1, "d/" + shown + ": is stored");
     Expect("tsmctl rename \"d/$N\" y; tsmctl rename y \"d/$N\"; tsmctl grant \"$N\"", 0,
            "renamed d/" + shown + " to y (1 of 1 objects)\nrenamed y to d/" + shown + " (1 of 1 objects)\ngranted " +
                shown + " access to filespace " + shown + "\n");
@@ -685,6 +693,9 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect("tsmctl rename tree/sub/deep/file tree/sub/big --yes && tsmctl restore tree/sub/big --to -", 0, "hello",
            "is replaced");
     Expect("tsmctl rename tree/none x", 1, "", "not found");
+    Expect("mkdir -p cut/s; touch cut/f cut/s/g; tsmctl -q backup cut; faulty 'dsmRenameObj 3 32' rename cut whole", 1,
+           "whole (3 of 4 objects)", "stored versions");
+    Expect("tsmctl rename cut whole && tsmctl list whole | wc -l", 0, "whole (1 of 1 objects)\n4\n");
     Expect("faulty 'dsmRenameObj 1 0' rename tree/sub/big x", 1, "", "tree/sub/big: is not at its new name");
     Expect("mkdir lone; echo > lone/f; chmod 0700 lone; tsmctl -q backup lone; tsmctl -q rename lone/f lone/new/f", 0);
     Expect("tsmctl list lone --json | grep '\"lone\"'", 0, R"("mode":"0700")");

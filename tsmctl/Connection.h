@@ -73,9 +73,10 @@ public:
 
     // Throws Failure where the sign-on fails.
     int Handle();
-    // Does the work, and again in a new session when it fails in a way that may pass: as often as the user allows, after
-    // pauses that grow. Inside other work that is tried again, it is done once. After trying again was in vain, nothing
-    // is tried again until some work succeeds; listings, which say little about the rest, are on their own in that.
+    // Does the work, and again in a new session when it fails in a way that may pass: as often as the user allows,
+    // after pauses that grow. Inside other work that is tried again, it is done once. After trying again was in vain,
+    // nothing is tried again until some work succeeds; listings, which say little about the rest, are on their own in
+    // that.
     void Retry(const std::function<void()>& work, bool listing = false);
     void Drop();
     // Returns a good result; drops the session and throws Failure for a negative one.

@@ -19,7 +19,7 @@ std::string Names(const CLI::Option& option) {
 }
 
 std::string Row(const std::string& left, const std::string& right) {
-    return fmt::format("  {:<24}{}\n", left, right);
+    return fmt::format("  {:<23} {}\n", left, right);
 }
 
 std::string RowOf(const CLI::Option& option) {

@@ -250,9 +250,9 @@ void Report::Summary(const std::string& command) {
         text += count == 1 || plural ? fmt::format(" {} {},", count, count == 1 ? KindName(kind) : plural)
                                      : fmt::format(" {} {}s,", count, KindName(kind));
     }
-    if (!changes_.empty()) {
-        text += fmt::format(" {} new, {} changed, {} unchanged, {} gone,", changes_[Change::New],
-                            changes_[Change::Changed], changes_[Change::Unchanged], changes_[Change::Gone]);
+    for (const auto& [change, count] : changes_) {
+        const char* const names[] = {"new", "changed", "unchanged", "gone"};
+        text += fmt::format(" {} {},", count, names[static_cast<size_t>(change)]);
     }
     if (bytes_ > 0) text += fmt::format(" {} bytes", bytes_);
     text += fmt::format(" in {:.2f} s", Seconds());

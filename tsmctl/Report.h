@@ -75,7 +75,7 @@ public:
     // One more object is behind, of which is counted later whether it was done.
     void Step();
     void Count(Kind kind);
-    // Once called, even with 0, the summary tells all four.
+    // The summary tells what was counted, even if it was 0.
     void CountChange(Change change, long long count = 1);
     void Summary(const std::string& command);
 

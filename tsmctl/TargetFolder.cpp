@@ -36,12 +36,21 @@ UniqueFd TargetFolder::Open(const Parts& parts) const {
     return OpenBelow(root_.Get(), parts, true);
 }
 
-bool TargetFolder::Make(Parts parts, mode_t mode) const {
+std::optional<mode_t> TargetFolder::Make(Parts parts, mode_t mode) const {
     const Parts whole = parts;
     parts.pop_back();
-    const bool made = mkdirat(Open(parts).Get(), whole.back().c_str(), mode) == 0;
+    const UniqueFd above = Open(parts);
+    const char* const name = whole.back().c_str();
+    std::optional<mode_t> before;
+    struct stat status = {};
+    if (mkdirat(above.Get(), name, mode) != 0 && fstatat(above.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        before = status.st_mode & 07777;
+        if (S_ISDIR(status.st_mode) && (*before & S_IRWXU) != S_IRWXU) {
+            fchmodat(above.Get(), name, *before | S_IRWXU, AT_SYMLINK_NOFOLLOW);
+        }
+    }
     Open(whole);  // throws if something is in the way
-    return made;
+    return before;
 }
 
 void RequireSafe(const Parts& parts) {
@@ -57,7 +66,6 @@ NewEntry::NewEntry(const UniqueFd& directory, std::string name, bool replace)
     struct stat status = {};
     if (fstatat(directory_.Get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
     if (S_ISDIR(status.st_mode)) throw Failure("a directory of this name exists");
-    if (!replace_) throw Failure("exists already (--force replaces it)");
 }
 
 NewEntry::~NewEntry() {

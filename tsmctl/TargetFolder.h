@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,8 +21,9 @@ public:
 
     // Opens a directory below, and creates what is missing.
     UniqueFd Open(const Parts& parts) const;
-    // Creates a directory below with this mode. False when it existed.
-    bool Make(Parts parts, mode_t mode) const;
+    // Creates a directory below with this mode. One that exists is made writable for its owner; then this is the mode
+    // that it had.
+    std::optional<mode_t> Make(Parts parts, mode_t mode) const;
 
 private:
     UniqueFd root_;
@@ -34,7 +36,8 @@ void RequireSafe(const Parts& parts);
 // it.
 class NewEntry {
 public:
-    // directory outlives the entry. Throws Failure where the name exists and may not be replaced.
+    // directory outlives the entry. Throws Failure where a directory has the name. What else has it and may not be
+    // replaced makes Publish fail.
     NewEntry(const UniqueFd& directory, std::string name, bool replace);
     ~NewEntry();
     NewEntry(const NewEntry&) = delete;

@@ -78,7 +78,9 @@ TreeBackup::TreeBackup(const TreeOptions& options, Context& context, Session& se
               return text;
           },
           options.mgmtClass) {
-    context.report.CountChange(Change::New, 0);
+    for (const Change change : {Change::New, Change::Changed, Change::Unchanged, Change::Gone}) {
+        context.report.CountChange(change, 0);
+    }
 }
 
 void TreeBackup::Run(const Source& source) {

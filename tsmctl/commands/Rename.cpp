@@ -116,8 +116,13 @@ private:
 
     // Refuses what would mix two trees, and asks before anything stored is lost.
     void CheckTarget() {
+        // An interrupted rename goes on: directories move first, so the top has its new name.
+        const bool goesOn = std::none_of(moves_.begin(), moves_.end(),
+                                         [&](const Move& move) { return move.toParts.size() == to_.size(); });
         for (const StoredObject& object : List(session_, NamePattern(to_, false), Scope::Tree, {})) {
-            if (object.PlainParts().size() > to_.size()) throw Failure(Join(to_) + " is a directory that is not empty");
+            if (!goesOn && object.PlainParts().size() > to_.size()) {
+                throw Failure(Join(to_) + " is a directory that is not empty");
+            }
         }
         std::set<std::string> existing;
         for (const StoredObject& object : List(session_, NamePattern(to_, false), Scope::Tree, everyVersion)) {
@@ -126,6 +131,7 @@ private:
         size_t replaced = 0;
         for (const Move& move : moves_) {
             if (existing.count(move.TargetPath()) == 0) continue;
+            if (goesOn) throw Failure(move.from.ObjectPath() + ": its new name is taken");
             ++replaced;
             report_.Warn(Unescape(Join(move.toParts)), "exists; every version stored there is replaced");
         }

@@ -30,7 +30,7 @@ struct RestoreOptions {
     Chosen chosen;
     std::optional<size_t> strip;
     std::string to = ".";  // "-" for standard output
-    bool force = false;
+    std::string overwrite;        // empty: what is different here is a failure
     int jobs = usualSessions;
 };
 
@@ -45,16 +45,20 @@ public:
     }
 
     void MakeDirectory(const RestoreItem& item) {
-        const bool made = folder_.Make(item.local, item.object.info ? 0700 : 0777);
-        if (!made && !options_.force) untouched_.insert(item.local);
+        const auto mode = folder_.Make(item.local, item.object.info ? 0700 : 0777);
+        if (mode && (!item.object.info || options_.overwrite == "never")) kept_[item.local] = *mode;
     }
 
     // Comes after everything that the directory holds, since that changes its time and its mode may forbid it.
     void FinishDirectory(const RestoreItem& item) {
         report_.Count(Kind::Directory);
         report_.Did("restored", item.object.ObjectPath());
+        if (const auto kept = kept_.find(item.local); kept != kept_.end()) {
+            if ((kept->second & S_IRWXU) != S_IRWXU) fchmod(folder_.Open(item.local).Get(), kept->second);
+            return;
+        }
         RequireKnown(item.object);
-        if (!item.object.info || untouched_.count(item.local) > 0) return;
+        if (!item.object.info) return;
         const Info& info = *item.object.info;
         ApplyMetadata(folder_.Open(item.local).Get(), info, info.fields, report_);
         WarnOfSetIds(item, info.fields);
@@ -64,9 +68,19 @@ public:
         Parts parent = item.local;
         parent.pop_back();
         const UniqueFd directory = folder_.Open(parent);
-        NewEntry entry(directory, item.local.back(), options_.force);
-        Download download(session, item.object, options_.chosen.selection.at);
         const Kind kind = item.object.GetKind();
+        struct stat there = {};
+        const bool exists = fstatat(directory.Get(), item.local.back().c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
+                            !S_ISDIR(there.st_mode);
+        const bool same = exists && options_.overwrite != "always" && LooksTheSame(there, item);
+        // Another name of the same file may come, and be linked with this one.
+        const bool stays = same && FieldOf(item.object.info->fields, "link").empty();
+        if (stays || (exists && options_.overwrite == "never")) {
+            report_.Count(kind);
+            return report_.CountChange(Change::Unchanged);
+        }
+        NewEntry entry(directory, item.local.back(), same || (exists && !options_.overwrite.empty()));
+        Download download(session, item.object, options_.chosen.selection.at);
         std::unique_lock<std::mutex> linking(mutex_, std::defer_lock);
         std::string key;  // of a file with several names
         bool linked = false;
@@ -107,7 +121,16 @@ public:
         });
     }
 
-private:
+    // Whether what is here looks like the object.
+    static bool LooksTheSame(const struct stat& status, const RestoreItem& item) {
+        if (!item.object.info) return false;
+        const Info here = InfoOf(status);
+        const Info& stored = *item.object.info;
+        return here.kind == (stored.kind == Kind::Stream ? Kind::File : stored.kind) && here.size == stored.size &&
+               here.mode == (stored.mode & ~setIds) && TimeText(here.mtime) == TimeText(stored.mtime) &&
+               FieldOf(here.fields, "device") == FieldOf(stored.fields, "device");
+    }
+
     // Another name of a file that was restored before.
     struct Twin {
         Parts local;
@@ -142,7 +165,7 @@ private:
     const RestoreOptions& options_;
     Report& report_;
     TargetFolder folder_;
-    std::set<Parts> untouched_;  // directories that existed keep their mode and time
+    std::map<Parts, mode_t> kept_;  // the modes of directories that existed and stay as they are
     mode_t defaultMode_;
     std::mutex mutex_;                   // of the twins, until the first one has its name
     std::map<std::string, Twin> twins_;  // by what names of one file have in common
@@ -309,7 +332,10 @@ void AddRestore(CommandLine& line) {
     AddNumber(command, "--strip", "NUMBER", "parts to leave out of object paths (default: those above PATH)", 0, 1024,
               [options](long long number) { options->strip = static_cast<size_t>(number); });
     command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
-    command.add_flag("--force", options->force, "replace files that exist");
+    AddChoice(command, "--overwrite", options->overwrite, "which files that exist are replaced (default: none)",
+              {"never", "changed", "always"});
+    command.add_flag_callback(
+        "--force", [options] { options->overwrite = "always"; }, "as --overwrite always");
     AddJobs(command, options->jobs);
     line.AddDryRun(command);
 }
