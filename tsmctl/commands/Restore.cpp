@@ -18,6 +18,7 @@
 #include "Chosen.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
+#include "TarWriter.h"
 #include "TargetFolder.h"
 #include "Transfer.h"
 #include "commands/Commands.h"
@@ -29,6 +30,7 @@ struct RestoreOptions {
     Chosen chosen;
     std::optional<size_t> strip;
     std::string to = ".";  // "-" for standard output
+    bool tar = false;
     bool force = false;
     int jobs = 1;
 };
@@ -152,10 +154,20 @@ public:
     TreeRestore(const RestoreOptions& options, Context& context, Session& session)
         : options_(options),
           report_(context.report),
-          restorer_(options, context.report),
-          batch_(context, session, options.jobs, [this](Session& own, Buffer& buffer, const RestoreItem& item) {
-              restorer_.RestoreOne(own, buffer, item);
-          }) {}
+          batch_(context, session, options.tar ? 1 : options.jobs,
+                 [this](Session& own, Buffer& buffer, const RestoreItem& item) {
+                     if (tar_) {
+                         tar_->Write(own, buffer, item);
+                     } else {
+                         restorer_->RestoreOne(own, buffer, item);
+                     }
+                 }) {
+        if (options.tar) {
+            tar_.emplace(options.chosen.selection.at, report_);
+        } else {
+            restorer_.emplace(options, report_);
+        }
+    }
 
     // Returns whether to go on below.
     bool Visit(std::vector<StoredObject>& versions, const Parts& plain, size_t above) {
@@ -180,13 +192,15 @@ public:
             batch_.Add(std::move(item));
             return !std::any_of(versions.begin(), versions.end(), [](const auto& object) { return object.directory; });
         }
-        if (Attempt(report_, Join(local), [&] { restorer_.MakeDirectory(item); })) open_.push_back(std::move(item));
+        const bool made = tar_ || Attempt(report_, Join(local), [&] { restorer_->MakeDirectory(item); });
+        if (made) open_.push_back(std::move(item));
         return true;
     }
 
     void Finish() {
         while (!open_.empty()) Close();
         Run(true);
+        if (tar_) tar_->Finish();
     }
 
 private:
@@ -198,7 +212,10 @@ private:
     void Run(bool last) {
         batch_.Run(last);
         for (const RestoreItem& item : closed_) {
-            Attempt(report_, Join(item.local), [&] { restorer_.FinishDirectory(item); });
+            Attempt(report_, Join(item.local), [&] {
+                if (tar_) return tar_->WriteDirectory(item);
+                restorer_->FinishDirectory(item);
+            });
         }
         closed_.clear();
     }
@@ -232,7 +249,8 @@ private:
 
     const RestoreOptions& options_;
     Report& report_;
-    Restorer restorer_;
+    std::optional<Restorer> restorer_;
+    std::optional<TarWriter> tar_;
     Batch batch_;
     std::vector<RestoreItem> open_;       // the directories above what comes next
     std::vector<RestoreItem> closed_;     // lower ones first
@@ -262,9 +280,11 @@ void Restore(const RestoreOptions& options, Context& context) {
     const std::vector<NamePattern> patterns = options.chosen.Patterns();
     const bool toOutput = options.to == "-";
     if (options.to.empty()) throw UsageError("restore --to needs a folder, or - for standard output");
-    if (toOutput && (patterns.size() > 1 || patterns[0].IsRoot())) throw UsageError("one object path is needed");
+    if (options.tar && !toOutput) throw UsageError("--tar belongs to --to -");
+    if (toOutput && !options.tar && (patterns.size() > 1 || patterns[0].IsRoot()))
+        throw UsageError("one object path is needed");
     Session session(context.connection);
-    if (toOutput) {
+    if (toOutput && !options.tar) {
         RestoreToOutput(options, context, session);
     } else {
         TreeRestore tree(options, context, session);
@@ -289,6 +309,7 @@ void AddRestore(CommandLine& line) {
     AddNumber(command, "--strip", "NUMBER", "parts to leave out of object paths (default: those above PATH)", 0, 1024,
               [options](long long number) { options->strip = static_cast<size_t>(number); });
     command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
+    command.add_flag("--tar", options->tar, "what goes to standard output as an archive for tar");
     command.add_flag("--force", options->force, "replace files that exist");
     AddJobs(command, options->jobs);
 }
