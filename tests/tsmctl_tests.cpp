@@ -644,7 +644,8 @@ TEST_F(Tsmctl, PathsAndPatternsChoose) {
     Expect("tsmctl restore t/a 't/?/x' t/a --strip 0 --to q && diff -r u q/t", 0);
     Expect("tsmctl check t/a/x t --exclude /t/b -q --sums | cut -c 67- | tr -d '\\n'", 0, "x");
     Expect("sleep 1.1; date '+%F %T' > at; sleep 1.1; echo 4 > t/a/x; mv t/b/x t/b/z; tsmctl -q backup t", 0);
-    Expect("tsmctl find 'a/?' z --in t | cut -c 53- | tr '\\n' ,", 0, "inactive  t/a/x,active    t/a/x,active    t/b/z,");
+    Expect("tsmctl find 'a/?' z --in t | cut -c 53- | tr '\\n' ,", 0,
+           "inactive  t/a/x,active    t/a/x,active    t/b/z,");
     Expect("tsmctl -q diff t --at \"$(cat at)\"", 1, "M t/a/x\nM t/b\n- t/b/x\n+ t/b/z\n");
     Expect("tsmctl -q diff t --local t && tsmctl -q diff t --local t --at \"$(cat at)\"", 1,
            "M t/a/x\nM t/b\n+ t/b/z\n- t/b/x\n");
@@ -652,6 +653,19 @@ TEST_F(Tsmctl, PathsAndPatternsChoose) {
     Expect("tsmctl list t --type dir | wc -l; tsmctl restore t/b --to r && diff t/b/z r/b/z", 0, "3\n");
     Expect("tsmctl -q delete t/b/z --all-versions && tsmctl list --all-versions | cut -c 53- | grep /b/", 0,
            "inactive  t/b/x\ninactive  t/b/y.o\n");
+}
+
+TEST_F(Tsmctl, ATreeComesOutAsAnArchive) {
+    const std::string tar = "tsmctl restore tree --to - --tar -q | tar -x -C out --xattrs --xattrs-include='*'";
+    // tar would give what it puts below a directory the directory's default.
+    Expect(makeTree + std::string("; python3 -c 'import os; os.removexattr(\"tree/sub/deep\", "
+                                  "\"system.posix_acl_default\")'"),
+           0);
+    Expect("tsmctl -q backup tree; seq 300000 | tsmctl -q backup - --as tree/stream", 0, "", "socket");
+    Expect("set -o pipefail; mkdir out; " + tar, 0, "", "set-id bits and capabilities (2 objects)");
+    Expect("seq 300000 | cmp - out/tree/stream && rm out/tree/stream && touch -r tree out/tree", 0);
+    const std::string all = compare;
+    Expect(all.substr(0, all.rfind("&&")), 0);
 }
 
 TEST_F(Tsmctl, NamesForgeNoLines) {

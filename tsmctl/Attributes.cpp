@@ -142,6 +142,20 @@ std::vector<std::string> AttributesIn(std::string_view fields) {
     return found;
 }
 
+std::vector<std::pair<std::string, std::string>> DecodeAttributes(std::string_view attributes) {
+    std::vector<std::pair<std::string, std::string>> found;
+    for (const auto& [key, name] : aclKeys) {
+        for (const std::string& value : FieldsOf(attributes, key)) found.emplace_back(name, FromAclText(value));
+    }
+    for (const std::string& field : FieldsOf(attributes, "xattr")) {
+        const size_t colon = std::min(field.rfind(':'), field.size() - 1);
+        // As the system reads it: nothing behind a NUL may make another name of a capability.
+        const std::string name = PercentDecoded(field.substr(0, colon)).c_str();
+        if (name != capability) found.emplace_back(name, FromBase64(field.substr(colon + 1)));
+    }
+    return found;
+}
+
 namespace {
 
 bool SetOwner(int fd, const Info& info) {
@@ -158,17 +172,8 @@ bool SetAttributes(int fd, std::string_view attributes) {
     bool complete = true;
     // The default of a folder above may have given both.
     for (const auto& entry : aclKeys) removexattr(path.c_str(), entry.second);
-    const auto set = [&](const std::string& name, const std::string& value) {
+    for (const auto& [name, value] : DecodeAttributes(attributes)) {
         if (setxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) != 0) complete = false;
-    };
-    for (const auto& [key, name] : aclKeys) {
-        for (const std::string& value : FieldsOf(attributes, key)) set(name, FromAclText(value));
-    }
-    for (const std::string& field : FieldsOf(attributes, "xattr")) {
-        const size_t colon = std::min(field.rfind(':'), field.size() - 1);
-        // As the system reads it: nothing behind a NUL may make another name of a capability.
-        const std::string name = PercentDecoded(field.substr(0, colon)).c_str();
-        if (name != capability) set(name, FromBase64(field.substr(colon + 1)));
     }
     return complete;
 }

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "ObjectInfo.h"
@@ -15,6 +16,8 @@ namespace tsmctl {
 std::string ReadAttributes(int fd, Report& report);
 // Those among the fields, for a comparison.
 std::vector<std::string> AttributesIn(std::string_view fields);
+// Names and values as the system has them, without capabilities.
+std::vector<std::pair<std::string, std::string>> DecodeAttributes(std::string_view attributes);
 
 // Gives a file, link or directory what is stored of it, as far as this user may; the rest is counted in the report.
 // Fails where mode or time cannot be set. Set-id bits and capabilities are not restored: an administrator decides again

@@ -19,9 +19,9 @@ int Run(int argc, char** argv) try {
     AddCheck(commandLine);
     AddRestore(commandLine);
     AddList(commandLine);
+    AddStatus(commandLine);
     AddFind(commandLine);
     AddDiff(commandLine);
-    AddStatus(commandLine);
     AddDelete(commandLine);
     AddRename(commandLine);
     AddFilespaces(commandLine);

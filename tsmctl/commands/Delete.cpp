@@ -184,14 +184,22 @@ private:
             if (directory != directories.end() && !object.directory) directory->second = stays;
         }
         there = candidates = {};
+        // The library looks through the directory after each deletion, unless it deletes all that is there at once.
+        const bool whole = !path.empty() && options_.recursive && options_.at.empty() && directories.empty() &&
+                           refused.empty() && chosen.size() > 1;
         for (auto& [name, object] : chosen) {
             Item& item = level.items->emplace_back(Item{std::move(object)});
             if (directories.count(name) > 0) {
                 level.directories.push_back(&item);
-                continue;
+            } else if (!whole) {
+                workers_.Do(item.object.ObjectPath(),
+                            [this, &item, keep = level.items](Session& session, Buffer&) { DeleteOne(session, item); });
             }
-            workers_.Do(item.object.ObjectPath(),
-                        [this, &item, keep = level.items](Session& session, Buffer&) { DeleteOne(session, item); });
+        }
+        if (whole) {
+            workers_.Do(Unescape(path.substr(1)), [this, path, items = level.items](Session& session, Buffer&) {
+                DeleteAll(session, path, *items);
+            });
         }
         chosen.clear();
         for (const auto& [name, fileStays] : directories) {
@@ -217,6 +225,16 @@ private:
         }
         DeleteObject(session, item.object, options_.allVersions, options_.at);
         item.done = true;
+    }
+
+    void DeleteAll(Session& session, const std::string& path, std::deque<Item>& items) {
+        try {
+            session.Check("cannot delete",
+                          TsmDelete(session.Handle(), Text(path), nullptr, options_.allVersions ? 1 : 0, nullptr));
+            for (Item& item : items) item.done = true;
+        } catch (const Failure&) {
+            for (Item& item : items) Attempt(report_, item.object.ObjectPath(), [&] { DeleteOne(session, item); });
+        }
     }
 
     // Waits for the files, deletes the directories that are empty now, and finds out what is gone.
@@ -297,7 +315,8 @@ void Delete(const DeleteOptions& options, Context& context) {
         if (Attempt(context.report, options.paths[i], [&] { count += deleter.Count(patterns[i]); }))
             chosen.push_back(i);
     }
-    if (count > 1 && !Confirmed(options.yes || context.report.IsDryRun(), fmt::format("delete {} objects", count), "yes")) {
+    if (count > 1 &&
+        !Confirmed(options.yes || context.report.IsDryRun(), fmt::format("delete {} objects", count), "yes")) {
         throw Failure("not confirmed, nothing deleted");
     }
     for (const size_t i : chosen) {

@@ -19,6 +19,7 @@
 #include "Chosen.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
+#include "TarWriter.h"
 #include "TargetFolder.h"
 #include "Transfer.h"
 #include "commands/Commands.h"
@@ -30,7 +31,8 @@ struct RestoreOptions {
     Chosen chosen;
     std::optional<size_t> strip;
     std::string to = ".";  // "-" for standard output
-    std::string overwrite;        // empty: what is different here is a failure
+    bool tar = false;
+    std::string overwrite;  // empty: what is different here is a failure
     int jobs = usualSessions;
 };
 
@@ -177,10 +179,20 @@ public:
     TreeRestore(const RestoreOptions& options, Context& context, Session& session)
         : options_(options),
           report_(context.report),
-          restorer_(options, context.report),
-          batch_(context, session, options.jobs, [this](Session& own, Buffer& buffer, const RestoreItem& item) {
-              restorer_.RestoreOne(own, buffer, item);
-          }) {}
+          batch_(context, session, options.tar ? 1 : options.jobs,
+                 [this](Session& own, Buffer& buffer, const RestoreItem& item) {
+                     if (tar_) {
+                         tar_->Write(own, buffer, item);
+                     } else {
+                         restorer_->RestoreOne(own, buffer, item);
+                     }
+                 }) {
+        if (options.tar) {
+            tar_.emplace(options.chosen.selection.at, report_);
+        } else {
+            restorer_.emplace(options, report_);
+        }
+    }
 
     // Returns whether to go on below.
     bool Visit(std::vector<StoredObject>& versions, const Parts& plain, size_t above) {
@@ -207,7 +219,7 @@ public:
         }
         if (report_.IsDryRun()) {
             Tell(item);
-        } else if (Attempt(report_, Join(local), [&] { restorer_.MakeDirectory(item); })) {
+        } else if (tar_ || Attempt(report_, Join(local), [&] { restorer_->MakeDirectory(item); })) {
             open_.push_back(std::move(item));
         }
         return true;
@@ -216,6 +228,7 @@ public:
     void Finish() {
         while (!open_.empty()) Close();
         Run(true);
+        if (tar_) tar_->Finish();
     }
 
 private:
@@ -235,7 +248,10 @@ private:
     void Run(bool last) {
         batch_.Run(last);
         for (const RestoreItem& item : closed_) {
-            Attempt(report_, Join(item.local), [&] { restorer_.FinishDirectory(item); });
+            Attempt(report_, Join(item.local), [&] {
+                if (tar_) return tar_->WriteDirectory(item);
+                restorer_->FinishDirectory(item);
+            });
         }
         closed_.clear();
     }
@@ -269,7 +285,8 @@ private:
 
     const RestoreOptions& options_;
     Report& report_;
-    Restorer restorer_;
+    std::optional<Restorer> restorer_;
+    std::optional<TarWriter> tar_;
     Batch batch_;
     std::vector<RestoreItem> open_;       // the directories above what comes next
     std::vector<RestoreItem> closed_;     // lower ones first
@@ -305,11 +322,14 @@ void Restore(const RestoreOptions& options, Context& context) {
     const std::vector<NamePattern> patterns = options.chosen.Patterns();
     const bool toOutput = options.to == "-";
     if (options.to.empty()) throw UsageError("restore --to needs a folder, or - for standard output");
-    if (toOutput && (patterns.size() > 1 || patterns[0].IsRoot())) throw UsageError("one object path is needed");
+    if (options.tar && !toOutput) throw UsageError("--tar belongs to --to -");
+    if (toOutput && !options.tar && (patterns.size() > 1 || patterns[0].IsRoot()))
+        throw UsageError("one object path is needed");
     Session session(context.connection);
-    if (toOutput) {
+    if (toOutput && !options.tar) {
         RestoreToOutput(options, context, session);
     } else {
+        if (options.tar) context.report.LeaveOutputAlone();
         TreeRestore tree(options, context, session);
         Walk(context, session, options.chosen,
              [&](auto& versions, const Parts& plain, size_t above) { return tree.Visit(versions, plain, above); });
@@ -332,6 +352,7 @@ void AddRestore(CommandLine& line) {
     AddNumber(command, "--strip", "NUMBER", "parts to leave out of object paths (default: those above PATH)", 0, 1024,
               [options](long long number) { options->strip = static_cast<size_t>(number); });
     command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
+    command.add_flag("--tar", options->tar, "what goes to standard output as an archive for tar");
     AddChoice(command, "--overwrite", options->overwrite, "which files that exist are replaced (default: none)",
               {"never", "changed", "always"});
     command.add_flag_callback(
