@@ -32,7 +32,7 @@ struct RestoreOptions {
     std::string to = ".";  // "-" for standard output
     std::string at;
     bool force = false;
-    int jobs = usualSessions;
+    int jobs = usualReaders;
 };
 
 struct RestoreItem {
