@@ -112,7 +112,7 @@ def attempt(base, rules, command, status, words, retries="0"):
     if command.startswith("restore"):
         there = files("out/tree") if os.path.exists("out/tree") else {}
         assert there.items() <= tree.items()
-        assert (there == tree) == (done.returncode == 0 and "--dry-run" not in command)
+        assert there == ({} if "--dry-run" in command else tree) or done.returncode == 1
     found = state("store")
     complete = after(command) if command != "delete-filespace tsmctl --yes" else {}
     if done.returncode == 0:

@@ -141,29 +141,51 @@ public:
         : session_(session), pattern_(pattern), selection_(selection), visit_(visit) {}
 
     bool Run() {
-        if (pattern_.IsRoot()) Enter({""}, 0);
-        if (pattern_.IsRoot()) return found_;
+        if (pattern_.IsRoot()) {
+            Enter({""}, 0);
+            EnterStrays("*");
+            return found_;
+        }
         const size_t above = pattern_.Above();
-        const auto ask = [&](size_t level, const std::string& name) {
-            Collect(level, [&](const Selection& selection) {
-                Found some;
-                Add(some, session_, pattern_, selection, pattern_.ServerPath(level),
-                    name.empty() ? nullptr : name.c_str(), level + 1, level + 1);
-                return Sorted(std::move(some));
-            });
-        };
-        ask(above, pattern_.ServerName(above));
-        if (!directorySeen_ && !pattern_.IsWild()) ask(pattern_.Depth(), "");
+        Collect(above, [&](const Selection& selection) {
+            Found some;
+            const std::string name = pattern_.ServerName(above);
+            Add(some, session_, pattern_, selection, pattern_.ServerPath(above), name.c_str(), above + 1, above + 1);
+            return Sorted(std::move(some));
+        });
+        const std::string whole = pattern_.ServerPath(pattern_.Depth());
+        EnterStrays(whole);
+        EnterStrays(whole + "/*");
         return found_;
     }
 
 private:
     using Query = std::function<std::vector<StoredObject>(const Selection&)>;
 
+    // Goes through the directories that are not stored themselves, as after a rename that was broken off. That takes
+    // a listing of everything, and the memory for it.
+    void EnterStrays(const std::string& server) {
+        if (entries_ > mostWithStrays) return;
+        std::set<std::string> strays;
+        const auto look = [&](const TsmObject& record) {
+            if (entered_.count(record.highLevelName) == 0) strays.insert(record.highLevelName);
+        };
+        Ask(session_, server, nullptr, selection_, look);
+        if (selection_.andNow) Ask(session_, server, nullptr, {}, look);
+        for (const std::string& path : strays) {
+            const bool closed = std::any_of(closed_.begin(), closed_.end(), [&](const std::string& above) {
+                return (path + "/").compare(0, above.size() + 1, above + "/") == 0;
+            });
+            const Parts stored = path.empty() ? Parts() : SplitAtSlash(path.substr(1));
+            if (!closed && entered_.count(path) == 0 && stored.size() >= pattern_.Depth()) Enter({path}, stored.size());
+        }
+    }
+
     // Goes through the directories of one plain name, of which there may be several. The level is the number of parts
     // of that name.
     void Enter(const std::set<std::string>& paths, size_t level) {
         CheckInterrupt();
+        if (entries_ <= mostWithStrays) entered_.insert(paths.begin(), paths.end());
         Collect(level, [&](const Selection& selection) {
             std::vector<StoredObject> found;
             for (const std::string& path : paths) {
@@ -181,6 +203,7 @@ private:
         if (all.objectType == TSM_OBJECTS_FILES) all.objectType = TSM_OBJECTS_ANY;
         if (onTheWay) all.objectType = TSM_OBJECTS_DIRECTORIES;
         std::vector<StoredObject> found = query(all);
+        entries_ += found.size();
         if (selection_.marked) Mark(found, query({false, "", all.objectType}));
         if (!selection_.at.empty()) {
             // Files of that moment may be in a directory that was stored anew since.
@@ -227,7 +250,7 @@ private:
                        versions.end());
         const bool goOn = onTheWay || visit_(versions, plain);
         versions.clear();
-        directorySeen_ = directorySeen_ || !below.empty();
+        if (!goOn) closed_.insert(below.begin(), below.end());
         if (!goOn || below.empty()) return;
         Enter(below, plain.size());
     }
@@ -237,7 +260,10 @@ private:
     const Selection& selection_;
     const tsmctl::Visit& visit_;
     bool found_ = false;
-    bool directorySeen_ = false;
+    size_t entries_ = 0;
+    std::set<std::string> entered_;  // stored paths, as long as there are few entries
+    std::set<std::string> closed_;   // into these visit_ did not want to go
+    static constexpr size_t mostWithStrays = 40000;
 };
 
 }  // namespace

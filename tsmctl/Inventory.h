@@ -58,8 +58,8 @@ std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Sco
 std::vector<StoredObject> ListIn(Session& session, const std::string& path, const Selection& selection);
 
 // Goes through what the pattern names and everything below, in the order of the plain names and directory by directory,
-// so that memory does not grow with the tree. What lies in a directory of which no version is stored is found only
-// directly below a path without wildcards. False when there is nothing, of whatever type. Throws Failure.
+// so that memory does not grow with the tree. What lies in a directory of which no version is stored comes last; it is
+// not looked for among more than 40,000 objects. False when there is nothing, of whatever type. Throws Failure.
 //
 // visit gets the versions of one plain name, of which there may be none, and says whether to go on below it.
 using Visit = std::function<bool(std::vector<StoredObject>& versions, const Parts& plain)>;

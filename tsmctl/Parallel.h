@@ -15,8 +15,10 @@
 
 namespace tsmctl {
 
-// Small objects wait for the disk most of the time, and sessions share what they wait for. More than these gain little.
+// Small objects wait for the disk most of the time, and sessions share what they wait for. Reading back is not faster
+// with more than half of them, which would only take memory.
 constexpr int usualSessions = 8;
+constexpr int usualReaders = 4;
 
 // Sessions that do what they are given, each in a thread of its own. The calling thread, with its session, is one of
 // them: it works while it would have to wait. Failures are reported under the subject.

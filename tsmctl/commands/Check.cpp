@@ -19,7 +19,7 @@ struct CheckOptions {
     Chosen chosen;
     long long subset = 100;
     bool sums = false;
-    int jobs = usualSessions;
+    int jobs = usualReaders;
 };
 
 // A line as sha256sum writes it, with the path at which a restore puts the file.

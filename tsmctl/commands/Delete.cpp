@@ -80,6 +80,7 @@ public:
         FilesAbove files(session_, options_.Versions());
         files.RequireNone(pattern.Plain(), [&](const StoredObject& file) { return MayGo(file); });
         const Records before = listAbove();
+        const long long failures = report_.Failures();
         KeptDirectories kept(session_, report_, "");
         for (const Parts& directory : above) {
             if (options_.allVersions) kept.Remember(directory);
@@ -91,15 +92,28 @@ public:
                         [&](const Selection& selection) { return List(session_, pattern, Scope::Self, selection); });
         }
         Settle();
-        if (options_.recursive && !pattern.IsRoot() && !pattern.IsWild()) {
-            DeleteIn(ToStored(Append(pattern.Plain(), {"x"})).path);  // what has no directory above it
-            Settle();
+        if (options_.recursive && options_.at.empty() && report_.Failures() == failures && !report_.IsDryRun()) {
+            DeleteStrays(pattern);
         }
         kept.Restore(false);
         ReportGone(before, listAbove());
     }
 
 private:
+    // What has no directory above it.
+    void DeleteStrays(const NamePattern& pattern) {
+        std::set<std::string> directories;
+        Walk(session_, pattern, options_.Versions(), [&](const auto& versions, const Parts& plain) {
+            const bool below = plain.size() > pattern.Depth();
+            for (const StoredObject& object : versions) {
+                if (below) directories.insert(object.path);
+            }
+            return true;
+        });
+        for (const std::string& directory : directories) DeleteIn(directory);
+        Settle();
+    }
+
     struct Record {
         long long versions = 0;
         Kind kind = Kind::File;

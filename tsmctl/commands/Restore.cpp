@@ -33,7 +33,7 @@ struct RestoreOptions {
     std::string to = ".";  // "-" for standard output
     bool tar = false;
     std::string overwrite;  // empty: what is different here is a failure
-    int jobs = usualSessions;
+    int jobs = usualReaders;
 };
 
 using RestoreItem = ChosenObject;

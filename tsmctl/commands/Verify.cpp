@@ -24,7 +24,7 @@ namespace {
 
 struct VerifyOptions {
     SourceOptions source;
-    int jobs = usualSessions;
+    int jobs = usualReaders;
 };
 
 // For people, in the local time zone.
