@@ -709,7 +709,8 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect("tsmctl rename tree/none x", 1, "", "not found");
     Expect("mkdir -p cut/s; touch cut/f cut/s/g; tsmctl -q backup cut; faulty 'dsmRenameObj 3 32' rename cut whole", 1,
            "whole (3 of 4 objects)", "stored versions");
-    Expect("tsmctl -q list | grep -c '  cut/'; tsmctl -q restore cut --to all && find all/cut -type f | wc -l", 0, "1\n1\n");
+    Expect("tsmctl -q list | grep -c '  cut/'; tsmctl -q restore cut --to all && find all/cut -type f | wc -l", 0,
+           "1\n1\n");
     Expect("tsmctl rename cut whole && tsmctl list whole | wc -l", 0, "whole (1 of 1 objects)\n4\n");
     Expect("faulty 'dsmRenameObj 1 0' rename tree/sub/big x", 1, "", "tree/sub/big: is not at its new name");
     Expect("mkdir lone; echo > lone/f; chmod 0700 lone; tsmctl -q backup lone; tsmctl -q rename lone/f lone/new/f", 0);
