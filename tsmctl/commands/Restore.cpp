@@ -123,6 +123,7 @@ public:
         });
     }
 
+private:
     // Whether what is here looks like the object.
     static bool LooksTheSame(const struct stat& status, const RestoreItem& item) {
         if (!item.object.info) return false;
