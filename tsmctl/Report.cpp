@@ -256,7 +256,7 @@ void Report::Summary(const std::string& command) {
     }
     if (bytes_ > 0) text += fmt::format(" {} bytes", bytes_);
     text += fmt::format(" in {:.2f} s", Seconds());
-    if (differences_ > 0) text += fmt::format(", {} differences", differences_);
+    if (differences_ > 0) text += fmt::format(", {} difference{}", differences_, differences_ == 1 ? "" : "s");
     if (failures_ > 0) text += fmt::format(", {} failed", failures_);
     Say(text);
 }

@@ -51,16 +51,22 @@ public:
     // The number of objects; of --yes, only those that the pattern itself names. Throws Failure for what cannot be
     // deleted.
     size_t Count(const NamePattern& pattern) {
-        std::set<std::string> names;
+        const auto namesIn = [](const std::vector<StoredObject>& versions) {
+            std::set<std::string> names;
+            for (const StoredObject& object : versions) names.insert(object.StoredPath());
+            return names.size();
+        };
+        if ((options_.yes || !options_.recursive) && !pattern.IsRoot()) {
+            const auto versions = List(session_, pattern, Scope::Self, options_.Candidates());
+            if (!options_.recursive) RequireNothingBelow(versions);
+            if (!versions.empty()) return namesIn(versions);
+        }
         size_t count = 0;
         const bool found =
             Walk(session_, pattern, options_.Candidates(), [&](const auto& versions, const Parts& plain) {
                 if (!options_.recursive && plain.size() > pattern.Depth()) return false;
-                names.clear();
-                for (const StoredObject& object : versions) names.insert(object.StoredPath());
-                count += names.size();
-                if (!options_.recursive) RequireNothingBelow(versions);
-                return options_.recursive && !options_.yes;
+                count += namesIn(versions);
+                return true;
             });
         if (!found) throw NotFound();
         return count;
