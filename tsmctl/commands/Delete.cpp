@@ -200,7 +200,7 @@ private:
         there = candidates = {};
         // The library looks through the directory after each deletion, unless it deletes all that is there at once.
         const bool whole = !path.empty() && options_.recursive && options_.at.empty() && directories.empty() &&
-                           refused.empty() && chosen.size() > 1;
+                           refused.empty() && chosen.size() > 1 && !report_.IsDryRun();
         for (auto& [name, object] : chosen) {
             Item& item = level.items->emplace_back(Item{std::move(object)});
             if (directories.count(name) > 0) {
