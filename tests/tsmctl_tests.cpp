@@ -602,6 +602,10 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
     Expect("mkdir u; echo > u/f; tsmctl -q backup u; echo | tsmctl -q backup - --as u/s; tsmctl status u", 0,
            "  u\ncomplete ");
     Expect("faulty 'dsmSendObj 2 1' backup u --full; tsmctl status u", 1, "failed     20", "cannot begin");
+    Expect(
+        "tsmctl -q backup u --to u; faulty 'dsmBeginQuery 1 2041' backup u; tsmctl delete u/u --recursive --yes;"
+        "tsmctl status u",
+        1, "failed     20", "record of u: ");
     Expect("tsmctl -q rename u v; tsmctl delete t --recursive --yes > log; tsmctl status", 1, "", "is recorded");
 }
 

@@ -339,8 +339,10 @@ void Delete(const DeleteOptions& options, Context& context) {
     CheckInterrupt();
     for (const NamePattern& pattern : patterns) {
         if (!options.recursive || !options.at.empty() || pattern.IsWild() || context.report.IsDryRun()) continue;
-        Attempt(context.report, Join(pattern.Plain()),
-                [&] { RemoveRuns(session, pattern.Plain(), options.allVersions); });
+        Attempt(context.report, Join(pattern.Plain()), [&] {
+            const auto left = pattern.IsRoot() ? ListIn(session, "", {}) : List(session, pattern, Scope::Self, {});
+            if (left.empty()) RemoveRuns(session, pattern.Plain(), options.allVersions);
+        });
     }
     context.report.Summary("delete");
 }
