@@ -602,6 +602,10 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
     Expect("mkdir u; echo > u/f; tsmctl -q backup u; echo | tsmctl -q backup - --as u/s; tsmctl status u", 0,
            "  u\ncomplete ");
     Expect("faulty 'dsmSendObj 2 1' backup u --full; tsmctl status u", 1, "failed     20", "cannot begin");
+    Expect(
+        "tsmctl -q backup u --to u; faulty 'dsmBeginQuery 1 2041' backup u; tsmctl delete u/u --recursive --yes;"
+        "tsmctl status u",
+        1, "failed     20", "record of u: ");
     Expect("tsmctl -q rename u v; tsmctl delete t --recursive --yes > log; tsmctl status", 1, "", "is recorded");
 }
 
@@ -622,7 +626,8 @@ TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
 
 TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect(
-        "mkdir -p p/d/e 'p/s*r' q; touch p/d/e/f p/d/g 'p/s*r/x' p/1.a p/2.a p/1.b 'p/%' 'p/*' q/f; tsmctl -q backup p "
+        "mkdir -p p/d/e 'p/s*r' q; touch p/d/e/f p/d/e/h p/d/g 'p/s*r/x' p/1.a p/2.a p/1.b 'p/%' 'p/*' q/f; tsmctl -q "
+        "backup p "
         "q",
         0);
     Expect("tsmctl delete p/d", 1, "", "use --recursive");
@@ -630,8 +635,9 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect("tsmctl delete 'p/*.a' --yes; tsmctl list p | grep -c '[ab]$'", 0, "removed p/1.a\nremoved p/2.a\n1\n");
     Expect("tsmctl delete --literal 'p/*' && tsmctl delete 'p/%'", 0, "removed p/*\nremoved p/%\n");
     Expect("tsmctl delete q/f", 0, "removed q/f\nremoved q\n");
-    Expect("tsmctl delete --recursive --yes p/d p/none", 1,
-           "removed p/d/e/f\nremoved p/d/e\nremoved p/d/g\nremoved p/d\n", "p/none: not found");
+    Expect("tsmctl delete --recursive p/d --dry-run; tsmctl delete --recursive --yes p/d p/none", 1,
+           "removed p/d\nremoved p/d/e/f\nremoved p/d/e/h\nremoved p/d/e\nremoved p/d/g\nremoved p/d\n",
+           "p/none: not found");
     Expect("tsmctl list --json | grep -c path", 0, "4\n");
     Expect("tsmctl delete --recursive --yes / -q --all-versions > /dev/null; tsmctl -q list --all-versions | wc -l", 0,
            "0\n");

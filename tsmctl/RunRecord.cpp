@@ -45,19 +45,29 @@ void StoreRun(Session& session, const RunRecord& run, const std::string& mgmtCla
     info.mtime.tv_sec = run.ended;
     if (run.failures) AddField(info.fields, "failures", std::to_string(*run.failures));
     if (run.complete) AddField(info.fields, "complete", std::to_string(*run.complete));
-    Upload(session, ToStoredRaw(stored), 0, info, "", mgmtClass).Commit();
+    session.Retry([&] { Upload(session, ToStoredRaw(stored), 0, info, "", mgmtClass).Commit(); });
 }
 
 void RemoveRuns(Session& session, const Parts& tree, bool allVersions) {
-    std::vector<StoredObject> records = ListRecords(session, tree, Scope::Tree, allVersions);
-    std::reverse(records.begin(), records.end());  // what a directory holds comes first
-    std::set<std::string> removed;
-    for (const StoredObject& record : records) {
-        if (!record.info || !removed.insert(record.StoredPath()).second) continue;
-        const int result =
-            TsmDelete(session.Handle(), Text(record.path), Text(record.name), allVersions ? 1 : 0, nullptr);
-        // The library has removed a directory that became empty.
-        if (result != -2) session.Check("cannot delete the record of a run", result);
+    // The library removes the directories that become empty, and these may be records, too.
+    std::vector<RunRecord> above;
+    for (Parts parts = tree; !parts.empty();) {
+        parts.pop_back();
+        for (RunRecord& record : FindRuns(session, parts, Scope::Self)) above.push_back(std::move(record));
+    }
+    session.Retry([&] {
+        std::vector<StoredObject> records = ListRecords(session, tree, Scope::Tree, allVersions);
+        std::reverse(records.begin(), records.end());  // what a directory holds comes first
+        std::set<std::string> removed;
+        for (const StoredObject& record : records) {
+            if (!record.info || !removed.insert(record.StoredPath()).second) continue;
+            const int result =
+                TsmDelete(session.Handle(), Text(record.path), Text(record.name), allVersions ? 1 : 0, nullptr);
+            if (result != -2) session.Check("cannot delete the record of a run", result);
+        }
+    });
+    for (const RunRecord& record : above) {
+        if (FindRuns(session, record.tree, Scope::Self).empty()) StoreRun(session, record, "");
     }
 }
 

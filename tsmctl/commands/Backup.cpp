@@ -255,25 +255,28 @@ void StoreSource(const BackupOptions& options, Report& report, Session& session,
     backup.Finish();
     const long long before = report.Failures();
     RunRecord run;
-    const auto attempt = [&](const std::function<void()>& work) {
-        Attempt(report, "the record of " + Join(source.object), work);
+    run.tree = source.object;
+    run.begun = run.ended = std::time(nullptr);
+    bool known = false;  // what is recorded until now
+    const auto record = [&] {
+        Attempt(report, "the record of " + Join(source.object), [&] {
+            if (!known) {
+                for (const RunRecord& last : FindRuns(session, source.object, Scope::Self)) {
+                    run.complete = last.complete;
+                    recorded = true;
+                }
+            }
+            known = true;
+            if (recorded) StoreRun(session, run, options.tree.mgmtClass);
+        });
     };
-    const auto store = [&] { StoreRun(session, run, options.tree.mgmtClass); };
-    attempt([&] {
-        for (const RunRecord& last : FindRuns(session, source.object, Scope::Self)) {
-            run.complete = last.complete;
-            recorded = true;
-        }
-        run.tree = source.object;
-        run.begun = run.ended = std::time(nullptr);
-        if (recorded) store();
-    });
+    record();
     backup.Run(source);
     backup.Finish();
     run.failures = report.Failures() - before;
     run.ended = std::time(nullptr);
     if (run.failures == 0) run.complete = run.ended;
-    if (recorded) attempt(store);
+    record();
 }
 
 void StoreTrees(const BackupOptions& options, Context& context) {

@@ -206,7 +206,7 @@ private:
         there = candidates = {};
         // The library looks through the directory after each deletion, unless it deletes all that is there at once.
         const bool whole = !path.empty() && options_.recursive && options_.at.empty() && directories.empty() &&
-                           refused.empty() && chosen.size() > 1;
+                           refused.empty() && chosen.size() > 1 && !report_.IsDryRun();
         for (auto& [name, object] : chosen) {
             Item& item = level.items->emplace_back(Item{std::move(object)});
             if (directories.count(name) > 0) {
@@ -345,8 +345,10 @@ void Delete(const DeleteOptions& options, Context& context) {
     CheckInterrupt();
     for (const NamePattern& pattern : patterns) {
         if (!options.recursive || !options.at.empty() || pattern.IsWild() || context.report.IsDryRun()) continue;
-        Attempt(context.report, Join(pattern.Plain()),
-                [&] { RemoveRuns(session, pattern.Plain(), options.allVersions); });
+        Attempt(context.report, Join(pattern.Plain()), [&] {
+            const auto left = pattern.IsRoot() ? ListIn(session, "", {}) : List(session, pattern, Scope::Self, {});
+            if (left.empty()) RemoveRuns(session, pattern.Plain(), options.allVersions);
+        });
     }
     context.report.Summary("delete");
 }

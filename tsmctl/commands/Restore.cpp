@@ -188,6 +188,7 @@ public:
                          restorer_->RestoreOne(own, buffer, item);
                      }
                  }) {
+        if (report_.IsDryRun()) return;
         if (options.tar) {
             tar_.emplace(options.chosen.selection.at, report_);
         } else {
