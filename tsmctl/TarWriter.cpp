@@ -111,8 +111,9 @@ void TarWriter::WriteFile(Session& session, Buffer& buffer, const ChosenObject& 
     const auto contentOf = [](const Download& download) { return download.Digest() + " " + download.Header(); };
     const auto twin = twins_.find(key);
     std::optional<long long> size = info.size;
-    // The header comes before the content, which is read twice where the header depends on it.
-    if (!item.object.info || !size || twin != twins_.end()) {
+    // The header comes before the content, which is read twice where the header depends on it. A size beyond what was
+    // announced is that of a file with holes, or damaged, and would be filled up with zeros.
+    if (!size || *size > item.object.announced || twin != twins_.end()) {
         Download download(session, item.object, at_);
         size = 0;
         Receive(download, buffer, [&](const Piece& piece) { *size += static_cast<long long>(piece.size); });
