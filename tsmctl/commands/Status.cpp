@@ -39,7 +39,10 @@ struct Finding {
 };
 
 std::string TimeOf(std::optional<long long> seconds) {
-    return seconds ? fmt::format("{:%F %T %z}", fmt::localtime(static_cast<std::time_t>(*seconds))) : "never";
+    if (!seconds) return "never";
+    std::tm local = {};
+    const std::time_t time = *seconds;
+    return localtime_r(&time, &local) ? fmt::format("{:%F %T %z}", local) : std::to_string(time);
 }
 
 Finding Judge(const RunRecord& run, const StatusOptions& options, long long now) {
