@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The parts below the top; "/" has itself as its top.
+// Its parts below the top; "/" has itself as its top.
 Parts PartsBelow(const LocalItem& item) {
     return item.local.size() == item.below ? Parts{"."} : SplitAtSlash(item.local.substr(item.below));
 }

@@ -56,9 +56,9 @@ public:
     bool IsWild() const;
     size_t Depth() const { return parts_.size(); }
     const Parts& Plain() const { return parts_; }
-    // The parts before the last one and the first wildcard.
+    // Its parts before the last one and the first wildcard.
     size_t Above() const;
-    // Whether the parts match, as far as both go.
+    // Whether its parts match, as far as both go.
     bool Matches(const Parts& plain) const;
     // The pattern for the server: the first count parts as a path, and a part as a name.
     std::string ServerPath(size_t count) const;
