@@ -46,7 +46,8 @@ std::optional<mode_t> TargetFolder::Make(Parts parts, mode_t mode) const {
     if (mkdirat(above.Get(), name, mode) != 0 && fstatat(above.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
         before = status.st_mode & 07777;
         if (S_ISDIR(status.st_mode) && (*before & S_IRWXU) != S_IRWXU) {
-            fchmodat(above.Get(), name, *before | S_IRWXU, AT_SYMLINK_NOFOLLOW);
+            // Where that is not allowed, what is in it cannot be created, which is reported.
+            [[maybe_unused]] const int done = fchmodat(above.Get(), name, *before | S_IRWXU, AT_SYMLINK_NOFOLLOW);
         }
     }
     Open(whole);  // throws if something is in the way

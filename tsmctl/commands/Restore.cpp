@@ -56,7 +56,9 @@ public:
         report_.Count(Kind::Directory);
         report_.Did("restored", item.object.ObjectPath());
         if (const auto kept = kept_.find(item.local); kept != kept_.end()) {
-            if ((kept->second & S_IRWXU) != S_IRWXU) fchmod(folder_.Open(item.local).Get(), kept->second);
+            const bool opened = (kept->second & S_IRWXU) != S_IRWXU;
+            if (opened && fchmod(folder_.Open(item.local).Get(), kept->second) != 0)
+                FailLocal("cannot set the mode", errno);
             return;
         }
         RequireKnown(item.object);
