@@ -672,6 +672,12 @@ TEST_F(Tsmctl, ATreeComesOutAsAnArchive) {
     Expect("seq 300000 | cmp - out/tree/stream && rm out/tree/stream && touch -r tree out/tree", 0);
     const std::string all = compare;
     Expect(all.substr(0, all.rfind("&&")), 0);
+    // Other programs do not look for the target of the first link elsewhere.
+    Expect(
+        "tsmctl restore tree --to - --tar -q | python3 -c 'import sys; d = sys.stdin.buffer.read(); b = [d[i:i + 512] "
+        "for i in range(0, len(d), 512)]; print({x[157] > 0 for x in b if x[257:262] == b\"ustar\" and x[156] in "
+        "b\"12\"})'",
+        0, "{True}\n");
 }
 
 TEST_F(Tsmctl, NamesForgeNoLines) {

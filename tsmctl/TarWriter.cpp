@@ -27,7 +27,9 @@ std::string PlainTime(const timespec& time) {
     return fmt::format("{}{}.{:09}", time.tv_sec == -1 ? "-" : "", time.tv_sec + 1, 1000000000 - time.tv_nsec);
 }
 
-std::string Block(const std::string& name, char type, mode_t mode, long long size, const std::string& device) {
+// Some readers take a link's target from the block even where a record has it, so it begins there, too.
+std::string Block(const std::string& name, char type, mode_t mode, long long size, const std::string& link,
+                  const std::string& device) {
     std::string block(blockSize, '\0');
     const auto put = [&](size_t at, const std::string& text) { block.replace(at, text.size(), text); };
     // What does not fit stands in records.
@@ -45,6 +47,7 @@ std::string Block(const std::string& name, char type, mode_t mode, long long siz
     number(136, 11, 0);
     put(148, "        ");
     block[156] = type;
+    put(157, link.substr(0, 100));
     put(257, std::string("ustar\0"
                          "00",
                          8));
@@ -78,9 +81,9 @@ void TarWriter::WriteHeader(const ChosenObject& item, char type, long long size,
     const bool setsIds = (info.mode & setIds) != 0;
     if (setsIds || HasCapability(attributes)) report_.CountLoss("archived without its set-id bits and capabilities");
     const mode_t mode = item.object.info ? info.mode & ~setIds : directory ? 0755 : 0644;
-    std::string text = Block("pax", 'x', 0644, static_cast<long long>(records.size()), "") + records;
+    std::string text = Block("pax", 'x', 0644, static_cast<long long>(records.size()), "", "") + records;
     text.resize((text.size() + blockSize - 1) / blockSize * blockSize);
-    text += Block(item.local.back(), type, mode, size, FieldOf(info.fields, "device"));
+    text += Block(item.local.back(), type, mode, size, link, FieldOf(info.fields, "device"));
     WriteAll(STDOUT_FILENO, text.data(), text.size());
 }
 

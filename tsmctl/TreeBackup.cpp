@@ -129,9 +129,11 @@ void TreeBackup::Enter(const LocalItem& directory, Folder& folder, const std::fu
     LocalFolder here;
     const char* closed = nullptr;
     const bool readable = Attempt(report, directory.local, [&] {
+        // What another run stores from now on is not taken for gone.
+        StoredFolder stored = ListFolder(session_, folder.object);
         here = Read(directory, report);
         closed = options_.exclusions.WhyClosed(directory, here, top_.device);
-        if (!closed) folder.stored = ListFolder(session_, folder.object);
+        if (!closed) folder.stored = std::move(stored);
     });
     const bool isTop = directory.local == top_.local;
     if (isTop && readable && !options_.force && !options_.keepVanished) CheckTop(folder, here);

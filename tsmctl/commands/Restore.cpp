@@ -309,7 +309,6 @@ void RestoreToOutput(const RestoreOptions& options, Context& context, Session& s
                     files.end());
         if (files.size() != 1) throw Failure("is not one file or stream");
         if (!report.IsDryRun()) {
-            report.LeaveOutputAlone();
             Buffer buffer(pieceSize);
             // What was written once cannot be taken back: only the beginning is tried again.
             std::optional<Download> download;
@@ -329,11 +328,11 @@ void Restore(const RestoreOptions& options, Context& context) {
     if (options.tar && !toOutput) throw UsageError("--tar belongs to --to -");
     if (toOutput && !options.tar && (patterns.size() > 1 || patterns[0].IsRoot()))
         throw UsageError("one object path is needed");
+    if (options.tar || (toOutput && !context.report.IsDryRun())) context.report.LeaveOutputAlone();
     Session session(context.connection);
     if (toOutput && !options.tar) {
         RestoreToOutput(options, context, session);
     } else {
-        if (options.tar) context.report.LeaveOutputAlone();
         TreeRestore tree(options, context, session);
         Walk(context, session, options.chosen,
              [&](auto& versions, const Parts& plain, size_t above) { return tree.Visit(versions, plain, above); });
