@@ -213,8 +213,11 @@ void Database::CountLog() {
     sqlite3_wal_hook(handle_.get(), count, &logPages_);  // in the place of SQLite's own, which checkpoints
 }
 
-void Database::Checkpoint() {
-    Check(handle_.get(), sqlite3_wal_checkpoint_v2(handle_.get(), "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr));
+Database::Log Database::Checkpoint() {
+    Log log;
+    Check(handle_.get(),
+          sqlite3_wal_checkpoint_v2(handle_.get(), "main", SQLITE_CHECKPOINT_PASSIVE, &log.pages, &log.broughtIn));
+    return log;
 }
 
 void Database::FlushOverOldLog() {

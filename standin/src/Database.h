@@ -102,7 +102,11 @@ public:
 
     // Brings the log into the main file, as far as no reader needs the older pages. Other connections may write
     // meanwhile; the log begins anew with the next commit only if none did.
-    void Checkpoint();
+    struct Log {
+        int pages = 0;  // that it had in the beginning
+        int broughtIn = 0;
+    };
+    Log Checkpoint();
 
     // False once SQLite has rolled the transaction back by itself, as after a failure to read or write.
     bool InTransaction() const;

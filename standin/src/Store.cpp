@@ -32,9 +32,11 @@ struct Stores {
 
 // However long the last change waited, which may have been for another process.
 constexpr std::chrono::milliseconds longestGathering{5};
+constexpr std::chrono::microseconds quickFlush{400};
 
-// In pages. The log begins anew only after a checkpoint behind which nobody wrote: a long one is waited for.
-constexpr int checkpointEvery = 1000, longLog = 2000;
+// In pages. The log begins anew only after a checkpoint behind which nobody wrote. Of a long log the last few are
+// waited for, of one that is too long all of them.
+constexpr int checkpointEvery = 1000, longLog = 2000, tooLongLog = 4000, few = 200;
 
 // How long this thread has not been computing, from some moment on.
 std::chrono::nanoseconds Waited() {
@@ -201,20 +203,22 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
     std::unique_lock<std::mutex> lock(mutex_);
     queue_.push_back(&own);
     const bool first = !std::exchange(carrying_, true);
-    if (gathers_ && queue_.size() == company_) allHere_.notify_one();
+    if (queue_.size() == gathers_) allHere_.notify_one();
     lock.unlock();
     if (first || own.Wait() == Waiting::Turn::Carries) {
         lock.lock();
         // Threads that submitted a moment ago may submit again. They get the processor first, and then a part of the
-        // time that a flush takes. A single thread waits for nobody.
-        if (company_ > 1 || queue_.size() > 1) {
+        // time that a flush takes. Where flushes are quick, some of them do: the others come while these are carried
+        // out. A single thread waits for nobody.
+        const std::size_t wanted = waited_ < quickFlush ? company_ / 4 : company_;
+        if (queue_.size() < wanted) {
             lock.unlock();
             std::this_thread::yield();
             lock.lock();
-            gathers_ = true;
+            gathers_ = wanted;
             allHere_.wait_for(lock, std::min<std::chrono::nanoseconds>(waited_ / 8, longestGathering),
-                              [this] { return queue_.size() >= company_; });
-            gathers_ = false;
+                              [&] { return queue_.size() >= wanted; });
+            gathers_ = 0;
         }
         const Group group = std::exchange(queue_, {});
         lock.unlock();
@@ -229,10 +233,6 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
             }
         }
         checkpoints = CheckpointIsDue();
-        if (checkpoints && writer_->LogPages() >= longLog) {
-            Checkpoint();
-            checkpoints = false;
-        }
         lock.lock();
         Waiting* const next = queue_.empty() ? nullptr : queue_.front();
         carrying_ = next != nullptr;
@@ -242,24 +242,49 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
         if (next) next->Tell(Waiting::Turn::Carries);
     }
     own.TellOthers();
-    if (checkpoints) Checkpoint();
+    if (checkpoints) CheckpointBesideCommits();
     if (own.failure) std::rethrow_exception(own.failure);
 }
 
-// Asked by the leader after each commit.
-bool Store::CheckpointIsDue() {
+// Asked by the leader after each commit. Nobody commits meanwhile.
+bool Store::CheckpointIsDue() try {
     const int pages = writer_->LogPages();
-    if (pages < checkpointedPages_) checkpointedPages_ = 0;  // the log has begun anew
-    if (pages - checkpointedPages_ < checkpointEvery) return false;
-    checkpointedPages_ = pages;
-    return true;
+    std::unique_lock<std::mutex> lock(checkpointing_, std::defer_lock);
+    if (pages >= tooLongLog) {
+        lock.lock();
+    } else if (!lock.try_lock()) {
+        return false;
+    }
+    if (pages < checkpointed_.pages) {  // the log has begun anew
+        checkpointed_ = {};
+        triedToEnd_ = 0;
+    }
+    const bool due = pages - checkpointed_.pages >= checkpointEvery;
+    const bool little = pages >= longLog && pages - checkpointed_.broughtIn <= few;
+    // It goes on where somebody reads.
+    if (!(pages >= tooLongLog ? due : little && pages - triedToEnd_ >= checkpointEvery)) return due;
+    triedToEnd_ = pages;
+    Checkpoint();
+    return false;
+} catch (const std::exception&) {
+    return false;  // a later one does it
 }
 
-void Store::Checkpoint() noexcept try {
+void Store::CheckpointBesideCommits() noexcept try {
     const std::lock_guard<std::mutex> lock(checkpointing_);
-    checkpointer_->Checkpoint();
+    // What others have committed meanwhile is less each time. Until it is few, a long log cannot begin anew.
+    constexpr int rounds = 5;
+    for (int i = 0; i < rounds; ++i) {
+        const int before = checkpointed_.pages;
+        Checkpoint();
+        if (checkpointed_.pages < longLog || checkpointed_.pages - before <= few) break;
+    }
 } catch (const std::exception&) {
     // A later one does it.
+}
+
+void Store::Checkpoint() {
+    checkpointed_ = checkpointer_->Checkpoint();
 }
 
 // Carries out the changes of a group. Each member gets its own outcome.

@@ -114,7 +114,8 @@ private:
     void RemoveFilesAfter(const Change& change) noexcept;
     void RemoveQuietly(const std::string& file) const noexcept;
     bool CheckpointIsDue();
-    void Checkpoint() noexcept;
+    void CheckpointBesideCommits() noexcept;
+    void Checkpoint();
     void Tidy();
     void SweepData();
 
@@ -124,10 +125,12 @@ private:
     ObjectData data_;
     std::unique_ptr<Database> writer_;  // the leader's; none in a store that is only read
     std::vector<std::string> inDoubt_;  // placed by commits that failed
-    int checkpointedPages_ = 0;         // of the log, when the last checkpoint was due
 
+    // Brings the log into the main file while the next groups are carried out.
     std::mutex checkpointing_;
-    std::unique_ptr<Database> checkpointer_;  // brings the log into the main file while the next group is carried out
+    std::unique_ptr<Database> checkpointer_;
+    Database::Log checkpointed_;
+    int triedToEnd_ = 0;  // the pages that the log had when commits waited for its end
 
     std::atomic<unsigned> filespaceDeletions_{0};
 
@@ -137,7 +140,7 @@ private:
     // How many threads had a part in the last change or waited at its end, and how long it waited for the disk.
     std::size_t company_ = 0;
     std::chrono::nanoseconds waited_{0};
-    bool gathers_ = false;
+    std::size_t gathers_ = 0;  // how many the leader waits for
     std::condition_variable allHere_;
 };
 
