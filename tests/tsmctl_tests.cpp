@@ -674,7 +674,8 @@ TEST_F(Tsmctl, ATreeComesOutAsAnArchive) {
     Expect(all.substr(0, all.rfind("&&")), 0);
     // Other programs do not look for the target of the first link elsewhere.
     Expect(
-        "tsmctl restore tree --to - --tar -q | python3 -c 'import sys; d = sys.stdin.buffer.read(); b = [d[i:i + 512] "
+        "tsmctl restore tree --to - --tar -q 2> err | python3 -c 'import sys; d = sys.stdin.buffer.read(); b = [d[i:i "
+        "+ 512] "
         "for i in range(0, len(d), 512)]; print({x[157] > 0 for x in b if x[257:262] == b\"ustar\" and x[156] in "
         "b\"12\"})'",
         0, "{True}\n");
