@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <set>
@@ -80,21 +79,16 @@ void Ask(Session& session, const std::string& path, const char* name, const Sele
     session.Retry(list, true);
 }
 
-using Found = std::vector<std::pair<Parts, StoredObject>>;  // by plain name
-
-// Keeps what matches at a depth from least to most, so that queries which overlap give nothing twice.
-void Add(Found& found, Session& session, const NamePattern& pattern, const Selection& selection,
-         const std::string& path, const char* name, size_t least, size_t most) {
+// Those records of a listing that are to be kept, ordered by plain name and date.
+std::vector<StoredObject> Sorted(Session& session, const std::string& path, const char* name,
+                                 const Selection& selection, const std::function<bool(const StoredObject&)>& keep) {
+    std::vector<std::pair<std::string, StoredObject>> found;
     Ask(session, path, name, selection, [&](const TsmObject& record) {
         StoredObject object = CopyOf(record);
-        Parts plain = object.PlainParts();
-        if (plain.size() >= least && plain.size() <= most && pattern.Matches(plain)) {
-            found.emplace_back(std::move(plain), std::move(object));
-        }
+        if (!keep(object)) return;
+        std::string key = Unescape(object.StoredPath());
+        found.emplace_back(std::move(key), std::move(object));
     });
-}
-
-std::vector<StoredObject> Sorted(Found found) {
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
         return std::tie(a.first, a.second.date) < std::tie(b.first, b.second.date);
     });
@@ -104,29 +98,15 @@ std::vector<StoredObject> Sorted(Found found) {
     return objects;
 }
 
-}  // namespace
-
-std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection) {
-    constexpr size_t any = SIZE_MAX;
-    Found found;
-    const auto add = [&](const std::string& path, const char* name, size_t least, size_t most) {
-        Add(found, session, pattern, selection, path, name, least, most);
-    };
-    const size_t depth = pattern.Depth();
-    if (pattern.IsRoot()) {
-        add("*", nullptr, 0, any);
-        return Sorted(std::move(found));
-    }
-    add(pattern.ServerPath(depth - 1), pattern.ServerName(depth - 1).c_str(), depth, depth);
-    if (scope == Scope::Tree) {
-        const std::string whole = pattern.ServerPath(depth);
-        add(whole, nullptr, depth + 1, depth + 1);
-        add(whole + "/*", nullptr, depth + 2, any);
-    }
-    return Sorted(std::move(found));
+// What matches the first parts of a pattern, as many as the depth.
+std::vector<StoredObject> ListAt(Session& session, const NamePattern& pattern, size_t depth,
+                                 const Selection& selection) {
+    const std::string name = pattern.ServerName(depth - 1);
+    return Sorted(session, pattern.ServerPath(depth - 1), name.c_str(), selection, [&](const StoredObject& object) {
+        const Parts plain = object.PlainParts();
+        return plain.size() == depth && pattern.Matches(plain);
+    });
 }
-
-namespace {
 
 // In a path that another program stored, the library gives these bytes a meaning.
 std::string AsPattern(std::string path) {
@@ -143,35 +123,21 @@ public:
     bool Run() {
         if (pattern_.IsRoot()) {
             Enter({""}, 0);
-            EnterStrays("*");
-            return found_;
+        } else {
+            const size_t above = pattern_.Above();
+            Collect(above, [&](const auto& selection) { return ListAt(session_, pattern_, above + 1, selection); });
         }
-        const size_t above = pattern_.Above();
-        Collect(above, [&](const Selection& selection) {
-            Found some;
-            const std::string name = pattern_.ServerName(above);
-            Add(some, session_, pattern_, selection, pattern_.ServerPath(above), name.c_str(), above + 1, above + 1);
-            return Sorted(std::move(some));
-        });
-        const std::string whole = pattern_.ServerPath(pattern_.Depth());
-        EnterStrays(whole);
-        EnterStrays(whole + "/*");
+        if (entries_ <= mostWithStrays) EnterStrays();
         return found_;
     }
 
 private:
     using Query = std::function<std::vector<StoredObject>(const Selection&)>;
 
-    // Goes through the directories that are not stored themselves, as after a rename that was broken off. That takes
-    // a listing of everything, and the memory for it.
-    void EnterStrays(const std::string& server) {
-        if (entries_ > mostWithStrays) return;
-        std::set<std::string> strays;
-        const auto look = [&](const TsmObject& record) {
-            if (entered_.count(record.highLevelName) == 0) strays.insert(record.highLevelName);
-        };
-        Ask(session_, server, nullptr, selection_, look);
-        if (selection_.andNow) Ask(session_, server, nullptr, {}, look);
+    // As after a rename that was broken off.
+    void EnterStrays() {
+        std::set<std::string> strays = FindStrays(session_, pattern_, selection_, entered_);
+        if (selection_.andNow) strays.merge(FindStrays(session_, pattern_, {}, entered_));
         for (const std::string& path : strays) {
             const bool closed = std::any_of(closed_.begin(), closed_.end(), [&](const std::string& above) {
                 return (path + "/").compare(0, above.size() + 1, above + "/") == 0;
@@ -263,21 +229,32 @@ private:
     size_t entries_ = 0;
     std::set<std::string> entered_;  // stored paths, as long as there are few entries
     std::set<std::string> closed_;   // into these visit_ did not want to go
-    static constexpr size_t mostWithStrays = 40000;
 };
 
 }  // namespace
 
-std::vector<StoredObject> ListIn(Session& session, const std::string& path, const Selection& selection) {
-    Found found;
+std::vector<StoredObject> List(Session& session, const NamePattern& pattern, const Selection& selection) {
+    if (pattern.IsRoot()) return {};
+    return ListAt(session, pattern, pattern.Depth(), selection);
+}
+
+std::vector<StoredObject> ListIn(Session& session, const std::string& path, const Selection& selection,
+                                 const std::string& name) {
     if (path.size() > maxPath) return {};  // nothing fits below
-    Ask(session, AsPattern(path), nullptr, selection, [&](const TsmObject& record) {
-        if (path != record.highLevelName) return;
-        StoredObject object = CopyOf(record);
-        Parts plain = {Unescape(object.name)};
-        found.emplace_back(std::move(plain), std::move(object));
-    });
-    return Sorted(std::move(found));
+    return Sorted(session, AsPattern(path), name.empty() ? nullptr : name.c_str(), selection,
+                  [&](const StoredObject& object) { return object.path == path; });
+}
+
+std::set<std::string> FindStrays(Session& session, const NamePattern& pattern, const Selection& selection,
+                                 const std::set<std::string>& entered) {
+    std::set<std::string> strays;
+    const std::string whole = pattern.IsRoot() ? "" : pattern.ServerPath(pattern.Depth());
+    for (const std::string& path : {whole, whole + "/*"}) {
+        Ask(session, path, nullptr, selection, [&](const TsmObject& record) {
+            if (entered.count(record.highLevelName) == 0) strays.insert(record.highLevelName);
+        });
+    }
+    return strays;
 }
 
 bool Walk(Session& session, const NamePattern& pattern, const Selection& selection, const Visit& visit) {
@@ -286,29 +263,25 @@ bool Walk(Session& session, const NamePattern& pattern, const Selection& selecti
 
 namespace {
 
-// The names are in their stored form and hold nothing that the library gives a meaning to. A null name is every name.
-StoredFolder ActiveIn(Session& session, const std::string& path, const char* name) {
+StoredFolder Pairs(std::vector<StoredObject> objects) {
     StoredFolder found;
-    Ask(session, path, name, {}, [&](const TsmObject& record) {
-        if (path != record.highLevelName) return;
-        StoredObject object = CopyOf(record);
-        if (Escape(Unescape(object.name)) != object.name) return;
-        const bool directory = object.directory;
-        found[object.name].Of(directory) = std::move(object);
-    });
+    for (StoredObject& object : objects) {
+        if (Escape(Unescape(object.name)) == object.name) {
+            found[object.name].Of(object.directory) = std::move(object);
+        }
+    }
     return found;
 }
 
 }  // namespace
 
 StoredFolder ListFolder(Session& session, const Parts& folder) {
-    const StoredName inside = ToStored(Append(folder, {"x"}));
-    return ActiveIn(session, inside.path, nullptr);
+    return Pairs(ListIn(session, ToStored(Append(folder, {"x"})).path, {}));
 }
 
 StoredPair ListOne(Session& session, const Parts& object) {
     const StoredName stored = ToStored(object);
-    return ActiveIn(session, stored.path, stored.name.c_str())[stored.name];
+    return Pairs(ListIn(session, stored.path, {}, stored.name))[stored.name];
 }
 
 bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& text, const std::string& before) {
@@ -370,24 +343,15 @@ void DeleteObject(Session& session, const StoredObject& object, bool allVersions
     });
 }
 
-void FilesAbove::RequireNone(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo) {
+void RequireNoFilesAbove(Session& session, const Parts& object, const Selection& selection,
+                         const std::function<bool(const StoredObject&)>& mayGo) {
     for (const Parts& directory : DirectoriesAbove(object)) {
-        for (const StoredObject& file : FilesAt(directory)) {
-            if (mayGo(file)) continue;
+        for (const StoredObject& file : List(session, NamePattern(directory, false), selection)) {
+            if (file.directory || mayGo(file)) continue;
             throw Failure(fmt::format("a file is stored under the name of a directory above ({}); it would be lost",
                                       file.ObjectPath()));
         }
     }
-}
-
-const std::vector<StoredObject>& FilesAbove::FilesAt(const Parts& directory) {
-    const auto [place, added] = known_.try_emplace(directory);
-    if (added) {
-        for (StoredObject& object : List(session_, NamePattern(directory, false), Scope::Self, selection_)) {
-            if (!object.directory) place->second.push_back(std::move(object));
-        }
-    }
-    return place->second;
 }
 
 }  // namespace tsmctl

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,9 +39,6 @@ struct StoredObject {
 // Where the records of runs are, in its stored form, which no object of a tree has.
 constexpr const char* runsFolder = "%tsmctl-runs";
 
-// Self is what the pattern names, Tree also everything below it.
-enum class Scope { Self, Tree };
-
 struct Selection {
     bool allVersions = false;
     std::string at = {};
@@ -51,19 +49,28 @@ struct Selection {
     bool runs = false;  // only the records of runs, which are left out otherwise
 };
 
-// The objects that the pattern names, ordered by plain name and date. The root has a Tree only. Throws Failure.
-std::vector<StoredObject> List(Session& session, const NamePattern& pattern, Scope scope, const Selection& selection);
+// The objects that the pattern names, ordered by plain name and date; none for the root. Throws Failure.
+std::vector<StoredObject> List(Session& session, const NamePattern& pattern, const Selection& selection);
 
-// The versions in a directory, whose path is as stored, ordered by plain name and date. Throws Failure.
-std::vector<StoredObject> ListIn(Session& session, const std::string& path, const Selection& selection);
+// The versions in a directory, whose path is as stored, or only those of one name, which holds nothing that the library
+// gives a meaning to. Ordered by plain name and date. Throws Failure.
+std::vector<StoredObject> ListIn(Session& session, const std::string& path, const Selection& selection,
+                                 const std::string& name = "");
 
 // Goes through what the pattern names and everything below, in the order of the plain names and directory by directory,
 // so that memory does not grow with the tree. What lies in a directory of which no version is stored comes last; it is
-// not looked for among more than 40,000 objects. False when there is nothing, of whatever type. Throws Failure.
+// not looked for among more than mostWithStrays objects. False when there is nothing, of whatever type. Throws Failure.
 //
 // visit gets the versions of one plain name, of which there may be none, and says whether to go on below it.
 using Visit = std::function<bool(std::vector<StoredObject>& versions, const Parts& plain)>;
 bool Walk(Session& session, const NamePattern& pattern, const Selection& selection, const Visit& visit);
+
+constexpr size_t mostWithStrays = 40000;
+
+// The stored paths that have objects below what the pattern names, but are not among those entered. That takes a
+// listing of everything, and the memory for it. Throws Failure.
+std::set<std::string> FindStrays(Session& session, const NamePattern& pattern, const Selection& selection,
+                                 const std::set<std::string>& entered);
 
 // The active objects directly in a directory (plain parts, empty for the top), or only those of one name, that are
 // stored exactly as tsmctl stores them. By stored name: a file, a directory, or both. Throws Failure.
@@ -97,21 +104,9 @@ void RequireChangeable(Session& session, const StoredObject& object);
 // Deletes an active version, or all versions, of what was active at the moment. Success is no proof: list afterwards.
 void DeleteObject(Session& session, const StoredObject& object, bool allVersions, const std::string& at);
 
-// When a directory becomes empty, the library removes it by its name, and a file of that name with it. This lists the
-// files that are in danger, each directory once.
-class FilesAbove {
-public:
-    FilesAbove(Session& session, const Selection& selection) : session_(session), selection_(selection) {}
-
-    // Throws Failure if a file has the name of a directory above the object (plain parts), unless it may go.
-    void RequireNone(const Parts& object, const std::function<bool(const StoredObject&)>& mayGo);
-
-private:
-    const std::vector<StoredObject>& FilesAt(const Parts& directory);
-
-    Session& session_;
-    const Selection selection_;
-    std::map<Parts, std::vector<StoredObject>> known_;
-};
+// When a directory becomes empty, the library removes it by its name, and a file of that name with it. Throws Failure
+// if a file has the name of a directory above the object (plain parts), unless it may go.
+void RequireNoFilesAbove(Session& session, const Parts& object, const Selection& selection,
+                         const std::function<bool(const StoredObject&)>& mayGo);
 
 }  // namespace tsmctl

@@ -8,7 +8,7 @@
 namespace tsmctl {
 
 void KeptDirectories::Remember(const Parts& directory) {
-    for (StoredObject& object : List(session_, NamePattern(directory, false), Scope::Self, {})) {
+    for (StoredObject& object : List(session_, NamePattern(directory, false), {})) {
         if (object.directory && object.info) directories_.push_back(std::move(object));
     }
 }
@@ -17,7 +17,7 @@ void KeptDirectories::Restore(bool evenEmpty) {
     for (const StoredObject& directory : directories_) {
         const auto restore = [&] {
             const NamePattern pattern(directory.PlainParts(), false);
-            const auto now = List(session_, pattern, Scope::Self, {});
+            const auto now = List(session_, pattern, {});
             const bool kept = std::any_of(now.begin(), now.end(),
                                           [](const auto& object) { return object.directory && bool(object.info); });
             if (kept) return;

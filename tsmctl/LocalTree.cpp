@@ -145,28 +145,4 @@ LocalFolder Read(const LocalItem& directory, Report& report) {
     return found;
 }
 
-namespace {
-
-void ScanBelow(const LocalItem& directory, Report& report, std::vector<LocalItem>& items,
-               std::vector<std::string>& unreadable) {
-    LocalFolder folder;
-    if (!Attempt(report, directory.local, [&] { folder = Read(directory, report); }) || !folder.whole) {
-        unreadable.push_back(directory.object);
-    }
-    for (const std::string& name : folder.unreadable) unreadable.push_back(directory.object + "/" + name);
-    for (const LocalItem& item : folder.entries) {
-        items.push_back(item);
-        if (item.info.kind == Kind::Directory) ScanBelow(item, report, items, unreadable);
-    }
-}
-
-}  // namespace
-
-void Scan(const Source& source, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable) {
-    LocalItem top;
-    if (!Attempt(report, source.local, [&] { top = Look(source); })) return unreadable.push_back(Join(source.object));
-    if (!source.isRoot) items.push_back(top);
-    if (top.info.kind == Kind::Directory) ScanBelow(top, report, items, unreadable);
-}
-
 }  // namespace tsmctl

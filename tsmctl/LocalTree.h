@@ -51,8 +51,4 @@ struct LocalFolder {
 // What cannot be read is reported. Throws Failure when the directory cannot be opened.
 LocalFolder Read(const LocalItem& directory, Report& report);
 
-// Appends the source's tree, each directory before what it holds. What cannot be read is reported, and its object path
-// goes to unreadable. So is a source that is a special file or a socket.
-void Scan(const Source& source, Report& report, std::vector<LocalItem>& items, std::vector<std::string>& unreadable);
-
 }  // namespace tsmctl

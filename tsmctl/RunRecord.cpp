@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 
 #include "Transfer.h"
@@ -15,7 +16,14 @@ std::vector<StoredObject> ListRecords(Session& session, const Parts& tree, Scope
     Selection records;
     records.allVersions = allVersions;
     records.runs = true;
-    return List(session, NamePattern(Append({runsFolder}, tree), false), scope, records);
+    const NamePattern pattern(Append({runsFolder}, tree), false);
+    if (scope == Scope::Self) return List(session, pattern, records);
+    std::vector<StoredObject> found;
+    Walk(session, pattern, records, [&](std::vector<StoredObject>& versions, const Parts&) {
+        std::move(versions.begin(), versions.end(), std::back_inserter(found));
+        return true;
+    });
+    return found;
 }
 
 }  // namespace

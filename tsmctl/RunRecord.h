@@ -10,6 +10,9 @@
 
 namespace tsmctl {
 
+// Self is the record of a tree, Tree also those of trees below.
+enum class Scope { Self, Tree };
+
 struct RunRecord {
     Parts tree;           // plain object path
     long long begun = 0;  // the last run, in seconds since 1970; the same for the others
@@ -18,7 +21,7 @@ struct RunRecord {
     std::optional<long long> complete;  // the end of the last run without failures
 };
 
-// Of a tree, or also of those below. Throws Failure.
+// Throws Failure.
 std::vector<RunRecord> FindRuns(Session& session, const Parts& tree, Scope scope);
 // Replaces the record of the same tree. Throws Failure.
 void StoreRun(Session& session, const RunRecord& run, const std::string& mgmtClass);

@@ -33,7 +33,7 @@ long long Vanished::Remove(const Parts& folder, const StoredFolder& gone, const 
     KeptDirectories kept(session_, report_, mgmtClass_);
     if (!othersStay) {
         const Parts inside = Append(folder, {"x"});
-        FilesAbove(session_, {}).RequireNone(inside, [&](const StoredObject& file) {
+        RequireNoFilesAbove(session_, inside, {}, [&](const StoredObject& file) {
             return IsFromTree(file) && file.PlainParts().size() > depth;
         });
         for (const Parts& directory : DirectoriesAbove(inside)) kept.Remember(directory);

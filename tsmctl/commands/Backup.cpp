@@ -297,7 +297,7 @@ long long EstimateFor(Session& session, const Parts& object) {
     Selection files;
     files.objectType = TSM_OBJECTS_FILES;
     long long estimate = largeStream;
-    for (const StoredObject& last : List(session, NamePattern(object, false), Scope::Self, files)) {
+    for (const StoredObject& last : List(session, NamePattern(object, false), files)) {
         const bool known = last.info && last.info->size.value_or(0) >= static_cast<long long>(pieceSize);
         estimate = known ? *last.info->size + std::min(*last.info->size / 10, LLONG_MAX - *last.info->size)
                          : std::max(largeStream, last.announced - static_cast<long long>(sealLength));

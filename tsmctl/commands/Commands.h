@@ -12,7 +12,7 @@ void AddClasses(CommandLine& line);
 void AddCompletion(CommandLine& line);
 void AddDelete(CommandLine& line);
 void AddDeleteFilespace(CommandLine& line);
-void AddDiff(CommandLine& line);
+void AddDiff(CommandLine& line);  // in Verify.cpp
 void AddFilespaces(CommandLine& line);
 void AddFind(CommandLine& line);  // in List.cpp
 void AddGrant(CommandLine& line);

@@ -57,7 +57,7 @@ public:
             return names.size();
         };
         if ((options_.yes || !options_.recursive) && !pattern.IsRoot()) {
-            const auto versions = List(session_, pattern, Scope::Self, options_.Candidates());
+            const auto versions = List(session_, pattern, options_.Candidates());
             if (!options_.recursive) RequireNothingBelow(versions);
             if (!versions.empty()) return namesIn(versions);
         }
@@ -78,13 +78,12 @@ public:
         const auto listAbove = [&] {
             Records records;
             for (const Parts& directory : above) {
-                records.merge(
-                    RecordsOf(List(session_, NamePattern(directory, false), Scope::Self, options_.Versions())));
+                records.merge(RecordsOf(List(session_, NamePattern(directory, false), options_.Versions())));
             }
             return records;
         };
-        FilesAbove files(session_, options_.Versions());
-        files.RequireNone(pattern.Plain(), [&](const StoredObject& file) { return MayGo(file); });
+        RequireNoFilesAbove(session_, pattern.Plain(), options_.Versions(),
+                            [&](const StoredObject& file) { return MayGo(file); });
         const Records before = listAbove();
         const long long failures = report_.Failures();
         KeptDirectories kept(session_, report_, "");
@@ -94,8 +93,7 @@ public:
         if (pattern.IsRoot()) {
             DeleteIn("");
         } else {
-            DeleteLevel("",
-                        [&](const Selection& selection) { return List(session_, pattern, Scope::Self, selection); });
+            DeleteLevel("", [&](const Selection& selection) { return List(session_, pattern, selection); });
         }
         Settle();
         if (options_.recursive && options_.at.empty() && report_.Failures() == failures && !report_.IsDryRun()) {
@@ -346,7 +344,7 @@ void Delete(const DeleteOptions& options, Context& context) {
     for (const NamePattern& pattern : patterns) {
         if (!options.recursive || !options.at.empty() || pattern.IsWild() || context.report.IsDryRun()) continue;
         Attempt(context.report, Join(pattern.Plain()), [&] {
-            const auto left = pattern.IsRoot() ? ListIn(session, "", {}) : List(session, pattern, Scope::Self, {});
+            const auto left = pattern.IsRoot() ? ListIn(session, "", {}) : List(session, pattern, {});
             if (left.empty()) RemoveRuns(session, pattern.Plain(), options.allVersions);
         });
     }

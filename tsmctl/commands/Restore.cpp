@@ -302,7 +302,7 @@ void RestoreToOutput(const RestoreOptions& options, Context& context, Session& s
     Report& report = context.report;
     const NamePattern pattern = options.chosen.Patterns()[0];
     Attempt(report, options.chosen.paths[0], [&] {
-        std::vector<StoredObject> files = List(session, pattern, Scope::Self, options.chosen.selection);
+        std::vector<StoredObject> files = List(session, pattern, options.chosen.selection);
         if (files.empty()) throw NotFound();
         files.erase(std::remove_if(files.begin(), files.end(),
                                    [](const auto& object) { return object.directory || IsSpecial(object.GetKind()); }),
