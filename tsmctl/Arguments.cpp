@@ -3,43 +3,26 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstdio>
 #include <ctime>
-#include <system_error>
+#include <regex>
 
 #include "Errors.h"
 #include "HelpFormatter.h"
-#include "UsageText.h"
+#include "ObjectInfo.h"
 
 namespace tsmctl {
 namespace {
 
-// Empty for a moment of the calendar in six parts, with leading zeros or, as the server writes them, without; else what
-// is wrong.
+// Empty for a moment of the calendar in six numbers, with leading zeros or, as the server writes them, without; else
+// what is wrong.
 std::string CheckMoment(const std::string& text) {
-    int year = 0;
+    static const std::regex form(R"(\d{1,4}(-\d\d?){2} \d\d?(:[0-5]?\d){2})");
     std::tm date = {};
-    std::sscanf(text.c_str(), "%4d-%2d-%2d %2d:%2d:%2d", &year, &date.tm_mon, &date.tm_mday, &date.tm_hour,
-                &date.tm_min, &date.tm_sec);
-    const auto written = [&](const char* form) {
-        return fmt::format(fmt::runtime(form), year, date.tm_mon, date.tm_mday, date.tm_hour, date.tm_min, date.tm_sec);
-    };
-    bool real = text == written("{:04}-{:02}-{:02} {:02}:{:02}:{:02}") || text == written("{}-{}-{} {}:{}:{}");
-    date.tm_year = year - 1900;
-    date.tm_mon -= 1;
-    const std::tm typed = date;
-    timegm(&date);  // carries what is out of range
-    real = real && year > 0 && date.tm_mon == typed.tm_mon && date.tm_mday == typed.tm_mday &&
-           date.tm_hour == typed.tm_hour && date.tm_min == typed.tm_min && date.tm_sec == typed.tm_sec;
+    bool real = std::regex_match(text, form) && strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &date);
+    const int day = date.tm_mday;
+    timegm(&date);  // carries a day that the month does not have
+    real = real && day == date.tm_mday && date.tm_year > -1900;
     return real ? "" : "not a moment like '2024-01-31 23:59:59': " + text;
-}
-
-// -1 for anything but a decimal number. CLI11 would also read octal, and would cut a number that is too large.
-long long DecimalNumber(const std::string& text) {
-    long long number = -1;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() ? number : -1;
 }
 
 }  // namespace
@@ -55,11 +38,11 @@ CLI::Option* AddPaths(CLI::App& command, std::vector<std::string>& paths, const 
 CLI::Option* AddNumber(CLI::App& command, const char* name, const char* type, const char* description, long long least,
                        long long most, const std::function<void(long long)>& assign) {
     const auto check = [=](const std::string& text) -> std::string {
-        if (const long long number = DecimalNumber(text); number >= least && number <= most) return "";
+        if (const auto number = ParseNumber(text); number && *number >= least && *number <= most) return "";
         const std::string typed = text.size() > 40 ? text.substr(0, 40) + "..." : text;
         return fmt::format("a whole number from {} to {} is needed, not '{}'", least, most, typed);
     };
-    const auto take = [=](const std::string& text) { assign(DecimalNumber(text)); };
+    const auto take = [=](const std::string& text) { assign(*ParseNumber(text)); };
     return command.add_option_function<std::string>(name, take, description)->type_name(type)->check(check);
 }
 

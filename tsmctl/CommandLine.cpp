@@ -10,7 +10,6 @@
 #include "Arguments.h"
 #include "Errors.h"
 #include "HelpFormatter.h"
-#include "UsageText.h"
 
 namespace tsmctl {
 namespace {
@@ -144,7 +143,7 @@ int CommandLine::Run(int argc, char** argv) {
             report.Text(help.str());
         }
     } catch (const Failure& failure) {
-        report.Failed(failure.what());
+        report.Failed("", failure.what());
     }
     if (report.Succeeded(command ? command->syntax->get_name() : "help", context.status == 0)) return context.status;
     if (const std::string log = connection.GrownLog(); !log.empty()) {

@@ -5,10 +5,12 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <utility>
 
 #include "Errors.h"
@@ -45,6 +47,53 @@ std::string PasswordFor(const ConnectionOptions& options) {
     return password;
 }
 
+namespace fs = std::filesystem;
+
+off_t SizeOf(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? status.st_size : 0;
+}
+
+bool IsMine(const fs::path& folder) {
+    struct stat status = {};
+    return stat(folder.c_str(), &status) == 0 && status.st_uid == geteuid();
+}
+
+bool MayLogIn(const std::string& folder) {
+    if (faccessat(AT_FDCWD, (folder + "/").c_str(), W_OK | X_OK, AT_EACCESS) != 0) return false;
+    return faccessat(AT_FDCWD, (folder + "/dsierror.log").c_str(), W_OK, AT_EACCESS) == 0 || errno == ENOENT;
+}
+
+// tsmctl's own folder for the log, in the user's state folder. Another user's, as HOME may be after sudo, is not used:
+// its owner could make the log a link to another file.
+fs::path StateFolder() {
+    const auto variable = [](const char* name) {
+        const char* const value = std::getenv(name);
+        return fs::path(value ? value : "");
+    };
+    if (const fs::path state = variable("XDG_STATE_HOME"); state.is_absolute()) {
+        return IsMine(state) || !fs::exists(state) ? state / "tsmctl" : fs::path();
+    }
+    const fs::path home = variable("HOME");
+    return home.is_absolute() && IsMine(home) ? home / ".local/state/tsmctl" : fs::path();
+}
+
+// The wanted folder, else tsmctl's own, which is created; empty where that fails. Throws Failure where the log could
+// not be written to the wanted folder.
+std::string LogFolder(const std::string& wanted) {
+    if (!wanted.empty()) {
+        if (!MayLogIn(wanted)) FailLocal("cannot keep the log in " + wanted, errno);
+        return wanted;
+    }
+    const fs::path own = StateFolder();
+    fs::path folder;
+    for (const fs::path& part : own) {
+        folder /= part;
+        mkdir(folder.c_str(), 0700);  // what counts is what is there in the end
+    }
+    return IsMine(own) && MayLogIn(own.native()) ? own.native() : "";
+}
+
 // 0.1 seconds the first time, and four times as long each time, up to a minute. False when a signal ends it.
 bool PauseBefore(long long retry) {
     const long long length = std::min(60'000LL, 25LL << std::min(2 * retry, 20LL));
@@ -67,7 +116,8 @@ void Connection::SetUp() {
 
 void Connection::SetUpOnce() {
     options_.logDir = LogFolder(options_.logDir);
-    log_.emplace(options_.logDir);
+    log_ = options_.logDir + "/dsierror.log";
+    logSize_ = SizeOf(log_);
     password_ = PasswordFor(options_);
     char application[] = "tsmctl";
     const int result =
@@ -79,7 +129,7 @@ void Connection::SetUpOnce() {
 }
 
 std::string Connection::GrownLog() const {
-    return log_ && log_->Changed() ? log_->Path() : "";
+    return SizeOf(log_) != logSize_ ? log_ : "";
 }
 
 Session::Session(Connection& connection, bool withFilespace) : connection_(connection), withFilespace_(withFilespace) {

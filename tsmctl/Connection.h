@@ -1,13 +1,12 @@
 // The connector's library and its sessions.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
-
-#include "ErrorLog.h"
 
 namespace tsmctl {
 
@@ -54,7 +53,8 @@ private:
     ConnectionOptions options_;
     std::once_flag once_;
     std::string password_;
-    std::optional<LogWatch> log_;
+    std::string log_;  // the client API's error log, which has the reasons for many failures
+    off_t logSize_ = 0;
     // Whether trying again did not help last time: listings, and all else.
     std::atomic<bool> listingFails_{false};
     std::atomic<bool> failing_{false};

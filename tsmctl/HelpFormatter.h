@@ -1,8 +1,10 @@
-// How the help looks, and what the completion needs to know of an option as well.
+// How the help looks, what is wrong with a command line that makes no sense, and what the completion needs to know of
+// an option as well.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 namespace tsmctl {
 
@@ -18,5 +20,11 @@ class HelpFormatter : public CLI::FormatterBase {
 public:
     std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override;
 };
+
+// "; did you mean X?" if one of the names is close to what was typed; else empty.
+std::string Suggestion(const std::string& typed, const std::vector<std::string>& names);
+
+// A line with the option or argument, what is wrong with it, what is expected, and where the help is.
+std::string UsageText(const CLI::App& app, const CLI::ParseError& error);
 
 }  // namespace tsmctl

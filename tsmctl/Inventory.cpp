@@ -316,8 +316,12 @@ void RequireOnlyMatch(Session& session, const StoredObject& object, const std::s
 
 }  // namespace
 
+bool IsDamaged(const StoredObject& object) {
+    return !object.info && LooksLikeOurs(object.text);
+}
+
 void RequireKnown(const StoredObject& object) {
-    if (!object.info && LooksLikeOurs(object.text)) {
+    if (IsDamaged(object)) {
         throw Failure("its information text is damaged, or a newer tsmctl wrote it");
     }
 }

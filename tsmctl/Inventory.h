@@ -93,7 +93,9 @@ bool IsStoredAs(const StoredPair& stored, bool isDirectory, const std::string& t
 void RequireStored(Session& session, const Parts& object, bool isDirectory, const std::string& text,
                    const std::string& before = "");
 
-// Throws Failure for an object of a newer tsmctl, or with a damaged text: it is no other program's.
+// Whether it is an object of a newer tsmctl, or has a damaged text: it is no other program's.
+bool IsDamaged(const StoredObject& object);
+// Throws Failure for one.
 void RequireKnown(const StoredObject& object);
 // Throws Failure unless the library reads just this object by its name, which may hold bytes that the library gives a
 // meaning to.

@@ -15,28 +15,24 @@
 namespace tsmctl {
 
 const char* KindName(Kind kind) {
-    switch (kind) {
-        case Kind::File:
-            return "file";
-        case Kind::Link:
-            return "link";
-        case Kind::Directory:
-            return "directory";
-        case Kind::Stream:
-            return "stream";
-        case Kind::Pipe:
-            return "pipe";
-        case Kind::CharacterDevice:
-        case Kind::BlockDevice:
-            return "device";
-        case Kind::Other:
-            break;
-    }
-    return "special file";
+    return kind == Kind::File        ? "file"
+           : kind == Kind::Link      ? "link"
+           : kind == Kind::Directory ? "directory"
+           : kind == Kind::Stream    ? "stream"
+           : kind == Kind::Pipe      ? "pipe"
+           : IsSpecial(kind)         ? "device"
+                                     : "special file";
 }
 
 bool IsSpecial(Kind kind) {
     return kind == Kind::Pipe || kind == Kind::CharacterDevice || kind == Kind::BlockDevice;
+}
+
+dev_t DeviceOf(const Info& info) {
+    unsigned majorNumber = 0;
+    unsigned minorNumber = 0;
+    std::sscanf(FieldOf(info.fields, "device").c_str(), "%u:%u", &majorNumber, &minorNumber);
+    return makedev(majorNumber, minorNumber);
 }
 
 std::string ModeText(mode_t mode) {

@@ -68,6 +68,9 @@ std::string FieldOf(std::string_view fields, std::string_view key);
 // A decimal number from 0 on, or nothing.
 std::optional<long long> ParseNumber(std::string_view text);
 
+// The numbers of a device; 0 for anything else.
+dev_t DeviceOf(const Info& info);
+
 std::string ModeText(mode_t mode);
 std::string TimeText(const timespec& time);
 

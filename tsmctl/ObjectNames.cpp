@@ -49,6 +49,34 @@ std::string ServerPattern(std::string_view part) {
     return pattern;
 }
 
+template <typename Test>
+std::string Encoded(std::string_view bytes, const Test& isSpecial) {
+    std::string text;
+    for (const char c : bytes) {
+        if (isSpecial(c)) {
+            text += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+        } else {
+            text += c;
+        }
+    }
+    return text;
+}
+
+// means says whether the three characters that look like a code are one, of this byte.
+template <typename Test>
+std::string Decoded(std::string_view text, const Test& means) {
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned code = 0;
+        const bool encoded = text[i] == '%' &&
+                             std::sscanf(std::string(text.substr(i, 3)).c_str(), "%%%2x", &code) == 1 &&
+                             means(text.substr(i, 3), static_cast<char>(code));
+        bytes += encoded ? static_cast<char>(code) : text[i];
+        i += encoded ? 2 : 0;
+    }
+    return bytes;
+}
+
 struct Character {
     char32_t code;
     size_t length;
@@ -76,49 +104,19 @@ bool IsControl(char32_t code) {
 }  // namespace
 
 std::string Escape(std::string_view plain) {
-    std::string stored;
-    for (const char c : plain) {
-        if (specialBytes.find(c) == std::string_view::npos) {
-            stored += c;
-        } else {
-            stored += fmt::format("%{:02X}", static_cast<unsigned char>(c));
-        }
-    }
-    return stored;
+    return Encoded(plain, [](char c) { return specialBytes.find(c) != std::string_view::npos; });
 }
 
 std::string Unescape(std::string_view stored) {
-    std::string plain;
-    for (size_t i = 0; i < stored.size(); ++i) {
-        const std::string_view rest = stored.substr(i, 3);
-        const auto same = [&](char c) { return rest == Escape({&c, 1}); };
-        const auto found =
-            rest[0] == '%' ? std::find_if(specialBytes.begin(), specialBytes.end(), same) : specialBytes.end();
-        plain += found == specialBytes.end() ? stored[i] : *found;
-        i += found == specialBytes.end() ? 0 : 2;
-    }
-    return plain;
+    return Decoded(stored, [](std::string_view code, char c) { return Escape({&c, 1}) == code; });
 }
 
 std::string PercentEncoded(std::string_view bytes) {
-    std::string text;
-    for (const char c : bytes) {
-        text += c > 0x20 && c < 0x7f && c != '%' ? std::string(1, c)
-                                                 : fmt::format("%{:02X}", static_cast<unsigned char>(c));
-    }
-    return text;
+    return Encoded(bytes, [](char c) { return c <= 0x20 || c >= 0x7f || c == '%'; });
 }
 
 std::string PercentDecoded(std::string_view text) {
-    std::string bytes;
-    for (size_t i = 0; i < text.size(); ++i) {
-        unsigned code = 0;
-        const bool encoded =
-            text[i] == '%' && std::sscanf(std::string(text.substr(i + 1, 2)).c_str(), "%2x", &code) == 1;
-        bytes += encoded ? static_cast<char>(code) : text[i];
-        i += encoded ? 2 : 0;
-    }
-    return bytes;
+    return Decoded(text, [](std::string_view, char) { return true; });
 }
 
 bool HasWildcard(std::string_view text) {

@@ -26,6 +26,8 @@ std::string HumanSize(double bytes) {
 
 namespace {
 
+constexpr const char* changeNames[] = {"new", "changed", "unchanged", "gone"};
+
 // Columns of the terminal, but for the last one, which may wrap.
 size_t Room() {
     winsize window = {};
@@ -61,10 +63,6 @@ void Report::Failed(std::string_view subject, std::string_view text) {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++failures_;
     Say(fmt::format("{}{}{}", subject, subject.empty() ? "" : ": ", text));
-}
-
-void Report::Failed(std::string_view text) {
-    Failed("", text);
 }
 
 void Report::Warn(std::string_view subject, std::string_view text) {
@@ -189,8 +187,8 @@ namespace {
 std::string TimeLeft(double seconds) {
     if (!(seconds >= 0 && seconds < 100 * 3600)) return "";
     const auto left = static_cast<int>(seconds);
-    if (left < 3600) return fmt::format("  {}:{:02} left", left / 60, left % 60);
-    return fmt::format("  {}:{:02}:{:02} left", left / 3600, left / 60 % 60, left % 60);
+    const std::string minutes = fmt::format(left < 3600 ? "{}" : "{:02}", left / 60 % 60);
+    return fmt::format("  {}{}:{:02} left", left < 3600 ? "" : fmt::format("{}:", left / 3600), minutes, left % 60);
 }
 
 }  // namespace
@@ -201,35 +199,38 @@ void Report::Draw() {
     if (!bar_ || (bytes_ == 0 && objects == 0) || now - drawn_ < std::chrono::milliseconds(100)) return;
     drawn_ = now;
     const auto bytes = static_cast<double>(bytes_);
-    const auto totalBytes = static_cast<double>(totalBytes_);
-    std::string counted = objects > 0 ? fmt::format("  {}", objects) : "";
-    if (objects > 0) counted += totalObjects_ > 0 ? fmt::format(" of {} objects", totalObjects_) : " objects";
-    const std::string of = totalBytes_ > 0 ? " of " + HumanSize(totalBytes) : "";
-    const std::string amount = bytes_ > 0 ? fmt::format("  {}{}", HumanSize(bytes), of) : "";
-    const std::string speed = bytes_ > 0 ? fmt::format("  {}/s", HumanSize(bytes / Seconds())) : "";
-    // From the longest to the shortest.
-    std::vector<std::string> lines = {amount + counted + speed, amount + counted, amount.empty() ? counted : amount};
+    std::string parts[6];
+    auto& [scale, percent, amount, counted, speed, left] = parts;
+    if (objects > 0) {
+        const std::string of = totalObjects_ > 0 ? fmt::format(" of {}", totalObjects_) : "";
+        counted = fmt::format("  {}{} objects", objects, of);
+    }
+    if (bytes_ > 0) {
+        const std::string of = totalBytes_ > 0 ? " of " + HumanSize(static_cast<double>(totalBytes_)) : "";
+        amount = fmt::format("  {}{}", HumanSize(bytes), of);
+        speed = fmt::format("  {}/s", HumanSize(bytes / Seconds()));
+    }
     if (totalBytes_ > 0 || totalObjects_ > 0) {
-        const double done =
-            totalBytes_ > 0 ? bytes / totalBytes : static_cast<double>(objects) / static_cast<double>(totalObjects_);
-        const double part = std::min(1.0, done);
+        const double part =
+            std::min(1.0, totalBytes_ > 0 ? bytes / static_cast<double>(totalBytes_)
+                                          : static_cast<double>(objects) / static_cast<double>(totalObjects_));
         const auto marks = static_cast<size_t>(part * 24);
-        const std::string scale = fmt::format("[{}{}] ", std::string(marks, '#'), std::string(24 - marks, '-'));
-        const std::string percent = fmt::format("{:3.0f}%", part * 100);
-        const std::string left = TimeLeft(Seconds() * (1 - part) / part);
-        lines = {scale + percent + amount + counted + speed + left,
-                 percent + amount + counted + speed + left,
-                 percent + amount + speed + left,
-                 percent + speed + left,
-                 percent + left,
-                 percent};
+        scale = fmt::format("[{}{}] ", std::string(marks, '#'), std::string(24 - marks, '-'));
+        percent = fmt::format("{:3.0f}%", part * 100);
+        left = TimeLeft(Seconds() * (1 - part) / part);
     }
     const size_t room = Room();
-    const auto fits = std::find_if(lines.begin(), lines.end(), [&](const auto& line) { return line.size() <= room; });
-    if (fits == lines.end()) return;
+    std::string line = fmt::format("{}", fmt::join(parts, ""));
+    // What goes first where there is no room for everything.
+    for (std::string* const part : {&scale, &counted, &amount, &speed, &left}) {
+        if (line.size() <= room || part->size() == line.size()) break;
+        part->clear();
+        line = fmt::format("{}", fmt::join(parts, ""));
+    }
+    if (line.size() > room) return;
     // Blanks wipe the rest of the old line, since not every terminal knows a sequence for that.
-    std::fputs(fmt::format("\r{:<{}}", *fits, std::min(onScreen_, room)).c_str(), stderr);
-    onScreen_ = fits->size();
+    std::fputs(fmt::format("\r{:<{}}", line, std::min(onScreen_, room)).c_str(), stderr);
+    onScreen_ = line.size();
 }
 
 void Report::Erase() {
@@ -246,13 +247,11 @@ void Report::Summary(const std::string& command) {
     if (options_.quiet || options_.json) return;
     std::string text = command + (options_.dryRun ? " (dry run):" : ":");
     for (const auto& [kind, count] : counts_) {
-        const char* const plural = kind == Kind::Directory ? "directories" : nullptr;
-        text += count == 1 || plural ? fmt::format(" {} {},", count, count == 1 ? KindName(kind) : plural)
-                                     : fmt::format(" {} {}s,", count, KindName(kind));
+        const std::string many = kind == Kind::Directory ? "directories" : std::string(KindName(kind)) + "s";
+        text += fmt::format(" {} {},", count, count == 1 ? KindName(kind) : many);
     }
     for (const auto& [change, count] : changes_) {
-        const char* const names[] = {"new", "changed", "unchanged", "gone"};
-        text += fmt::format(" {} {},", count, names[static_cast<size_t>(change)]);
+        text += fmt::format(" {} {},", count, changeNames[static_cast<size_t>(change)]);
     }
     if (bytes_ > 0) text += fmt::format(" {} bytes", bytes_);
     text += fmt::format(" in {:.2f} s", Seconds());
@@ -265,11 +264,8 @@ void Report::JsonSummary(const std::string& command, bool good) {
     nlohmann::ordered_json objects = nlohmann::ordered_json::object();
     for (const auto& [kind, count] : counts_) objects[KindName(kind)] = count + objects.value(KindName(kind), 0LL);
     nlohmann::ordered_json summary = {{"command", command}, {"dryRun", options_.dryRun}, {"objects", objects}};
-    if (!changes_.empty()) {
-        summary["new"] = changes_[Change::New];
-        summary["changed"] = changes_[Change::Changed];
-        summary["unchanged"] = changes_[Change::Unchanged];
-        summary["gone"] = changes_[Change::Gone];
+    for (size_t i = 0; !changes_.empty() && i < std::size(changeNames); ++i) {
+        summary[changeNames[i]] = changes_[static_cast<Change>(i)];
     }
     summary["bytes"] = bytes_;
     summary["seconds"] = Seconds();
@@ -301,7 +297,7 @@ bool Attempt(Report& report, const std::string& subject, const std::function<voi
 } catch (const UsageError&) {
     throw;
 } catch (const std::bad_alloc&) {
-    report.Failed(subject, noMemory);
+    report.Failed(subject, "not done: not enough memory");
     return false;
 } catch (const std::exception& failure) {
     report.Failed(subject, failure.what());

@@ -46,7 +46,6 @@ public:
 
     // Something could not be done: one object, or the whole command.
     void Failed(std::string_view subject, std::string_view text);
-    void Failed(std::string_view text);
     void Warn(std::string_view subject, std::string_view text);
     // Something about one object that is not kept; told once, in the summary, with the number of objects.
     void CountLoss(const std::string& what);
@@ -118,9 +117,6 @@ private:
 
 // Does the work. A failure is reported under the subject; then the result is false. Interrupted and UsageError pass.
 bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work);
-
-// Why an object was not done for which there was no memory.
-constexpr const char* noMemory = "not done: not enough memory";
 
 std::string HumanSize(double bytes);
 

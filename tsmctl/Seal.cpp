@@ -9,14 +9,6 @@
 namespace tsmctl {
 namespace {
 
-EVP_MD_CTX* Of(const std::shared_ptr<void>& context) {
-    return static_cast<EVP_MD_CTX*>(context.get());
-}
-
-std::shared_ptr<void> NewContext() {
-    return {EVP_MD_CTX_new(), [](void* context) { EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(context)); }};
-}
-
 // libcrypto fails in these calls for want of memory only.
 void Require(bool done) {
     if (!done) throw std::bad_alloc();
@@ -24,19 +16,19 @@ void Require(bool done) {
 
 }  // namespace
 
-Sha256::Sha256() : context_(NewContext()) {
-    Require(context_ && EVP_DigestInit_ex(Of(context_), EVP_sha256(), nullptr) == 1);
+Sha256::Sha256() : context_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+    Require(context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
 }
 
 void Sha256::Add(const void* data, size_t length) {
-    Require(EVP_DigestUpdate(Of(context_), data, length) == 1);
+    Require(EVP_DigestUpdate(context_.get(), data, length) == 1);
 }
 
 std::string Sha256::Hex() const {
     unsigned char digest[32];
-    const std::shared_ptr<void> copy = NewContext();
-    Require(copy && EVP_MD_CTX_copy_ex(Of(copy), Of(context_)) == 1 &&
-            EVP_DigestFinal_ex(Of(copy), digest, nullptr) == 1);
+    const Sha256 copy;
+    Require(EVP_MD_CTX_copy_ex(copy.context_.get(), context_.get()) == 1 &&
+            EVP_DigestFinal_ex(copy.context_.get(), digest, nullptr) == 1);
     std::string hex;
     for (const unsigned char byte : digest) hex += fmt::format("{:02x}", byte);
     return hex;

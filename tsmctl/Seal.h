@@ -1,6 +1,8 @@
 // How an object ends: with the SHA-256 of its content, by which it can be checked without its source.
 #pragma once
 
+#include <openssl/types.h>
+
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -16,7 +18,7 @@ public:
     std::string Hex() const;
 
 private:
-    std::shared_ptr<void> context_;
+    std::shared_ptr<EVP_MD_CTX> context_;
 };
 
 constexpr size_t sealLength = 169;

@@ -1,6 +1,7 @@
 #include "TarWriter.h"
 
 #include <fmt/format.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,16 +30,13 @@ std::string PlainTime(const timespec& time) {
 
 // Some readers take a link's target from the block even where a record has it, so it begins there, too.
 std::string Block(const std::string& name, char type, mode_t mode, long long size, const std::string& link,
-                  const std::string& device) {
+                  dev_t device) {
     std::string block(blockSize, '\0');
     const auto put = [&](size_t at, const std::string& text) { block.replace(at, text.size(), text); };
     // What does not fit stands in records.
     const auto number = [&](size_t at, size_t digits, unsigned long long value) {
         put(at, fmt::format("{:0{}o}", value & ((1ULL << (3 * digits)) - 1), digits));
     };
-    unsigned majorNumber = 0;
-    unsigned minorNumber = 0;
-    std::sscanf(device.c_str(), "%u:%u", &majorNumber, &minorNumber);
     put(0, name.substr(0, 100));
     number(100, 7, mode);
     number(108, 7, 0);
@@ -51,8 +49,8 @@ std::string Block(const std::string& name, char type, mode_t mode, long long siz
     put(257, std::string("ustar\0"
                          "00",
                          8));
-    number(329, 7, majorNumber);
-    number(337, 7, minorNumber);
+    number(329, 7, major(device));
+    number(337, 7, minor(device));
     number(148, 6, std::accumulate(block.begin(), block.end(), 0U, [](unsigned sum, char c) {
                return sum + static_cast<unsigned char>(c);
            }));
@@ -81,9 +79,9 @@ void TarWriter::WriteHeader(const ChosenObject& item, char type, long long size,
     const bool setsIds = (info.mode & setIds) != 0;
     if (setsIds || HasCapability(attributes)) report_.CountLoss("archived without its set-id bits and capabilities");
     const mode_t mode = item.object.info ? info.mode & ~setIds : directory ? 0755 : 0644;
-    std::string text = Block("pax", 'x', 0644, static_cast<long long>(records.size()), "", "") + records;
+    std::string text = Block("pax", 'x', 0644, static_cast<long long>(records.size()), "", 0) + records;
     text.resize((text.size() + blockSize - 1) / blockSize * blockSize);
-    text += Block(item.local.back(), type, mode, size, link, FieldOf(info.fields, "device"));
+    text += Block(item.local.back(), type, mode, size, link, DeviceOf(info));
     WriteAll(STDOUT_FILENO, text.data(), text.size());
 }
 

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <stdio.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -89,11 +88,8 @@ void NewEntry::CreateLink(const std::string& target) {
 }
 
 bool NewEntry::CreateSpecial(const Info& info) {
-    unsigned majorNumber = 0;
-    unsigned minorNumber = 0;
-    std::sscanf(FieldOf(info.fields, "device").c_str(), "%u:%u", &majorNumber, &minorNumber);
     const mode_t type = info.kind == Kind::Pipe ? S_IFIFO : info.kind == Kind::BlockDevice ? S_IFBLK : S_IFCHR;
-    exists_ = mknodat(directory_.Get(), temporary_.c_str(), type | 0600, makedev(majorNumber, minorNumber)) == 0;
+    exists_ = mknodat(directory_.Get(), temporary_.c_str(), type | 0600, DeviceOf(info)) == 0;
     if (!exists_ && errno != EPERM) FailLocal("cannot create", errno);
     return exists_;
 }

@@ -205,10 +205,13 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
     }
     ++*folder.unfinished;
     ++uncheckedObjects_;
-    if (folder.sent->empty()) unchecked_.push_back({folder.object, folder.sent, folder.unfinished});
-    Sent& sent = folder.sent->emplace_back(Sent{item, change, before ? before->date : "", {}, false});
-    const auto work = [this, &sent, keep = folder.sent, unfinished = folder.unfinished,
-                       like = compare ? before : std::nullopt](Session& session, Buffer& buffer) {
+    if (!folder.sending || folder.sending->sent.empty()) {
+        folder.sending = std::make_shared<Unchecked>(Unchecked{folder.object, folder.unfinished, {}});
+        unchecked_.push_back(folder.sending);
+    }
+    Sent& sent = folder.sending->sent.emplace_back(Sent{item, change, before ? before->date : "", {}, false});
+    const auto work = [this, &sent, keep = folder.sending, like = compare ? before : std::nullopt](Session& session,
+                                                                                                   Buffer& buffer) {
         if (like && HoldsTheSame(session, buffer, sent.item, *like, context_.report)) {
             sent.before.clear();
             sent.text = like->text;
@@ -218,7 +221,7 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
             WaitForTheNextTick(sent.item.info.ctime);
             Store(session, buffer, sent);
         }
-        --*unfinished;
+        --*keep->unfinished;
     };
     // Two sessions that miss the same directory would both create it. So this one stores the directories, and the
     // first file, which creates those that --to names.
@@ -239,25 +242,26 @@ void TreeBackup::Count(const Parts& object, Kind kind, Change change) {
 
 void TreeBackup::Finish() {
     workers_.Finish();
-    for (const Unchecked& folder : unchecked_) {
-        if (!folder.sent->empty()) Check(folder);
-    }
+    for (const auto& folder : unchecked_) Check(*folder);
     unchecked_.clear();
     uncheckedObjects_ = 0;
 }
 
-void TreeBackup::Check(const Unchecked& folder) {
+void TreeBackup::Check(Unchecked& folder) {
+    if (folder.sent.empty()) return;
     Report& report = context_.report;
     const bool listed = Attempt(report, Join(folder.object), [&] {
         const StoredFolder now = ListFolder(session_, folder.object);
-        for (Sent& sent : *folder.sent) {
+        for (Sent& sent : folder.sent) {
             if (!sent.committed) continue;  // has failed already
             const Kind kind = sent.item.info.kind;
             const bool isDirectory = kind == Kind::Directory;
             const Parts object = SplitAtSlash(sent.item.object);
             const auto found = now.find(Escape(object.back()));
             const bool isThere = found != now.end() && IsStoredAs(found->second, isDirectory, sent.text, sent.before);
-            bool again = false;
+            // A version of the same second as the one before, as after two runs with --full, cannot be told from it.
+            bool again = !isThere && found != now.end() && IsStoredAs(found->second, isDirectory, sent.text);
+            if (again && !std::exchange(secondPassed_, true)) std::this_thread::sleep_for(std::chrono::seconds(1));
             const auto storeAgain = [&] {
                 session_.Retry([&] {
                     if (std::exchange(again, true)) Store(session_, buffer_, sent);
@@ -272,7 +276,7 @@ void TreeBackup::Check(const Unchecked& folder) {
         }
     });
     if (!listed) ++*folder.unfinished;
-    folder.sent->clear();
+    folder.sent.clear();
 }
 
 void TreeBackup::Settle(Folder& folder) {
@@ -280,14 +284,15 @@ void TreeBackup::Settle(Folder& folder) {
     StoredFolder gone;
     for (const auto& [name, stored] : folder.stored) {
         const bool mayGo = (!stored.file || IsFromTree(*stored.file)) && !folder.object.empty();
-        if (mayGo && !options_.keepVanished) gone.emplace(name, stored);
+        const bool isTold = stored.file && IsDamaged(*stored.file) && !folder.object.empty();
+        if ((mayGo || isTold) && !options_.keepVanished) gone.emplace(name, stored);
         folder.othersStay = folder.othersStay || !mayGo;
     }
     if (uncheckedObjects_ >= mostUnchecked) Finish();
     if (gone.empty() && folder.replaced.empty()) return;
     workers_.Finish();
-    for (const Unchecked& sent : unchecked_) {
-        if (sent.unfinished == folder.unfinished && !sent.sent->empty()) Check(sent);
+    for (const auto& sent : unchecked_) {
+        if (sent->unfinished == folder.unfinished) Check(*sent);
     }
     if (*folder.unfinished > 0) {
         return report.Note(Join(folder.object) + ": what is gone stays stored, since not everything here could be");

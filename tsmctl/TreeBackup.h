@@ -48,24 +48,24 @@ private:
         std::string text;    // of the last try
         bool committed = false;
     };
+    using Counter = std::shared_ptr<std::atomic<size_t>>;
+    // What was sent to a directory, and no listing has shown yet that it is stored. The sessions fill in what became of
+    // it.
+    struct Unchecked {
+        Parts object;
+        Counter unfinished;
+        std::deque<Sent> sent;
+    };
     // A directory while it is stored.
     struct Folder {
         Parts object;
         StoredFolder stored;              // in the end, what is not here
         std::vector<LocalItem> replaced;  // stored as the other kind too
-        // The sessions fill in what became of them.
-        std::shared_ptr<std::deque<Sent>> sent = std::make_shared<std::deque<Sent>>();
+        std::shared_ptr<Unchecked> sending;
         bool othersStay = false;  // something in it does
         // What has not been stored, or not yet. A new directory counts in the one above, from which it may have been
         // moved away under another name.
-        std::shared_ptr<std::atomic<size_t>> unfinished = std::make_shared<std::atomic<size_t>>(0);
-    };
-
-    // Where something was sent of which no listing has shown yet that it is stored.
-    struct Unchecked {
-        Parts object;
-        std::shared_ptr<std::deque<Sent>> sent;
-        std::shared_ptr<std::atomic<size_t>> unfinished;
+        Counter unfinished = std::make_shared<std::atomic<size_t>>(0);
     };
 
     void Enter(const LocalItem& directory, Folder& folder, const std::function<void()>& store);
@@ -76,7 +76,7 @@ private:
     void Store(Session& session, Buffer& buffer, Sent& sent) const;
     void StoreItem(const LocalItem& item, Folder& folder);
     void Settle(Folder& folder);
-    void Check(const Unchecked& folder);
+    void Check(Unchecked& folder);
     void Count(const Parts& object, Kind kind, Change change);
     bool LeavesOut(const Parts& object, bool directory) const;
 
@@ -87,8 +87,9 @@ private:
     Buffer buffer_;
     Workers workers_;
     Vanished vanished_;
-    std::vector<Unchecked> unchecked_;
+    std::vector<std::shared_ptr<Unchecked>> unchecked_;
     size_t uncheckedObjects_ = 0;  // at most as many are in them
+    bool secondPassed_ = false;    // since the backup began
     bool headStored_ = false;      // whether the directories above the trees are there
     size_t head_ = 0;              // how many there are
     LocalItem top_;

@@ -89,7 +89,14 @@ bool Vanished::RemoveEntries(const Parts& folder, const StoredFolder& entries) {
 
 void Vanished::RemoveEntry(const Parts& object, const StoredPair& stored) {
     for (const bool directory : {false, true}) {
-        if (!MayGo(stored.Of(directory)) || (stored.Of(directory) && keep_(object, directory))) return;
+        const auto& there = stored.Of(directory);
+        if (there && keep_(object, directory)) return;
+        if (MayGo(there)) continue;
+        if (IsDamaged(*there)) {
+            report_.Warn(Join(object), "is gone here, but stays: its information text is damaged, or a newer tsmctl's");
+            report_.CountLoss("gone here, but left as it is stored");
+        }
+        return;
     }
     // The name alone counts for a deletion: a file and a directory of one name go together.
     if (stored.directory && !RemoveEntries(object, ListFolder(session_, object))) return;

@@ -49,14 +49,8 @@ public:
         : options_(options), report_(report), session_(session), buffer_(buffer), text_(text) {}
 
     void Store(const LocalItem& item) {
-        switch (item.info.kind) {
-            case Kind::Directory:
-                return StoreDirectory(item);
-            case Kind::File:
-                return StoreFile(item);
-            default:
-                return StoreWithoutFile(item);
-        }
+        if (item.info.kind == Kind::Directory) return StoreDirectory(item);
+        return item.info.kind == Kind::File ? StoreFile(item) : StoreWithoutFile(item);
     }
 
     // Without a size, what fits into the buffer is announced exactly, and anything longer by the estimate.
@@ -105,8 +99,6 @@ public:
     }
 
 private:
-    static StoredName NameOf(const LocalItem& item) { return ToStored(SplitAtSlash(item.object)); }
-
     static bool MoreIn(int fd) {
         char byte = 0;
         return ReadFull(fd, &byte, 1) == 1;
@@ -143,8 +135,7 @@ private:
         }
         if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
         AddSum(info);
-        Upload upload(session_, NameOf(item), 0, info, "", options_.tree.mgmtClass);
-        Commit(upload);
+        Commit(Begin(item, info, "", 0));
     }
 
     // A link or a special file.
@@ -154,18 +145,19 @@ private:
         info.size = static_cast<long long>(target.size());
         Upload upload = Begin(item, info, ReadAttributes(OpenItem(item, O_PATH).Get(), report_), *info.size);
         upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
-        Commit(upload);
+        Commit(std::move(upload));
         report_.Advance(target.size());
     }
 
-    void Commit(Upload& upload) {
+    void Commit(Upload&& upload) {
         text_ = upload.InfoText();
         upload.Commit();
     }
 
     Upload Begin(const LocalItem& item, Info info, const std::string& header, long long bytes) {
         if (!header.empty()) AddField(info.fields, "header", std::to_string(header.size()));
-        return Upload(session_, NameOf(item), bytes, info, header, options_.tree.mgmtClass);
+        const StoredName name = ToStored(SplitAtSlash(item.object));
+        return Upload(session_, name, bytes, info, header, options_.tree.mgmtClass);
     }
 
     // The file counts as it is when it is opened. A link or a pipe that has taken its place is refused.
@@ -186,13 +178,14 @@ private:
         const struct stat status = StatusOf(file);
         const Info info = InfoOf(status);
         if (info.kind != Kind::File) throw Failure("is no longer a regular file");
-        const std::vector<Extent> extents = FindData(file.Get(), status);
-        lseek(file.Get(), 0, SEEK_SET);
-        ParseExtents(FormatExtents(extents), *info.size);  // what cannot be read back is refused
-        const std::string header = ReadAttributes(file.Get(), report_) + FormatExtents(extents);
-        Upload upload = Begin(item, info, header, extents.empty() ? *info.size : SumOf(extents));
-        const long long sent = extents.empty() ? Send(upload, file.Get(), *info.size)
-                                               : SendExtents(upload, file.Get(), extents, *info.size);
+        std::vector<Extent> extents = FindData(file.Get(), status);
+        const std::string ranges = FormatExtents(extents);
+        ParseExtents(ranges, *info.size);  // what cannot be read back is refused
+        if (extents.empty()) extents.push_back({0, *info.size});
+        long long bytes = 0;
+        for (const Extent& extent : extents) bytes += extent.length;
+        Upload upload = Begin(item, info, ReadAttributes(file.Get(), report_) + ranges, bytes);
+        const long long sent = SendExtents(upload, file.Get(), extents, *info.size);
         const bool more = MoreIn(file.Get());
         const Info after = InfoOf(StatusOf(file));
         const auto state = [](const Info& i) {
@@ -203,7 +196,7 @@ private:
             throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
                                       more ? "more" : "less", *info.size));
         }
-        Commit(upload);
+        Commit(std::move(upload));
         return true;
     }
 
@@ -216,12 +209,6 @@ private:
             clock_gettime(CLOCK_REALTIME_COARSE, &now);
         } while (TimeText(now) == TimeText(status.st_ctim) && poll(nullptr, 0, 1) == 0);
         return status;
-    }
-
-    static long long SumOf(const std::vector<Extent>& extents) {
-        long long sum = 0;
-        for (const Extent& extent : extents) sum += extent.length;
-        return sum;
     }
 
     long long SendExtents(Upload& upload, int fd, const std::vector<Extent>& extents, long long size) {
@@ -244,15 +231,16 @@ private:
     std::string& text_;
 };
 
-// The run is recorded when it begins, too, so that one that was broken off shows as such. Of what is no directory, or
-// cannot be looked at, that is done only where it has been a tree.
+// The run is recorded when it begins, too, so that one that was broken off shows as such. Of what cannot be looked at,
+// that is done only where it has been a tree, and of what is no directory, only where that failed.
 void StoreSource(const BackupOptions& options, Report& report, Session& session, TreeBackup& backup,
                  const Source& source) {
     struct stat status = {};
     const bool found = lstat(source.local.c_str(), &status) == 0;
     bool recorded = found && S_ISDIR(status.st_mode);
-    if (report.IsDryRun() || (found && !recorded)) return backup.Run(source);
-    backup.Finish();
+    const bool isFile = found && !recorded;
+    if (report.IsDryRun()) return backup.Run(source);
+    if (!isFile) backup.Finish();
     const long long before = report.Failures();
     RunRecord run;
     run.tree = source.object;
@@ -270,8 +258,9 @@ void StoreSource(const BackupOptions& options, Report& report, Session& session,
             if (recorded) StoreRun(session, run, options.tree.mgmtClass);
         });
     };
-    record();
+    if (!isFile) record();
     backup.Run(source);
+    if (isFile && report.Failures() == before) return;
     backup.Finish();
     run.failures = report.Failures() - before;
     run.ended = std::time(nullptr);
@@ -342,13 +331,9 @@ void Backup(BackupOptions options, Context& context) {
     AddLinesOf(options.exclusionFiles, "#", options.tree.exclusions.patterns);
     if (options.source.paths.empty() && options.pathFiles.empty()) throw UsageError("PATH is missing: what to store");
     CheckSource(options.source);
-    if (options.size && !options.source.IsInput()) throw UsageError("--size belongs to -");
-    if (options.estimate && !options.source.IsInput()) throw UsageError("--estimate belongs to -");
-    if (options.source.IsInput()) {
-        StoreInput(options, context);
-    } else {
-        StoreTrees(options, context);
-    }
+    const bool isInput = options.source.IsInput();
+    if ((options.size || options.estimate) && !isInput) throw UsageError("--size and --estimate belong to -");
+    isInput ? StoreInput(options, context) : StoreTrees(options, context);
     context.report.Summary("backup");
 }
 

@@ -71,46 +71,29 @@ std::string Offer(const CLI::Option& option) {
     return value;
 }
 
-class Tables {
-public:
-    void Add(const std::string& command, const CLI::App& app) {
-        std::string names;
-        for (const CLI::Option* option : app.get_options({})) {
-            if (option->get_positional()) {
-                if (!Offer(*option).empty()) AddValue(command, *option);
-                continue;
-            }
-            AddNames(command, *option, "-", option->get_snames(), names);
-            AddNames(command, *option, "--", option->get_lnames(), names);
-        }
-        options += fmt::format("    [{}]='{}'\n", command, names);
-    }
-
-    std::string options;
-    std::string values = "    ['tsmctl >']='FILE'\n";
-
-private:
-    void AddNames(const std::string& command, const CLI::Option& option, const char* dashes,
-                  const std::vector<std::string>& list, std::string& names) {
-        for (const std::string& name : list) {
-            names += (names.empty() ? "" : " ") + (dashes + name);
-            if (!TypeOfValue(option).empty()) AddValue(command + " " + dashes + name, option);
+// Adds the names of the options of a command, and what to offer for their values and for the command's PATH.
+void Describe(const std::string& command, const CLI::App& app, std::string& options, std::string& values) {
+    std::string names;
+    for (const CLI::Option* option : app.get_options({})) {
+        for (const std::string& name : CLI::detail::split(option->get_name(false, true), ',')) {
+            if (!option->get_positional()) names += " " + name;
+            if (TypeOfValue(*option).empty()) continue;
+            const std::string key = option->get_positional() ? command : command + " " + name;
+            values += fmt::format("    ['{}']='{}'\n", key, Offer(*option));
         }
     }
-
-    void AddValue(const std::string& key, const CLI::Option& option) {
-        values += fmt::format("    ['{}']='{}'\n", key, Offer(option));
-    }
-};
+    options += fmt::format("    [{}]='{}'\n", command, names);
+}
 
 // Defines and registers the completion. Everything that it offers is read from the command line's own tree.
 std::string CompletionScript(const CLI::App& app) {
-    Tables tables;
     std::string commands;
-    tables.Add("tsmctl", app);
+    std::string options;
+    std::string values = "    ['tsmctl >']='FILE'\n";
+    Describe("tsmctl", app, options, values);
     for (const CLI::App* command : app.get_subcommands({})) {
-        commands += (commands.empty() ? "" : " ") + command->get_name();
-        tables.Add(command->get_name(), *command);
+        commands += " " + command->get_name();
+        Describe(command->get_name(), *command, options, values);
     }
     return fmt::format(
         "# Completion of tsmctl for bash, printed by 'tsmctl completion'.\n"
@@ -118,7 +101,7 @@ std::string CompletionScript(const CLI::App& app) {
         "declare -gA _tsmctl_options=(\n{})\n"
         "# What follows an option of a command, or is the PATH of a command.\n"
         "declare -gA _tsmctl_values=(\n{})\n{}",
-        commands, tables.options, tables.values, function);
+        commands, options, values, function);
 }
 
 }  // namespace

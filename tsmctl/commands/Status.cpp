@@ -88,14 +88,13 @@ std::optional<RunRecord> FindStream(Session& session, const Parts& path) {
 std::vector<Finding> Find(const StatusOptions& options, Session& session) {
     const Parts path = ParsePath(options.path);
     std::vector<RunRecord> runs = FindRuns(session, path, Scope::Tree);
-    // Of a tree that was deleted, the record does not count.
-    runs.erase(std::remove_if(runs.begin(), runs.end(),
-                              [&](const RunRecord& run) {
-                                  if (!run.complete || run.tree.empty()) return false;
-                                  const StoredPair stored = ListOne(session, run.tree);
-                                  return !stored.file && !stored.directory;
-                              }),
-               runs.end());
+    // Of a tree that was deleted, or has become a file, the record does not count.
+    const auto isGone = [&](const RunRecord& run) {
+        if (run.tree.empty()) return false;
+        const StoredPair stored = ListOne(session, run.tree);
+        return !stored.directory && (run.complete || stored.file);
+    };
+    runs.erase(std::remove_if(runs.begin(), runs.end(), isGone), runs.end());
     if (const auto stream = FindStream(session, path)) runs.push_back(*stream);
     if (runs.empty()) throw Failure("no backup of a tree or stream is recorded");
     std::vector<Finding> findings;
