@@ -31,6 +31,9 @@ struct RenameOptions {
 
 const Selection everyVersion = {true, "", TSM_OBJECTS_ANY};
 
+// The library's 0 is no proof.
+constexpr const char* notRenamed = "is not at its new name";
+
 struct Move {
     StoredObject from;  // one of the versions; all of them move
     StoredName to;
@@ -257,11 +260,15 @@ private:
             if (std::exchange(again, true) && ListIn(session, from.path, everyVersion, from.name).empty()) return;
             session.Check("cannot rename", TsmRenameBackup(session.Handle(), from.path.c_str(), from.name.c_str(),
                                                            move.to.path.c_str(), move.to.name.c_str()));
+            // The library would remove a directory that has stayed behind, once it is empty.
+            if (from.directory && ListIn(session, move.to.path, everyVersion, move.to.name).empty()) {
+                throw PassingFailure(notRenamed);
+            }
         });
         move.done = true;
     }
 
-    // The library's 0 is no proof: a listing shows where the objects are now.
+    // A listing shows where the objects are now.
     void Settle() {
         try {
             workers_.Finish();
@@ -292,7 +299,7 @@ private:
                 ReportMove(move);
                 if (move.from.directory && !move.active) revived_.push_back(move.to);
             } else if (move.done) {
-                report_.Failed(move.from.ObjectPath(), "is not at its new name");
+                report_.Failed(move.from.ObjectPath(), notRenamed);
             }
         }
     }
