@@ -31,6 +31,9 @@ struct RenameOptions {
 
 const Selection everyVersion = {true, "", TSM_OBJECTS_ANY};
 
+// The library's 0 is no proof.
+constexpr const char* notRenamed = "is not at its new name";
+
 struct Move {
     StoredObject from;  // one of the versions; all of them move
     StoredName to;
@@ -71,21 +74,18 @@ public:
             });
         }
         KeptDirectories kept(session_, report_, "");
-        for (const Parts& directory : DirectoriesAbove(from_)) kept.Remember(directory);
-        for (const Parts& directory : DirectoriesAbove(to_)) {
-            if (!StartsWith(from_, directory)) kept.Remember(directory);
-        }
+        kept.RememberAbove(from_);
+        kept.RememberAbove(to_);
         for (size_t i = 0; i < count_; ++i) report_.Expect();
         try {
-            if (replaced_ > 0) WalkAll([&](Level& level) { Clear(level); });
-            WalkAll([&](Level& level) { MoveAll(level); });
-            Settle();
+            Attempt(report_, Join(from_), [&] {
+                if (replaced_ > 0) WalkAll([&](Level& level) { Clear(level); });
+                WalkAll([&](Level& level) { MoveAll(level); });
+            });
         } catch (const Interrupted&) {
-            Settle();
-        } catch (const Failure& failure) {
-            report_.Failed(Join(from_), failure.what());
-            Settle();
+            // What the library removed in passing comes first; then the signal is seen again.
         }
+        Settle();
         RemoveRevived();
         kept.Restore(false);
         if (there_ == count_) {
@@ -199,8 +199,7 @@ private:
         if (count_ <= mostWithStrays) {
             for (const std::string& path : FindStrays(session_, NamePattern(from_, false), everyVersion, entered)) {
                 const bool isBelow = (path + "/").compare(0, oldTop_.size() + 1, oldTop_ + "/") == 0;
-                if (!isBelow || entered.count(path) > 0) continue;
-                entered.insert(path);
+                if (!isBelow || !entered.insert(path).second) continue;
                 Walk(path, false, check);
                 strays_.push_back(path);
             }
@@ -261,11 +260,15 @@ private:
             if (std::exchange(again, true) && ListIn(session, from.path, everyVersion, from.name).empty()) return;
             session.Check("cannot rename", TsmRenameBackup(session.Handle(), from.path.c_str(), from.name.c_str(),
                                                            move.to.path.c_str(), move.to.name.c_str()));
+            // The library would remove a directory that has stayed behind, once it is empty.
+            if (from.directory && ListIn(session, move.to.path, everyVersion, move.to.name).empty()) {
+                throw PassingFailure(notRenamed);
+            }
         });
         move.done = true;
     }
 
-    // The library's 0 is no proof: a listing shows where the objects are now.
+    // A listing shows where the objects are now.
     void Settle() {
         try {
             workers_.Finish();
@@ -296,7 +299,7 @@ private:
                 ReportMove(move);
                 if (move.from.directory && !move.active) revived_.push_back(move.to);
             } else if (move.done) {
-                report_.Failed(move.from.ObjectPath(), "is not at its new name");
+                report_.Failed(move.from.ObjectPath(), notRenamed);
             }
         }
     }
@@ -309,7 +312,7 @@ private:
                     const bool isEmpty = ListIn(session_, object.StoredPath(), {}).empty();
                     if (!object.directory || !object.text.empty() || !isEmpty) continue;
                     KeptDirectories above(session_, report_, "");
-                    for (const Parts& directory : DirectoriesAbove(object.PlainParts())) above.Remember(directory);
+                    above.RememberAbove(object.PlainParts());
                     DeleteObject(session_, object, false, "");
                     above.Restore(true);
                 }
