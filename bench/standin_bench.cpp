@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -264,15 +265,19 @@ void CommitSmall(benchmark::State& state) {
     }
     flush = static_cast<Flush>(state.range(1));
     for (auto _ : state) {
-        flushes = 0;
-        const auto begin = Clock::now();
         std::vector<std::thread> threads;
         std::atomic<int> next{0};
+        std::mutex gate;
+        std::unique_lock<std::mutex> closed(gate);  // until the threads are made, which is not measured
         for (const auto& session : others) {
             threads.emplace_back([&] {
+                { const std::lock_guard<std::mutex> open(gate); }
                 for (int i; (i = next++) < smallObjects;) StoreOne(*session, 0, i);
             });
         }
+        flushes = 0;
+        const auto begin = Clock::now();
+        closed.unlock();
         for (std::thread& thread : threads) thread.join();
         state.SetIterationTime(Since(begin));
         state.counters["value"] = static_cast<double>(flushes) / smallObjects;
