@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -33,10 +34,11 @@ struct Stores {
 // However long the last change waited, which may have been for another process.
 constexpr std::chrono::milliseconds longestGathering{5};
 constexpr std::chrono::microseconds quickFlush{400};
+constexpr std::size_t manyThreads = 32;
 
 // In pages. The log begins anew only after a checkpoint behind which nobody wrote. Of a long log the last few are
 // waited for, of one that is too long all of them.
-constexpr int checkpointEvery = 1000, longLog = 2000, tooLongLog = 4000, few = 200;
+constexpr int checkpointEvery = 1000, longLog = 2000, tooLongLog = 3000, few = 200;
 
 // How long this thread has not been computing, from some moment on.
 std::chrono::nanoseconds Waited() {
@@ -208,9 +210,9 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
     if (first || own.Wait() == Waiting::Turn::Carries) {
         lock.lock();
         // Threads that submitted a moment ago may submit again. They get the processor first, and then a part of the
-        // time that a flush takes. Where flushes are quick, some of them do: the others come while these are carried
-        // out. A single thread waits for nobody.
-        const std::size_t wanted = waited_ < quickFlush ? company_ / 4 : company_;
+        // time that a flush takes. Where flushes are quick, some of many will do: the others come while these are
+        // carried out. A single thread waits for nobody.
+        const std::size_t wanted = waited_ < quickFlush && company_ >= manyThreads ? company_ / 4 : company_;
         if (queue_.size() < wanted) {
             lock.unlock();
             std::this_thread::yield();
@@ -246,24 +248,28 @@ void Store::Submit(Need need, const Work& work, Leaves leaves) {
     if (own.failure) std::rethrow_exception(own.failure);
 }
 
-// Asked by the leader after each commit. Nobody commits meanwhile.
+// Asked by the leader after each commit. No thread commits meanwhile.
 bool Store::CheckpointIsDue() try {
     const int pages = writer_->LogPages();
+    const bool tooLong = pages >= tooLongLog;
     std::unique_lock<std::mutex> lock(checkpointing_, std::defer_lock);
-    if (pages >= tooLongLog) {
+    if (tooLong) {
         lock.lock();
     } else if (!lock.try_lock()) {
         return false;
     }
-    if (pages < checkpointed_.pages) {  // the log has begun anew
+    if (pages < tried_) {  // the log has begun anew
         checkpointed_ = {};
-        triedToEnd_ = 0;
+        tried_ = triedToEnd_ = 0;
     }
-    const bool due = pages - checkpointed_.pages >= checkpointEvery;
+    const bool due = pages - tried_ >= checkpointEvery;
+    if (due) tried_ = pages;
     const bool little = pages >= longLog && pages - checkpointed_.broughtIn <= few;
     // It goes on where somebody reads.
-    if (!(pages >= tooLongLog ? due : little && pages - triedToEnd_ >= checkpointEvery)) return due;
+    if (!(tooLong ? due : little && pages - triedToEnd_ >= checkpointEvery)) return due;
     triedToEnd_ = pages;
+    std::optional<Database::Transaction> alone;
+    if (tooLong) alone.emplace(*writer_);  // other processes add nothing either
     Checkpoint();
     return false;
 } catch (const std::exception&) {
@@ -285,6 +291,7 @@ void Store::CheckpointBesideCommits() noexcept try {
 
 void Store::Checkpoint() {
     checkpointed_ = checkpointer_->Checkpoint();
+    tried_ = std::max(tried_, checkpointed_.pages);
 }
 
 // Carries out the changes of a group. Each member gets its own outcome.

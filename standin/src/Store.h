@@ -130,7 +130,8 @@ private:
     std::mutex checkpointing_;
     std::unique_ptr<Database> checkpointer_;
     Database::Log checkpointed_;
-    int triedToEnd_ = 0;  // the pages that the log had when commits waited for its end
+    int tried_ = 0;       // the pages that the log had when a checkpoint was tried
+    int triedToEnd_ = 0;  // and when commits waited for it
 
     std::atomic<unsigned> filespaceDeletions_{0};
 
