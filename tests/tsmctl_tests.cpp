@@ -311,14 +311,16 @@ TEST_F(Tsmctl, StandardInputAndOutput) {
 }
 
 TEST_F(Tsmctl, VerifyNamesEachDifference) {
-    Expect("mkdir t; echo abc > t/f; ln -s a t/l; echo 1 > t/g; tsmctl -q backup t; cp -a t orig", 0);
+    Expect("mkdir -p t/d; echo abc > t/f; ln -s a t/l; echo 1 > t/g; echo > t/d/e; tsmctl -q backup t; cp -a t orig",
+           0);
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"touch -r t/f r; printf abd > t/f; touch -r r t/f", "content differs from byte 2"},
         {"echo 4 >> t/f; touch -r orig/f t/f", "longer here"},
         {"chmod 0611 t/f", "mode 0611 here"},
         {"touch -d @5.5 t/f; export TZ=XXX-3", "modification time 1970-01-01 03:00:05.500000000 +0300 here, 2"},
         {"rm t/f", "t/f: is stored and not here"},
-        {"echo > t/new", "t/new: is not stored"},
+        {"rm -r t/d", "t/d/e: is stored and not here"},
+        {"mkdir t/new; echo > t/new/n", "t/new/n: is not stored"},
         {"ln -sfn b t/l; touch -hr orig/l t/l", "link to b here, to a stored"},
         {"rm t/f; mkdir t/f", "directory here, file stored"},
         {"rm t/f; mkfifo t/f", "pipe here, file stored"}};
@@ -728,6 +730,13 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect("faulty 'dsmRenameObj 1 0' rename tree/sub/big x", 1, "", "tree/sub/big: is not at its new name");
     Expect("mkdir lone; echo > lone/f; chmod 0700 lone; tsmctl -q backup lone; tsmctl -q rename lone/f lone/new/f", 0);
     Expect("tsmctl list lone --json | grep '\"lone\"'", 0, R"("mode":"0700")");
+    // What is replaced takes no directory with it that has its new name, and what was not active does not become so.
+    Expect("tsmctl -q delete lone --recursive --yes; mkdir -pm 0710 other/gone; echo > other/f; echo > other/gone/f",
+           0);
+    Expect("tsmctl -q backup other; rm -r other/gone; tsmctl -q backup other; tsmctl -q rename other lone --yes", 0, "",
+           "is replaced");
+    Expect("tsmctl list lone -q --json | grep -c path; tsmctl list lone --json --all-versions", 0, R"(2
+{"path":"lone","kind":"directory","size":0,"mode":"0755")");
 }
 
 // Each as it stands in the help, in the order of the help, on a store that holds what they name.

@@ -67,12 +67,15 @@ void Batch::Run(bool last) {
     std::stable_sort(objects_.begin(), objects_.end(),
                      [](const auto& a, const auto& b) { return a.object.date < b.object.date; });
     if (first_ && last) {
-        for (const ChosenObject& chosen : objects_) context_.report.Expect(chosen.object.Size());
+        for (const ChosenObject& chosen : objects_) report_.Expect(chosen.object.Size());
     }
     first_ = false;
-    const Job job = {[&](size_t i) { return objects_[i].object.ObjectPath(); },
-                     [&](Session& own, Buffer& buffer, size_t i) { work_(own, buffer, objects_[i]); }};
-    RunParallel(context_, session_, jobs_, objects_.size(), job);
+    for (const ChosenObject& chosen : objects_) {
+        workers_.Do(chosen.object.ObjectPath(), [this, &chosen](Session& session, Buffer& buffer) {
+            session.Retry([&] { work_(session, buffer, chosen); });
+        });
+    }
+    workers_.Finish();
     objects_.clear();
 }
 

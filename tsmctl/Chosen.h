@@ -44,7 +44,7 @@ public:
     using Work = std::function<void(Session&, Buffer&, const ChosenObject&)>;
 
     Batch(Context& context, Session& session, int jobs, Work work)
-        : context_(context), session_(session), jobs_(jobs), work_(std::move(work)) {}
+        : report_(context.report), work_(std::move(work)), workers_(context, session, jobs) {}
 
     void Add(ChosenObject object) { objects_.push_back(std::move(object)); }
     bool IsFull() const { return objects_.size() >= most; }
@@ -55,12 +55,11 @@ public:
     static constexpr size_t most = 10000;
 
 private:
-    Context& context_;
-    Session& session_;
-    const int jobs_;
+    Report& report_;
     const Work work_;
     std::vector<ChosenObject> objects_;
     bool first_ = true;
+    Workers workers_;  // ends before what it works on
 };
 
 }  // namespace tsmctl

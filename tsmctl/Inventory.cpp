@@ -142,8 +142,8 @@ private:
             const bool closed = std::any_of(closed_.begin(), closed_.end(), [&](const std::string& above) {
                 return (path + "/").compare(0, above.size() + 1, above + "/") == 0;
             });
-            const Parts stored = path.empty() ? Parts() : SplitAtSlash(path.substr(1));
-            if (!closed && entered_.count(path) == 0 && stored.size() >= pattern_.Depth()) Enter({path}, stored.size());
+            const auto level = static_cast<size_t>(std::count(path.begin(), path.end(), '/'));
+            if (!closed && entered_.count(path) == 0) Enter({path}, level);
         }
     }
 
@@ -251,7 +251,9 @@ std::set<std::string> FindStrays(Session& session, const NamePattern& pattern, c
     const std::string whole = pattern.IsRoot() ? "" : pattern.ServerPath(pattern.Depth());
     for (const std::string& path : {whole, whole + "/*"}) {
         Ask(session, path, nullptr, selection, [&](const TsmObject& record) {
-            if (entered.count(record.highLevelName) == 0) strays.insert(record.highLevelName);
+            if (entered.count(record.highLevelName) > 0 || strays.count(record.highLevelName) > 0) return;
+            const Parts inside = CopyOf(record).PlainParts();
+            if (inside.size() > pattern.Depth() && pattern.Matches(inside)) strays.insert(record.highLevelName);
         });
     }
     return strays;

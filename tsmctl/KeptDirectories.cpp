@@ -7,9 +7,11 @@
 
 namespace tsmctl {
 
-void KeptDirectories::Remember(const Parts& directory) {
-    for (StoredObject& object : List(session_, NamePattern(directory, false), {})) {
-        if (object.directory && object.info) directories_.push_back(std::move(object));
+void KeptDirectories::RememberAbove(const Parts& object) {
+    for (const Parts& directory : DirectoriesAbove(object)) {
+        for (StoredObject& stored : List(session_, NamePattern(directory, false), {})) {
+            if (stored.directory && stored.info) directories_.push_back(std::move(stored));
+        }
     }
 }
 

@@ -15,8 +15,8 @@ public:
     KeptDirectories(Session& session, Report& report, std::string mgmtClass)
         : session_(session), report_(report), mgmtClass_(std::move(mgmtClass)) {}
 
-    // Takes the directory's info down, if it has one. Throws Failure.
-    void Remember(const Parts& directory);
+    // Takes the infos of the directories above the object (plain parts) down. Throws Failure.
+    void RememberAbove(const Parts& object);
     // Stores what has gone or lost its info again, also after a signal; what fails is reported. Without evenEmpty, a
     // directory that holds nothing any more is left as it is.
     void Restore(bool evenEmpty);

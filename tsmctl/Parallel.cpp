@@ -100,14 +100,4 @@ void Workers::Finish() {
     CheckInterrupt();
 }
 
-void RunParallel(Context& context, Session& own, int sessions, size_t count, const Job& job) {
-    Workers workers(context, own, sessions);
-    for (size_t i = 0; i < count; ++i) {
-        workers.Do(job.subject(i), [&job, i](Session& session, Buffer& buffer) {
-            session.Retry([&] { job.work(session, buffer, i); });
-        });
-    }
-    workers.Finish();
-}
-
 }  // namespace tsmctl

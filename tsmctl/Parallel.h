@@ -60,11 +60,4 @@ private:
     bool ended_ = false;
 };
 
-struct Job {
-    std::function<std::string(size_t)> subject;
-    std::function<void(Session&, Buffer&, size_t)> work;
-};
-// Does the job for each number below count, once, with as many sessions.
-void RunParallel(Context& context, Session& own, int sessions, size_t count, const Job& job);
-
 }  // namespace tsmctl

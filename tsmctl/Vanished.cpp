@@ -36,7 +36,7 @@ long long Vanished::Remove(const Parts& folder, const StoredFolder& gone, const 
         RequireNoFilesAbove(session_, inside, {}, [&](const StoredObject& file) {
             return IsFromTree(file) && file.PlainParts().size() > depth;
         });
-        for (const Parts& directory : DirectoriesAbove(inside)) kept.Remember(directory);
+        kept.RememberAbove(inside);
     }
     const auto nameOf = [&](const LocalItem& item) { return Append(folder, {SplitAtSlash(item.object).back()}); };
     try {

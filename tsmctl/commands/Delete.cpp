@@ -28,7 +28,7 @@ struct DeleteOptions {
     bool allVersions = false;
     bool literal = false;
     bool yes = false;
-    int jobs = 1;
+    int jobs = usualSessions;
 
     // What can go: active versions, or all of them.
     Selection Versions() const { return {allVersions, "", TSM_OBJECTS_ANY}; }
@@ -87,9 +87,7 @@ public:
         const Records before = listAbove();
         const long long failures = report_.Failures();
         KeptDirectories kept(session_, report_, "");
-        for (const Parts& directory : above) {
-            if (options_.allVersions) kept.Remember(directory);
-        }
+        if (options_.allVersions) kept.RememberAbove(pattern.Plain());
         if (pattern.IsRoot()) {
             DeleteIn("");
         } else {
@@ -97,27 +95,15 @@ public:
         }
         Settle();
         if (options_.recursive && options_.at.empty() && report_.Failures() == failures && !report_.IsDryRun()) {
-            DeleteStrays(pattern);
+            // What has no directory above it is left.
+            for (const std::string& path : FindStrays(session_, pattern, options_.Versions(), {})) DeleteIn(path);
+            Settle();
         }
         kept.Restore(false);
         ReportGone(before, listAbove());
     }
 
 private:
-    // What has no directory above it.
-    void DeleteStrays(const NamePattern& pattern) {
-        std::set<std::string> directories;
-        Walk(session_, pattern, options_.Versions(), [&](const auto& versions, const Parts& plain) {
-            const bool below = plain.size() > pattern.Depth();
-            for (const StoredObject& object : versions) {
-                if (below) directories.insert(object.path);
-            }
-            return true;
-        });
-        for (const std::string& directory : directories) DeleteIn(directory);
-        Settle();
-    }
-
     struct Record {
         long long versions = 0;
         Kind kind = Kind::File;

@@ -71,21 +71,18 @@ public:
             });
         }
         KeptDirectories kept(session_, report_, "");
-        for (const Parts& directory : DirectoriesAbove(from_)) kept.Remember(directory);
-        for (const Parts& directory : DirectoriesAbove(to_)) {
-            if (!StartsWith(from_, directory)) kept.Remember(directory);
-        }
+        kept.RememberAbove(from_);
+        kept.RememberAbove(to_);
         for (size_t i = 0; i < count_; ++i) report_.Expect();
         try {
-            if (replaced_ > 0) WalkAll([&](Level& level) { Clear(level); });
-            WalkAll([&](Level& level) { MoveAll(level); });
-            Settle();
+            Attempt(report_, Join(from_), [&] {
+                if (replaced_ > 0) WalkAll([&](Level& level) { Clear(level); });
+                WalkAll([&](Level& level) { MoveAll(level); });
+            });
         } catch (const Interrupted&) {
-            Settle();
-        } catch (const Failure& failure) {
-            report_.Failed(Join(from_), failure.what());
-            Settle();
+            // What the library removed in passing comes first; then the signal is seen again.
         }
+        Settle();
         RemoveRevived();
         kept.Restore(false);
         if (there_ == count_) {
@@ -199,8 +196,7 @@ private:
         if (count_ <= mostWithStrays) {
             for (const std::string& path : FindStrays(session_, NamePattern(from_, false), everyVersion, entered)) {
                 const bool isBelow = (path + "/").compare(0, oldTop_.size() + 1, oldTop_ + "/") == 0;
-                if (!isBelow || entered.count(path) > 0) continue;
-                entered.insert(path);
+                if (!isBelow || !entered.insert(path).second) continue;
                 Walk(path, false, check);
                 strays_.push_back(path);
             }
@@ -309,7 +305,7 @@ private:
                     const bool isEmpty = ListIn(session_, object.StoredPath(), {}).empty();
                     if (!object.directory || !object.text.empty() || !isEmpty) continue;
                     KeptDirectories above(session_, report_, "");
-                    for (const Parts& directory : DirectoriesAbove(object.PlainParts())) above.Remember(directory);
+                    above.RememberAbove(object.PlainParts());
                     DeleteObject(session_, object, false, "");
                     above.Restore(true);
                 }

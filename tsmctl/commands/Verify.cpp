@@ -169,9 +169,10 @@ public:
     // read gives up to length bytes of the local side, fewer at its end.
     template <typename Read>
     void CompareContent(Download& download, Buffer& buffer, const std::string& local, const Read& read) {
-        Buffer here(pieceSize);
+        Buffer here(1);
         long long offset = 0;
         for (Piece piece = download.Next(buffer); piece.size > 0; piece = download.Next(buffer)) {
+            here.resize(std::max(here.size(), piece.size));
             const size_t got = read(here.data(), piece.size);
             const auto first = static_cast<std::ptrdiff_t>(got);
             const auto unequal = std::mismatch(here.begin(), here.begin() + first, piece.data).first - here.begin();
