@@ -269,7 +269,8 @@ def test_names_that_would_steer_the_terminal(known):
 
 
 @pytest.mark.parametrize("slow, command", [
-    ("dsmBeginGetData", "check"), ("dsmEndTxn", "delete tree --recursive --yes"), ("dsmEndTxn", "rename tree new")])
+    ("dsmBeginGetData", "check"), ("dsmEndTxn", "delete tree --recursive --yes"), ("dsmEndTxn", "rename tree new"),
+    ("dsmBeginQuery", "find none")])
 def test_progress_counts_objects(slow, command, known, tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
     os.mkdir("tree")

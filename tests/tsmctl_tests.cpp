@@ -236,6 +236,7 @@ TEST_F(Tsmctl, AFailureIsToldAndTheRestIsDone) {
     Expect("tsmctl list | grep -c -e one -e two -e ok", 0, "3");
     Expect("TSMCTL_PASSWORD=wrong tsmctl list", 1, "", "sign on as node node: DSM_RC_AUTH_FAILURE (-137), wrong");
     Expect("tsmctl restore nothing", 1, "", "DSM_RC_ABORT_NO_MATCH (-2)");
+    Expect("faulty 'dsmEndSendObj 1 1' backup two --full", 0, "");  // looks like the version before, of this second
     Expect("tsmctl backup one --full --class NONE", 1, "", "tsmctl: one: ");
     Expect("tsmctl list one > /dev/full", 1, "", "standard output");
     Expect("tsmctl restore one --to - > /dev/full", 1, "", "cannot write");
@@ -373,6 +374,7 @@ TEST_F(Tsmctl, DamageIsNoticed) {
         data[data.size() - 170] ^= 1;
         other.Put("d", "f", info, data);
         other.Put("", "d", "tsmctl2 d 0755 1.000000000 0 0:0 1.000000000 sum=00000000", "");
+        other.Put("", "cap", "tsmctl2 d 0755 1.000000000 0 0:0 1.000000000 xattr=security%2Ecapability:AQ==", "");
         other.Put("", "holes", "tsmctl2 f 0644 1.000000000 9000000000000000000 0:0 1.000000000 header=9",
                   "data=0:0\n" + std::string(169, ' '));
         other.Put("", "size", "tsmctl2 f 0644 1.000000000 9000000000 0:0 1.000000000 header=9",
@@ -386,6 +388,8 @@ TEST_F(Tsmctl, DamageIsNoticed) {
     Expect("tsmctl -q restore bad/old --to out; ls -A out; stat -c %a,%Y out/old", 0, "old\n644,1\n");
     Expect("tsmctl check bad --subset 100", 1, "", "stored without a SHA-256 to compare with (1 object)\n");
     Expect("tsmctl check bad --subset 1 2>&1 | grep -c :", 0, "2\n");
+    Expect("mkdir bad; touch bad/old; tsmctl backup bad 2>&1", 0, "gone here, but left as it is stored (5 objects)");
+    Expect("tsmctl -q list bad | wc -l; tsmctl -q restore cap --to out", 0, "11\n", "without its capabilities");
     Expect("tsmctl -q check holes || tsmctl -q restore holes", 1, "", "holes: has holes of more than 16 TiB");
     Expect("tsmctl -q check size", 1, "", std::string("size: ") + beside);
     Expect("tsmctl check d -q --subset 1", 1, "", std::string("tsmctl: d: ") + unknown);
@@ -608,7 +612,12 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
         "tsmctl -q backup u --to u; faulty 'dsmBeginQuery 1 2041' backup u; tsmctl delete u/u --recursive --yes;"
         "tsmctl status u",
         1, "failed     20", "record of u: ");
-    Expect("tsmctl -q rename u v; tsmctl delete t --recursive --yes > log; tsmctl status", 1, "", "is recorded");
+    Expect("mkdir k; touch k/f; tsmctl -q backup k; rm -r k; touch k; tsmctl -q backup k; tsmctl status k", 1,
+           "failed     20", "was a directory");
+    Expect("tsmctl -q backup k --force; tsmctl status k", 1, "", "is recorded");
+    Expect("mkdir w; touch w/f; faulty 'dsmSendObj 2 1' -q backup w; tsmctl status w", 1, "never complete",
+           "w: cannot");
+    Expect("tsmctl -q rename u v; tsmctl delete t 'w*' --recursive --yes > log; tsmctl status", 1, "", "is recorded");
 }
 
 TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
@@ -669,9 +678,14 @@ TEST_F(Tsmctl, ATreeComesOutAsAnArchive) {
     Expect(makeTree + std::string("; python3 -c 'import os; os.removexattr(\"tree/sub/deep\", "
                                   "\"system.posix_acl_default\")'"),
            0);
+    Expect(
+        "touch eq; python3 -c 'import os; [os.setxattr(\"eq\", \"user.\" + n, b\"\") for n in (\"a=b\", \"%3D\")]'; "
+        "tsmctl -q backup eq",
+        0);
     Expect("tsmctl -q backup tree; seq 300000 | tsmctl -q backup - --as tree/stream", 0, "", "socket");
     Expect("set -o pipefail; mkdir out; " + tar, 0, "", "set-id bits and capabilities (2 objects)");
     Expect("seq 300000 | cmp - out/tree/stream && rm out/tree/stream && touch -r tree out/tree", 0);
+    Expect("tsmctl -q restore eq --to - --tar | tar -t", 0, "eq\n", "whose name tar would change (1 object)");
     const std::string all = compare;
     Expect(all.substr(0, all.rfind("&&")), 0);
     // Other programs do not look for the target of the first link elsewhere.

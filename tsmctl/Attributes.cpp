@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/limits.h>
 #include <openssl/evp.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -92,17 +93,43 @@ std::string AclText(const std::string& value) {
     return text;
 }
 
-// Calls read with room that grows until it suffices. False with errno where it fails.
+// Calls read with as much room as Linux lets a list of names or a value have. False with errno where it fails.
 template <typename Call>
-bool ReadGrowing(std::string& bytes, const Call& call) {
-    bytes.resize(1024);
-    ssize_t length = call(bytes.data(), bytes.size());
-    while (length < 0 && errno == ERANGE && bytes.size() < 1 << 20) {
-        bytes.resize(bytes.size() * 4);
-        length = call(bytes.data(), bytes.size());
-    }
+bool ReadWhole(std::string& bytes, const Call& call) {
+    bytes.resize(XATTR_SIZE_MAX);
+    const ssize_t length = call(bytes.data(), bytes.size());
     bytes.resize(static_cast<size_t>(std::max<ssize_t>(0, length)));
     return length >= 0;
+}
+
+// Values in base64, and names as the system reads them: nothing behind a NUL may make another name of a capability.
+std::vector<std::pair<std::string, std::string>> NamedIn(std::string_view attributes) {
+    std::vector<std::pair<std::string, std::string>> found;
+    for (const std::string& field : FieldsOf(attributes, "xattr")) {
+        const size_t colon = std::min(field.rfind(':'), field.size() - 1);
+        found.emplace_back(PercentDecoded(field.substr(0, colon)).c_str(), field.substr(colon + 1));
+    }
+    return found;
+}
+
+bool SetOwner(int fd, const Info& info) {
+    const auto change = [&](uid_t uid, gid_t gid) { return fchownat(fd, "", uid, gid, AT_EMPTY_PATH) == 0; };
+    struct stat now = {};
+    if (fstat(fd, &now) == 0 && now.st_uid == info.uid && now.st_gid == info.gid) return true;
+    if (change(info.uid, info.gid)) return true;
+    change(static_cast<uid_t>(-1), info.gid);  // an owner may choose among the groups of his own
+    return now.st_uid == info.uid && fstat(fd, &now) == 0 && now.st_gid == info.gid;
+}
+
+bool SetAttributes(int fd, std::string_view attributes) {
+    const std::string path = PathOf(fd);
+    bool complete = true;
+    // The default of a folder above may have given both.
+    for (const auto& entry : aclKeys) removexattr(path.c_str(), entry.second);
+    for (const auto& [name, value] : DecodeAttributes(attributes)) {
+        if (setxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) != 0) complete = false;
+    }
+    return complete;
 }
 
 }  // namespace
@@ -111,14 +138,14 @@ std::string ReadAttributes(int fd, Report& report) {
     const std::string path = PathOf(fd);
     bool complete = true;
     std::string names;
-    if (!ReadGrowing(names, [&](char* room, size_t size) { return listxattr(path.c_str(), room, size); })) {
+    if (!ReadWhole(names, [&](char* room, size_t size) { return listxattr(path.c_str(), room, size); })) {
         complete = errno == ENOTSUP;
     }
     std::vector<std::string> lines;
     for (size_t at = 0; at < names.size(); at += std::strlen(&names[at]) + 1) {
         const char* const name = &names[at];
         std::string value;
-        if (!ReadGrowing(value, [&](char* room, size_t size) { return getxattr(path.c_str(), name, room, size); })) {
+        if (!ReadWhole(value, [&](char* room, size_t size) { return getxattr(path.c_str(), name, room, size); })) {
             complete = complete && errno == ENODATA;  // gone meanwhile
             continue;
         }
@@ -147,43 +174,15 @@ std::vector<std::pair<std::string, std::string>> DecodeAttributes(std::string_vi
     for (const auto& [key, name] : aclKeys) {
         for (const std::string& value : FieldsOf(attributes, key)) found.emplace_back(name, FromAclText(value));
     }
-    for (const std::string& field : FieldsOf(attributes, "xattr")) {
-        const size_t colon = std::min(field.rfind(':'), field.size() - 1);
-        // As the system reads it: nothing behind a NUL may make another name of a capability.
-        const std::string name = PercentDecoded(field.substr(0, colon)).c_str();
-        if (name != capability) found.emplace_back(name, FromBase64(field.substr(colon + 1)));
+    for (const auto& [name, value] : NamedIn(attributes)) {
+        if (name != capability) found.emplace_back(name, FromBase64(value));
     }
     return found;
 }
 
-namespace {
-
-bool SetOwner(int fd, const Info& info) {
-    const auto change = [&](uid_t uid, gid_t gid) { return fchownat(fd, "", uid, gid, AT_EMPTY_PATH) == 0; };
-    struct stat now = {};
-    if (fstat(fd, &now) == 0 && now.st_uid == info.uid && now.st_gid == info.gid) return true;
-    if (change(info.uid, info.gid)) return true;
-    change(static_cast<uid_t>(-1), info.gid);  // an owner may choose among the groups of his own
-    return now.st_uid == info.uid && fstat(fd, &now) == 0 && now.st_gid == info.gid;
-}
-
-bool SetAttributes(int fd, std::string_view attributes) {
-    const std::string path = PathOf(fd);
-    bool complete = true;
-    // The default of a folder above may have given both.
-    for (const auto& entry : aclKeys) removexattr(path.c_str(), entry.second);
-    for (const auto& [name, value] : DecodeAttributes(attributes)) {
-        if (setxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) != 0) complete = false;
-    }
-    return complete;
-}
-
-}  // namespace
-
 bool HasCapability(std::string_view attributes) {
-    const std::vector<std::string> fields = FieldsOf(attributes, "xattr");
-    return std::any_of(fields.begin(), fields.end(),
-                       [](const auto& field) { return field.rfind(std::string(capability) + ":", 0) == 0; });
+    const auto named = NamedIn(attributes);
+    return std::any_of(named.begin(), named.end(), [](const auto& entry) { return entry.first == capability; });
 }
 
 void ApplyMetadata(int fd, const Info& info, std::string_view attributes, Report& report) {

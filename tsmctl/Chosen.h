@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "Context.h"
-#include "Exclusions.h"
 #include "Inventory.h"
 #include "Parallel.h"
 

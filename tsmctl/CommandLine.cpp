@@ -19,13 +19,6 @@ std::string HostName() {
     return gethostname(name, sizeof name - 1) == 0 ? name : "localhost";
 }
 
-// CLI11 would turn "--json=no" into a flag that is not set.
-void ForbidValuesOfFlags(CLI::App& app) {
-    for (CLI::Option* option : app.get_options([](const CLI::Option* o) { return o->get_expected_max() == 0; })) {
-        option->disable_flag_override();
-    }
-}
-
 // CLI11 takes the argument behind "--to=" as its value, and then misses that argument where it belongs.
 void CheckNoValueIsMissing(const std::vector<std::string>& arguments) {
     for (const std::string& typed : arguments) {
@@ -38,6 +31,7 @@ void CheckNoValueIsMissing(const std::vector<std::string>& arguments) {
 }  // namespace
 
 CommandLine::CommandLine() {
+    app_.option_defaults()->disable_flag_override();  // "--json=no" would be a flag that is not set
     app_.formatter(std::make_shared<HelpFormatter>());
     app_.fallthrough();
     app_.require_subcommand(1);
@@ -90,7 +84,8 @@ CLI::App& CommandLine::Add(const std::string& name, const std::string& descripti
     command->footer(
         fmt::format("Examples:\n  {}\n\nThe options of 'tsmctl --help' can be given before or after the command.",
                     fmt::join(examples, "\n  ")));
-    commands_.push_back({command, std::move(run)});
+    command->get_help_ptr()->disable_flag_override();
+    runs_[command] = std::move(run);
     return *command;
 }
 
@@ -109,23 +104,18 @@ void CommandLine::CheckNoOptionIsAValue(const CLI::App& command) const {
     }
 }
 
-const CommandLine::Command& CommandLine::Parse(int argc, char** argv) {
-    ForbidValuesOfFlags(app_);
-    for (const Command& command : commands_) ForbidValuesOfFlags(*command.syntax);
+const CLI::App& CommandLine::Parse(int argc, char** argv) {
     CheckNoValueIsMissing({argv, argv + argc});
     app_.parse(argc, argv);
-    for (const Command& command : commands_) {
-        if (!command.syntax->parsed()) continue;
-        CheckNoOptionIsAValue(*command.syntax);
-        if (connection_.filespace.empty()) throw UsageError("--filespace needs a name");
-        if (connection_.node.empty()) connection_.node = HostName();
-        return command;
-    }
-    throw UsageError("no command");
+    const CLI::App& command = *app_.get_subcommands().at(0);
+    CheckNoOptionIsAValue(command);
+    if (connection_.filespace.empty()) throw UsageError("--filespace needs a name");
+    if (connection_.node.empty()) connection_.node = HostName();
+    return command;
 }
 
 int CommandLine::Run(int argc, char** argv) {
-    const Command* command = nullptr;
+    const CLI::App* command = nullptr;
     std::ostringstream help;
     try {
         command = &Parse(argc, argv);
@@ -137,18 +127,13 @@ int CommandLine::Run(int argc, char** argv) {
     Connection connection(connection_);
     Context context = {connection, report};
     try {
-        if (command) {
-            command->run(context);
-        } else {
-            report.Text(help.str());
-        }
+        command ? runs_.at(command)(context) : report.Text(help.str());
     } catch (const Failure& failure) {
         report.Failed("", failure.what());
     }
-    if (report.Succeeded(command ? command->syntax->get_name() : "help", context.status == 0)) return context.status;
-    if (const std::string log = connection.GrownLog(); !log.empty()) {
-        PrintMessage("the client API's log has more: " + log);
-    }
+    if (report.Succeeded(command ? command->get_name() : "help", context.status == 0)) return context.status;
+    const std::string log = connection.GrownLog();
+    if (!log.empty()) PrintMessage("the client API's log has more: " + log);
     return 1;
 }
 

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -32,19 +33,15 @@ public:
     int Run(int argc, char** argv);
 
 private:
-    struct Command {
-        CLI::App* syntax;
-        RunFunction run;
-    };
-
     void AddCommonOptions();
-    const Command& Parse(int argc, char** argv);
+    // Returns the command.
+    const CLI::App& Parse(int argc, char** argv);
     void CheckNoOptionIsAValue(const CLI::App& command) const;
 
     CLI::App app_{"Stores files on a TSM server and brings them back.", "tsmctl"};
     ConnectionOptions connection_;
     ReportOptions output_;
-    std::vector<Command> commands_;
+    std::map<const CLI::App*, RunFunction> runs_;
 };
 
 }  // namespace tsmctl

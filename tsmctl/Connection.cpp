@@ -111,10 +111,6 @@ Connection::~Connection() {
 }
 
 void Connection::SetUp() {
-    std::call_once(once_, [this] { SetUpOnce(); });
-}
-
-void Connection::SetUpOnce() {
     options_.logDir = LogFolder(options_.logDir);
     log_ = options_.logDir + "/dsierror.log";
     logSize_ = SizeOf(log_);
@@ -133,7 +129,7 @@ std::string Connection::GrownLog() const {
 }
 
 Session::Session(Connection& connection, bool withFilespace) : connection_(connection), withFilespace_(withFilespace) {
-    connection_.SetUp();
+    std::call_once(connection_.once_, [this] { connection_.SetUp(); });
 }
 
 Session::~Session() {

@@ -46,9 +46,8 @@ public:
 
 private:
     friend class Session;
-    // Safe for several threads. Throws UsageError where no password can be had, Failure where the library refuses.
+    // Is done once. Throws UsageError where no password can be had, Failure where the library refuses.
     void SetUp();
-    void SetUpOnce();
 
     ConnectionOptions options_;
     std::once_flag once_;
@@ -64,9 +63,8 @@ private:
 // was not committed, and the next use signs on again.
 class Session {
 public:
-    // Works in the filespace of the connection. Throws what setting the library up throws.
-    explicit Session(Connection& connection) : Session(connection, true) {}
-    static Session WithoutFilespace(Connection& connection) { return {connection, false}; }
+    // Works in the filespace of the connection, or in none. Throws what setting the library up throws.
+    explicit Session(Connection& connection, bool withFilespace = true);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -83,7 +81,6 @@ public:
     long long Check(const char* what, long long result);
 
 private:
-    Session(Connection& connection, bool withFilespace);
     void SignOn();
 
     Connection& connection_;

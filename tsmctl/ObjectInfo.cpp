@@ -1,6 +1,7 @@
 #include "ObjectInfo.h"
 
 #include <fmt/format.h>
+#include <openssl/evp.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
@@ -8,9 +9,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <system_error>
-
-#include "Seal.h"
 
 namespace tsmctl {
 
@@ -26,6 +26,13 @@ const char* KindName(Kind kind) {
 
 bool IsSpecial(Kind kind) {
     return kind == Kind::Pipe || kind == Kind::CharacterDevice || kind == Kind::BlockDevice;
+}
+
+std::string LinkKey(const std::optional<Info>& info) {
+    if (!info || FieldOf(info->fields, "link").empty()) return "";
+    Info common = *info;
+    common.ctime = {};
+    return FormatInfo(common);
 }
 
 dev_t DeviceOf(const Info& info) {
@@ -68,6 +75,11 @@ void ForEachField(std::string_view fields, const Take& take) {
         take(field.substr(0, equals), field.substr(std::min(equals + 1, field.size())));
         fields.remove_prefix(std::min(end + 1, fields.size()));
     }
+}
+
+// libcrypto fails in these calls for want of memory only.
+void Require(bool done) {
+    if (!done) throw std::bad_alloc();
 }
 
 }  // namespace
@@ -163,6 +175,37 @@ Info InfoOf(const struct stat& status) {
         AddField(info.fields, "device", fmt::format("{}:{}", major(status.st_rdev), minor(status.st_rdev)));
     }
     return info;
+}
+
+Sha256::Sha256() : context_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+    Require(context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
+}
+
+void Sha256::Add(const void* data, size_t length) {
+    Require(EVP_DigestUpdate(context_.get(), data, length) == 1);
+}
+
+std::string Sha256::Hex() const {
+    unsigned char digest[32];
+    const Sha256 copy;
+    Require(EVP_MD_CTX_copy_ex(copy.context_.get(), context_.get()) == 1 &&
+            EVP_DigestFinal_ex(copy.context_.get(), digest, nullptr) == 1);
+    std::string hex;
+    for (const unsigned char byte : digest) hex += fmt::format("{:02x}", byte);
+    return hex;
+}
+
+bool LooksLikeSeal(const std::string& bytes) {
+    char end = 0;
+    const int fields = std::sscanf(bytes.c_str(), "tsmctl2 %*19[0-9] %*10[0-9] %*64[0-9a-f] %*64[0-9a-f]%c", &end);
+    return bytes.size() == sealLength && fields == 1 && end == '\n';
+}
+
+std::string Seal(const std::string& info, const std::string& header, long long size, const std::string& sha256) {
+    const std::string line = fmt::format("tsmctl2 {:019} {:010} {} ", size, header.size(), sha256);
+    Sha256 whole;
+    for (const std::string& part : {info + "\n", header, line}) whole.Add(part.data(), part.size());
+    return line + whole.Hex() + "\n";
 }
 
 }  // namespace tsmctl

@@ -1,10 +1,12 @@
-// The text that is stored with an object; docs/tsmctl-format.md describes it. Version 1, which earlier programs wrote,
-// ends behind the size, and its objects have neither header nor seal.
+// The text that is stored with an object, and the seal at its end; docs/tsmctl-format.md describes it. Version 1, which
+// earlier programs wrote, ends behind the size, and its objects have neither header nor seal.
 #pragma once
 
+#include <openssl/types.h>
 #include <sys/stat.h>
 
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -68,10 +70,31 @@ std::string FieldOf(std::string_view fields, std::string_view key);
 // A decimal number from 0 on, or nothing.
 std::optional<long long> ParseNumber(std::string_view text);
 
+// What the names of one file have in common; empty for a file with one name.
+std::string LinkKey(const std::optional<Info>& info);
 // The numbers of a device; 0 for anything else.
 dev_t DeviceOf(const Info& info);
 
 std::string ModeText(mode_t mode);
 std::string TimeText(const timespec& time);
+
+// An object ends with the SHA-256 of its content, by which it can be checked without its source.
+class Sha256 {
+public:
+    // Throws std::bad_alloc.
+    Sha256();
+    void Add(const void* data, size_t length);
+    // Of what was added so far, in lower-case hexadecimal digits.
+    std::string Hex() const;
+
+private:
+    std::shared_ptr<EVP_MD_CTX> context_;
+};
+
+constexpr size_t sealLength = 169;
+
+bool LooksLikeSeal(const std::string& bytes);
+// The last bytes of an object with this information text and header, and with content of this size and SHA-256.
+std::string Seal(const std::string& info, const std::string& header, long long size, const std::string& sha256);
 
 }  // namespace tsmctl

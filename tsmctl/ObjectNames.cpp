@@ -235,4 +235,17 @@ std::string NamePattern::ServerName(size_t part) const {
     return ServerPattern(parts_[part]);
 }
 
+bool Exclusions::LeaveOut(const Parts& path, bool directory) const {
+    return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
+        Parts parts = SplitAtSlash(pattern);
+        const bool whole = parts.size() > 1 && parts.front().empty();
+        const bool onlyDirectories = parts.size() > 1 && parts.back().empty();
+        parts.erase(std::remove(parts.begin(), parts.end(), ""), parts.end());
+        if (parts.empty() || parts.size() > path.size() || (onlyDirectories && !directory)) return false;
+        if (whole && parts.size() != path.size()) return false;
+        const Parts end(path.end() - static_cast<std::ptrdiff_t>(parts.size()), path.end());
+        return NamePattern(parts, true).Matches(end);
+    });
+}
+
 }  // namespace tsmctl

@@ -69,4 +69,13 @@ private:
     bool wildcards_;
 };
 
+// Patterns of paths that are left out.
+struct Exclusions {
+    std::vector<std::string> patterns;
+
+    // Whether a pattern matches the path, whose parts begin with that of the tree. The last parts of the path have to
+    // match; all of them, if the pattern begins with a slash; and a directory, if it ends in one.
+    bool LeaveOut(const Parts& path, bool directory) const;
+};
+
 }  // namespace tsmctl

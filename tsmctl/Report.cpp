@@ -10,7 +10,6 @@
 #include <iterator>
 #include <new>
 #include <nlohmann/json.hpp>
-#include <vector>
 
 #include "Errors.h"
 #include "ObjectNames.h"
@@ -33,6 +32,14 @@ size_t Room() {
     winsize window = {};
     const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0;
     return known ? window.ws_col - 1U : 79U;
+}
+
+// Empty where the time is not known, or so long that it means nothing.
+std::string TimeLeft(double seconds) {
+    if (!(seconds >= 0 && seconds < 100 * 3600)) return "";
+    const auto left = static_cast<int>(seconds);
+    const std::string minutes = fmt::format(left < 3600 ? "{}" : "{:02}", left / 60 % 60);
+    return fmt::format("  {}{}:{:02} left", left < 3600 ? "" : fmt::format("{}:", left / 3600), minutes, left % 60);
 }
 
 }  // namespace
@@ -88,11 +95,7 @@ void Report::Put(const std::string& line) {
 }
 
 void Report::Line(std::string_view text) {
-    if (options_.json) {
-        Json({{"text", text}});
-    } else {
-        Put(Printable(text));
-    }
+    options_.json ? Json({{"text", text}}) : Put(Printable(text));
 }
 
 void Report::Entry(const std::string& text) {
@@ -104,33 +107,18 @@ void Report::Json(const nlohmann::ordered_json& value) {
 }
 
 void Report::Name(const char* key, const std::string& name) {
-    if (options_.json) {
-        Json({{key, name}});
-    } else {
-        Entry(name);
-    }
+    options_.json ? Json({{key, name}}) : Entry(name);
 }
 
 void Report::Text(const std::string& text) {
     const std::string trimmed = text.substr(0, text.find_last_not_of('\n') + 1);
-    if (options_.json) return Line(trimmed);
-    Put(trimmed);
+    options_.json ? Line(trimmed) : Put(trimmed);
 }
 
 void Report::Differs(std::string_view subject, std::string_view text) {
-    Differs(subject, text, fmt::format("{}: {}", subject, text));
-}
-
-void Report::Differs(char mark, const std::string& object) {
-    Differs(object, std::string(1, mark), fmt::format("{} {}", mark, object));
-}
-
-void Report::Differs(std::string_view subject, std::string_view text, const std::string& line) {
-    if (options_.json) {
-        Event("differs", subject, text);
-    } else {
-        Line(line);
-    }
+    const bool isMark = text.size() == 1;
+    options_.json ? Event("differs", subject, text)
+                  : Line(isMark ? fmt::format("{} {}", text, subject) : fmt::format("{}: {}", subject, text));
     const std::lock_guard<std::mutex> lock(mutex_);
     ++differences_;
 }
@@ -181,18 +169,6 @@ double Report::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-namespace {
-
-// Empty where the time is not known, or so long that it means nothing.
-std::string TimeLeft(double seconds) {
-    if (!(seconds >= 0 && seconds < 100 * 3600)) return "";
-    const auto left = static_cast<int>(seconds);
-    const std::string minutes = fmt::format(left < 3600 ? "{}" : "{:02}", left / 60 % 60);
-    return fmt::format("  {}{}:{:02} left", left < 3600 ? "" : fmt::format("{}:", left / 3600), minutes, left % 60);
-}
-
-}  // namespace
-
 void Report::Draw() {
     const auto now = Clock::now();
     const size_t objects = std::max(steps_, counted_);
@@ -202,7 +178,8 @@ void Report::Draw() {
     std::string parts[6];
     auto& [scale, percent, amount, counted, speed, left] = parts;
     if (objects > 0) {
-        const std::string of = totalObjects_ > 0 ? fmt::format(" of {}", totalObjects_) : "";
+        // Directories come on top of what was expected.
+        const std::string of = totalObjects_ > 0 ? fmt::format(" of {}", std::max(objects, totalObjects_)) : "";
         counted = fmt::format("  {}{} objects", objects, of);
     }
     if (bytes_ > 0) {

@@ -56,7 +56,7 @@ public:
     void Line(std::string_view text);
     // A line of the result that makes the command fail.
     void Differs(std::string_view subject, std::string_view text);
-    void Differs(char mark, const std::string& object);
+    void Differs(char mark, const std::string& object) { Differs(object, std::string(1, mark)); }
     // What was done to an object ("removed"), or would be. Left out unless each is to be named, or it is a result.
     void Did(const char* action, const std::string& object, const std::string& detail = "", bool isResult = false);
     // A line that scripts read: names are shown as they are unless it is a terminal, but on one line.
@@ -86,7 +86,6 @@ public:
 private:
     void Say(const std::string& text);
     void Put(const std::string& line);
-    void Differs(std::string_view subject, std::string_view text, const std::string& line);
     void Event(const char* key, std::string_view subject, std::string_view text);
     void JsonSummary(const std::string& command, bool good);
     void Draw();

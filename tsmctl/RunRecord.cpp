@@ -28,9 +28,9 @@ std::vector<StoredObject> ListRecords(Session& session, const Parts& tree, Scope
 
 }  // namespace
 
-std::vector<RunRecord> FindRuns(Session& session, const Parts& tree, Scope scope) {
+std::vector<RunRecord> FindRuns(Session& session, const Parts& tree, Scope scope, bool allVersions) {
     std::vector<RunRecord> runs;
-    for (const StoredObject& object : ListRecords(session, tree, scope, false)) {
+    for (const StoredObject& object : ListRecords(session, tree, scope, allVersions)) {
         if (!object.info) continue;  // a directory above
         const Parts parts = object.PlainParts();
         const Info& info = *object.info;

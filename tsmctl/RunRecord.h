@@ -21,8 +21,8 @@ struct RunRecord {
     std::optional<long long> complete;  // the end of the last run without failures
 };
 
-// Throws Failure.
-std::vector<RunRecord> FindRuns(Session& session, const Parts& tree, Scope scope);
+// Of a tree, or also of those below; with all versions, also those that were removed. Throws Failure.
+std::vector<RunRecord> FindRuns(Session& session, const Parts& tree, Scope scope, bool allVersions = false);
 // Replaces the record of the same tree. Throws Failure.
 void StoreRun(Session& session, const RunRecord& run, const std::string& mgmtClass);
 // Of a tree and those below. Throws Failure.

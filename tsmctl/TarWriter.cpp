@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <regex>
 
 #include "Errors.h"
 
@@ -75,7 +76,14 @@ void TarWriter::WriteHeader(const ChosenObject& item, char type, long long size,
     if (!link.empty()) records += Record("linkpath", link);
     if (item.object.info) records += Record("mtime", PlainTime(info.mtime));
     if (info.version > 1) records += Record("uid", std::to_string(info.uid)) + Record("gid", std::to_string(info.gid));
-    for (const auto& [name, value] : DecodeAttributes(attributes)) records += Record("SCHILY.xattr." + name, value);
+    bool complete = true;
+    for (const auto& [name, value] : DecodeAttributes(attributes)) {
+        // Readers take what comes before the first "=" for the name, and GNU tar these codes for a character.
+        const bool fits = !std::regex_search(name, std::regex("=|%25|%3D"));
+        if (fits) records += Record("SCHILY.xattr." + name, value);
+        complete = complete && fits;
+    }
+    if (!complete) report_.CountLoss("archived without an extended attribute whose name tar would change");
     const bool setsIds = (info.mode & setIds) != 0;
     if (setsIds || HasCapability(attributes)) report_.CountLoss("archived without its set-id bits and capabilities");
     const mode_t mode = item.object.info ? info.mode & ~setIds : directory ? 0755 : 0644;
@@ -106,12 +114,10 @@ void TarWriter::Write(Session& session, Buffer& buffer, const ChosenObject& item
 }
 
 void TarWriter::WriteFile(Session& session, Buffer& buffer, const ChosenObject& item) {
-    Info info = item.object.info.value_or(Info{});
-    info.ctime = {};
-    const std::string key = FieldOf(info.fields, "link").empty() ? "" : FormatInfo(info);
+    const std::string key = LinkKey(item.object.info);
     const auto contentOf = [](const Download& download) { return download.Digest() + " " + download.Header(); };
     const auto twin = twins_.find(key);
-    std::optional<long long> size = info.size;
+    std::optional<long long> size = item.object.info.value_or(Info{}).size;
     // The header comes before the content, which is read twice where the header depends on it. A size beyond what was
     // announced is that of a file with holes, or damaged, and would be filled up with zeros.
     if (!size || *size > item.object.announced || twin != twins_.end()) {

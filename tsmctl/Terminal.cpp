@@ -21,10 +21,6 @@ class NoEcho {
 public:
     explicit NoEcho(int fd) : fd_(fd) {
         if (tcgetattr(fd_, &before_) != 0) FailLocal("cannot silence the terminal", errno);
-        struct sigaction ignore = {};
-        ignore.sa_handler = SIG_IGN;
-        sigaction(SIGQUIT, &ignore, &quit_);
-        sigaction(SIGTSTP, &ignore, &stop_);
         termios silent = before_;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         silent.c_lflag |= NOFLSH;
@@ -32,8 +28,8 @@ public:
     }
     ~NoEcho() {
         tcsetattr(fd_, TCSAFLUSH, &before_);
-        sigaction(SIGQUIT, &quit_, nullptr);
-        sigaction(SIGTSTP, &stop_, nullptr);
+        signal(SIGQUIT, quit_);
+        signal(SIGTSTP, stop_);
     }
     NoEcho(const NoEcho&) = delete;
     NoEcho& operator=(const NoEcho&) = delete;
@@ -41,8 +37,8 @@ public:
 private:
     int fd_;
     termios before_ = {};
-    struct sigaction quit_ = {};
-    struct sigaction stop_ = {};
+    const sighandler_t quit_ = signal(SIGQUIT, SIG_IGN);
+    const sighandler_t stop_ = signal(SIGTSTP, SIG_IGN);
 };
 
 }  // namespace

@@ -13,7 +13,6 @@
 #include "Inventory.h"
 #include "ObjectInfo.h"
 #include "ObjectNames.h"
-#include "Seal.h"
 
 namespace tsmctl {
 

@@ -132,14 +132,17 @@ void TreeBackup::Enter(const LocalItem& directory, Folder& folder, const std::fu
         // What another run stores from now on is not taken for gone.
         StoredFolder stored = ListFolder(session_, folder.object);
         here = Read(directory, report);
-        closed = options_.exclusions.WhyClosed(directory, here, top_.device);
+        closed = here.isStore                                                ? "is the store of a server"
+                 : here.isCache && options_.withoutCaches                    ? "is a cache"
+                 : directory.device != top_.device && options_.oneFileSystem ? "is another file system"
+                                                                             : nullptr;
         if (!closed) folder.stored = std::move(stored);
     });
     const bool isTop = directory.local == top_.local;
     if (isTop && readable && !options_.force && !options_.keepVanished) CheckTop(folder, here);
     store();
     if (closed) {
-        report.Note(directory.local + " " + closed);
+        report.Note(directory.local + " " + closed + "; what it holds is left out");
     } else if (readable) {
         Walk(std::move(here), folder);
     } else {
@@ -201,6 +204,7 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
     Report& report = context_.report;
     const bool compare = change == Change::Unchanged && options_.checksum;
     if ((change == Change::Unchanged && !compare) || report.IsDryRun()) {
+        report.Step();
         return Count(SplitAtSlash(item.object), item.info.kind, change);
     }
     ++*folder.unfinished;
@@ -222,6 +226,7 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
             Store(session, buffer, sent);
         }
         --*keep->unfinished;
+        context_.report.Step();
     };
     // Two sessions that miss the same directory would both create it. So this one stores the directories, and the
     // first file, which creates those that --to names.

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "Exclusions.h"
 #include "Inventory.h"
 #include "LocalTree.h"
 #include "Parallel.h"
@@ -19,6 +18,8 @@ namespace tsmctl {
 
 struct TreeOptions {
     Exclusions exclusions;
+    bool oneFileSystem = false;
+    bool withoutCaches = false;
     bool full = false;
     bool checksum = false;
     bool keepVanished = false;

@@ -13,23 +13,12 @@ int Run(int argc, char** argv) try {
     ReserveStandardStreams();
     CatchSignals();
     CommandLine commandLine;
-    // In the order of the help.
-    AddBackup(commandLine);
-    AddVerify(commandLine);
-    AddCheck(commandLine);
-    AddRestore(commandLine);
-    AddList(commandLine);
-    AddStatus(commandLine);
-    AddFind(commandLine);
-    AddDiff(commandLine);
-    AddDelete(commandLine);
-    AddRename(commandLine);
-    AddFilespaces(commandLine);
-    AddClasses(commandLine);
-    AddDeleteFilespace(commandLine);
-    AddGrant(commandLine);
-    AddCompletion(commandLine);
-    AddHelp(commandLine);  // knows the commands above it
+    // In the order of the help, which knows the commands above it.
+    for (const auto add :
+         {AddBackup, AddVerify, AddCheck, AddRestore, AddList, AddStatus, AddFind, AddDiff, AddDelete, AddRename,
+          AddFilespaces, AddClasses, AddDeleteFilespace, AddGrant, AddCompletion, AddHelp}) {
+        add(commandLine);
+    }
     return commandLine.Run(argc, argv);
 } catch (const Interrupted&) {
     PrintMessage("stopped by a signal");

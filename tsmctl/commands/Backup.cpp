@@ -354,8 +354,8 @@ void AddBackup(CommandLine& line) {
     add("--files-from", options->pathFiles, fileType, "file with more PATHs, one in a line");
     AddExclude(command, options->tree.exclusions.patterns);
     add("--exclude-from", options->exclusionFiles, fileType, "file with more patterns, one in a line");
-    command.add_flag("--exclude-caches", options->tree.exclusions.caches, "leave out what is below a CACHEDIR.TAG");
-    command.add_flag("--one-file-system", options->tree.exclusions.oneFileSystem, "leave out what is mounted below");
+    command.add_flag("--exclude-caches", options->tree.withoutCaches, "leave out what is below a CACHEDIR.TAG");
+    command.add_flag("--one-file-system", options->tree.oneFileSystem, "leave out what is mounted below");
     CLI::Option* const full = command.add_flag("--full", options->tree.full, "send what has not changed, too");
     command.add_flag("--checksum", options->tree.checksum, "read what is here and what is stored to see what changed")
         ->excludes(full);

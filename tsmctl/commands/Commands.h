@@ -8,10 +8,10 @@ namespace tsmctl {
 
 void AddBackup(CommandLine& line);
 void AddCheck(CommandLine& line);
-void AddClasses(CommandLine& line);
+void AddClasses(CommandLine& line);  // in Filespaces.cpp
 void AddCompletion(CommandLine& line);
 void AddDelete(CommandLine& line);
-void AddDeleteFilespace(CommandLine& line);
+void AddDeleteFilespace(CommandLine& line);  // in Filespaces.cpp
 void AddDiff(CommandLine& line);  // in Verify.cpp
 void AddFilespaces(CommandLine& line);
 void AddFind(CommandLine& line);  // in List.cpp

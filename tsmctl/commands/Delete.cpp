@@ -235,7 +235,10 @@ private:
         try {
             session.Check("cannot delete",
                           TsmDelete(session.Handle(), Text(path), nullptr, options_.allVersions ? 1 : 0, nullptr));
-            for (Item& item : items) item.done = true;
+            for (Item& item : items) {
+                item.done = true;
+                report_.Step();
+            }
         } catch (const Failure&) {
             for (Item& item : items) Attempt(report_, item.object.ObjectPath(), [&] { DeleteOne(session, item); });
         }
@@ -328,10 +331,17 @@ void Delete(const DeleteOptions& options, Context& context) {
     }
     CheckInterrupt();
     for (const NamePattern& pattern : patterns) {
-        if (!options.recursive || !options.at.empty() || pattern.IsWild() || context.report.IsDryRun()) continue;
+        if (!options.recursive || !options.at.empty() || context.report.IsDryRun()) continue;
         Attempt(context.report, Join(pattern.Plain()), [&] {
-            const auto left = pattern.IsRoot() ? ListIn(session, "", {}) : List(session, pattern, {});
-            if (left.empty()) RemoveRuns(session, pattern.Plain(), options.allVersions);
+            std::set<Parts> trees;
+            for (const RunRecord& run : FindRuns(session, {}, Scope::Tree, options.allVersions)) {
+                if (run.tree.size() >= pattern.Depth() && pattern.Matches(run.tree)) trees.insert(run.tree);
+            }
+            for (const Parts& tree : trees) {
+                const StoredPair left = tree.empty() ? StoredPair() : ListOne(session, tree);
+                const bool stays = left.file || left.directory || (tree.empty() && !ListIn(session, "", {}).empty());
+                if (!stays) RemoveRuns(session, tree, options.allVersions);
+            }
         });
     }
     context.report.Summary("delete");

@@ -10,31 +10,26 @@
 namespace tsmctl {
 namespace {
 
-struct GrantOptions {
-    std::string node;
-};
-
-void Grant(const GrantOptions& options, Context& context) {
-    if (options.node.empty()) throw UsageError("an empty node name");
+void Grant(const std::string& node, Context& context) {
+    if (node.empty()) throw UsageError("an empty node name");
     Session session(context.connection);
     const std::string& filespace = context.connection.Filespace();
     const std::string path = "/" + filespace;
     const int handle = session.Handle();
-    if (context.report.IsDryRun()) {
-        return context.report.Line(fmt::format("would grant {} access to filespace {}", options.node, filespace));
-    }
-    session.Check("cannot grant access", TsmSetAccess(handle, Text(options.node), Text(path), nullptr));
-    context.report.Line(fmt::format("granted {} access to filespace {}", options.node, filespace));
+    const bool dryRun = context.report.IsDryRun();
+    if (!dryRun) session.Check("cannot grant access", TsmSetAccess(handle, Text(node), Text(path), nullptr));
+    context.report.Line(
+        fmt::format("{} {} access to filespace {}", dryRun ? "would grant" : "granted", node, filespace));
 }
 
 }  // namespace
 
 void AddGrant(CommandLine& line) {
-    const auto options = std::make_shared<GrantOptions>();
+    const auto node = std::make_shared<std::string>();
     CLI::App& command = line.Add("grant", "Let another node read the filespace",
                                  {"tsmctl grant NODE2", "tsmctl grant NODE2 --filespace shared"},
-                                 [options](Context& context) { Grant(*options, context); });
-    command.add_option("NODE", options->node, "the node that gets access")->type_name("NAME")->required();
+                                 [node](Context& context) { Grant(*node, context); });
+    command.add_option("NODE", *node, "the node that gets access")->type_name("NAME")->required();
     line.AddDryRun(command);
 }
 

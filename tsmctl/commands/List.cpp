@@ -82,6 +82,7 @@ void ListObjects(ListOptions options, Context& context) {
     if (!context.report.IsJson()) table.emplace(context.report, selection.allVersions);
     Walk(context, session, options.chosen, [&](const std::vector<StoredObject>& versions, const Parts& plain, size_t) {
         for (const StoredObject& object : versions) {
+            context.report.Step();
             if (!options.wanted.patterns.empty() && !options.wanted.LeaveOut(plain, object.directory)) continue;
             context.report.Count(object.GetKind());
             if (table) {

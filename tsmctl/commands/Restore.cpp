@@ -10,7 +10,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <tuple>
 #include <utility>
 
@@ -78,7 +77,7 @@ public:
                             !S_ISDIR(there.st_mode);
         const bool same = exists && options_.overwrite != "always" && LooksTheSame(there, item);
         // Another name of the same file may come, and be linked with this one.
-        const bool stays = same && FieldOf(item.object.info->fields, "link").empty();
+        const bool stays = same && LinkKey(item.object.info).empty();
         if (stays || (exists && options_.overwrite == "never")) {
             report_.Count(kind);
             return report_.CountChange(Change::Unchanged);
@@ -97,8 +96,13 @@ public:
             if (!entry.CreateSpecial(*item.object.info)) return report_.CountLoss("special file not restored");
         } else {
             ReceiveInto(entry.CreateFile(), download, buffer, report_);
-            key = TwinKey(item, download);
-            if (!key.empty()) linking.lock();
+            // The names of a file were stored one after the other, each with the content of its own: only names that
+            // agree in everything are linked again.
+            key = LinkKey(item.object.info);
+            if (!key.empty()) {
+                key += " " + download.Digest() + " " + download.Header();
+                linking.lock();
+            }
             linked = LinkToTwin(entry, key);
         }
         if (!linked) WarnOfSetIds(item, download.Header());
@@ -142,15 +146,6 @@ private:
         struct stat status;
     };
 
-    // The names of a file were stored one after the other, each with the content of its own: only names that agree in
-    // everything are linked again. Empty for a file with one name.
-    static std::string TwinKey(const RestoreItem& item, const Download& download) {
-        if (!item.object.info || FieldOf(item.object.info->fields, "link").empty()) return "";
-        Info info = *item.object.info;
-        info.ctime = {};
-        return FormatInfo(info) + " " + download.Digest() + " " + download.Header();
-    }
-
     bool LinkToTwin(NewEntry& entry, const std::string& key) {
         const auto found = twins_.find(key);
         if (found == twins_.end()) return false;
@@ -184,11 +179,7 @@ public:
           report_(context.report),
           batch_(context, session, options.tar ? 1 : options.jobs,
                  [this](Session& own, Buffer& buffer, const RestoreItem& item) {
-                     if (tar_) {
-                         tar_->Write(own, buffer, item);
-                     } else {
-                         restorer_->RestoreOne(own, buffer, item);
-                     }
+                     tar_ ? tar_->Write(own, buffer, item) : restorer_->RestoreOne(own, buffer, item);
                  }) {
         if (report_.IsDryRun()) return;
         if (options.tar) {
@@ -252,10 +243,8 @@ private:
     void Run(bool last) {
         batch_.Run(last);
         for (const RestoreItem& item : closed_) {
-            Attempt(report_, Join(item.local), [&] {
-                if (tar_) return tar_->WriteDirectory(item);
-                restorer_->FinishDirectory(item);
-            });
+            Attempt(report_, Join(item.local),
+                    [&] { tar_ ? tar_->WriteDirectory(item) : restorer_->FinishDirectory(item); });
         }
         closed_.clear();
     }

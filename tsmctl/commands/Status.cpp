@@ -90,7 +90,7 @@ std::vector<Finding> Find(const StatusOptions& options, Session& session) {
     std::vector<RunRecord> runs = FindRuns(session, path, Scope::Tree);
     // Of a tree that was deleted, or has become a file, the record does not count.
     const auto isGone = [&](const RunRecord& run) {
-        if (run.tree.empty()) return false;
+        if (run.tree.empty()) return run.complete && ListIn(session, "", {}).empty();
         const StoredPair stored = ListOne(session, run.tree);
         return !stored.directory && (run.complete || stored.file);
     };
