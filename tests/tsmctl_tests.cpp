@@ -291,6 +291,10 @@ TEST_F(Tsmctl, RestoreReplacesWhenToldTo) {
         for how in always changed never; do rm ro/sub/f; chmod 0555 ro ro/sub; low $T -q restore ro --overwrite $how || exit
         stat -c %a ro ro/sub; ls ro/sub; chmod -R u+w ro; done)",
            0, "555\n555\nf\n555\n555\nf\n555\n555\nf\n");
+    Expect(
+        "for f in h o/h; do mkdir -p $f; echo $f > $f/a; truncate -s 9 $f/a; touch -d @9 $f/a; done; ln h/a h/b;"
+        "tsmctl -q backup h; tsmctl restore h --to o; r=$?; cmp o/h/b h/b && grep -a o/h o/h/a; rm -r o; exit $r",
+        1, "o/h", "h/a: exists already");
     Expect("mkdir -p o/f o2; tsmctl restore d/f --to o --force", 1, "", "a directory of this name");
     Expect("ln -s ../o2 o/d; tsmctl restore d --to o --force", 1, "", "d is in the way");
     Expect("ls -A o2; tsmctl restore / --to o3 -q && cat o3/d/f", 0, "new\n");

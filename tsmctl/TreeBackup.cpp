@@ -48,8 +48,7 @@ bool HoldsTheSame(Session& session, Buffer& buffer, const LocalItem& item, const
         attributes = download.Header();
         Sha256 content;
         if (item.info.kind == Kind::File) {
-            const UniqueFd file = OpenItem(item);
-            while (const size_t got = ReadFull(file.Get(), buffer.data(), pieceSize)) content.Add(buffer.data(), got);
+            AddFile(content, OpenItem(item), buffer);
         } else if (item.info.kind == Kind::Link) {
             const std::string target = ReadLink(item);
             content.Add(target.data(), target.size());
