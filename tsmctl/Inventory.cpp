@@ -90,7 +90,8 @@ std::vector<StoredObject> Sorted(Session& session, const std::string& path, cons
         found.emplace_back(std::move(key), std::move(object));
     });
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
-        return std::tie(a.first, a.second.date) < std::tie(b.first, b.second.date);
+        return std::tie(a.first, a.second.date, a.second.directory) <
+               std::tie(b.first, b.second.date, b.second.directory);
     });
     std::vector<StoredObject> objects;
     objects.reserve(found.size());
