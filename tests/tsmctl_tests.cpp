@@ -335,6 +335,15 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
     }
 }
 
+TEST_F(Tsmctl, WhatCannotBeComparedIsToldAndTheRestIs) {
+    Expect("mkdir -p t/a t/b t/c; tsmctl -q backup t; chmod 0 t/b; touch t/c/new", 0);
+    OtherProgram(root).Put("t", "a", "tsmctl3 d 0755 1.000000000 0", "");
+    for (const char* const command : {"diff t --local t", "verify t"}) {
+        Expect(std::string("low $T -q ") + command, 1, "t/c/new",
+               "t/a: its information text is damaged, or a newer tsmctl wrote it\ntsmctl: t/b: ");
+    }
+}
+
 TEST_F(Tsmctl, DamageIsNoticed) {
     Expect("mkdir d; echo content > d/f; python3 -c 'import os; os.setxattr(\"d/f\", \"user.k\", b\"value\")'", 0);
     Expect("tsmctl -q backup d; cat d/f | tsmctl -q backup - --as d/s", 0);
