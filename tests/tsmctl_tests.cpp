@@ -620,6 +620,7 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
     }
     Expect("mkdir u; echo > u/f; tsmctl -q backup u; echo | tsmctl -q backup - --as u/s; tsmctl status u", 0,
            "  u\ncomplete ");
+    Expect("faulty 'dsmEndSendObj 1 1' backup u --full", 1, "", "the record of u: is not stored");
     Expect("faulty 'dsmSendObj 2 1' backup u --full; tsmctl status u", 1, "failed     20", "cannot begin");
     Expect(
         "tsmctl -q backup u --to u; faulty 'dsmBeginQuery 1 2041' backup u; tsmctl delete u/u --recursive --yes;"
