@@ -686,6 +686,8 @@ TEST_F(Tsmctl, PathsAndPatternsChoose) {
     Expect("tsmctl -q diff t --at \"$(cat at)\"", 1, "M t/a/x\nM t/b\n- t/b/x\n+ t/b/z\n");
     Expect("tsmctl -q diff t --local t && tsmctl -q diff t --local t --at \"$(cat at)\"", 1,
            "M t/a/x\nM t/b\n+ t/b/z\n- t/b/x\n");
+    Expect("tsmctl -q delete t --recursive --at \"$(cat at)\" --dry-run > log; echo $? $(cat log)", 0,
+           "1 would be removed t/b/y.o\n", "t/a/x: this version is not active");
     Expect("tsmctl -q delete t --recursive --yes --at \"$(cat at)\" -j 3", 1, "removed t/b/y.o\n", "not active");
     Expect("tsmctl list t --type dir | wc -l; tsmctl restore t/b --to r && diff t/b/z r/b/z", 0, "3\n");
     Expect("tsmctl -q delete t/b/z --all-versions && tsmctl list --all-versions | cut -c 53- | grep /b/", 0,
