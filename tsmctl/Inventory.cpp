@@ -341,12 +341,10 @@ void RequireChangeable(Session& session, const StoredObject& object) {
 }
 
 void DeleteObject(Session& session, const StoredObject& object, bool allVersions, const std::string& at) {
-    bool again = false;
     session.Retry([&] {
         const int result =
             TsmDelete(session.Handle(), Text(object.path), Text(object.name), allVersions ? 1 : 0, TextOrNull(at));
-        if (std::exchange(again, true) && result == TSM_RESULT_ABORT_NO_MATCH) return;  // an earlier try did it
-        session.Check("cannot delete", result);
+        if (result != TSM_RESULT_ABORT_NO_MATCH) session.Check("cannot delete", result);
     });
 }
 
