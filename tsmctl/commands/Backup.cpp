@@ -320,6 +320,7 @@ void AddLinesOf(const std::vector<std::string>& files, const char* comment, std:
     for (const std::string& name : files) {
         std::ifstream file(name);
         for (std::string line; std::getline(file, line);) {
+            if (comment && !line.empty() && line.back() == '\r') line.pop_back();
             if (!line.empty() && (!comment || line[0] != *comment)) lines.push_back(line);
         }
         if (!file.eof()) throw Failure(name + ": cannot be read");
