@@ -127,6 +127,9 @@ public:
         } else {
             const size_t above = pattern_.Above();
             Collect(above, [&](const auto& selection) { return ListAt(session_, pattern_, above + 1, selection); });
+            // Without a directory object, as of a rename that was broken off, it may hold too much to look for at once.
+            if (!pattern_.IsWild() && entered_.empty() && closed_.empty())
+                Enter({StoredPathOf(pattern_.Plain())}, pattern_.Depth());
         }
         if (entries_ <= mostWithStrays) EnterStrays();
         return found_;
@@ -279,7 +282,7 @@ StoredFolder Pairs(std::vector<StoredObject> objects) {
 }  // namespace
 
 StoredFolder ListFolder(Session& session, const Parts& folder) {
-    return Pairs(ListIn(session, ToStored(Append(folder, {"x"})).path, {}));
+    return Pairs(ListIn(session, StoredPathOf(folder), {}));
 }
 
 StoredPair ListOne(Session& session, const Parts& object) {

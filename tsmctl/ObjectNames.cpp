@@ -183,6 +183,12 @@ std::string OneLine(std::string text) {
     return text;
 }
 
+std::string StoredPathOf(const Parts& parts) {
+    std::string path;
+    for (const std::string& part : parts) path += "/" + Escape(part);
+    return path;
+}
+
 StoredName ToStored(const Parts& parts) {
     Parts stored;
     for (const std::string& part : parts) stored.push_back(Escape(part));

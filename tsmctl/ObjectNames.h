@@ -40,6 +40,8 @@ struct StoredName {
     std::string path;  // "/a/b", empty at the top
     std::string name;
 };
+// The stored path of plain parts, which need not fit: "/a/b", or nothing for the top.
+std::string StoredPathOf(const Parts& parts);
 // The stored name of plain parts, of which there is at least one. Throws Failure where it is too long.
 StoredName ToStored(const Parts& parts);
 // The same for parts in their stored form.

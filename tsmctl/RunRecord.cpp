@@ -71,17 +71,12 @@ void RemoveRuns(Session& session, const Parts& tree, bool allVersions) {
         parts.pop_back();
         for (RunRecord& record : FindRuns(session, parts, Scope::Self)) above.push_back(std::move(record));
     }
-    session.Retry([&] {
-        std::vector<StoredObject> records = ListRecords(session, tree, Scope::Tree, allVersions);
-        std::reverse(records.begin(), records.end());  // what a directory holds comes first
-        std::set<std::string> removed;
-        for (const StoredObject& record : records) {
-            if (!record.info || !removed.insert(record.StoredPath()).second) continue;
-            const int result =
-                TsmDelete(session.Handle(), Text(record.path), Text(record.name), allVersions ? 1 : 0, nullptr);
-            if (result != -2) session.Check("cannot delete the record of a run", result);
-        }
-    });
+    std::vector<StoredObject> records = ListRecords(session, tree, Scope::Tree, allVersions);
+    std::reverse(records.begin(), records.end());  // what a directory holds comes first
+    std::set<std::string> removed;
+    for (const StoredObject& record : records) {
+        if (record.info && removed.insert(record.StoredPath()).second) DeleteObject(session, record, allVersions, "");
+    }
     for (const RunRecord& record : above) {
         if (FindRuns(session, record.tree, Scope::Self).empty()) StoreRun(session, record, "");
     }

@@ -97,6 +97,8 @@ public:
         Settle();
         if (options_.recursive && options_.at.empty() && report_.Failures() == failures && !report_.IsDryRun()) {
             // What has no directory above it is left.
+            if (!pattern.IsWild() && !pattern.IsRoot()) DeleteIn(StoredPathOf(pattern.Plain()));
+            Settle();
             for (const std::string& path : FindStrays(session_, pattern, options_.Versions(), {})) DeleteIn(path);
             Settle();
         }

@@ -1,6 +1,8 @@
 // rename: gives an object or a tree a new object path, with every version.
 #include <fmt/format.h>
 
+#include <deque>
+#include <iterator>
 #include <list>
 #include <map>
 #include <memory>
@@ -31,6 +33,9 @@ struct RenameOptions {
 
 const Selection everyVersion = {true, "", TSM_OBJECTS_ANY};
 
+// The library's 0 is no proof.
+constexpr const char* notRenamed = "is not at its new name";
+
 struct Move {
     StoredObject from;  // one of the versions; all of them move
     StoredName to;
@@ -41,14 +46,15 @@ struct Move {
 
 // What one directory holds under its old name.
 struct Level {
+    std::string path;
     std::map<std::string, Move> moves;  // by name
-    std::set<std::string> directories;  // stored paths, also of those that have their new names already
+    std::set<std::string> directories;  // their names, also of those that have their new names already
     bool isActive = false;              // so is the directory itself, and will be under its new name
 };
 
 // The server knows no trees, so a directory is renamed object by object, each directory before what it holds: its new
 // name is still free then, and the objects that follow find it. A first walk looks whether everything can be renamed,
-// and a second renames.
+// and a second renames, one directory after the other, so that few are without their directory when it is broken off.
 class Renamer {
 public:
     Renamer(const RenameOptions& options, Context& context, Session& session)
@@ -57,8 +63,8 @@ public:
           session_(session),
           from_(ParsePath(options.oldPath)),
           to_(ParsePath(options.newPath)),
-          oldTop_("/" + Join(StoredTop())),
-          newTop_("/" + Join(ToStoredParts(to_))),
+          oldTop_(OldTop()),
+          newTop_(StoredPathOf(to_)),
           workers_(context, session, options.jobs) {}
 
     void Run() {
@@ -77,7 +83,7 @@ public:
         try {
             Attempt(report_, Join(from_), [&] {
                 if (replaced_ > 0) WalkAll([&](Level& level) { Clear(level); });
-                WalkAll([&](Level& level) { MoveAll(level); });
+                WalkAll([&](Level& level) { MoveFiles(level); }, [&](Move& move) { return MoveDirectory(move); });
             });
         } catch (const Interrupted&) {
             // What the library removed in passing comes first; then the signal is seen again.
@@ -95,19 +101,14 @@ public:
     }
 
 private:
-    static Parts ToStoredParts(Parts parts) {
-        for (std::string& part : parts) part = Escape(part);
-        return parts;
-    }
-
-    // As another program may have stored it.
-    Parts StoredTop() {
-        std::set<Parts> tops;
+    // Another program may have stored it in its own way.
+    std::string OldTop() {
+        std::set<std::string> tops;
         for (const StoredObject& object : List(session_, NamePattern(from_, false), everyVersion)) {
-            tops.insert(object.StoredParts());
+            tops.insert(object.StoredPath());
         }
         if (tops.size() > 1) throw Failure("is stored under two names, which are the same here");
-        return tops.empty() ? ToStoredParts(from_) : *tops.begin();
+        return tops.empty() ? StoredPathOf(from_) : *tops.begin();
     }
 
     std::string NewPath(const std::string& path) const { return newTop_ + path.substr(oldTop_.size()); }
@@ -122,9 +123,7 @@ private:
             to = ToStoredRaw(SplitAtSlash(newTop_.substr(1)));
         }
         Level level;
-        const auto add = [&](const std::string& name) {
-            level.directories.insert(fmt::format("{}/{}", from.path, name));
-        };
+        level.path = from.path;
         for (StoredObject& object : ListIn(session_, from.path, everyVersion, from.name)) {
             const auto [place, added] = level.moves.try_emplace(object.name);
             Move& move = place->second;
@@ -135,7 +134,7 @@ private:
             if (HasWildcard(object.name)) throw Failure(object.ObjectPath() + ": its name cannot be renamed safely");
             RequireChangeable(session_, object);
             move.to = ToStoredRaw(SplitAtSlash(NewPath(object.StoredPath()).substr(1)));
-            if (object.directory) add(object.name);
+            if (object.directory) level.directories.insert(object.name);
             move.from = std::move(object);
         }
         for (const StoredObject& object : ListIn(session_, from.path, {}, from.name)) {
@@ -145,30 +144,34 @@ private:
         for (const StoredObject& object : ListIn(session_, to.path, everyVersion, to.name)) {
             const std::string& name = from.name.empty() ? object.name : from.name;
             if (const auto found = level.moves.find(name); found != level.moves.end()) found->second.taken = true;
-            if (object.directory) add(name);
+            if (object.directory) level.directories.insert(name);
         }
         return level;
     }
 
     using Work = std::function<void(Level&)>;
+    using Enter = std::function<bool(Move&)>;
 
-    // Works on a directory, and then on those that it has still after that.
-    void Walk(const std::string& directory, bool isActive, const Work& work) {
+    // Works on what a directory holds, and then goes into the directories there, unless enter says no.
+    void Walk(const std::string& directory, bool isActive, const Work& work, const Enter& enter) {
         CheckInterrupt();
         Level level = Look(directory);
         level.isActive = isActive;
-        std::set<std::string> active;
-        for (const auto& [name, move] : level.moves) {
-            if (move.active && move.from.directory) active.insert(move.from.StoredPath());
-        }
         work(level);
-        level.moves.clear();
-        for (const std::string& below : level.directories) Walk(below, active.count(below) > 0, work);
+        for (auto move = level.moves.begin(); move != level.moves.end();) {
+            move = move->second.from.directory ? std::next(move) : level.moves.erase(move);
+        }
+        for (const std::string& name : level.directories) {
+            const auto move = level.moves.find(name);
+            const bool moves = move != level.moves.end();
+            if (moves && enter && !enter(move->second)) continue;
+            Walk(level.path + "/" + name, moves && move->second.active, work, enter);
+        }
     }
 
-    void WalkAll(const Work& work) {
-        Walk("", true, work);
-        for (const std::string& directory : strays_) Walk(directory, false, work);
+    void WalkAll(const Work& work, const Enter& enter = nullptr) {
+        Walk("", true, work, enter);
+        for (const std::string& directory : strays_) Walk(directory, false, work, enter);
     }
 
     void CheckAll() {
@@ -178,7 +181,9 @@ private:
         std::set<std::string> entered;
         const auto check = [&](Level& level) {
             count_ += level.moves.size();
-            if (count_ <= mostWithStrays) entered.insert(level.directories.begin(), level.directories.end());
+            for (const std::string& name : level.directories) {
+                if (count_ <= mostWithStrays) entered.insert(level.path + "/" + name);
+            }
             for (const auto& [name, move] : level.moves) {
                 if (!move.taken) continue;
                 if (goesOn) throw Failure(move.from.ObjectPath() + ": its new name is taken");
@@ -192,12 +197,12 @@ private:
                 return true;
             });
         }
-        Walk("", true, check);
+        Walk("", true, check, nullptr);
         if (count_ <= mostWithStrays) {
             for (const std::string& path : FindStrays(session_, NamePattern(from_, false), everyVersion, entered)) {
                 const bool isBelow = (path + "/").compare(0, oldTop_.size() + 1, oldTop_ + "/") == 0;
                 if (!isBelow || !entered.insert(path).second) continue;
-                Walk(path, false, check);
+                Walk(path, false, check, nullptr);
                 strays_.push_back(path);
             }
         }
@@ -219,30 +224,29 @@ private:
         }
     }
 
-    void MoveAll(Level& level) {
-        levels_.push_back(std::move(level.moves));
-        auto& moves = levels_.back();
+    // The objects below would create a directory that has stayed behind again, without its mode and time.
+    bool MoveDirectory(Move& move) {
+        if (!Attempt(report_, move.from.ObjectPath(), [&] { Rename(session_, move); })) return false;
+        ++there_;
+        ReportMove(move);
+        if (!move.active) revived_.push_back(move.to);
+        return true;
+    }
+
+    void MoveFiles(Level& level) {
+        auto& moves = levels_.emplace_back();
         // Sessions that miss the same directory would all create it.
         bool alone = !level.isActive;
-        const auto start = [&](bool directories) {
-            for (auto& entry : moves) {
-                Move& move = entry.second;
-                if (move.from.directory != directories) continue;
-                const std::string name = move.from.ObjectPath();
-                if (std::exchange(alone, false)) {
-                    Attempt(report_, name, [&] { Rename(session_, move); });
-                } else {
-                    workers_.Do(name, [this, &move](Session& session, Buffer&) { Rename(session, move); });
-                }
+        for (const auto& [name, planned] : level.moves) {
+            if (planned.from.directory) continue;
+            Move& move = moves.emplace_back(planned);
+            if (std::exchange(alone, false)) {
+                Attempt(report_, move.from.ObjectPath(), [&] { Rename(session_, move); });
+            } else {
+                workers_.Do(move.from.ObjectPath(),
+                            [this, &move](Session& session, Buffer&) { Rename(session, move); });
             }
-        };
-        start(true);
-        if (!level.directories.empty()) workers_.Finish();
-        // The objects below would create the directory again, without its mode and time.
-        for (const auto& [name, move] : moves) {
-            if (move.from.directory && !move.done) level.directories.erase(move.from.StoredPath());
         }
-        start(false);
         waiting_ += moves.size();
         constexpr size_t many = 1000;
         if (waiting_ >= many) Settle();
@@ -257,11 +261,16 @@ private:
             if (std::exchange(again, true) && ListIn(session, from.path, everyVersion, from.name).empty()) return;
             session.Check("cannot rename", TsmRenameBackup(session.Handle(), from.path.c_str(), from.name.c_str(),
                                                            move.to.path.c_str(), move.to.name.c_str()));
+            // The library would remove a directory that has stayed behind, once it is empty.
+            const Selection moved = move.active ? Selection() : everyVersion;
+            if (from.directory && ListIn(session, move.to.path, moved, move.to.name).empty()) {
+                throw PassingFailure(notRenamed);
+            }
         });
         move.done = true;
     }
 
-    // The library's 0 is no proof: a listing shows where the objects are now.
+    // A listing shows where the objects are now.
     void Settle() {
         try {
             workers_.Finish();
@@ -275,8 +284,8 @@ private:
         waiting_ = 0;
     }
 
-    void CheckMoved(const std::map<std::string, Move>& moves) {
-        const StoredName& first = moves.begin()->second.to;
+    void CheckMoved(const std::deque<Move>& moves) {
+        const StoredName& first = moves.front().to;
         std::set<std::string> stored;
         std::set<std::string> active;
         for (auto* const names : {&stored, &active}) {
@@ -286,13 +295,12 @@ private:
                 names->insert(object.name);
             }
         }
-        for (const auto& [name, move] : moves) {
+        for (const Move& move : moves) {
             if ((move.active ? active : stored).count(move.to.name) > 0) {
                 ++there_;
                 ReportMove(move);
-                if (move.from.directory && !move.active) revived_.push_back(move.to);
             } else if (move.done) {
-                report_.Failed(move.from.ObjectPath(), "is not at its new name");
+                report_.Failed(move.from.ObjectPath(), notRenamed);
             }
         }
     }
@@ -331,10 +339,10 @@ private:
     size_t replaced_ = 0;
     size_t there_ = 0;
     std::vector<std::string> strays_;
-    std::vector<StoredName> revived_;                // maybe
-    std::list<std::map<std::string, Move>> levels_;  // that are being renamed
-    size_t waiting_ = 0;                             // objects in them
-    Workers workers_;                                // ends before them
+    std::vector<StoredName> revived_;     // maybe
+    std::list<std::deque<Move>> levels_;  // the files of directories, while they are renamed
+    size_t waiting_ = 0;                  // how many there are
+    Workers workers_;                     // ends before them
 };
 
 void Rename(const RenameOptions& options, Context& context) {

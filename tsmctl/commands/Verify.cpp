@@ -112,11 +112,10 @@ private:
         CheckInterrupt();
         LocalFolder folder;
         if (!Attempt(report_, directory.local, [&] { folder = Read(directory, report_); })) return;
-        std::string path;
-        for (const std::string& part : plain) path += "/" + Escape(part);
         std::map<std::string, StoredObject> stored;  // of several of one name, the newest
         for (StoredObject& entry :
-             ListIn(session_, object && object->directory ? object->StoredPath() : path, chosen_.selection)) {
+             ListIn(session_, object && object->directory ? object->StoredPath() : StoredPathOf(plain),
+                    chosen_.selection)) {
             stored.insert_or_assign(Unescape(entry.name), std::move(entry));
         }
         for (const std::string& name : folder.unreadable) stored.erase(name);
