@@ -87,7 +87,8 @@ void TarWriter::WriteHeader(const ChosenObject& item, char type, long long size,
     bool complete = true;
     for (const auto& [name, value] : DecodeAttributes(attributes)) {
         // Readers take what comes before the first "=" for the name, and GNU tar these codes for a character.
-        const bool fits = !std::regex_search(name, std::regex("=|%25|%3D"));
+        static const std::regex changed("=|%25|%3D");
+        const bool fits = !std::regex_search(name, changed);
         if (fits) records += Record("SCHILY.xattr." + name, value);
         complete = complete && fits;
     }
