@@ -291,6 +291,10 @@ TEST_F(Tsmctl, RestoreReplacesWhenToldTo) {
         for how in always changed never; do rm ro/sub/f; chmod 0555 ro ro/sub; low $T -q restore ro --overwrite $how || exit
         stat -c %a ro ro/sub; ls ro/sub; chmod -R u+w ro; done)",
            0, "555\n555\nf\n555\n555\nf\n555\n555\nf\n");
+    Expect(
+        "for f in h o/h; do mkdir -p $f; echo $f > $f/a; truncate -s 9 $f/a; touch -d @9 $f/a; done; ln h/a h/b;"
+        "tsmctl -q backup h; tsmctl restore h --to o; r=$?; cmp o/h/b h/b && grep -a o/h o/h/a; rm -r o; exit $r",
+        1, "o/h", "h/a: exists already");
     Expect("mkdir -p o/f o2; tsmctl restore d/f --to o --force", 1, "", "a directory of this name");
     Expect("ln -s ../o2 o/d; tsmctl restore d --to o --force", 1, "", "d is in the way");
     Expect("ls -A o2; tsmctl restore / --to o3 -q && cat o3/d/f", 0, "new\n");
@@ -328,6 +332,15 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
     for (const auto& [change, line] : cases) {
         Expect("rm -rf t r; cp -a orig t; tsmctl -q verify t", 0);
         Expect(std::string(change) + "; tsmctl -q verify t", 1, line);
+    }
+}
+
+TEST_F(Tsmctl, WhatCannotBeComparedIsToldAndTheRestIs) {
+    Expect("mkdir -p t/a t/b t/c; tsmctl -q backup t; chmod 0 t/b; touch t/c/new", 0);
+    OtherProgram(root).Put("t", "a", "tsmctl3 d 0755 1.000000000 0", "");
+    for (const char* const command : {"diff t --local t", "verify t"}) {
+        Expect(std::string("low $T -q ") + command, 1, "t/c/new",
+               "t/a: its information text is damaged, or a newer tsmctl wrote it\ntsmctl: t/b: ");
     }
 }
 
@@ -514,8 +527,8 @@ same() { diff <(look $1) <(look $2/t) && diff -r --no-dereference $1 $2/t; })";
         R"(rm -r t/turn t/link t/was t/a/b; echo 3 > t/turn; ln -s q t/link; mkdir t/was t/more; echo 3 > t/was/three
            echo 3 > t/more/f; mv t/new t/lone/new)",
         "chmod 0750 t; rm -r t/*; mkdir -p t/stay/only/only; echo 4 > t/stay/only/only/f; chmod 0711 t/stay"};
-    const char* const told[] = {"19 new, 0 changed, 0 unchanged, 0 gone", "5 new, 7 changed, 3 unchanged, 9 gone",
-                                "5 new, 6 changed, 2 unchanged, 7 gone", "3 new, 2 changed, 0 unchanged, 11 gone"};
+    const char* const told[] = {"19 new, 0 changed, 0 unchanged, 0 gone", "5 new, 7 changed, 3 unchanged, 12 gone",
+                                "5 new, 6 changed, 2 unchanged, 10 gone", "3 new, 2 changed, 0 unchanged, 12 gone"};
     int day = 0;
     for (const char* const change : changes) {
         ++day;
@@ -607,6 +620,7 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
     }
     Expect("mkdir u; echo > u/f; tsmctl -q backup u; echo | tsmctl -q backup - --as u/s; tsmctl status u", 0,
            "  u\ncomplete ");
+    Expect("faulty 'dsmEndSendObj 1 1' backup u --full", 1, "", "the record of u: is not stored");
     Expect("faulty 'dsmSendObj 2 1' backup u --full; tsmctl status u", 1, "failed     20", "cannot begin");
     Expect(
         "tsmctl -q backup u --to u; faulty 'dsmBeginQuery 1 2041' backup u; tsmctl delete u/u --recursive --yes;"
@@ -621,8 +635,14 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
 }
 
 TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
-    Expect("echo i > x; tsmctl -q backup x; rm x; mkdir x; echo b > x/b; echo c > x/c", 0);
+    Expect("mkdir -p k/x; touch k/x/in k/y; tsmctl -q backup k; rm k/y; mkdir k/y; echo i > x; tsmctl -q backup x", 0);
+    Expect("rm x; mkdir x; echo b > x/b; echo c > x/c", 0);
     Expect("sleep 1.1; date '+%F %T' > at; tsmctl backup x --keep-vanished", 0, "", "a file of this name is stored");
+    Expect("echo s | tsmctl -q backup - --as k/x; tsmctl -q verify k", 1, "k/x: directory here, stream",
+           "k/x: warning");
+    Expect("tsmctl -q backup k --keep-vanished && tsmctl -q verify k", 0, "", "k/x: warning");
+    Expect("tsmctl -q backup k --dry-run; tsmctl -q backup k -v; tsmctl restore k --to o", 1,
+           "would be removed k/y (the file)\nremoved k/y (the file)\n", "the file is skipped");
     Expect("tsmctl restore x --to dir; cat dir/x/b", 0, "b\n", "the file is skipped");
     for (const char* const command : {"delete x/b --all-versions", "delete x/b", "rename x/b y", "rename at x/at"}) {
         Expect(std::string("tsmctl ") + command, 1, "", "directory above (x)");
@@ -666,6 +686,8 @@ TEST_F(Tsmctl, PathsAndPatternsChoose) {
     Expect("tsmctl -q diff t --at \"$(cat at)\"", 1, "M t/a/x\nM t/b\n- t/b/x\n+ t/b/z\n");
     Expect("tsmctl -q diff t --local t && tsmctl -q diff t --local t --at \"$(cat at)\"", 1,
            "M t/a/x\nM t/b\n+ t/b/z\n- t/b/x\n");
+    Expect("tsmctl -q delete t --recursive --at \"$(cat at)\" --dry-run > log; echo $? $(cat log)", 0,
+           "1 would be removed t/b/y.o\n", "t/a/x: this version is not active");
     Expect("tsmctl -q delete t --recursive --yes --at \"$(cat at)\" -j 3", 1, "removed t/b/y.o\n", "not active");
     Expect("tsmctl list t --type dir | wc -l; tsmctl restore t/b --to r && diff t/b/z r/b/z", 0, "3\n");
     Expect("tsmctl -q delete t/b/z --all-versions && tsmctl list --all-versions | cut -c 53- | grep /b/", 0,

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "Context.h"
 #include "Inventory.h"
 #include "Parallel.h"
 

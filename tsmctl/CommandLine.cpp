@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <memory>
 #include <sstream>
 #include <utility>
 
@@ -32,7 +31,8 @@ void CheckNoValueIsMissing(const std::vector<std::string>& arguments) {
 
 CommandLine::CommandLine() {
     app_.option_defaults()->disable_flag_override();  // "--json=no" would be a flag that is not set
-    app_.formatter(std::make_shared<HelpFormatter>());
+    app_.formatter_fn(
+        [](const CLI::App* app, const std::string& name, CLI::AppFormatMode /*mode*/) { return HelpText(*app, name); });
     app_.fallthrough();
     app_.require_subcommand(1);
     app_.footer(

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Context.h"
+#include "Connection.h"
 
 namespace tsmctl {
 

@@ -16,7 +16,6 @@
 #include "Errors.h"
 #include "Files.h"
 #include "ObjectNames.h"
-#include "Report.h"
 #include "Terminal.h"
 #include "tsmconnector.h"
 

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <string>
 
+#include "Report.h"
+
 namespace tsmctl {
 
 // The API takes text that it does not change as char*.
@@ -87,6 +89,13 @@ private:
     const bool withFilespace_;
     int handle_ = 0;
     bool trying_ = false;
+};
+
+// What a command works with when it runs.
+struct Context {
+    Connection& connection;
+    Report& report;
+    int status = 0;  // of the program, when nothing failed
 };
 
 }  // namespace tsmctl

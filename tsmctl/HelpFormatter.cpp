@@ -11,7 +11,7 @@ std::string TypeOfValue(const CLI::Option& option) {
     return option.get_expected_max() == 0 ? "" : option.get_type_name();
 }
 
-std::string HelpFormatter::make_help(const CLI::App* app, std::string name, CLI::AppFormatMode /*mode*/) const {
+std::string HelpText(const CLI::App& app, const std::string& name) {
     const auto row = [](const std::string& left, const std::string& right) {
         return fmt::format("  {:<23} {}\n", left, right);
     };
@@ -19,7 +19,7 @@ std::string HelpFormatter::make_help(const CLI::App* app, std::string name, CLI:
     std::string positionals;
     std::string options;
     std::string commands;
-    for (const CLI::Option* option : app->get_options({})) {
+    for (const CLI::Option* option : app.get_options({})) {
         std::string names = option->get_name(false, true);
         std::string text = option->get_description();
         if (!option->get_default_str().empty()) text += " (default: " + option->get_default_str() + ")";
@@ -33,13 +33,13 @@ std::string HelpFormatter::make_help(const CLI::App* app, std::string name, CLI:
             options += row(names + (type.empty() ? "" : " ") + type, text);
         }
     }
-    for (const CLI::App* command : app->get_subcommands({})) {
+    for (const CLI::App* command : app.get_subcommands({})) {
         commands += row(command->get_name(), command->get_description());
     }
     if (!positionals.empty()) positionals = "\nPositionals:\n" + positionals;
     if (!commands.empty()) commands = "\nCommands:\n" + commands;
-    return fmt::format("{}\nUsage: {}{}\n{}\nOptions:\n{}{}\n{}\n", app->get_description(), usage,
-                       commands.empty() ? "" : " COMMAND", positionals, options, commands, app->get_footer());
+    return fmt::format("{}\nUsage: {}{}\n{}\nOptions:\n{}{}\n{}\n", app.get_description(), usage,
+                       commands.empty() ? "" : " COMMAND", positionals, options, commands, app.get_footer());
 }
 
 std::string Suggestion(const std::string& typed, const std::vector<std::string>& names) {

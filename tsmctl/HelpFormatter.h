@@ -15,11 +15,9 @@ constexpr const char* folderType = "FOLDER";
 // The type of an option's value: "FILE", or "any|dir|file" where it is one of these words. Empty for a flag.
 std::string TypeOfValue(const CLI::Option& option);
 
-// The layout is ours, so that it does not depend on the version of CLI11.
-class HelpFormatter : public CLI::FormatterBase {
-public:
-    std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override;
-};
+// The help of tsmctl or of a command, under this name. The layout is ours, so that it does not depend on the version of
+// CLI11.
+std::string HelpText(const CLI::App& app, const std::string& name);
 
 // "; did you mean X?" if one of the names is close to what was typed; else empty.
 std::string Suggestion(const std::string& typed, const std::vector<std::string>& names);

@@ -90,7 +90,8 @@ std::vector<StoredObject> Sorted(Session& session, const std::string& path, cons
         found.emplace_back(std::move(key), std::move(object));
     });
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
-        return std::tie(a.first, a.second.date) < std::tie(b.first, b.second.date);
+        return std::tie(a.first, a.second.date, a.second.directory) <
+               std::tie(b.first, b.second.date, b.second.directory);
     });
     std::vector<StoredObject> objects;
     objects.reserve(found.size());
@@ -343,12 +344,10 @@ void RequireChangeable(Session& session, const StoredObject& object) {
 }
 
 void DeleteObject(Session& session, const StoredObject& object, bool allVersions, const std::string& at) {
-    bool again = false;
     session.Retry([&] {
         const int result =
             TsmDelete(session.Handle(), Text(object.path), Text(object.name), allVersions ? 1 : 0, TextOrNull(at));
-        if (std::exchange(again, true) && result == TSM_RESULT_ABORT_NO_MATCH) return;  // an earlier try did it
-        session.Check("cannot delete", result);
+        if (result != TSM_RESULT_ABORT_NO_MATCH) session.Check("cannot delete", result);
     });
 }
 

@@ -103,7 +103,8 @@ void RequireReadable(Session& session, const StoredObject& object, const std::st
 // The same before a change. It is stricter, because the library may remove directories above by their names.
 void RequireChangeable(Session& session, const StoredObject& object);
 
-// Deletes an active version, or all versions, of what was active at the moment. Success is no proof: list afterwards.
+// Deletes an active version, or all versions, of what was active at the moment. Success is no proof, and what an
+// earlier try or another run has deleted counts as such: list afterwards.
 void DeleteObject(Session& session, const StoredObject& object, bool allVersions, const std::string& at);
 
 // When a directory becomes empty, the library removes it by its name, and a file of that name with it. Throws Failure

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "Context.h"
+#include "Connection.h"
 #include "Files.h"
 
 namespace tsmctl {

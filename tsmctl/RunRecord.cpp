@@ -7,6 +7,7 @@
 #include <iterator>
 #include <set>
 
+#include "Errors.h"
 #include "Transfer.h"
 
 namespace tsmctl {
@@ -53,7 +54,14 @@ void StoreRun(Session& session, const RunRecord& run, const std::string& mgmtCla
     info.mtime.tv_sec = run.ended;
     if (run.failures) AddField(info.fields, "failures", std::to_string(*run.failures));
     if (run.complete) AddField(info.fields, "complete", std::to_string(*run.complete));
-    session.Retry([&] { Upload(session, ToStoredRaw(stored), 0, info, "", mgmtClass).Commit(); });
+    session.Retry([&] {
+        Upload upload(session, ToStoredRaw(stored), 0, info, "", mgmtClass);
+        upload.Commit();
+        const auto now = ListRecords(session, run.tree, Scope::Self, false);
+        const bool isThere =
+            std::any_of(now.begin(), now.end(), [&](const auto& object) { return object.text == upload.InfoText(); });
+        if (!isThere) throw PassingFailure(notStored);
+    });
 }
 
 void RemoveRuns(Session& session, const Parts& tree, bool allVersions) {

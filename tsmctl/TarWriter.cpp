@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <numeric>
 #include <regex>
+#include <utility>
 
 #include "Errors.h"
 
@@ -59,13 +60,20 @@ std::string Block(const std::string& name, char type, mode_t mode, long long siz
     return block;
 }
 
-void Pad(long long size) {
-    const std::string zeros(blockSize, '\0');
-    const auto over = static_cast<size_t>(size) % blockSize;
-    if (over > 0) WriteAll(STDOUT_FILENO, zeros.data(), blockSize - over);
+}  // namespace
+
+// After a failure no reader could make sense of what followed.
+void TarWriter::Put(const void* memory, size_t length) {
+    if (std::exchange(broken_, true)) return;
+    WriteAll(STDOUT_FILENO, memory, length);
+    broken_ = false;
 }
 
-}  // namespace
+void TarWriter::Pad(long long size) {
+    const std::string zeros(blockSize, '\0');
+    const auto over = static_cast<size_t>(size) % blockSize;
+    if (over > 0) Put(zeros.data(), blockSize - over);
+}
 
 void TarWriter::WriteHeader(const ChosenObject& item, char type, long long size, const std::string& link,
                             std::string_view attributes) {
@@ -79,7 +87,8 @@ void TarWriter::WriteHeader(const ChosenObject& item, char type, long long size,
     bool complete = true;
     for (const auto& [name, value] : DecodeAttributes(attributes)) {
         // Readers take what comes before the first "=" for the name, and GNU tar these codes for a character.
-        const bool fits = !std::regex_search(name, std::regex("=|%25|%3D"));
+        static const std::regex changed("=|%25|%3D");
+        const bool fits = !std::regex_search(name, changed);
         if (fits) records += Record("SCHILY.xattr." + name, value);
         complete = complete && fits;
     }
@@ -90,16 +99,18 @@ void TarWriter::WriteHeader(const ChosenObject& item, char type, long long size,
     std::string text = Block("pax", 'x', 0644, static_cast<long long>(records.size()), "", 0) + records;
     text.resize((text.size() + blockSize - 1) / blockSize * blockSize);
     text += Block(item.local.back(), type, mode, size, link, DeviceOf(info));
-    WriteAll(STDOUT_FILENO, text.data(), text.size());
+    Put(text.data(), text.size());
 }
 
 void TarWriter::WriteDirectory(const ChosenObject& item) {
+    if (broken_) return;
     RequireKnown(item.object);
     WriteHeader(item, '5', 0, "", item.object.info ? item.object.info->fields : "");
     report_.Count(Kind::Directory);
 }
 
 void TarWriter::Write(Session& session, Buffer& buffer, const ChosenObject& item) {
+    if (broken_) return;
     const Kind kind = item.object.GetKind();
     if (kind == Kind::Link || IsSpecial(kind)) {
         Download download(session, item.object, at_);
@@ -135,7 +146,7 @@ void TarWriter::WriteFile(Session& session, Buffer& buffer, const ChosenObject& 
     try {
         for (; piece.size > 0; piece = download.Next(buffer)) {
             if (static_cast<long long>(piece.size) > left) throw Failure("is longer than it was announced");
-            WriteAll(STDOUT_FILENO, piece.data, piece.size);
+            Put(piece.data, piece.size);
             left -= static_cast<long long>(piece.size);
             report_.Advance(piece.size);
         }
@@ -143,7 +154,7 @@ void TarWriter::WriteFile(Session& session, Buffer& buffer, const ChosenObject& 
     } catch (const Failure&) {
         const Buffer zeros(pieceSize);
         for (; left > 0; left -= std::min<long long>(left, pieceSize)) {
-            WriteAll(STDOUT_FILENO, zeros.data(), static_cast<size_t>(std::min<long long>(left, pieceSize)));
+            Put(zeros.data(), static_cast<size_t>(std::min<long long>(left, pieceSize)));
         }
         Pad(*size);
         throw;
@@ -154,7 +165,7 @@ void TarWriter::WriteFile(Session& session, Buffer& buffer, const ChosenObject& 
 
 void TarWriter::Finish() {
     const std::string end(2 * blockSize, '\0');
-    WriteAll(STDOUT_FILENO, end.data(), end.size());
+    Put(end.data(), end.size());
 }
 
 }  // namespace tsmctl

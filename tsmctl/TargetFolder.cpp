@@ -66,7 +66,7 @@ NewEntry::NewEntry(const UniqueFd& directory, std::string name, bool replace)
     struct stat status = {};
     if (fstatat(directory_.Get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
     if (S_ISDIR(status.st_mode)) throw Failure("a directory of this name exists");
-    if (!replace_) throw Failure("exists already, and differs (--overwrite changed replaces it)");
+    if (!replace_) throw Failure(differs);
 }
 
 NewEntry::~NewEntry() {

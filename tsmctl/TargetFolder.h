@@ -36,6 +36,8 @@ void RequireSafe(const Parts& parts);
 // it.
 class NewEntry {
 public:
+    static constexpr const char* differs = "exists already, and differs (--overwrite changed replaces it)";
+
     // directory outlives the entry. Throws Failure where a directory has the name. What else has it and may not be
     // replaced makes Publish fail.
     NewEntry(const UniqueFd& directory, std::string name, bool replace);

@@ -175,6 +175,10 @@ void Receive(Download& download, Buffer& buffer, const std::function<void(const 
     download.Finish();
 }
 
+void AddFile(Sha256& content, const UniqueFd& file, Buffer& buffer) {
+    while (const size_t got = ReadFull(file.Get(), buffer.data(), pieceSize)) content.Add(buffer.data(), got);
+}
+
 std::string ReceiveLinkTarget(Download& download, Buffer& buffer) {
     constexpr size_t longest = 4096;
     std::string target;

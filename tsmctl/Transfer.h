@@ -96,6 +96,8 @@ private:
 
 // Receives everything; take gets each piece.
 void Receive(Download& download, Buffer& buffer, const std::function<void(const Piece&)>& take);
+// Reads the file to its end.
+void AddFile(Sha256& content, const UniqueFd& file, Buffer& buffer);
 // The target of a link object. Throws Failure for what cannot be one.
 std::string ReceiveLinkTarget(Download& download, Buffer& buffer);
 

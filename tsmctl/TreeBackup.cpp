@@ -6,6 +6,7 @@
 #include <ctime>
 #include <set>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "Attributes.h"
@@ -48,8 +49,7 @@ bool HoldsTheSame(Session& session, Buffer& buffer, const LocalItem& item, const
         attributes = download.Header();
         Sha256 content;
         if (item.info.kind == Kind::File) {
-            const UniqueFd file = OpenItem(item);
-            while (const size_t got = ReadFull(file.Get(), buffer.data(), pieceSize)) content.Add(buffer.data(), got);
+            AddFile(content, OpenItem(item), buffer);
         } else if (item.info.kind == Kind::Link) {
             const std::string target = ReadLink(item);
             content.Add(target.data(), target.size());
@@ -176,11 +176,16 @@ void TreeBackup::StoreItem(const LocalItem& item, Folder& folder) {
     const Parts object = SplitAtSlash(item.object);
     StoredPair stored;
     if (auto node = folder.stored.extract(Escape(object.back()))) stored = std::move(node.mapped());
-    const bool replaces = bool(stored.Of(!isDirectory));
+    const auto& other = stored.Of(!isDirectory);
+    const bool replaces = bool(other);
     if (replaces) folder.replaced.push_back(item);
     folder.othersStay = folder.othersStay || !replaces;
     const auto& before = stored.Of(isDirectory);
-    const bool like = !options_.full && before && before->info && LooksTheSame(item, *before->info, !options_.checksum);
+    // A restore takes the newer kind.
+    const bool hidden =
+        before && other && std::tie(other->date, other->directory) > std::tie(before->date, before->directory);
+    const bool like =
+        !options_.full && !hidden && before && before->info && LooksTheSame(item, *before->info, !options_.checksum);
     const Change change = like ? Change::Unchanged : before || replaces ? Change::Changed : Change::New;
     if (!isDirectory) return Send(item, folder, change, before);
     Folder inside;

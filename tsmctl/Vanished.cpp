@@ -112,13 +112,20 @@ void Vanished::Delete(const StoredObject& object, const std::string& at) {
 
 void Vanished::RemoveOtherKind(const Parts& object, bool isDirectory) {
     if (!report_.IsDryRun() && !ListOne(session_, object).Of(isDirectory)) throw Failure(notStored);
-    if (!isDirectory) RemoveEntries(object, ListFolder(session_, object));
+    if (keep_(object, !isDirectory)) return;
+    if (!isDirectory && !RemoveEntries(object, ListFolder(session_, object))) return;
     const StoredPair now = ListOne(session_, object);
     const auto& old = now.Of(!isDirectory);
-    if (!old || !IsFromTree(*old) || (!isDirectory && !ListFolder(session_, object).empty())) return;
+    if (!old || !IsFromTree(*old)) return;
     // Of what was active at that moment, the new one was not there yet.
     const auto& other = now.Of(isDirectory);
     Delete(*old, other && other->date > old->date ? old->date : "");
+    if (report_.IsDryRun()) CountOtherKind(object, isDirectory);
+}
+
+void Vanished::CountOtherKind(const Parts& object, bool isDirectory) {
+    ++gone_;
+    report_.Did("removed", Join(object), isDirectory ? "the file" : "the directory");
 }
 
 void Vanished::CheckReplaced(const Parts& object, const LocalItem& item) {
@@ -128,7 +135,7 @@ void Vanished::CheckReplaced(const Parts& object, const LocalItem& item) {
         now = ListOne(session_, object);
         if (!now.Of(isDirectory)) RequireStored(session_, object, isDirectory, restore_(item));
     });
-    if (now.Of(!isDirectory)) WarnOfOtherKind(report_, item);
+    now.Of(!isDirectory) ? WarnOfOtherKind(report_, item) : CountOtherKind(object, isDirectory);
 }
 
 }  // namespace tsmctl

@@ -42,6 +42,7 @@ private:
     void RemoveEntry(const Parts& object, const StoredPair& stored);
     void Delete(const StoredObject& object, const std::string& at);
     void RemoveOtherKind(const Parts& object, bool isDirectory);
+    void CountOtherKind(const Parts& object, bool isDirectory);
     void CheckReplaced(const Parts& object, const LocalItem& item);
 
     Session& session_;

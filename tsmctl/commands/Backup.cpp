@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <ctime>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <optional>
 
@@ -42,6 +41,20 @@ struct BackupOptions {
 constexpr long long largeStream = 10LL << 30;
 constexpr int tries = 4;
 
+// The size of the last version and a tenth more, or a large value where that size is not known, or is one that would
+// have fit into the buffer, as this stream does not.
+long long EstimateFor(Session& session, const Parts& object) {
+    Selection files;
+    files.objectType = TSM_OBJECTS_FILES;
+    long long estimate = largeStream;
+    for (const StoredObject& last : List(session, NamePattern(object, false), files)) {
+        const bool known = last.info && last.info->size.value_or(0) >= static_cast<long long>(pieceSize);
+        estimate = known ? *last.info->size + std::min(*last.info->size / 10, LLONG_MAX - *last.info->size)
+                         : std::max(largeStream, last.announced - static_cast<long long>(sealLength));
+    }
+    return estimate;
+}
+
 class Sender {
 public:
     // text becomes the information text before anything is committed under it.
@@ -54,7 +67,7 @@ public:
     }
 
     // Without a size, what fits into the buffer is announced exactly, and anything longer by the estimate.
-    void StoreStream(const Parts& object, const std::function<long long()>& estimate) {
+    void StoreStream(const Parts& object) {
         Info info;
         info.kind = Kind::Stream;
         info.mode = 0600;
@@ -68,7 +81,9 @@ public:
         const bool whole = first < pieceSize;
         if (whole && !info.size) info.size = length;
         if (info.size && (whole ? length != *info.size : length > *info.size)) FailSize();
-        const long long announced = info.size ? *info.size : std::max(estimate(), length);
+        const long long announced = info.size           ? *info.size
+                                    : options_.estimate ? std::max(*options_.estimate, length)
+                                                        : std::max(EstimateFor(session_, object), length);
         text_ = FormatInfo(info);
         long long sent = 0;
         bool readOn = false;
@@ -280,20 +295,6 @@ void StoreTrees(const BackupOptions& options, Context& context) {
     backup.Finish();
 }
 
-// The size of the last version and a tenth more, or a large value where that size is not known, or is one that would
-// have fit into the buffer, as this stream does not.
-long long EstimateFor(Session& session, const Parts& object) {
-    Selection files;
-    files.objectType = TSM_OBJECTS_FILES;
-    long long estimate = largeStream;
-    for (const StoredObject& last : List(session, NamePattern(object, false), files)) {
-        const bool known = last.info && last.info->size.value_or(0) >= static_cast<long long>(pieceSize);
-        estimate = known ? *last.info->size + std::min(*last.info->size / 10, LLONG_MAX - *last.info->size)
-                         : std::max(largeStream, last.announced - static_cast<long long>(sealLength));
-    }
-    return estimate;
-}
-
 void StoreInput(const BackupOptions& options, Context& context) {
     const Parts object = options.source.InputObject();
     Session session(context.connection);
@@ -309,9 +310,7 @@ void StoreInput(const BackupOptions& options, Context& context) {
             return context.report.Did("stored", Join(object));
         }
         std::string text;
-        Sender(options, context.report, session, buffer, text).StoreStream(object, [&] {
-            return options.estimate ? *options.estimate : EstimateFor(session, object);
-        });
+        Sender(options, context.report, session, buffer, text).StoreStream(object);
     });
 }
 
@@ -320,6 +319,7 @@ void AddLinesOf(const std::vector<std::string>& files, const char* comment, std:
     for (const std::string& name : files) {
         std::ifstream file(name);
         for (std::string line; std::getline(file, line);) {
+            if (comment && !line.empty() && line.back() == '\r') line.pop_back();
             if (!line.empty() && (!comment || line[0] != *comment)) lines.push_back(line);
         }
         if (!file.eof()) throw Failure(name + ": cannot be read");

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "Arguments.h"
 #include "Errors.h"
@@ -166,6 +167,10 @@ private:
         std::vector<StoredObject> there = list(options_.Versions());
         Level level = {path, list, RecordsOf(there), std::make_shared<std::deque<Item>>(), {}};
         std::vector<StoredObject> candidates = options_.at.empty() ? there : list(options_.Candidates());
+        std::set<std::pair<std::string, std::string>> active;  // with --at: names and dates
+        if (options_.OnlyActiveAt()) {
+            for (const StoredObject& object : there) active.emplace(object.StoredPath(), object.date);
+        }
         std::map<std::string, bool> directories;  // whether a file has the same name and stays
         for (const auto* const objects : {&there, &candidates}) {
             for (const StoredObject& object : *objects) {
@@ -179,7 +184,8 @@ private:
             if (refused.count(name) + chosen.count(name) > 0) continue;
             const bool may = Attempt(report_, object.ObjectPath(), [&] {
                 RequireChangeable(session_, object);
-                if (options_.OnlyActiveAt() && level.before.count(name) == 0) throw Failure(notActive);
+                const size_t found = object.directory ? level.before.count(name) : active.count({name, object.date});
+                if (options_.OnlyActiveAt() && found == 0) throw Failure(notActive);
             });
             if (may) chosen.emplace(name, std::move(object));
             if (!may) refused.insert(name);
@@ -188,6 +194,12 @@ private:
             const auto directory = directories.find(object.StoredPath());
             const bool stays = !options_.at.empty() || chosen.count(object.StoredPath()) == 0;
             if (directory != directories.end() && !object.directory) directory->second = stays;
+            // No listing afterwards tells a dry run what is left.
+            const auto going = chosen.find(object.StoredPath());
+            if (options_.at.empty() || !report_.IsDryRun()) continue;
+            if (going != chosen.end() && going->second.date == object.date) continue;
+            notEmpty_.insert(path);
+            if (options_.OnlyActiveAt()) notEmpty_.insert(object.StoredPath());
         }
         there = candidates = {};
         // The library looks through the directory after each deletion, unless it deletes all that is there at once.
@@ -254,9 +266,10 @@ private:
                 const std::string name = item->object.ObjectPath();
                 if (notEmpty_.count(item->object.StoredPath()) == 0) {
                     Attempt(report_, name, [&] { DeleteOne(session_, *item); });
-                } else if (options_.at.empty()) {
-                    report_.Failed(name, "is not empty");
+                    continue;
                 }
+                notEmpty_.insert(level.path);
+                if (options_.at.empty()) report_.Failed(name, "is not empty");
             }
             if (report_.IsDryRun()) continue;
             const bool listed = Attempt(report_, Unescape(level.path), [&] {

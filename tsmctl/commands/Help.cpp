@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "Arguments.h"
+#include "HelpFormatter.h"
 #include "commands/Commands.h"
 
 namespace tsmctl {
@@ -10,9 +11,8 @@ void AddHelp(CommandLine& line) {
     const auto about = std::make_shared<std::string>();  // empty for tsmctl itself
     const CLI::App& tsmctl = line.Syntax();
     const auto help = [about, &tsmctl](Context& context) {
-        const CLI::App* const command = about->empty() ? &tsmctl : tsmctl.get_subcommand(*about);
-        const std::string name = about->empty() ? "tsmctl" : "tsmctl " + *about;
-        context.report.Text(tsmctl.get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal));
+        context.report.Text(about->empty() ? HelpText(tsmctl, "tsmctl")
+                                           : HelpText(*tsmctl.get_subcommand(*about), "tsmctl " + *about));
     };
     CLI::App& command =
         line.Add("help", "Show this help, or that of a command", {"tsmctl help", "tsmctl help backup"}, help);

@@ -96,6 +96,14 @@ public:
             if (!entry.CreateSpecial(*item.object.info)) return report_.CountLoss("special file not restored");
         } else {
             ReceiveInto(entry.CreateFile(), download, buffer, report_);
+            if (same && options_.overwrite.empty()) {
+                const UniqueFd here(
+                    openat(directory.Get(), item.local.back().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+                if (here.Get() < 0) FailLocal("cannot open", errno);
+                Sha256 content;
+                AddFile(content, here, buffer);
+                if (content.Hex() != download.Digest()) throw Failure(NewEntry::differs);
+            }
             // The names of a file were stored one after the other, each with the content of its own: only names that
             // agree in everything are linked again.
             key = LinkKey(item.object.info);

@@ -92,7 +92,8 @@ std::vector<Finding> Find(const StatusOptions& options, Session& session) {
     const auto isGone = [&](const RunRecord& run) {
         if (run.tree.empty()) return run.complete && ListIn(session, "", {}).empty();
         const StoredPair stored = ListOne(session, run.tree);
-        return !stored.directory && (run.complete || stored.file);
+        const auto wasStored = [&] { return !List(session, NamePattern(run.tree, false), {true}).empty(); };
+        return !stored.directory && (run.complete || wasStored());
     };
     runs.erase(std::remove_if(runs.begin(), runs.end(), isGone), runs.end());
     if (const auto stream = FindStream(session, path)) runs.push_back(*stream);
@@ -126,8 +127,11 @@ void ShowJson(Report& report, const std::vector<Finding>& findings) {
 
 void ShowPrometheus(Context& context, const std::vector<Finding>& findings) {
     const auto quoted = [](const std::string& text) {
+        using nlohmann::json;
         std::string value;
-        for (const char c : text)
+        // Labels are UTF-8.
+        const std::string whole = json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+        for (const char c : json::parse(whole).get<std::string>())
             value += c == '\n' ? "\\n" : c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
         return value;
     };

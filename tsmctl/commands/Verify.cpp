@@ -97,7 +97,7 @@ protected:
 private:
     void CompareItem(const LocalItem& item, const Parts& plain, const StoredObject* object) {
         if (object) {
-            Both(item, *object);
+            if (Attempt(report_, item.local, [&] { RequireKnown(*object); })) Both(item, *object);
         } else if (item.info.kind != Kind::Other) {
             OnlyHere(item);
         }
