@@ -12,7 +12,7 @@ void AddClasses(CommandLine& line);  // in Filespaces.cpp
 void AddCompletion(CommandLine& line);
 void AddDelete(CommandLine& line);
 void AddDeleteFilespace(CommandLine& line);  // in Filespaces.cpp
-void AddDiff(CommandLine& line);  // in Verify.cpp
+void AddDiff(CommandLine& line);             // in Verify.cpp
 void AddFilespaces(CommandLine& line);
 void AddFind(CommandLine& line);  // in List.cpp
 void AddGrant(CommandLine& line);
