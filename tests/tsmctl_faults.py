@@ -73,12 +73,14 @@ def run(store, command, rules="", retries="0"):
 
 
 def state(store):
-    """How many versions each object has, and the bytes of the active one."""
+    """How many versions each object has, and the bytes and the mode of the active one."""
     versions = [json.loads(line)["path"] for line in run(store, "list --all-versions --json -q").stdout.splitlines()]
+    listed = [json.loads(line) for line in run(store, "list --json -q").stdout.splitlines()]
+    modes = {each["path"]: each.get("mode") for each in listed}
     done = run(store, "restore / --to out")
     assert done.returncode == 0, done.stderr
     active = files("out")
-    return {path: (versions.count(path), active.get(path)) for path in versions}
+    return {path: (versions.count(path), active.get(path), modes.get(path)) for path in versions}
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -145,7 +147,7 @@ def test_one_call_in_a_hundred(base):
         done = done if done and done.returncode == 0 else run("many", "backup lots -j 3", f"FAULT 1 {seed}", "9")
         assert not re.search(r"\(-(1|12|15|16|17|18|51|2041|2302)\)", done.stderr)  # these pass
     found = state("many")
-    assert {path: found.get("lots/" + path) for path in tree} == {path: (1, data) for path, data in tree.items()}
+    assert {path: found.get("lots/" + path) for path in tree} == {path: (1, data, "0644") for path, data in tree.items()}
 
 
 def test_bad_days(base):

@@ -16,6 +16,7 @@ public:
         : session_(session), report_(report), mgmtClass_(std::move(mgmtClass)) {}
 
     // Takes the infos of the directories above the object (plain parts) down. Throws Failure.
+    void Remember(StoredObject directory) { directories_.push_back(std::move(directory)); }
     void RememberAbove(const Parts& object);
     // Stores what has gone or lost its info again, also after a signal; what fails is reported. Without evenEmpty, a
     // directory that holds nothing any more is left as it is.

@@ -37,7 +37,7 @@ const Selection everyVersion = {true, "", TSM_OBJECTS_ANY};
 constexpr const char* notRenamed = "is not at its new name";
 
 struct Move {
-    StoredObject from;  // one of the versions; all of them move
+    StoredObject from;  // the active version, or another one; all of them move
     StoredName to;
     bool active = false;
     bool taken = false;  // something is stored under the new name
@@ -89,6 +89,7 @@ public:
             // What the library removed in passing comes first; then the signal is seen again.
         }
         Settle();
+        moved_.Restore(true);
         RemoveRevived();
         kept.Restore(false);
         if (there_ == count_) {
@@ -137,9 +138,11 @@ private:
             if (object.directory) level.directories.insert(object.name);
             move.from = std::move(object);
         }
-        for (const StoredObject& object : ListIn(session_, from.path, {}, from.name)) {
-            if (const auto found = level.moves.find(object.name); found != level.moves.end())
-                found->second.active = true;
+        for (StoredObject& object : ListIn(session_, from.path, {}, from.name)) {
+            const auto found = level.moves.find(object.name);
+            if (found == level.moves.end()) continue;
+            found->second.active = true;
+            found->second.from = std::move(object);
         }
         for (const StoredObject& object : ListIn(session_, to.path, everyVersion, to.name)) {
             const std::string& name = from.name.empty() ? object.name : from.name;
@@ -226,11 +229,27 @@ private:
 
     // The objects below would create a directory that has stayed behind again, without its mode and time.
     bool MoveDirectory(Move& move) {
-        if (!Attempt(report_, move.from.ObjectPath(), [&] { Rename(session_, move); })) return false;
+        const std::string name = move.from.ObjectPath();
+        const bool done = Attempt(report_, name, [&] { Rename(session_, move); });
+        // Where the library's look-up of the old name fails, it may rename nothing and delete the directory.
+        bool lost = false;
+        if (!done) Attempt(report_, name, [&] { lost = IsGone(session_, move); });
+        if (lost) report_.Failed(name, "its versions are lost; the active one is stored again");
+        if ((done || lost) && move.active && move.from.info) {
+            StoredObject moved = move.from;
+            moved.path = move.to.path;
+            moved.name = move.to.name;
+            moved_.Remember(std::move(moved));
+        }
+        if (!done) return false;
         ++there_;
         ReportMove(move);
         if (!move.active) revived_.push_back(move.to);
         return true;
+    }
+
+    static bool IsGone(Session& session, const Move& move) {
+        return ListIn(session, move.from.path, everyVersion, move.from.name).empty();
     }
 
     void MoveFiles(Level& level) {
@@ -258,9 +277,10 @@ private:
         const StoredObject& from = move.from;
         bool again = false;
         session.Retry([&] {
-            if (std::exchange(again, true) && ListIn(session, from.path, everyVersion, from.name).empty()) return;
-            session.Check("cannot rename", TsmRenameBackup(session.Handle(), from.path.c_str(), from.name.c_str(),
-                                                           move.to.path.c_str(), move.to.name.c_str()));
+            if (!std::exchange(again, true) || !IsGone(session, move)) {
+                session.Check("cannot rename", TsmRenameBackup(session.Handle(), from.path.c_str(), from.name.c_str(),
+                                                               move.to.path.c_str(), move.to.name.c_str()));
+            }
             // The library would remove a directory that has stayed behind, once it is empty.
             const Selection moved = move.active ? Selection() : everyVersion;
             if (from.directory && ListIn(session, move.to.path, moved, move.to.name).empty()) {
@@ -339,6 +359,8 @@ private:
     size_t replaced_ = 0;
     size_t there_ = 0;
     std::vector<std::string> strays_;
+    // The library stores an empty one anew where a look-up fails while something in it is renamed.
+    KeptDirectories moved_{session_, report_, ""};
     std::vector<StoredName> revived_;     // maybe
     std::list<std::deque<Move>> levels_;  // the files of directories, while they are renamed
     size_t waiting_ = 0;                  // how many there are
