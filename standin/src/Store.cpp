@@ -265,8 +265,8 @@ bool Store::CheckpointIsDue() try {
     const bool due = pages - tried_ >= checkpointEvery;
     if (due) tried_ = pages;
     const bool little = pages >= longLog && pages - checkpointed_.broughtIn <= few;
-    // It goes on where somebody reads.
-    if (!(tooLong ? due : little && pages - triedToEnd_ >= checkpointEvery)) return due;
+    // Where somebody reads, the log does not begin anew even so, and the commits go on for a while.
+    if (!(tooLong || little) || pages - triedToEnd_ < checkpointEvery) return due;
     triedToEnd_ = pages;
     std::optional<Database::Transaction> alone;
     if (tooLong) alone.emplace(*writer_);  // other processes add nothing either
