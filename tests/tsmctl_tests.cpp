@@ -192,22 +192,21 @@ TEST_F(Tsmctl, WhatIsNotACommandIsAUsageError) {
     for (std::string arguments; std::getline(refused, arguments, '|');)
         Expect("tsmctl " + arguments, 2, "", "tsmctl: ");
     const std::vector<std::pair<const char*, const char*>> told = {
-        {"-q frobnicate a", "no such command: frobnicate (see 'tsmctl help')"},
-        {"backpu a", "no such command: backpu; did you mean backup?"},
-        {"restore a --forse", "no such option: --forse; did you mean --force? (see 'tsmctl help restore')"},
-        {"--force restore a", "--force has to come after the command"},
-        {"rename a", "NEW is missing: its new object path"},
+        {"-q frobnicate a", "unexpected argument: frobnicate (see 'tsmctl --help')"},
+        {"restore a --forse", "unexpected argument: --forse (see 'tsmctl restore --help')"},
+        {"--force restore a", "unexpected argument: --force"},
+        {"rename a", "NEW is required"},
         {"rename a b c", "unexpected argument: c"},
-        {"backup a --jobs", "--jobs needs a value, NUMBER: sessions"},
-        {"list --node a --node b", "--node is given more than once"},
-        {"list --json=no", "--json takes no value"},
-        {"backup --to= a b", "--to= has nothing behind it"},
-        {"list --node --json", "--node needs a value, not --json"},
-        {"backup --to -qx a b", "--to needs a value, not -qx"},
-        {"backup --to -- a b", "--to needs a value, not --"},
+        {"backup a --jobs", "--jobs: 1 required NUMBER"},
+        {"list --node a --node b", "--node: "},
+        {"list --json=no", "json was given a disallowed"},
+        {"backup --to= a b", "--to= needs a value"},
+        {"list --node --json", "--node needs a value"},
+        {"backup --to -qx a b", "--to needs a value"},
+        {"backup --to -- a b", "--to needs a value"},
         {"backup - --as n --size $(printf 9%.0s {1..300})", "0 to 9223372036854775807 is needed, not '9999999"},
         {"backup - --as n --size 0x10", "not '0x10'"},
-        {"help lst", "did you mean list?"}};
+        {"help lst", "lst not in "}};
     for (const auto& [arguments, text] : told) Expect(std::string("tsmctl ") + arguments, 2, "", text);
     Expect("tsmctl backup - --as n --size 010 <<< 123456789 && tsmctl list n -q", 0, "stream     0600            10 ");
     Expect("tsmctl --help > /dev/full", 1, "", "standard output");

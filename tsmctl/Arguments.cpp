@@ -7,7 +7,6 @@
 #include <regex>
 
 #include "Errors.h"
-#include "HelpFormatter.h"
 #include "ObjectInfo.h"
 
 namespace tsmctl {
@@ -48,13 +47,9 @@ CLI::Option* AddNumber(CLI::App& command, const char* name, const char* type, co
 
 CLI::Option* AddChoice(CLI::App& command, const char* name, std::string& value, const char* description,
                        const std::vector<std::string>& choices) {
-    const auto check = [choices](const std::string& text) -> std::string {
-        if (std::count(choices.begin(), choices.end(), text) > 0) return "";
-        return fmt::format("one of {} is needed, not '{}'", fmt::join(choices, ", "), text) + Suggestion(text, choices);
-    };
     return command.add_option(name, value, description)
         ->type_name(fmt::format("{}", fmt::join(choices, "|")))
-        ->check(check);
+        ->check(CLI::IsMember(choices).description(""));
 }
 
 CLI::Option* AddMoment(CLI::App& command, std::string& at, const char* description) {

@@ -10,7 +10,11 @@
 
 namespace tsmctl {
 
-// One argument or more. The type says whether they are local names (HelpFormatter.h).
+// Type names of values that are local names.
+constexpr const char* fileType = "FILE";
+constexpr const char* folderType = "FOLDER";
+
+// One argument or more.
 CLI::Option* AddPaths(CLI::App& command, std::vector<std::string>& paths, const char* type, const char* description);
 
 // A decimal number from least to most.

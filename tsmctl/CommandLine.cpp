@@ -3,12 +3,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 #include <utility>
 
 #include "Arguments.h"
 #include "Errors.h"
-#include "HelpFormatter.h"
 
 namespace tsmctl {
 namespace {
@@ -18,26 +18,17 @@ std::string HostName() {
     return gethostname(name, sizeof name - 1) == 0 ? name : "localhost";
 }
 
-// CLI11 takes the argument behind "--to=" as its value, and then misses that argument where it belongs.
-void CheckNoValueIsMissing(const std::vector<std::string>& arguments) {
-    for (const std::string& typed : arguments) {
-        if (typed == "--") return;
-        if (typed.size() < 4 || typed.compare(0, 2, "--") != 0 || typed.find('=') != typed.size() - 1) continue;
-        throw UsageError(typed + " has nothing behind it; an empty value is an argument of its own");
-    }
-}
-
 }  // namespace
 
 CommandLine::CommandLine() {
     app_.option_defaults()->disable_flag_override();  // "--json=no" would be a flag that is not set
-    app_.formatter_fn(
-        [](const CLI::App* app, const std::string& name, CLI::AppFormatMode /*mode*/) { return HelpText(*app, name); });
+    app_.get_formatter()->column_width(26);
+    app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app_.fallthrough();
     app_.require_subcommand(1);
     app_.footer(
         "Environment:\n"
-        "  A variable in [brackets] is used if the option is not given. TSMCTL_PASSWORD is the\n"
+        "  The variable behind Env: is used if the option is not given. TSMCTL_PASSWORD is the\n"
         "  password if no file is given; without either, tsmctl asks for it on the terminal.\n\n"
         "Exit status:\n"
         "  0  everything was done, and verify found no difference\n"
@@ -80,7 +71,7 @@ void CommandLine::AddDryRun(CLI::App& command) {
 
 CLI::App& CommandLine::Add(const std::string& name, const std::string& description,
                            const std::vector<std::string>& examples, RunFunction run) {
-    CLI::App* const command = app_.add_subcommand(name, description);
+    CLI::App* const command = app_.add_subcommand(name, description)->group("Commands");
     command->footer(
         fmt::format("Examples:\n  {}\n\nThe options of 'tsmctl --help' can be given before or after the command.",
                     fmt::join(examples, "\n  ")));
@@ -89,29 +80,36 @@ CLI::App& CommandLine::Add(const std::string& name, const std::string& descripti
     return *command;
 }
 
-// CLI11 does not see that a value is missing where the next argument is an option of the other level.
-void CommandLine::CheckNoOptionIsAValue(const CLI::App& command) const {
-    for (const CLI::App* const owner : {&app_, &command}) {
-        for (const CLI::Option* option : owner->get_options({})) {
-            for (const std::string& value : option->results()) {
-                if (option->get_positional() || value.size() < 2 || value[0] != '-') continue;
-                const std::string name = value.substr(0, value[1] == '-' ? value.find('=') : 2);
-                if (name == "--" || app_.get_option_no_throw(name) || command.get_option_no_throw(name)) {
-                    throw UsageError(fmt::format("{} needs a value, not {}", option->get_name(), value));
-                }
-            }
-        }
+// CLI11 takes the next argument as the value of "--to=", and of "--to" even where that is an option.
+void CommandLine::CheckValues(const std::vector<std::string>& arguments) const {
+    std::vector<const CLI::App*> apps = app_.get_subcommands({});
+    apps.push_back(&app_);
+    for (auto typed = arguments.begin(); typed != arguments.end() && *typed != "--"; ++typed) {
+        if (typed->empty() || typed->front() != '-') continue;
+        const auto takesValue = [&](const CLI::App* app) {
+            const CLI::Option* const option = app->get_option_no_throw(*typed);
+            return option && option->get_expected_max() > 0;
+        };
+        const bool isOption = typed + 1 != arguments.end() && typed[1].size() > 1 && typed[1].front() == '-';
+        const bool missing = isOption && std::any_of(apps.begin(), apps.end(), takesValue);
+        if (missing || typed->find('=') == typed->size() - 1) throw UsageError(*typed + " needs a value");
     }
 }
 
 const CLI::App& CommandLine::Parse(int argc, char** argv) {
-    CheckNoValueIsMissing({argv, argv + argc});
+    CheckValues({argv + 1, argv + argc});
     app_.parse(argc, argv);
-    const CLI::App& command = *app_.get_subcommands().at(0);
-    CheckNoOptionIsAValue(command);
     if (connection_.filespace.empty()) throw UsageError("--filespace needs a name");
     if (connection_.node.empty()) connection_.node = HostName();
-    return command;
+    return *app_.get_subcommands().at(0);
+}
+
+// An argument that has no place is told first: CLI11 sees what is missing instead.
+std::string CommandLine::UsageText(const CLI::ParseError& error) const {
+    const std::vector<std::string> rest = app_.remaining(true);
+    const auto typed = app_.get_subcommands();
+    return fmt::format("{} (see 'tsmctl {}--help')", rest.empty() ? error.what() : "unexpected argument: " + rest[0],
+                       typed.empty() ? "" : typed[0]->get_name() + " ");
 }
 
 int CommandLine::Run(int argc, char** argv) {
@@ -120,7 +118,7 @@ int CommandLine::Run(int argc, char** argv) {
     try {
         command = &Parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) throw UsageError(UsageText(app_, error));
+        if (error.get_exit_code() != 0) throw UsageError(UsageText(error));
         app_.exit(error, help);
     }
     Report report(output_);

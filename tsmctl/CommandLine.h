@@ -34,9 +34,10 @@ public:
 
 private:
     void AddCommonOptions();
+    std::string UsageText(const CLI::ParseError& error) const;
     // Returns the command.
     const CLI::App& Parse(int argc, char** argv);
-    void CheckNoOptionIsAValue(const CLI::App& command) const;
+    void CheckValues(const std::vector<std::string>& arguments) const;
 
     CLI::App app_{"Stores files on a TSM server and brings them back.", "tsmctl"};
     ConnectionOptions connection_;

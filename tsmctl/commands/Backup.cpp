@@ -17,7 +17,6 @@
 #include "Arguments.h"
 #include "Attributes.h"
 #include "Errors.h"
-#include "HelpFormatter.h"
 #include "Inventory.h"
 #include "LocalTree.h"
 #include "RunRecord.h"

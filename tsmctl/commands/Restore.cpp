@@ -17,7 +17,6 @@
 #include "Attributes.h"
 #include "Chosen.h"
 #include "Errors.h"
-#include "HelpFormatter.h"
 #include "TarWriter.h"
 #include "TargetFolder.h"
 #include "Transfer.h"

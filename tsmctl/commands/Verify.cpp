@@ -15,7 +15,6 @@
 #include "Attributes.h"
 #include "Chosen.h"
 #include "Errors.h"
-#include "HelpFormatter.h"
 #include "LocalTree.h"
 #include "Parallel.h"
 #include "Transfer.h"
