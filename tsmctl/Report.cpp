@@ -1,5 +1,6 @@
 #include "Report.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -32,14 +33,6 @@ size_t Room() {
     winsize window = {};
     const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0;
     return known ? window.ws_col - 1U : 79U;
-}
-
-// Empty where the time is not known, or so long that it means nothing.
-std::string TimeLeft(double seconds) {
-    if (!(seconds >= 0 && seconds < 100 * 3600)) return "";
-    const auto left = static_cast<int>(seconds);
-    const std::string minutes = fmt::format(left < 3600 ? "{}" : "{:02}", left / 60 % 60);
-    return fmt::format("  {}{}:{:02} left", left < 3600 ? "" : fmt::format("{}:", left / 3600), minutes, left % 60);
 }
 
 }  // namespace
@@ -155,7 +148,7 @@ void Report::Step() {
 
 void Report::Count(Kind kind) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    ++counts_[kind];
+    ++counts_[KindName(kind)];
     ++counted_;
     Draw();
 }
@@ -175,36 +168,28 @@ void Report::Draw() {
     if (!bar_ || (bytes_ == 0 && objects == 0) || now - drawn_ < std::chrono::milliseconds(100)) return;
     drawn_ = now;
     const auto bytes = static_cast<double>(bytes_);
-    std::string parts[6];
-    auto& [scale, percent, amount, counted, speed, left] = parts;
-    if (objects > 0) {
-        // Directories come on top of what was expected.
-        const std::string of = totalObjects_ > 0 ? fmt::format(" of {}", std::max(objects, totalObjects_)) : "";
-        counted = fmt::format("  {}{} objects", objects, of);
-    }
-    if (bytes_ > 0) {
-        const std::string of = totalBytes_ > 0 ? " of " + HumanSize(static_cast<double>(totalBytes_)) : "";
-        amount = fmt::format("  {}{}", HumanSize(bytes), of);
-        speed = fmt::format("  {}/s", HumanSize(bytes / Seconds()));
-    }
+    const auto allBytes = static_cast<double>(totalBytes_);
+    const size_t room = Room();
+    std::string line;
+    // What matters most comes first, and what has no room is left out.
+    const auto show = [&](const std::string& part) {
+        if (line.size() + part.size() + 2 <= room) line += "  " + part;
+    };
     if (totalBytes_ > 0 || totalObjects_ > 0) {
         const double part =
-            std::min(1.0, totalBytes_ > 0 ? bytes / static_cast<double>(totalBytes_)
+            std::min(1.0, totalBytes_ > 0 ? bytes / allBytes
                                           : static_cast<double>(objects) / static_cast<double>(totalObjects_));
-        const auto marks = static_cast<size_t>(part * 24);
-        scale = fmt::format("[{}{}] ", std::string(marks, '#'), std::string(24 - marks, '-'));
-        percent = fmt::format("{:3.0f}%", part * 100);
-        left = TimeLeft(Seconds() * (1 - part) / part);
+        show(fmt::format("{:.0f}%", part * 100));
+        const double left = Seconds() * (1 - part) / part;  // so long at first that it means nothing
+        if (left < 100 * 3600) show(fmt::format("{:%T} left", std::chrono::seconds(static_cast<long long>(left))));
     }
-    const size_t room = Room();
-    std::string line = fmt::format("{}", fmt::join(parts, ""));
-    // What goes first where there is no room for everything.
-    for (std::string* const part : {&scale, &counted, &amount, &speed, &left}) {
-        if (line.size() <= room || part->size() == line.size()) break;
-        part->clear();
-        line = fmt::format("{}", fmt::join(parts, ""));
+    if (bytes_ > 0) {
+        show(HumanSize(bytes) + (totalBytes_ > 0 ? " of " + HumanSize(allBytes) : ""));
+        show(HumanSize(bytes / Seconds()) + "/s");
     }
-    if (line.size() > room) return;
+    // Directories come on top of what was expected.
+    const std::string of = totalObjects_ > 0 ? fmt::format(" of {}", std::max(objects, totalObjects_)) : "";
+    if (objects > 0) show(fmt::format("{}{} objects", objects, of));
     // Blanks wipe the rest of the old line, since not every terminal knows a sequence for that.
     std::fputs(fmt::format("\r{:<{}}", line, std::min(onScreen_, room)).c_str(), stderr);
     onScreen_ = line.size();
@@ -224,8 +209,7 @@ void Report::Summary(const std::string& command) {
     if (options_.quiet || options_.json) return;
     std::string text = command + (options_.dryRun ? " (dry run):" : ":");
     for (const auto& [kind, count] : counts_) {
-        const std::string many = kind == Kind::Directory ? "directories" : std::string(KindName(kind)) + "s";
-        text += fmt::format(" {} {},", count, count == 1 ? KindName(kind) : many);
+        text += fmt::format(" {} {},", count, count == 1 ? kind : kind == "directory" ? "directories" : kind + "s");
     }
     for (const auto& [change, count] : changes_) {
         text += fmt::format(" {} {},", count, changeNames[static_cast<size_t>(change)]);
@@ -238,12 +222,8 @@ void Report::Summary(const std::string& command) {
 }
 
 void Report::JsonSummary(const std::string& command, bool good) {
-    nlohmann::ordered_json objects = nlohmann::ordered_json::object();
-    for (const auto& [kind, count] : counts_) objects[KindName(kind)] = count + objects.value(KindName(kind), 0LL);
-    nlohmann::ordered_json summary = {{"command", command}, {"dryRun", options_.dryRun}, {"objects", objects}};
-    for (size_t i = 0; !changes_.empty() && i < std::size(changeNames); ++i) {
-        summary[changeNames[i]] = changes_[static_cast<Change>(i)];
-    }
+    nlohmann::ordered_json summary = {{"command", command}, {"dryRun", options_.dryRun}, {"objects", counts_}};
+    for (const auto& [change, count] : changes_) summary[changeNames[static_cast<size_t>(change)]] = count;
     summary["bytes"] = bytes_;
     summary["seconds"] = Seconds();
     summary["differences"] = differences_;

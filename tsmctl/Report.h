@@ -109,7 +109,7 @@ private:
     size_t totalObjects_ = 0;
     long long failures_ = 0;
     long long differences_ = 0;
-    std::map<Kind, long long> counts_;
+    std::map<std::string, long long> counts_;
     std::map<std::string, long long> losses_;
     std::map<Change, long long> changes_;
 };
