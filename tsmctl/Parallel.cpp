@@ -1,7 +1,6 @@
 #include "Parallel.h"
 
-#include <new>
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "Errors.h"
@@ -21,13 +20,11 @@ Workers::~Workers() {
     for (std::thread& thread : threads_) thread.join();
 }
 
-void Workers::Run(Session& session, Buffer& buffer, const Task& task) {
-    Attempt(context_.report, task.subject, [&] { task.work(session, buffer); });
-}
-
 void Workers::Do(std::string subject, Work work) {
     CheckInterrupt();
-    Task task = {std::move(subject), std::move(work)};
+    Work task = [this, subject = std::move(subject), work = std::move(work)](Session& session, Buffer& buffer) {
+        Attempt(context_.report, subject, [&] { work(session, buffer); });
+    };
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         const bool more = living_ + 1 < sessions_ && running_ + tasks_.size() >= living_;
@@ -38,16 +35,32 @@ void Workers::Do(std::string subject, Work work) {
             return;
         }
     }
-    Run(own_, ownBuffer_, task);
+    task(own_, ownBuffer_);
 }
 
 // Without another thread, those that have started do the work.
-bool Workers::StartThread() try {
+void Workers::StartThread() try {
     threads_.emplace_back([this] { WorkInThread(); });
     ++living_;
-    return true;
 } catch (const std::exception&) {
-    return false;
+    return;
+}
+
+void Workers::DoNext(std::unique_lock<std::mutex>& lock, Session& session, Buffer& buffer) {
+    const Work task = std::move(tasks_.front());
+    tasks_.pop_front();
+    ++running_;
+    lock.unlock();
+    std::exception_ptr ended;
+    try {
+        task(session, buffer);
+    } catch (...) {
+        ended = std::current_exception();
+    }
+    lock.lock();
+    --running_;
+    changed_.notify_all();
+    if (ended) std::rethrow_exception(ended);
 }
 
 void Workers::WorkInThread() {
@@ -60,22 +73,7 @@ void Workers::WorkInThread() {
         while (true) {
             changed_.wait(lock, [this] { return ended_ || !tasks_.empty(); });
             if (tasks_.empty()) break;
-            const Task task = std::move(tasks_.front());
-            tasks_.pop_front();
-            ++running_;
-            lock.unlock();
-            const auto done = [&] {
-                lock.lock();
-                --running_;
-                changed_.notify_all();
-            };
-            try {
-                Run(session, buffer, task);
-            } catch (...) {
-                done();
-                throw;
-            }
-            done();
+            DoNext(lock, session, buffer);
         }
     } catch (const Interrupted&) {
         // The calling thread sees the signal too.
@@ -88,13 +86,7 @@ void Workers::WorkInThread() {
 
 void Workers::Finish() {
     std::unique_lock<std::mutex> lock(mutex_);
-    while (!tasks_.empty()) {
-        const Task task = std::move(tasks_.front());
-        tasks_.pop_front();
-        lock.unlock();
-        Run(own_, ownBuffer_, task);
-        lock.lock();
-    }
+    while (!tasks_.empty()) DoNext(lock, own_, ownBuffer_);
     changed_.wait(lock, [this] { return running_ == 0; });
     lock.unlock();
     CheckInterrupt();

@@ -38,14 +38,10 @@ public:
     void Finish();
 
 private:
-    struct Task {
-        std::string subject;
-        Work work;
-    };
-
-    void Run(Session& session, Buffer& buffer, const Task& task);
-    bool StartThread();
+    void StartThread();
     void WorkInThread();
+    // Does what has waited longest, without the lock meanwhile.
+    void DoNext(std::unique_lock<std::mutex>& lock, Session& session, Buffer& buffer);
 
     Context& context_;
     Session& own_;
@@ -54,7 +50,7 @@ private:
     std::vector<std::thread> threads_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<Task> tasks_;
+    std::deque<Work> tasks_;
     size_t running_ = 0;
     size_t living_ = 0;  // threads that take work
     bool ended_ = false;
