@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <vector>
 
 #include "Arguments.h"
@@ -22,53 +21,23 @@ struct ListOptions {
 };
 
 nlohmann::ordered_json JsonOf(const StoredObject& object) {
-    nlohmann::ordered_json line;
-    line["path"] = object.ObjectPath();
-    line["kind"] = KindName(object.GetKind());
-    line["size"] = nullptr;
-    line["mode"] = nullptr;
-    line["mtime"] = nullptr;
+    nlohmann::ordered_json line = {{"path", object.ObjectPath()},
+                                   {"kind", KindName(object.GetKind())},
+                                   {"size", nullptr},
+                                   {"mode", nullptr},
+                                   {"mtime", nullptr},
+                                   {"backupDate", object.date},
+                                   {"filespace", object.fileSpace},
+                                   {"info", object.text},
+                                   {"active", object.active},
+                                   {"storedName", PercentEncoded(object.StoredPath())}};
     if (object.Size()) line["size"] = *object.Size();
     if (object.info) {
         line["mode"] = ModeText(object.info->mode);
         line["mtime"] = TimeText(object.info->mtime);
     }
-    line["backupDate"] = object.date;
-    line["filespace"] = object.fileSpace;
-    line["info"] = object.text;
-    line["active"] = object.active;
-    line["storedName"] = PercentEncoded(object.StoredPath());
     return line;
 }
-
-class Table {
-public:
-    Table(Report& report, bool withVersions) : report_(report), withVersions_(withVersions) {
-        if (terminal_) {
-            report.Line(fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  {}path", "kind", "mode", "size", width_, "stored",
-                                    withVersions ? "version   " : ""));
-        }
-    }
-
-    void Print(const StoredObject& object) {
-        const char* const version = !withVersions_ ? "" : object.active ? "active    " : "inactive  ";
-        const std::string mode = object.info ? ModeText(object.info->mode) : "-";
-        report_.Entry(fmt::format("{:<9}  {:>4}  {:>{}}  {}  {}", KindName(object.GetKind()), mode, SizeText(object),
-                                  width_, object.date, version) +
-                      object.ObjectPath());
-    }
-
-private:
-    std::string SizeText(const StoredObject& object) const {
-        if (!object.Size() || object.directory) return "-";
-        return terminal_ ? HumanSize(static_cast<double>(*object.Size())) : std::to_string(*object.Size());
-    }
-
-    Report& report_;
-    const bool withVersions_;
-    const bool terminal_ = isatty(STDOUT_FILENO) == 1;
-    const size_t width_ = terminal_ ? 10 : 12;
-};
 
 void ListObjects(ListOptions options, Context& context) {
     Selection& selection = options.chosen.selection;
@@ -78,18 +47,30 @@ void ListObjects(ListOptions options, Context& context) {
                                                     : TSM_OBJECTS_ANY;
     options.chosen.Patterns();
     Session session(context.connection);
-    std::optional<Table> table;
-    if (!context.report.IsJson()) table.emplace(context.report, selection.allVersions);
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const auto row = [&](const char* kind, const std::string& mode, const std::string& size, const std::string& date,
+                         const char* version, const std::string& path) {
+        return fmt::format("{:<9}  {:>4}  {:>{}}  {:<19}  {}{}", kind, mode, size, terminal ? 10 : 12, date,
+                           selection.allVersions ? fmt::format("{:<8}  ", version) : "", path);
+    };
+    const auto sizeOf = [&](const StoredObject& object) -> std::string {
+        if (!object.Size() || object.directory) return "-";
+        return terminal ? HumanSize(static_cast<double>(*object.Size())) : std::to_string(*object.Size());
+    };
+    const bool json = context.report.IsJson();
+    if (terminal && !json) context.report.Line(row("kind", "mode", "size", "stored", "version", "path"));
     Walk(context, session, options.chosen, [&](const std::vector<StoredObject>& versions, const Parts& plain, size_t) {
         for (const StoredObject& object : versions) {
             context.report.Step();
             if (!options.wanted.patterns.empty() && !options.wanted.LeaveOut(plain, object.directory)) continue;
             context.report.Count(object.GetKind());
-            if (table) {
-                table->Print(object);
-            } else {
+            if (json) {
                 context.report.Json(JsonOf(object));
+                continue;
             }
+            context.report.Entry(row(KindName(object.GetKind()), object.info ? ModeText(object.info->mode) : "-",
+                                     sizeOf(object), object.date, object.active ? "active" : "inactive",
+                                     object.ObjectPath()));
         }
         return true;
     });

@@ -103,43 +103,32 @@ std::vector<Finding> Find(const StatusOptions& options, Session& session) {
     return findings;
 }
 
-void ShowText(Report& report, const std::vector<Finding>& findings) {
-    for (const Finding& f : findings) {
-        report.Line(fmt::format("{:<9}  {:<25}  {}{}{}", f.State(), TimeOf(f.run.complete), f.path,
-                                f.trouble.empty() ? "" : ": ", f.trouble));
+void Show(Report& report, const Finding& f) {
+    if (!report.IsJson()) {
+        return report.Line(fmt::format("{:<9}  {:<25}  {}{}{}", f.State(), TimeOf(f.run.complete), f.path,
+                                       f.trouble.empty() ? "" : ": ", f.trouble));
     }
-}
-
-void ShowJson(Report& report, const std::vector<Finding>& findings) {
-    const auto orNull = [](const std::optional<long long>& number) {
-        return number ? nlohmann::ordered_json(*number) : nlohmann::ordered_json();
-    };
-    for (const Finding& f : findings) {
-        report.Json({{"path", f.path},
-                     {"state", f.State()},
-                     {"level", levelNames[f.level]},
-                     {"begun", f.run.begun},
-                     {"ended", orNull(f.run.failures ? std::optional(f.run.ended) : std::nullopt)},
-                     {"failures", orNull(f.run.failures)},
-                     {"complete", orNull(f.run.complete)}});
+    nlohmann::ordered_json line = {{"path", f.path},       {"state", f.State()}, {"level", levelNames[f.level]},
+                                   {"begun", f.run.begun}, {"ended", nullptr},   {"failures", nullptr},
+                                   {"complete", nullptr}};
+    if (f.run.failures) {
+        line["ended"] = f.run.ended;
+        line["failures"] = *f.run.failures;
     }
+    if (f.run.complete) line["complete"] = *f.run.complete;
+    report.Json(line);
 }
 
 void ShowPrometheus(Context& context, const std::vector<Finding>& findings) {
+    // A label is UTF-8, and without control characters it is quoted as in JSON.
     const auto quoted = [](const std::string& text) {
-        using nlohmann::json;
-        std::string value;
-        // Labels are UTF-8.
-        const std::string whole = json(text).dump(-1, ' ', false, json::error_handler_t::replace);
-        for (const char c : json::parse(whole).get<std::string>())
-            value += c == '\n' ? "\\n" : c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
-        return value;
+        return nlohmann::json(Printable(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     };
     const auto show = [&](const char* name, const char* help, const auto& value) {
         context.report.Entry(fmt::format("# HELP {} {}", name, help));
         context.report.Entry(fmt::format("# TYPE {} gauge", name));
         for (const Finding& f : findings) {
-            context.report.Entry(fmt::format("{}{{node=\"{}\",filespace=\"{}\",path=\"{}\"}} {}", name,
+            context.report.Entry(fmt::format("{}{{node={},filespace={},path={}}} {}", name,
                                              quoted(context.connection.Node()), quoted(context.connection.Filespace()),
                                              quoted(f.path), value(f)));
         }
@@ -186,14 +175,12 @@ void Status(const StatusOptions& options, Context& context) {
     }
     Level worst = Ok;
     for (const Finding& finding : findings) worst = std::max(worst, finding.level);
-    if (context.report.IsJson()) {
-        ShowJson(context.report, findings);
+    if (context.report.IsJson() || options.format == "text") {
+        for (const Finding& finding : findings) Show(context.report, finding);
     } else if (nagios) {
         ShowNagios(context.report, options, findings, worst);
-    } else if (options.format == "prometheus") {
-        ShowPrometheus(context, findings);
     } else {
-        ShowText(context.report, findings);
+        ShowPrometheus(context, findings);
     }
     context.status = nagios ? worst : worst > Ok ? 1 : 0;
 }
