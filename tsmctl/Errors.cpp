@@ -6,8 +6,8 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <map>
 #include <system_error>
+#include <utility>
 
 namespace tsmctl {
 namespace {
@@ -20,27 +20,23 @@ void OnSignal(int number) {
     if (pendingSignal.exchange(number) != 0) _exit(128 + number);
 }
 
-struct Code {
-    const char* name;
-    const char* meaning;
-};
-
-const std::map<long long, Code>& Codes() {
-#define CODE(value, name, meaning) {value, {name, meaning}},
-    static const std::map<long long, Code> codes = {
+// The name of a code, which may be empty, and its meaning.
+std::pair<const char*, const char*> NameAndMeaning(long long code) {
+#define CODE(value, name, meaning) \
+    case value:                    \
+        return {name, meaning};
+    switch (code) {
 #include "../tables/codes.def"
-    };
+    }
 #undef CODE
-    return codes;
+    return {"", "the client API's manual explains it"};
 }
 
 }  // namespace
 
 std::string CodeText(const std::string& what, long long result) {
-    const auto found = Codes().find(std::llabs(result));
-    const Code code =
-        found == Codes().end() ? Code{"return code", "the client API's manual explains it"} : found->second;
-    return fmt::format("{}: {} ({}), {}", what, *code.name ? code.name : "return code", result, code.meaning);
+    const auto [name, meaning] = NameAndMeaning(std::llabs(result));
+    return fmt::format("{}: {} ({}), {}", what, *name ? name : "return code", result, meaning);
 }
 
 // docs/results.md lists them.

@@ -223,7 +223,9 @@ void Report::Summary(const std::string& command) {
 
 void Report::JsonSummary(const std::string& command, bool good) {
     nlohmann::ordered_json summary = {{"command", command}, {"dryRun", options_.dryRun}, {"objects", counts_}};
-    for (const auto& [change, count] : changes_) summary[changeNames[static_cast<size_t>(change)]] = count;
+    for (size_t i = 0; !changes_.empty() && i < std::size(changeNames); ++i) {
+        summary[changeNames[i]] = changes_[static_cast<Change>(i)];
+    }
     summary["bytes"] = bytes_;
     summary["seconds"] = Seconds();
     summary["differences"] = differences_;

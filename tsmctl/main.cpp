@@ -13,12 +13,7 @@ int Run(int argc, char** argv) try {
     ReserveStandardStreams();
     CatchSignals();
     CommandLine commandLine;
-    // In the order of the help, which knows the commands above it.
-    for (const auto add :
-         {AddBackup, AddVerify, AddCheck, AddRestore, AddList, AddStatus, AddFind, AddDiff, AddDelete, AddRename,
-          AddFilespaces, AddClasses, AddDeleteFilespace, AddGrant, AddCompletion, AddHelp}) {
-        add(commandLine);
-    }
+    for (AddCommand* const add : addCommands) add(commandLine);
     return commandLine.Run(argc, argv);
 } catch (const Interrupted&) {
     PrintMessage("stopped by a signal");
