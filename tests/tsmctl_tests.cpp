@@ -644,6 +644,10 @@ TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
     Expect("tsmctl -q backup k --dry-run; tsmctl -q backup k -v; tsmctl restore k --to o", 1,
            "would be removed k/y (the file)\nremoved k/y (the file)\n", "the file is skipped");
     Expect("tsmctl restore x --to dir; cat dir/x/b", 0, "b\n", "the file is skipped");
+    Expect(
+        "mkdir -p m/n; touch m/n/o; tsmctl -q backup m; rm -r m/n; touch m/n; sleep 1.1; tsmctl -q backup m --full "
+        "--keep-vanished 2> log; rm m/n log; tsmctl -q verify m",
+        1, "m/n/o: is stored and not here");
     for (const char* const command : {"delete x/b --all-versions", "delete x/b", "rename x/b y", "rename at x/at"}) {
         Expect(std::string("tsmctl ") + command, 1, "", "directory above (x)");
     }

@@ -175,10 +175,19 @@ private:
 
     // False when it changed meanwhile.
     bool SendFile(Upload& upload, const UniqueFd& file, const std::vector<Extent>& extents, const struct stat& status) {
-        const long long sent = SendExtents(upload, file.Get(), extents, status.st_size);
+        long long place = 0;
+        bool less = false;
+        for (auto extent = extents.begin(); extent != extents.end() && !less; ++extent) {
+            upload.Skip(extent->offset - place);
+            if (lseek(file.Get(), extent->offset, SEEK_SET) < 0) FailLocal("cannot read", errno);
+            less = Send(upload, file.Get(), extent->length) < extent->length;
+            place = extent->offset + extent->length;
+        }
+        if (!less) upload.Skip(status.st_size - place);
+        lseek(file.Get(), status.st_size, SEEK_SET);
         const bool more = MoreIn(file.Get());
         if (FormatInfo(InfoOf(StatusOf(file))) != FormatInfo(InfoOf(status))) return false;
-        if (sent == status.st_size && !more) return true;
+        if (!less && !more) return true;
         throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
                                   more ? "more" : "less", status.st_size));
     }
@@ -192,19 +201,6 @@ private:
             clock_gettime(CLOCK_REALTIME_COARSE, &now);
         } while (TimeText(now) == TimeText(status.st_ctim) && poll(nullptr, 0, 1) == 0);
         return status;
-    }
-
-    long long SendExtents(Upload& upload, int fd, const std::vector<Extent>& extents, long long size) {
-        long long place = 0;
-        for (const Extent& extent : extents) {
-            upload.Skip(extent.offset - place);
-            if (lseek(fd, extent.offset, SEEK_SET) < 0) FailLocal("cannot read", errno);
-            place = extent.offset + Send(upload, fd, extent.length);
-            if (place < extent.offset + extent.length) return place;
-        }
-        upload.Skip(size - place);
-        lseek(fd, size, SEEK_SET);
-        return size;
     }
 
     const BackupOptions& options_;

@@ -99,20 +99,22 @@ private:
         CheckInterrupt();
         LocalFolder folder;
         if (directory && !Attempt(report_, directory->local, [&] { folder = Read(*directory, report_); })) return;
-        std::map<std::string, StoredObject> stored;  // of several of one name, the newest
+        std::map<std::string, std::vector<StoredObject>> stored;  // of one name, the newest last
         for (StoredObject& entry :
              ListIn(session_, object && object->directory ? object->StoredPath() : StoredPathOf(plain),
                     chosen_.selection)) {
-            stored.insert_or_assign(Unescape(entry.name), std::move(entry));
+            stored[Unescape(entry.name)].push_back(std::move(entry));
         }
         for (const LocalItem& item : folder.entries) {
             const Parts inside = SplitAtSlash(item.object);
             const auto there = stored.extract(inside.back());
-            if (!item.unreadable) CompareEntry(&item, inside, there ? &there.mapped() : nullptr);
+            if (!item.unreadable) CompareEntry(&item, inside, there ? &there.mapped().back() : nullptr);
         }
         folder.entries = {};
         if (!folder.whole) return;
-        for (const auto& [name, entry] : stored) CompareEntry(nullptr, Append(plain, {name}), &entry);
+        for (const auto& [name, entries] : stored) {
+            for (const StoredObject& entry : entries) CompareEntry(nullptr, Append(plain, {name}), &entry);
+        }
     }
 
     const Chosen& chosen_;
