@@ -271,7 +271,7 @@ TEST_F(Tsmctl, NothingLeadsOutOfTheTreeDuringABackup) {
     Expect(
         R"(mkdir -p t/sub t/pipes outside; echo > t/sub/f; echo secret > outside/f; mkfifo log; python3 -c 'import os, stat; [os.mknod(f"t/pipes/{n:0200}", stat.S_IFSOCK) for n in range(400)]'
         tsmctl backup t 2> log & exec 3< log; read -r <&3; mv t/sub was; ln -s ../outside t/sub; cat <&3; wait $!)",
-        1, "tsmctl: t/sub: sub is in the way");
+        1, "tsmctl: t/sub: cannot open");
     Expect("tsmctl list t/sub/f", 1, "", "not found");
 }
 
@@ -306,7 +306,7 @@ TEST_F(Tsmctl, StandardInputAndOutput) {
     Expect("faulty 'dsmGetData 2 2200' verify - --as dumps/a < data", 0);
     Expect("tsmctl backup - --as closed <&-", 1, "", "cannot read");
     Expect("tsmctl restore dumps/a --to - >&-", 1, "", "cannot write");
-    Expect("echo more | cat data - | tsmctl verify - --as dumps/a", 1, "longer here");
+    Expect("echo more | cat data - | tsmctl verify - --as dumps/a", 1, "content differs");
     Expect("tsmctl backup - --as b --size 0 < /dev/null && tsmctl restore b && stat -c '%s %a' b", 0, "0 600\n");
     for (const char* const size : {"2499999", "2500001"}) {
         Expect(std::string("tsmctl backup - --as c --size ") + size + " < data", 1, "", "not stored");
@@ -318,14 +318,14 @@ TEST_F(Tsmctl, VerifyNamesEachDifference) {
     Expect("mkdir -p t/d; echo abc > t/f; ln -s a t/l; echo 1 > t/g; echo > t/d/e; tsmctl -q backup t; cp -a t orig",
            0);
     const std::vector<std::pair<const char*, const char*>> cases = {
-        {"touch -r t/f r; printf abd > t/f; touch -r r t/f", "content differs from byte 2"},
-        {"echo 4 >> t/f; touch -r orig/f t/f", "longer here"},
+        {"touch -r t/f r; printf abd > t/f; touch -r r t/f", "content differs"},
+        {"echo 4 >> t/f; touch -r orig/f t/f", "content differs"},
         {"chmod 0611 t/f", "mode 0611 here"},
         {"touch -d @5.5 t/f; export TZ=XXX-3", "modification time 1970-01-01 03:00:05.500000000 +0300 here, 2"},
         {"rm t/f", "t/f: is stored and not here"},
         {"rm -r t/d", "t/d/e: is stored and not here"},
         {"mkdir t/new; echo > t/new/n", "t/new/n: is not stored"},
-        {"ln -sfn b t/l; touch -hr orig/l t/l", "link to b here, to a stored"},
+        {"ln -sfn b t/l; touch -hr orig/l t/l", "t/l: content differs"},
         {"rm t/f; mkdir t/f", "directory here, file stored"},
         {"rm t/f; mkfifo t/f", "pipe here, file stored"}};
     for (const auto& [change, line] : cases) {
@@ -477,7 +477,7 @@ TEST_F(Tsmctl, ForeignObjectsNeitherEscapeNorStandForOthers) {
     Expect("tsmctl restore 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl restore u/fine -q && stat -c %a fine && cat fine", 0, "644\nother");
     Expect("tsmctl -q verify fine --to u && printf otter > fine; tsmctl -q verify fine --to u", 1,
-           "fine: content differs from byte 2 on\n");
+           "fine: content differs\n");
     Expect("mkdir u; echo > 'u/x*'; tsmctl -q verify u", 1, "u/fine: is stored and not here", "other names as well");
     Expect("tsmctl delete --literal 'u/x*'", 1, "", "other names as well");
     Expect("tsmctl delete --recursive --yes u", 1, "removed u/fine\nremoved u/xy\n", "other names as well");
@@ -561,7 +561,7 @@ TEST_F(Tsmctl, WhatABackupLeavesAsItIs) {
         {"rm -r t; touch t", "", "was a directory", "19"},
         {"rm -r t", "", "t: cannot read", "19"},
         {"rm -r t/*", "--keep-vanished", "0 gone", "19"},
-        {"rm -r t/shut/* t/b; chmod 0 t/shut", "", "t/shut: shut is in the way", "18"},
+        {"rm -r t/shut/* t/b; chmod 0 t/shut", "", "t/shut: cannot open", "18"},
         {"rm t/cache/x/f t/b", "--exclude-caches", "t/cache is a cache", "18"},
         {"rm -r t/tmp/x t/sub/tmp t/b", "--exclude tmp", "1 gone", "18"},
         {"rm -r t/tmp/x t/sub/tmp t/b", "--exclude sub/t?p", "3 gone", "16"},
@@ -643,6 +643,10 @@ TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
     Expect("tsmctl -q backup k --dry-run; tsmctl -q backup k -v; tsmctl restore k --to o", 1,
            "would be removed k/y (the file)\nremoved k/y (the file)\n", "the file is skipped");
     Expect("tsmctl restore x --to dir; cat dir/x/b", 0, "b\n", "the file is skipped");
+    Expect(
+        "mkdir -p m/n; touch m/n/o; tsmctl -q backup m; rm -r m/n; touch m/n; sleep 1.1; tsmctl -q backup m --full "
+        "--keep-vanished 2> log; rm m/n log; tsmctl -q verify m",
+        1, "m/n/o: is stored and not here");
     for (const char* const command : {"delete x/b --all-versions", "delete x/b", "rename x/b y", "rename at x/at"}) {
         Expect(std::string("tsmctl ") + command, 1, "", "directory above (x)");
     }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "Errors.h"
@@ -48,6 +49,18 @@ void WriteAll(int fd, const void* memory, size_t length) {
         if (put < 0 && errno != EINTR && errno != EAGAIN) FailLocal("cannot write", errno);
         if (put > 0) done += static_cast<size_t>(put);
     }
+}
+
+long long ReadPieces(int fd, Buffer& buffer, long long limit, const std::function<void(size_t)>& take) {
+    long long done = 0;
+    while (done < limit) {
+        const auto wanted = static_cast<size_t>(std::min<long long>(limit - done, pieceSize));
+        const size_t got = ReadFull(fd, buffer.data(), wanted);
+        if (got > 0) take(got);
+        done += static_cast<long long>(got);
+        if (got < wanted) break;
+    }
+    return done;
 }
 
 std::string ReadLine(int fd) {

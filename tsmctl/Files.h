@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,6 +34,9 @@ private:
 // Reads until length bytes are there or the input ends. Both throw Failure, and Interrupted at a signal.
 size_t ReadFull(int fd, void* memory, size_t length);
 void WriteAll(int fd, const void* memory, size_t length);
+// Reads to the end, or so many bytes, piece by piece: take gets the length of each, in the buffer. Returns how many
+// bytes there were.
+long long ReadPieces(int fd, Buffer& buffer, long long limit, const std::function<void(size_t)>& take);
 // Reads up to the end or a line break, which is left out. Fails for a line of more than 4096 bytes.
 std::string ReadLine(int fd);
 

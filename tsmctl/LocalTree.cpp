@@ -26,18 +26,6 @@ Parts PartsBelow(const LocalItem& item) {
     return item.local.size() == item.below ? Parts{"."} : SplitAtSlash(item.local.substr(item.below));
 }
 
-// The folder of the item, and its name in there.
-std::pair<UniqueFd, std::string> PlaceOf(const LocalItem& item) {
-    Parts parts = PartsBelow(item);
-    const std::string name = parts.back();
-    parts.pop_back();
-    return {OpenBelow(item.top->Get(), parts, false), name};
-}
-
-UniqueFd OpenFolder(const LocalItem& item) {
-    return OpenBelow(item.top->Get(), PartsBelow(item), false);
-}
-
 // Fills in what the item is. folder holds it.
 void LookAt(LocalItem& item, int folder) {
     const std::string name = PartsBelow(item).back();
@@ -60,16 +48,18 @@ bool BeginsWith(int folder, const char* name, std::string_view text) {
 }  // namespace
 
 UniqueFd OpenItem(const LocalItem& item, int flags) {
-    const auto [folder, name] = PlaceOf(item);
+    Parts parts = PartsBelow(item);
+    const std::string name = parts.back();
+    parts.pop_back();
+    const UniqueFd folder = OpenBelow(item.top->Get(), parts, false);
     UniqueFd file(openat(folder.Get(), name.c_str(), flags | O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.Get() < 0) FailLocal("cannot open", errno);
     return file;
 }
 
-std::string ReadLink(const LocalItem& item) {
-    const auto [folder, name] = PlaceOf(item);
+std::string ReadLink(const UniqueFd& link) {
     std::string target(4097, '\0');
-    const ssize_t length = readlinkat(folder.Get(), name.c_str(), target.data(), target.size());
+    const ssize_t length = readlinkat(link.Get(), "", target.data(), target.size());
     if (length < 0) FailLocal("cannot read the link", errno);
     target.resize(static_cast<size_t>(length));
     return target;
@@ -101,7 +91,7 @@ std::vector<Source> ResolveSources(const std::vector<std::string>& paths, const 
 }
 
 LocalItem Look(const Source& source) {
-    LocalItem item = {source.local, Join(source.object), {}, nullptr, source.local.rfind('/') + 1, 0};
+    LocalItem item = {source.local, Join(source.object), {}, nullptr, source.local.rfind('/') + 1};
     const std::string folder = item.below == 0 ? "." : source.local.substr(0, item.below);
     item.top = std::make_shared<UniqueFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (item.top->Get() < 0) FailLocal("cannot read", errno);
@@ -113,7 +103,7 @@ LocalItem Look(const Source& source) {
 }
 
 LocalFolder Read(const LocalItem& directory, Report& report) {
-    UniqueFd folder = OpenFolder(directory);
+    UniqueFd folder = OpenItem(directory, O_DIRECTORY);
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(folder.Get()), closedir);
     if (!stream) FailLocal("cannot read the directory", errno);
     const int number = folder.Release();  // the stream's now
@@ -135,12 +125,9 @@ LocalFolder Read(const LocalItem& directory, Report& report) {
     const std::string stem = directory.local == "/" ? "/" : directory.local + "/";
     const std::string above = directory.object.empty() ? "" : directory.object + "/";
     for (const std::string& name : names) {
-        LocalItem item = {stem + name, above + name, {}, directory.top, directory.below, 0};
-        if (Attempt(report, item.local, [&] { LookAt(item, number); })) {
-            found.entries.push_back(std::move(item));
-        } else {
-            found.unreadable.push_back(name);
-        }
+        LocalItem& item =
+            found.entries.emplace_back(LocalItem{stem + name, above + name, {}, directory.top, directory.below});
+        item.unreadable = !Attempt(report, item.local, [&] { LookAt(item, number); });
     }
     return found;
 }

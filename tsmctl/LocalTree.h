@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,11 +23,13 @@ struct LocalItem {
     std::shared_ptr<const UniqueFd> top;  // the folder that holds the path that was typed; links may lead to it
     size_t below = 0;                     // where the part below top begins in local
     dev_t device = 0;                     // its file system
+    bool unreadable = false;              // is there, and could not be looked at
 };
-// Opens for reading, or with O_PATH in the flags only to look at its attributes, or reads a link. No link below the
-// item's top is followed, whatever has changed since the scan.
-UniqueFd OpenItem(const LocalItem& item, int flags = 0);
-std::string ReadLink(const LocalItem& item);
+// Opens for reading, or with O_PATH in the flags only to look at its attributes. No link below the item's top is
+// followed, whatever has changed since the scan.
+UniqueFd OpenItem(const LocalItem& item, int flags);
+// The target of a link, opened with O_PATH.
+std::string ReadLink(const UniqueFd& link);
 
 // A path of the command line, and the object path that it is stored under.
 struct Source {
@@ -42,11 +45,10 @@ LocalItem Look(const Source& source);
 
 // What a directory holds, ordered by name.
 struct LocalFolder {
-    std::vector<LocalItem> entries;
-    std::vector<std::string> unreadable;  // names that are there, and could not be looked at
-    bool whole = true;                    // false when reading broke off
-    bool isCache = false;                 // marked by a file CACHEDIR.TAG
-    bool isStore = false;                 // the store of an embedded server
+    std::deque<LocalItem> entries;
+    bool whole = true;     // false when reading broke off
+    bool isCache = false;  // marked by a file CACHEDIR.TAG
+    bool isStore = false;  // the store of an embedded server
 };
 // What cannot be read is reported. Throws Failure when the directory cannot be opened.
 LocalFolder Read(const LocalItem& directory, Report& report);

@@ -1,9 +1,11 @@
 #include "Transfer.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <climits>
+#include <utility>
 
 #include "Errors.h"
 #include "tsmconnector.h"
@@ -80,7 +82,7 @@ Download::Download(Session& session, const StoredObject& object, const std::stri
     : session_(session),
       info_(object.text),
       expected_(object.info ? object.info->size : std::nullopt),
-      sealLength_(object.info && object.info->Sealed() ? sealLength : 0),
+      sealed_(object.info && object.info->Sealed()),
       headerLength_(object.info ? object.info->HeaderLength() : 0) {
     RequireKnown(object);
     RequireReadable(session_, object, at);
@@ -106,7 +108,7 @@ bool Download::Fill(Buffer& buffer) {
     if (count == 0) return false;
     const size_t total = held_.size() + static_cast<size_t>(count);
     begin_ = 0;
-    end_ = total - std::min(total, sealLength_);
+    end_ = total - std::min(total, sealLength);
     held_.assign(buffer.begin() + static_cast<std::ptrdiff_t>(end_),
                  buffer.begin() + static_cast<std::ptrdiff_t>(total));
     if (header_.size() < headerLength_) {
@@ -121,10 +123,6 @@ Piece Download::Take(const unsigned char* data, long long length, bool hole) {
     const Piece piece = {data, static_cast<size_t>(std::min<long long>(length, pieceSize)), hole};
     sha256_.Add(data, piece.size);
     received_ += static_cast<long long>(piece.size);
-    if (!Sealed()) {
-        tail_.append(data + piece.size - std::min(piece.size, sealLength), data + piece.size);
-        tail_.erase(0, tail_.size() - std::min(tail_.size(), sealLength));
-    }
     return piece;
 }
 
@@ -152,7 +150,12 @@ Piece Download::Next(Buffer& buffer) {
             begin_ += piece.size;
             return piece;
         }
-        if (!Fill(buffer)) return {nullptr, 0, false};
+        if (!ended_ && Fill(buffer)) continue;
+        if (std::exchange(ended_, true) || Sealed() || held_.empty()) return {nullptr, 0, false};
+        if (LooksLikeSeal(held_)) throw Failure("has a seal, but its information text is damaged");
+        std::copy(held_.begin(), held_.end(), buffer.begin());
+        begin_ = 0;
+        end_ = std::exchange(held_, "").size();
     }
 }
 
@@ -162,7 +165,6 @@ void Download::Finish() {
     if (expected_ && received_ != *expected_) {
         throw Failure(fmt::format("{} bytes received, the object has {}", received_, *expected_));
     }
-    if (!Sealed() && LooksLikeSeal(tail_)) throw Failure("has a seal, but its information text is damaged");
     if (!Sealed()) return;
     const std::string seal = Seal(info_, header_, received_, sha256_.Hex());
     if (held_ == seal) return;
@@ -175,8 +177,10 @@ void Receive(Download& download, Buffer& buffer, const std::function<void(const 
     download.Finish();
 }
 
-void AddFile(Sha256& content, const UniqueFd& file, Buffer& buffer) {
-    while (const size_t got = ReadFull(file.Get(), buffer.data(), pieceSize)) content.Add(buffer.data(), got);
+std::string DigestOf(int fd, Buffer& buffer, long long limit) {
+    Sha256 content;
+    ReadPieces(fd, buffer, limit, [&](size_t length) { content.Add(buffer.data(), length); });
+    return content.Hex();
 }
 
 std::string ReceiveLinkTarget(Download& download, Buffer& buffer) {
@@ -188,6 +192,34 @@ std::string ReceiveLinkTarget(Download& download, Buffer& buffer) {
     });
     if (target.find('\0') != std::string::npos) throw Failure("the stored target of the link is no path");
     return target;
+}
+
+Content ContentOf(Session& session, Buffer& buffer, const StoredObject& object, const std::string& at, Report& report) {
+    if (object.directory) {
+        RequireKnown(object);
+        const std::string fields = object.info ? object.info->fields : "";
+        return {Sha256().Hex(), AttributesIn(fields), 0, !object.info || !FieldOf(fields, "sum").empty()};
+    }
+    Content content = {};
+    Download download(session, object, at);
+    Receive(download, buffer, [&](const Piece& piece) {
+        content.size += static_cast<long long>(piece.size);
+        report.Advance(piece.size);
+    });
+    content.digest = download.Digest();
+    content.attributes = AttributesIn(download.Header());
+    content.sealed = download.Sealed();
+    return content;
+}
+
+Content ContentOf(const LocalItem& item, Buffer& buffer, long long limit, Report& report) {
+    const Kind kind = item.info.kind;
+    const UniqueFd file = OpenItem(item, kind == Kind::File ? 0 : O_PATH);
+    const std::string target = kind == Kind::Link ? ReadLink(file) : "";
+    Sha256 content;
+    content.Add(target.data(), target.size());
+    const std::string digest = kind == Kind::File ? DigestOf(file.Get(), buffer, limit) : content.Hex();
+    return {digest, AttributesIn(ReadAttributes(file.Get(), report)), 0, false};
 }
 
 }  // namespace tsmctl

@@ -2,6 +2,7 @@
 // describes them.
 #pragma once
 
+#include <climits>
 #include <functional>
 #include <optional>
 #include <string>
@@ -11,6 +12,7 @@
 #include "Connection.h"
 #include "Files.h"
 #include "Inventory.h"
+#include "LocalTree.h"
 #include "ObjectInfo.h"
 #include "ObjectNames.h"
 
@@ -68,7 +70,7 @@ public:
     // After the last piece: what was stored beside the content, and the content's SHA-256.
     const std::string& Header() const { return header_; }
     std::string Digest() const { return sha256_.Hex(); }
-    bool Sealed() const { return sealLength_ > 0; }
+    bool Sealed() const { return sealed_; }
     // Of an object with holes: of its content.
     long long Size() const { return expected_.value_or(0); }
 
@@ -79,16 +81,15 @@ private:
     Session& session_;
     const std::string info_;
     const std::optional<long long> expected_;
-    const size_t sealLength_;
+    const bool sealed_;
     const size_t headerLength_;
     std::string header_;
     std::vector<Extent> extents_;  // empty unless there are holes
     size_t extent_ = 0;
     std::string held_;  // the last bytes received, which may be the seal
-    std::string tail_;  // the last of the content, where none is expected
     size_t begin_ = 0;  // of the content in the buffer that was not taken yet
     size_t end_ = 0;
-    bool ended_ = false;  // everything of an object with holes was received
+    bool ended_ = false;  // everything was received
     Sha256 sha256_;
     long long received_ = 0;  // content
     bool open_ = true;
@@ -96,9 +97,21 @@ private:
 
 // Receives everything; take gets each piece.
 void Receive(Download& download, Buffer& buffer, const std::function<void(const Piece&)>& take);
-// Reads the file to its end.
-void AddFile(Sha256& content, const UniqueFd& file, Buffer& buffer);
+// The SHA-256 of the rest of a file, or of so many bytes.
+std::string DigestOf(int fd, Buffer& buffer, long long limit = LLONG_MAX);
 // The target of a link object. Throws Failure for what cannot be one.
 std::string ReceiveLinkTarget(Download& download, Buffer& buffer);
+
+// What tells whether two objects hold the same.
+struct Content {
+    std::string digest;  // SHA-256
+    std::vector<std::string> attributes;
+    long long size;
+    bool sealed;  // came with a SHA-256, which it has; a directory, with one of its information text
+};
+// Of an object, by reading it to its end. Throws Failure also for an object that is not whole.
+Content ContentOf(Session& session, Buffer& buffer, const StoredObject& object, const std::string& at, Report& report);
+// Of what is here, with no more than so many bytes.
+Content ContentOf(const LocalItem& item, Buffer& buffer, long long limit, Report& report);
 
 }  // namespace tsmctl

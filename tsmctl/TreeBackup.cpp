@@ -1,62 +1,33 @@
 #include "TreeBackup.h"
 
-#include <fcntl.h>
-
+#include <algorithm>
 #include <chrono>
-#include <ctime>
-#include <set>
 #include <thread>
 #include <tuple>
 #include <utility>
 
-#include "Attributes.h"
 #include "Errors.h"
 #include "Transfer.h"
 
 namespace tsmctl {
 namespace {
 
-// A change within one tick of the system's clock leaves the ctime as it is.
-void WaitForTheNextTick(const timespec& changed) {
-    constexpr auto tick = std::chrono::milliseconds(20);
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const auto age =
-        std::chrono::seconds(now.tv_sec - changed.tv_sec) + std::chrono::nanoseconds(now.tv_nsec - changed.tv_nsec);
-    if (age >= age.zero() && age < tick) std::this_thread::sleep_for(tick - age);
-}
-
 // So many objects are sent before it is checked that they are stored, for which all sessions have to be idle.
 constexpr size_t mostUnchecked = 1000;
 
-// Whether the item looks like what is stored. Content and attributes do not change without the ctime.
-bool LooksTheSame(const LocalItem& item, const Info& stored, bool withCtime) {
-    const Info& here = item.info;
-    const auto same = [&](const char* key) { return FieldOf(here.fields, key) == FieldOf(stored.fields, key); };
-    return stored.version == here.version && here.kind == stored.kind && here.mode == stored.mode &&
-           here.size == stored.size && TimeText(here.mtime) == TimeText(stored.mtime) &&
-           (!withCtime || TimeText(here.ctime) == TimeText(stored.ctime)) && here.uid == stored.uid &&
-           here.gid == stored.gid && same("link") && same("device");
+// What shows whether something changed. Content and attributes do not without the ctime.
+std::string StateOf(Info info, bool withCtime) {
+    if (!withCtime) info.ctime = {};
+    info.fields = FieldOf(info.fields, "link") + " " + FieldOf(info.fields, "device");
+    return FormatInfo(info);
 }
 
 // Whether content and attributes are what is stored, by reading both. What cannot be read is not.
 bool HoldsTheSame(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& stored,
                   Report& report) try {
-    std::string attributes = stored.info->fields;
-    if (!stored.directory) {
-        Download download(session, stored, "");
-        Receive(download, buffer, [](const Piece&) {});
-        attributes = download.Header();
-        Sha256 content;
-        if (item.info.kind == Kind::File) {
-            AddFile(content, OpenItem(item), buffer);
-        } else if (item.info.kind == Kind::Link) {
-            const std::string target = ReadLink(item);
-            content.Add(target.data(), target.size());
-        }
-        if (content.Hex() != download.Digest()) return false;
-    }
-    return AttributesIn(attributes) == AttributesIn(ReadAttributes(OpenItem(item, O_PATH).Get(), report));
+    const Content there = ContentOf(session, buffer, stored, "", report);
+    const Content here = ContentOf(item, buffer, there.size + 1, report);
+    return here.digest == there.digest && here.attributes == there.attributes;
 } catch (const Failure&) {
     return false;
 }
@@ -107,15 +78,14 @@ bool TreeBackup::LeavesOut(const Parts& object, bool directory) const {
 }
 
 void TreeBackup::CheckTop(const Folder& folder, const LocalFolder& here) const {
-    std::set<std::string> names(here.unreadable.begin(), here.unreadable.end());
-    for (const LocalItem& item : here.entries) names.insert(SplitAtSlash(item.object).back());
-    size_t stored = 0;
-    for (const auto& [name, pair] : folder.stored) {
-        const std::string plain = Unescape(name);
-        if (plain == "lost+found" || (pair.file && !IsFromTree(*pair.file))) continue;
-        if (names.count(plain) > 0) return;
-        ++stored;
+    const auto counts = [](const auto& entry) {
+        return entry.first != "lost+found" && (!entry.second.file || IsFromTree(*entry.second.file));
+    };
+    for (const LocalItem& item : here.entries) {
+        const auto found = folder.stored.find(Escape(SplitAtSlash(item.object).back()));
+        if (found != folder.stored.end() && counts(*found)) return;
     }
+    const auto stored = std::count_if(folder.stored.begin(), folder.stored.end(), counts);
     if (stored > 1 || (stored == 1 && here.entries.empty())) {
         throw Failure(
             "holds nothing of what is stored of it, as if another file system were here; nothing is stored "
@@ -146,28 +116,25 @@ void TreeBackup::Enter(const LocalItem& directory, Folder& folder, const std::fu
     } else if (readable) {
         Walk(std::move(here), folder);
     } else {
-        ++*folder.unfinished;
+        *folder.incomplete = true;
     }
 }
 
 void TreeBackup::Walk(LocalFolder here, Folder& folder) {
-    std::vector<LocalItem> directories;
-    for (const std::string& name : here.unreadable) folder.stored.erase(Escape(name));
-    for (LocalItem& item : here.entries) {
+    // Directories come last, when the memory of all else is free again.
+    std::stable_partition(here.entries.begin(), here.entries.end(),
+                          [](const LocalItem& item) { return item.info.kind != Kind::Directory; });
+    for (; !here.entries.empty(); here.entries.pop_front()) {
+        const LocalItem& item = here.entries.front();
         const Parts object = SplitAtSlash(item.object);
-        const bool isDirectory = item.info.kind == Kind::Directory;
-        if (LeavesOut(object, isDirectory)) {
+        if (item.unreadable || LeavesOut(object, item.info.kind == Kind::Directory)) {
             folder.stored.erase(Escape(object.back()));
         } else if (item.info.kind == Kind::Other) {
             context_.report.Warn(item.local, "socket, skipped");
-        } else if (isDirectory) {
-            directories.push_back(std::move(item));
         } else {
             StoreItem(item, folder);
         }
     }
-    here.entries = {};
-    for (const LocalItem& item : directories) StoreItem(item, folder);
     if (here.whole) Settle(folder);
 }
 
@@ -184,13 +151,13 @@ void TreeBackup::StoreItem(const LocalItem& item, Folder& folder) {
     // A restore takes the newer kind.
     const bool hidden =
         before && other && std::tie(other->date, other->directory) > std::tie(before->date, before->directory);
-    const bool like =
-        !options_.full && !hidden && before && before->info && LooksTheSame(item, *before->info, !options_.checksum);
+    const bool like = !options_.full && !hidden && before && before->info &&
+                      StateOf(item.info, !options_.checksum) == StateOf(*before->info, !options_.checksum);
     const Change change = like ? Change::Unchanged : before || replaces ? Change::Changed : Change::New;
     if (!isDirectory) return Send(item, folder, change, before);
     Folder inside;
     inside.object = object;
-    if (!before) inside.unfinished = folder.unfinished;
+    if (!before) inside.incomplete = folder.incomplete;
     Enter(item, inside, [&] { Send(item, folder, change, before); });
 }
 
@@ -210,27 +177,18 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
     const bool compare = change == Change::Unchanged && options_.checksum;
     if ((change == Change::Unchanged && !compare) || report.IsDryRun()) {
         report.Step();
-        return Count(SplitAtSlash(item.object), item.info.kind, change);
+        return Count(item, change);
     }
-    ++*folder.unfinished;
-    ++uncheckedObjects_;
-    if (!folder.sending || folder.sending->sent.empty()) {
-        folder.sending = std::make_shared<Unchecked>(Unchecked{folder.object, folder.unfinished, {}});
-        unchecked_.push_back(folder.sending);
-    }
-    Sent& sent = folder.sending->sent.emplace_back(Sent{item, change, before ? before->date : "", {}, false});
-    const auto work = [this, &sent, keep = folder.sending, like = compare ? before : std::nullopt](Session& session,
-                                                                                                   Buffer& buffer) {
+    Sent& sent = sent_.emplace_back(Sent{item, change, folder.incomplete, before ? before->date : ""});
+    const auto work = [this, &sent, like = compare ? before : std::nullopt](Session& session, Buffer& buffer) {
         if (like && HoldsTheSame(session, buffer, sent.item, *like, context_.report)) {
             sent.before.clear();
             sent.text = like->text;
             sent.committed = true;
         } else {
             if (like) sent.change = Change::Changed;
-            WaitForTheNextTick(sent.item.info.ctime);
             Store(session, buffer, sent);
         }
-        --*keep->unfinished;
         context_.report.Step();
     };
     // Two sessions that miss the same directory would both create it. So this one stores the directories, and the
@@ -243,50 +201,51 @@ void TreeBackup::Send(const LocalItem& item, Folder& folder, Change change, cons
     }
 }
 
-void TreeBackup::Count(const Parts& object, Kind kind, Change change) {
-    if (change != Change::Unchanged)
-        context_.report.Did("stored", Join(object), change == Change::New ? "new" : "changed");
-    context_.report.Count(kind);
+void TreeBackup::Count(const LocalItem& item, Change change) {
+    if (change != Change::Unchanged) {
+        context_.report.Did("stored", item.object, change == Change::New ? "new" : "changed");
+    }
+    context_.report.Count(item.info.kind);
     context_.report.CountChange(change);
 }
 
-void TreeBackup::Finish() {
+void TreeBackup::Finish(const Incomplete& only) {
     workers_.Finish();
-    for (const auto& folder : unchecked_) Check(*folder);
-    unchecked_.clear();
-    uncheckedObjects_ = 0;
+    std::map<Parts, std::list<Sent>> folders;
+    for (auto next = sent_.begin(); next != sent_.end();) {
+        const auto sent = next++;
+        if (only && sent->incomplete != only) continue;
+        Parts folder = SplitAtSlash(sent->item.object);
+        folder.pop_back();
+        std::list<Sent>& inside = folders[folder];
+        inside.splice(inside.end(), sent_, sent);
+    }
+    for (auto& [folder, all] : folders) {
+        Attempt(context_.report, Join(folder), [&, &path = folder, &sent = all] {
+            const StoredFolder now = ListFolder(session_, path);
+            for (Sent& each : sent) Check(each, now);
+        });
+        for (const Sent& sent : all) *sent.incomplete = *sent.incomplete || !sent.checked;
+    }
 }
 
-void TreeBackup::Check(Unchecked& folder) {
-    if (folder.sent.empty()) return;
-    Report& report = context_.report;
-    const bool listed = Attempt(report, Join(folder.object), [&] {
-        const StoredFolder now = ListFolder(session_, folder.object);
-        for (Sent& sent : folder.sent) {
-            if (!sent.committed) continue;  // has failed already
-            const Kind kind = sent.item.info.kind;
-            const bool isDirectory = kind == Kind::Directory;
-            const Parts object = SplitAtSlash(sent.item.object);
-            const auto found = now.find(Escape(object.back()));
-            const bool isThere = found != now.end() && IsStoredAs(found->second, isDirectory, sent.text, sent.before);
-            // A version of the same second as the one before, as after two runs with --full, cannot be told from it.
-            bool again = !isThere && found != now.end() && IsStoredAs(found->second, isDirectory, sent.text);
-            if (again && !std::exchange(secondPassed_, true)) std::this_thread::sleep_for(std::chrono::seconds(1));
-            const auto storeAgain = [&] {
-                session_.Retry([&] {
-                    if (std::exchange(again, true)) Store(session_, buffer_, sent);
-                    RequireStored(session_, object, isDirectory, sent.text, sent.before);
-                });
-            };
-            if (isThere || Attempt(report, sent.item.local, storeAgain)) {
-                Count(object, kind, sent.change);
-            } else {
-                ++*folder.unfinished;
-            }
-        }
-    });
-    if (!listed) ++*folder.unfinished;
-    folder.sent.clear();
+void TreeBackup::Check(Sent& sent, const StoredFolder& now) {
+    if (!sent.committed) return;  // has failed already
+    const bool isDirectory = sent.item.info.kind == Kind::Directory;
+    const Parts object = SplitAtSlash(sent.item.object);
+    const auto found = now.find(Escape(object.back()));
+    const bool isThere = found != now.end() && IsStoredAs(found->second, isDirectory, sent.text, sent.before);
+    // A version of the same second as the one before, as after two runs with --full, cannot be told from it.
+    bool again = !isThere && found != now.end() && IsStoredAs(found->second, isDirectory, sent.text);
+    if (again && !std::exchange(secondPassed_, true)) std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto storeAgain = [&] {
+        session_.Retry([&] {
+            if (std::exchange(again, true)) Store(session_, buffer_, sent);
+            RequireStored(session_, object, isDirectory, sent.text, sent.before);
+        });
+    };
+    sent.checked = isThere || Attempt(context_.report, sent.item.local, storeAgain);
+    if (sent.checked) Count(sent.item, sent.change);
 }
 
 void TreeBackup::Settle(Folder& folder) {
@@ -298,13 +257,10 @@ void TreeBackup::Settle(Folder& folder) {
         if ((mayGo || isTold) && !options_.keepVanished) gone.emplace(name, stored);
         folder.othersStay = folder.othersStay || !mayGo;
     }
-    if (uncheckedObjects_ >= mostUnchecked) Finish();
+    if (sent_.size() >= mostUnchecked) Finish();
     if (gone.empty() && folder.replaced.empty()) return;
-    workers_.Finish();
-    for (const auto& sent : unchecked_) {
-        if (sent->unfinished == folder.unfinished) Check(*sent);
-    }
-    if (*folder.unfinished > 0) {
+    Finish(folder.incomplete);
+    if (*folder.incomplete) {
         return report.Note(Join(folder.object) + ": what is gone stays stored, since not everything here could be");
     }
     if (options_.keepVanished) {

@@ -1,9 +1,8 @@
 // Stores local trees, directory by directory, and makes the stored trees equal to them.
 #pragma once
 
-#include <atomic>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,36 +36,33 @@ public:
 
     // Reports what fails, and goes on.
     void Run(const Source& source);
-    // Returns when everything is stored. A listing of each directory says whether it is, since a commit answers 0 also
-    // where the API could not end the object. Throws Interrupted at a signal.
-    void Finish();
+    // Whether something of a directory could not be stored. A new directory shares it with the one above, from which it
+    // may have been moved away under another name.
+    using Incomplete = std::shared_ptr<bool>;
+
+    // Returns when everything is stored, or all that counts in some directories. A listing of each directory says
+    // whether it is, since a commit answers 0 also where the API could not end the object. Throws Interrupted at a
+    // signal.
+    void Finish(const Incomplete& only = nullptr);
 
 private:
+    // What was sent, and no listing has shown yet that it is stored. A session fills in what became of it.
     struct Sent {
         LocalItem item;
         Change change;
-        std::string before;  // date of the version until now
-        std::string text;    // of the last try
+        Incomplete incomplete;
+        std::string before;     // date of the version until now
+        std::string text = {};  // of the last try
         bool committed = false;
-    };
-    using Counter = std::shared_ptr<std::atomic<size_t>>;
-    // What was sent to a directory, and no listing has shown yet that it is stored. The sessions fill in what became of
-    // it.
-    struct Unchecked {
-        Parts object;
-        Counter unfinished;
-        std::deque<Sent> sent;
+        bool checked = false;
     };
     // A directory while it is stored.
     struct Folder {
         Parts object;
         StoredFolder stored;              // in the end, what is not here
         std::vector<LocalItem> replaced;  // stored as the other kind too
-        std::shared_ptr<Unchecked> sending;
-        bool othersStay = false;  // something in it does
-        // What has not been stored, or not yet. A new directory counts in the one above, from which it may have been
-        // moved away under another name.
-        Counter unfinished = std::make_shared<std::atomic<size_t>>(0);
+        bool othersStay = false;          // something in it does
+        Incomplete incomplete = std::make_shared<bool>(false);
     };
 
     void Enter(const LocalItem& directory, Folder& folder, const std::function<void()>& store);
@@ -77,8 +73,8 @@ private:
     void Store(Session& session, Buffer& buffer, Sent& sent) const;
     void StoreItem(const LocalItem& item, Folder& folder);
     void Settle(Folder& folder);
-    void Check(Unchecked& folder);
-    void Count(const Parts& object, Kind kind, Change change);
+    void Check(Sent& sent, const StoredFolder& now);
+    void Count(const LocalItem& item, Change change);
     bool LeavesOut(const Parts& object, bool directory) const;
 
     const TreeOptions& options_;
@@ -86,13 +82,12 @@ private:
     Session& session_;
     const StoreFunction store_;
     Buffer buffer_;
-    Workers workers_;
+    std::list<Sent> sent_;
+    Workers workers_;  // ends before what it works on
     Vanished vanished_;
-    std::vector<std::shared_ptr<Unchecked>> unchecked_;
-    size_t uncheckedObjects_ = 0;  // at most as many are in them
-    bool secondPassed_ = false;    // since the backup began
-    bool headStored_ = false;      // whether the directories above the trees are there
-    size_t head_ = 0;              // how many there are
+    bool secondPassed_ = false;  // since the backup began
+    bool headStored_ = false;    // whether the directories above the trees are there
+    size_t head_ = 0;            // how many there are
     LocalItem top_;
 };
 

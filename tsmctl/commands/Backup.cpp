@@ -42,16 +42,11 @@ constexpr int tries = 4;
 
 // The size of the last version and a tenth more, or a large value where that size is not known, or is one that would
 // have fit into the buffer, as this stream does not.
-long long EstimateFor(Session& session, const Parts& object) {
-    Selection files;
-    files.objectType = TSM_OBJECTS_FILES;
-    long long estimate = largeStream;
-    for (const StoredObject& last : List(session, NamePattern(object, false), files)) {
-        const bool known = last.info && last.info->size.value_or(0) >= static_cast<long long>(pieceSize);
-        estimate = known ? *last.info->size + std::min(*last.info->size / 10, LLONG_MAX - *last.info->size)
-                         : std::max(largeStream, last.announced - static_cast<long long>(sealLength));
-    }
-    return estimate;
+long long EstimateAfter(const std::optional<StoredObject>& last) {
+    if (!last) return largeStream;
+    const long long size = last->info ? last->info->size.value_or(0) : 0;
+    if (size >= static_cast<long long>(pieceSize)) return size + std::min(size / 10, LLONG_MAX - size);
+    return std::max(largeStream, last->announced - static_cast<long long>(sealLength));
 }
 
 class Sender {
@@ -61,12 +56,17 @@ public:
         : options_(options), report_(report), session_(session), buffer_(buffer), text_(text) {}
 
     void Store(const LocalItem& item) {
-        if (item.info.kind == Kind::Directory) return StoreDirectory(item);
-        return item.info.kind == Kind::File ? StoreFile(item) : StoreWithoutFile(item);
+        for (int attempt = 1; !StoreUnchanged(item); ++attempt) {
+            if (attempt == tries) {
+                throw Failure(fmt::format("changed while it was read, {} times; not stored", tries));
+            }
+            poll(nullptr, 0, 100 << attempt);
+            CheckInterrupt();
+        }
     }
 
     // Without a size, what fits into the buffer is announced exactly, and anything longer by the estimate.
-    void StoreStream(const Parts& object) {
+    void StoreStream(const Parts& object, const std::optional<StoredObject>& last) {
         Info info;
         info.kind = Kind::Stream;
         info.mode = 0600;
@@ -80,9 +80,8 @@ public:
         const bool whole = first < pieceSize;
         if (whole && !info.size) info.size = length;
         if (info.size && (whole ? length != *info.size : length > *info.size)) FailSize();
-        const long long announced = info.size           ? *info.size
-                                    : options_.estimate ? std::max(*options_.estimate, length)
-                                                        : std::max(EstimateFor(session_, object), length);
+        const long long announced =
+            info.size.value_or(std::max(length, options_.estimate.value_or(EstimateAfter(last))));
         text_ = FormatInfo(info);
         long long sent = 0;
         bool readOn = false;
@@ -120,27 +119,49 @@ private:
 
     // Sends up to limit bytes; fewer when the input ends.
     long long Send(Upload& upload, int fd, long long limit) {
-        long long sent = 0;
-        while (sent < limit) {
-            const auto wanted = static_cast<size_t>(std::min<long long>(limit - sent, pieceSize));
-            const size_t got = ReadFull(fd, buffer_.data(), wanted);
-            if (got > 0) upload.Send(buffer_.data(), got);
-            sent += static_cast<long long>(got);
-            report_.Advance(got);
-            if (got < wanted) break;
-        }
-        return sent;
+        return ReadPieces(fd, buffer_, limit, [&](size_t length) {
+            upload.Send(buffer_.data(), length);
+            report_.Advance(length);
+        });
     }
 
     [[noreturn]] void FailSize() const {
         throw Failure(fmt::format("does not have the {} bytes of --size; not stored", *options_.size));
     }
 
-    // Its attributes have to fit into its information text; what does not is left out, ACLs last.
-    void StoreDirectory(const LocalItem& item) {
-        Info info = item.info;
+    // The item counts as it is when it is opened. False when a file changed while it was read; nothing of it is stored
+    // then.
+    bool StoreUnchanged(const LocalItem& item) {
+        const bool isFile = item.info.kind == Kind::File;
+        const UniqueFd here = OpenItem(item, isFile ? 0 : O_PATH);
+        const struct stat status = StatusOf(here);
+        Info info = InfoOf(status);
+        if (info.kind != item.info.kind) throw Failure(fmt::format("is no longer a {}", KindName(item.info.kind)));
+        std::string target = info.kind == Kind::Link ? ReadLink(here) : "";
+        if (!isFile) info.size = static_cast<long long>(target.size());
+        std::vector<Extent> extents;
+        if (isFile) extents = FindData(here.Get(), status);
+        const std::string ranges = FormatExtents(extents);
+        ParseExtents(ranges, *info.size);  // what cannot be read back is refused
+        if (extents.empty()) extents.push_back({0, *info.size});
+        long long bytes = 0;
+        for (const Extent& extent : extents) bytes += extent.length;
+        std::string header = ReadAttributes(here.Get(), report_) + ranges;
+        if (info.kind == Kind::Directory) PutInto(info, std::exchange(header, ""));
+        if (!header.empty()) AddField(info.fields, "header", std::to_string(header.size()));
+        Upload upload(session_, ToStored(SplitAtSlash(item.object)), bytes, info, header, options_.tree.mgmtClass);
+        upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
+        report_.Advance(target.size());
+        if (isFile && !SendFile(upload, here, extents, status)) return false;
+        text_ = upload.InfoText();
+        upload.Commit();
+        return true;
+    }
+
+    // A directory's attributes have to fit into its information text; what does not is left out, ACLs last.
+    void PutInto(Info& info, const std::string& attributes) {
         bool complete = true;
-        for (const std::string& field : AttributesIn(ReadAttributes(OpenItem(item, O_PATH).Get(), report_))) {
+        for (const std::string& field : AttributesIn(attributes)) {
             const std::string before = info.fields;
             info.fields += (before.empty() ? "" : " ") + field;
             if (FormatInfo(info).size() + sumLength <= longestInfo) continue;
@@ -149,69 +170,25 @@ private:
         }
         if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
         AddSum(info);
-        Commit(Begin(item, info, "", 0));
     }
 
-    // A link or a special file.
-    void StoreWithoutFile(const LocalItem& item) {
-        std::string target = item.info.kind == Kind::Link ? ReadLink(item) : "";
-        Info info = item.info;
-        info.size = static_cast<long long>(target.size());
-        Upload upload = Begin(item, info, ReadAttributes(OpenItem(item, O_PATH).Get(), report_), *info.size);
-        upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
-        Commit(std::move(upload));
-        report_.Advance(target.size());
-    }
-
-    void Commit(Upload&& upload) {
-        text_ = upload.InfoText();
-        upload.Commit();
-    }
-
-    Upload Begin(const LocalItem& item, Info info, const std::string& header, long long bytes) {
-        if (!header.empty()) AddField(info.fields, "header", std::to_string(header.size()));
-        const StoredName name = ToStored(SplitAtSlash(item.object));
-        return Upload(session_, name, bytes, info, header, options_.tree.mgmtClass);
-    }
-
-    // The file counts as it is when it is opened. A link or a pipe that has taken its place is refused.
-    void StoreFile(const LocalItem& item) {
-        for (int attempt = 1;; ++attempt) {
-            if (StoreUnchanged(item)) return;
-            if (attempt == tries) {
-                throw Failure(fmt::format("changed while it was read, {} times; not stored", tries));
-            }
-            poll(nullptr, 0, 100 << attempt);
-            CheckInterrupt();
+    // False when it changed meanwhile.
+    bool SendFile(Upload& upload, const UniqueFd& file, const std::vector<Extent>& extents, const struct stat& status) {
+        long long place = 0;
+        bool less = false;
+        for (auto extent = extents.begin(); extent != extents.end() && !less; ++extent) {
+            upload.Skip(extent->offset - place);
+            if (lseek(file.Get(), extent->offset, SEEK_SET) < 0) FailLocal("cannot read", errno);
+            less = Send(upload, file.Get(), extent->length) < extent->length;
+            place = extent->offset + extent->length;
         }
-    }
-
-    // False when the file changed while it was read; nothing of it is stored then.
-    bool StoreUnchanged(const LocalItem& item) {
-        const UniqueFd file = OpenItem(item);
-        const struct stat status = StatusOf(file);
-        const Info info = InfoOf(status);
-        if (info.kind != Kind::File) throw Failure("is no longer a regular file");
-        std::vector<Extent> extents = FindData(file.Get(), status);
-        const std::string ranges = FormatExtents(extents);
-        ParseExtents(ranges, *info.size);  // what cannot be read back is refused
-        if (extents.empty()) extents.push_back({0, *info.size});
-        long long bytes = 0;
-        for (const Extent& extent : extents) bytes += extent.length;
-        Upload upload = Begin(item, info, ReadAttributes(file.Get(), report_) + ranges, bytes);
-        const long long sent = SendExtents(upload, file.Get(), extents, *info.size);
+        if (!less) upload.Skip(status.st_size - place);
+        lseek(file.Get(), status.st_size, SEEK_SET);
         const bool more = MoreIn(file.Get());
-        const Info after = InfoOf(StatusOf(file));
-        const auto state = [](const Info& i) {
-            return TimeText(i.mtime) + TimeText(i.ctime) + std::to_string(*i.size);
-        };
-        if (state(after) != state(info)) return false;
-        if (sent != *info.size || more) {
-            throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
-                                      more ? "more" : "less", *info.size));
-        }
-        Commit(std::move(upload));
-        return true;
+        if (FormatInfo(InfoOf(StatusOf(file))) != FormatInfo(InfoOf(status))) return false;
+        if (!less && !more) return true;
+        throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
+                                  more ? "more" : "less", status.st_size));
     }
 
     // A write in the tick of the clock in which the file changed last would not show in its times.
@@ -225,19 +202,6 @@ private:
         return status;
     }
 
-    long long SendExtents(Upload& upload, int fd, const std::vector<Extent>& extents, long long size) {
-        long long place = 0;
-        for (const Extent& extent : extents) {
-            upload.Skip(extent.offset - place);
-            if (lseek(fd, extent.offset, SEEK_SET) < 0) FailLocal("cannot read", errno);
-            place = extent.offset + Send(upload, fd, extent.length);
-            if (place < extent.offset + extent.length) return place;
-        }
-        upload.Skip(size - place);
-        lseek(fd, size, SEEK_SET);
-        return size;
-    }
-
     const BackupOptions& options_;
     Report& report_;
     Session& session_;
@@ -245,41 +209,36 @@ private:
     std::string& text_;
 };
 
-// The run is recorded when it begins, too, so that one that was broken off shows as such. Of what cannot be looked at,
-// that is done only where it has been a tree, and of what is no directory, only where that failed.
+// Of what is no directory now, a run is recorded only where it has been a tree.
+void Record(Report& report, Session& session, RunRecord run, bool isDirectory, const std::string& mgmtClass) {
+    Attempt(report, "the record of " + Join(run.tree), [&] {
+        const std::vector<RunRecord> last = FindRuns(session, run.tree, Scope::Self);
+        if (!isDirectory && last.empty()) return;
+        if (!run.complete && !last.empty()) run.complete = last[0].complete;
+        StoreRun(session, run, mgmtClass);
+    });
+}
+
+// The run is recorded when it begins, too, so that one that was broken off shows as such.
 void StoreSource(const BackupOptions& options, Report& report, Session& session, TreeBackup& backup,
                  const Source& source) {
     struct stat status = {};
     const bool found = lstat(source.local.c_str(), &status) == 0;
-    bool recorded = found && S_ISDIR(status.st_mode);
-    const bool isFile = found && !recorded;
+    const bool isDirectory = found && S_ISDIR(status.st_mode);
     if (report.IsDryRun()) return backup.Run(source);
-    if (!isFile) backup.Finish();
+    if (!found || isDirectory) backup.Finish();
     const long long before = report.Failures();
     RunRecord run;
     run.tree = source.object;
     run.begun = run.ended = std::time(nullptr);
-    bool known = false;  // what is recorded until now
-    const auto record = [&] {
-        Attempt(report, "the record of " + Join(source.object), [&] {
-            if (!known) {
-                for (const RunRecord& last : FindRuns(session, source.object, Scope::Self)) {
-                    run.complete = last.complete;
-                    recorded = true;
-                }
-            }
-            known = true;
-            if (recorded) StoreRun(session, run, options.tree.mgmtClass);
-        });
-    };
-    if (!isFile) record();
+    if (isDirectory) Record(report, session, run, true, options.tree.mgmtClass);
     backup.Run(source);
-    if (isFile && report.Failures() == before) return;
+    if (found && !isDirectory && report.Failures() == before) return;
     backup.Finish();
     run.failures = report.Failures() - before;
     run.ended = std::time(nullptr);
     if (run.failures == 0) run.complete = run.ended;
-    record();
+    Record(report, session, run, isDirectory, options.tree.mgmtClass);
 }
 
 void StoreTrees(const BackupOptions& options, Context& context) {
@@ -301,7 +260,8 @@ void StoreInput(const BackupOptions& options, Context& context) {
     session.Handle();
     context.report.Expect(options.size);
     Attempt(context.report, "standard input", [&] {
-        if (ListOne(session, object).directory) {
+        const StoredPair stored = ListOne(session, object);
+        if (stored.directory) {
             context.report.Warn(Join(object), "a directory of this name is stored and stays; restore takes the newer");
         }
         if (context.report.IsDryRun()) {
@@ -309,7 +269,7 @@ void StoreInput(const BackupOptions& options, Context& context) {
             return context.report.Did("stored", Join(object));
         }
         std::string text;
-        Sender(options, context.report, session, buffer, text).StoreStream(object);
+        Sender(options, context.report, session, buffer, text).StoreStream(object, stored.file);
     });
 }
 

@@ -32,27 +32,16 @@ std::string SumLine(const std::string& digest, const Parts& local) {
     return fmt::format("{}{}  {}", escaped ? "\\" : "", digest, name);
 }
 
-constexpr const char* noSum = "read, but stored without a SHA-256 to compare with";
-
-// A directory's text is all that it has.
-void CheckDirectory(Report& report, const StoredObject& object) {
-    RequireKnown(object);
-    report.Count(Kind::Directory);
-    report.Did("checked", object.ObjectPath());
-    if (object.info && FieldOf(object.info->fields, "sum").empty()) report.CountLoss(noSum);
-}
-
 void CheckOne(const CheckOptions& options, Report& report, Session& session, Buffer& buffer,
               const ChosenObject& chosen) {
-    Download download(session, chosen.object, options.chosen.selection.at);
-    Receive(download, buffer, [&](const Piece& piece) { report.Advance(piece.size); });
+    const Content content = ContentOf(session, buffer, chosen.object, options.chosen.selection.at, report);
     const Kind kind = chosen.object.GetKind();
     report.Count(kind);
-    if (!download.Sealed()) report.CountLoss(noSum);
+    if (!content.sealed) report.CountLoss("read, but stored without a SHA-256 to compare with");
     const bool isFile = kind == Kind::File || kind == Kind::Stream;
     if (!options.sums || !isFile) return report.Did("checked", chosen.object.ObjectPath());
-    if (report.IsJson()) return report.Json({{"path", chosen.object.ObjectPath()}, {"sha256", download.Digest()}});
-    report.Entry(SumLine(download.Digest(), chosen.local));
+    if (report.IsJson()) return report.Json({{"path", chosen.object.ObjectPath()}, {"sha256", content.digest}});
+    report.Entry(SumLine(content.digest, chosen.local));
 }
 
 void Check(CheckOptions options, Context& context) {
@@ -65,13 +54,16 @@ void Check(CheckOptions options, Context& context) {
         if (options.subset < 100) batch.Thin(options.subset);
         batch.Run(last);
     };
+    Buffer none;
     const auto visit = [&](std::vector<StoredObject>& versions, const Parts& plain, size_t above) {
         const Parts local(plain.begin() + static_cast<std::ptrdiff_t>(above), plain.end());
         for (StoredObject& object : versions) {
-            if (object.directory) {
-                Attempt(context.report, object.ObjectPath(), [&] { CheckDirectory(context.report, object); });
-            } else {
-                batch.Add({std::move(object), local});
+            const ChosenObject chosen = {std::move(object), local};
+            if (!chosen.object.directory) {
+                batch.Add(chosen);
+            } else {  // costs no reading, whatever the part of the objects
+                Attempt(context.report, chosen.object.ObjectPath(),
+                        [&] { CheckOne(options, context.report, session, none, chosen); });
             }
         }
         if (batch.IsFull()) run(false);

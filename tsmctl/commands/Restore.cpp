@@ -99,9 +99,7 @@ public:
                 const UniqueFd here(
                     openat(directory.Get(), item.local.back().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
                 if (here.Get() < 0) FailLocal("cannot open", errno);
-                Sha256 content;
-                AddFile(content, here, buffer);
-                if (content.Hex() != download.Digest()) throw Failure(NewEntry::differs);
+                if (DigestOf(here.Get(), buffer) != download.Digest()) throw Failure(NewEntry::differs);
             }
             // The names of a file were stored one after the other, each with the content of its own: only names that
             // agree in everything are linked again.

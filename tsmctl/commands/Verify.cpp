@@ -1,14 +1,13 @@
 // verify and diff: compare what is stored with the local files, byte for byte or without reading them, or with what was
 // stored at a moment, and name each difference.
-#include <fcntl.h>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <ctime>
+#include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "Arguments.h"
@@ -34,232 +33,144 @@ struct DiffOptions {
     std::string local;
 };
 
-// For people, in the local time zone.
-std::string LocalTime(const timespec& time) {
+// What the information text says, for people.
+using Said = std::vector<std::pair<const char*, std::string>>;
+Said Describe(const Info& info, int version) {
     std::tm local = {};
-    char date[64];
-    char zone[16];
-    if (!localtime_r(&time.tv_sec, &local) || std::strftime(date, sizeof date, "%F %T", &local) == 0) {
-        return TimeText(time);
-    }
-    std::strftime(zone, sizeof zone, "%z", &local);
-    return fmt::format("{}.{:09} {}", date, time.tv_nsec, zone);
+    const bool shown = localtime_r(&info.mtime.tv_sec, &local);
+    const std::string time =
+        shown ? fmt::format("{:%F %T}.{:09} {:%z}", local, info.mtime.tv_nsec, local) : TimeText(info.mtime);
+    Said said = {{"mode", ModeText(info.mode)}, {"modification time", time}};
+    if (version < 2) return said;
+    said.emplace_back("owner and group", fmt::format("{}:{}", info.uid, info.gid));
+    said.emplace_back("device", FieldOf(info.fields, "device"));
+    return said;
 }
 
 // What the information text tells to be different. Of a stream it tells only the kind.
 std::vector<std::string> Differences(const Info& here, const StoredObject& object) {
     const Kind kind = object.GetKind();
-    const auto text = [](const char* what, const std::string& one, const std::string& other) {
-        return fmt::format("{}{} here, {} stored", what, one, other);
-    };
-    if (here.kind != (kind == Kind::Stream ? Kind::File : kind)) return {text("", KindName(here.kind), KindName(kind))};
+    if (here.kind != (kind == Kind::Stream ? Kind::File : kind)) {
+        return {fmt::format("{} here, {} stored", KindName(here.kind), KindName(kind))};
+    }
     std::vector<std::string> found;
     if (!object.info || kind == Kind::Stream) return found;
-    const Info& there = *object.info;
-    if (here.mode != there.mode) found.push_back(text("mode ", ModeText(here.mode), ModeText(there.mode)));
-    if (TimeText(here.mtime) != TimeText(there.mtime)) {
-        found.push_back(text("modification time ", LocalTime(here.mtime), LocalTime(there.mtime)));
+    const Said one = Describe(here, object.info->version);
+    const Said other = Describe(*object.info, object.info->version);
+    for (size_t i = 0; i < one.size(); ++i) {
+        const auto& [what, text] = one[i];
+        if (text != other[i].second) found.push_back(fmt::format("{} {} here, {} stored", what, text, other[i].second));
     }
-    if (there.version < 2) return found;
-    const auto owner = [](const Info& info) { return fmt::format("{}:{}", info.uid, info.gid); };
-    if (owner(here) != owner(there)) found.push_back(text("owner and group ", owner(here), owner(there)));
-    const auto device = [](const Info& info) { return FieldOf(info.fields, "device"); };
-    if (device(here) != device(there)) found.push_back(text("device ", device(here), device(there)));
     return found;
 }
 
 // Goes through a local tree and the stored one at the same time, directory by directory.
 class Comparison {
 public:
-    Comparison(const Chosen& chosen, Report& report, Session& session)
-        : chosen_(chosen), report_(report), session_(session) {}
-    virtual ~Comparison() = default;
-    Comparison(const Comparison&) = delete;
-    Comparison& operator=(const Comparison&) = delete;
+    // Gets what is here and what is stored; one of them may be null.
+    using Visit = std::function<void(const LocalItem*, const StoredObject*, const Parts& plain)>;
 
     // above is the number of parts in front of the paths that exclusions match.
-    void Compare(const Source& source, size_t above, bool required) {
-        above_ = above;
+    Comparison(const Chosen& chosen, size_t above, Report& report, Session& session, Visit visit)
+        : chosen_(chosen), above_(above), report_(report), session_(session), visit_(std::move(visit)) {}
+
+    void Compare(const Source& source, bool required) const {
         const LocalItem top = Look(source);
         // The directory that the entries of "/" are stored in was not stored from it.
-        if (source.isRoot) return CompareIn(top, source.object, nullptr);
+        if (source.isRoot) return CompareIn(&top, source.object, nullptr);
         auto objects = List(session_, NamePattern(source.object, false), chosen_.selection);
         if (required && objects.empty()) throw NotFound();
-        CompareItem(top, source.object, objects.empty() ? nullptr : &objects.back());
+        CompareEntry(&top, source.object, objects.empty() ? nullptr : &objects.back());
     }
-
-protected:
-    virtual void Both(const LocalItem& item, const StoredObject& object) = 0;
-    virtual void OnlyHere(const LocalItem& item) = 0;
-    virtual void OnlyStored(const std::string& object) = 0;
 
 private:
-    void CompareItem(const LocalItem& item, const Parts& plain, const StoredObject* object) {
-        if (object) {
-            if (Attempt(report_, item.local, [&] { RequireKnown(*object); })) Both(item, *object);
-        } else if (item.info.kind != Kind::Other) {
-            OnlyHere(item);
-        }
-        if (item.info.kind == Kind::Directory) {
-            CompareIn(item, plain, object);
-        } else if (object && object->directory) {
-            NameStored(plain, *object);
-        }
+    void CompareEntry(const LocalItem* item, const Parts& plain, const StoredObject* object) const {
+        const bool isDirectory = item ? item->info.kind == Kind::Directory : object->directory;
+        const Parts below(plain.begin() + static_cast<std::ptrdiff_t>(above_), plain.end());
+        if (chosen_.exclusions.LeaveOut(below, isDirectory)) return;
+        const bool isSocket = !object && item->info.kind == Kind::Other;
+        const bool canBeCompared = !item || !object || Attempt(report_, item->local, [&] { RequireKnown(*object); });
+        if (canBeCompared && !isSocket) visit_(item, object, plain);
+        if (isDirectory || (object && object->directory)) CompareIn(isDirectory ? item : nullptr, plain, object);
     }
 
-    void CompareIn(const LocalItem& directory, const Parts& plain, const StoredObject* object) {
+    void CompareIn(const LocalItem* directory, const Parts& plain, const StoredObject* object) const {
         CheckInterrupt();
         LocalFolder folder;
-        if (!Attempt(report_, directory.local, [&] { folder = Read(directory, report_); })) return;
-        std::map<std::string, StoredObject> stored;  // of several of one name, the newest
+        if (directory && !Attempt(report_, directory->local, [&] { folder = Read(*directory, report_); })) return;
+        std::map<std::string, std::vector<StoredObject>> stored;  // of one name, the newest last
         for (StoredObject& entry :
              ListIn(session_, object && object->directory ? object->StoredPath() : StoredPathOf(plain),
                     chosen_.selection)) {
-            stored.insert_or_assign(Unescape(entry.name), std::move(entry));
+            stored[Unescape(entry.name)].push_back(std::move(entry));
         }
-        for (const std::string& name : folder.unreadable) stored.erase(name);
         for (const LocalItem& item : folder.entries) {
             const Parts inside = SplitAtSlash(item.object);
             const auto there = stored.extract(inside.back());
-            if (LeftOut(inside, item.info.kind == Kind::Directory)) continue;
-            CompareItem(item, inside, there ? &there.mapped() : nullptr);
+            if (!item.unreadable) CompareEntry(&item, inside, there ? &there.mapped().back() : nullptr);
         }
         folder.entries = {};
         if (!folder.whole) return;
-        for (const auto& [name, entry] : stored) {
-            const Parts inside = Append(plain, {name});
-            if (LeftOut(inside, entry.directory)) continue;
-            OnlyStored(Join(inside));
-            if (entry.directory) NameStored(inside, entry);
+        for (const auto& [name, entries] : stored) {
+            for (const StoredObject& entry : entries) CompareEntry(nullptr, Append(plain, {name}), &entry);
         }
-    }
-
-    // What lies below a directory that is none here.
-    void NameStored(const Parts& directory, const StoredObject& object) {
-        for (const StoredObject& entry : ListIn(session_, object.StoredPath(), chosen_.selection)) {
-            const Parts inside = Append(directory, {Unescape(entry.name)});
-            if (LeftOut(inside, entry.directory)) continue;
-            OnlyStored(Join(inside));
-            if (entry.directory) NameStored(inside, entry);
-        }
-    }
-
-    bool LeftOut(const Parts& plain, bool isDirectory) const {
-        return chosen_.exclusions.LeaveOut({plain.begin() + static_cast<std::ptrdiff_t>(above_), plain.end()},
-                                           isDirectory);
     }
 
     const Chosen& chosen_;
+    const size_t above_;
     Report& report_;
     Session& session_;
-    size_t above_ = 0;
+    const Visit visit_;
 };
 
-class Verifier : public Comparison {
-public:
-    Verifier(const VerifyOptions& options, Context& context, Session& session)
-        : Comparison(everything_, context.report, session),
-          report_(context.report),
-          workers_(context, session, options.jobs) {}
-
-    void Finish() { workers_.Finish(); }
-
-    // read gives up to length bytes of the local side, fewer at its end.
-    template <typename Read>
-    void CompareContent(Download& download, Buffer& buffer, const std::string& local, const Read& read) {
-        Buffer here(1);
-        long long offset = 0;
-        for (Piece piece = download.Next(buffer); piece.size > 0; piece = download.Next(buffer)) {
-            here.resize(std::max(here.size(), piece.size));
-            const size_t got = read(here.data(), piece.size);
-            const auto first = static_cast<std::ptrdiff_t>(got);
-            const auto unequal = std::mismatch(here.begin(), here.begin() + first, piece.data).first - here.begin();
-            offset += unequal;
-            report_.Advance(got);
-            if (static_cast<size_t>(unequal) < piece.size) {
-                return report_.Differs(local, fmt::format("content differs from byte {} on", offset));
-            }
-        }
-        download.Finish();
-        if (read(here.data(), 1) != 0) report_.Differs(local, fmt::format("longer here, {} bytes are stored", offset));
-    }
-
-private:
-    void Both(const LocalItem& item, const StoredObject& object) override {
-        workers_.Do(item.local, [this, item, object](Session& session, Buffer& buffer) {
-            session.Retry([&] { Verify(session, buffer, item, object); });
-        });
-    }
-    void OnlyHere(const LocalItem& item) override { report_.Differs(item.local, "is not stored"); }
-    void OnlyStored(const std::string& object) override { report_.Differs(object, "is stored and not here"); }
-
-    void Verify(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object) {
-        const Kind stored = object.GetKind();
-        const std::vector<std::string> differences = Differences(item.info, object);
-        const bool sameKind = item.info.kind == (stored == Kind::Stream ? Kind::File : stored);
-        std::string there = object.info ? object.info->fields : "";
-        UniqueFd here;
-        if (sameKind) {
-            here = OpenItem(item, item.info.kind == Kind::File ? 0 : O_PATH);
-            if (!object.directory) there = VerifyContent(session, buffer, item, object, here);
-        }
-        // Comes after the calls that are tried again.
-        report_.Count(item.info.kind);
-        report_.Did("compared", item.object);
-        for (const std::string& difference : differences) report_.Differs(item.local, difference);
-        if (!sameKind || !object.info || object.info->version < 2 || stored == Kind::Stream) return;
-        if (AttributesIn(there) != AttributesIn(ReadAttributes(here.Get(), report_))) {
-            report_.Differs(item.local, "extended attributes or ACL differ");
+void VerifyOne(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object, Report& report) {
+    const Kind kind = object.GetKind();
+    std::vector<std::string> differences = Differences(item.info, object);
+    if (item.info.kind == (kind == Kind::Stream ? Kind::File : kind)) {
+        const Content there = ContentOf(session, buffer, object, "", report);
+        const Content here = ContentOf(item, buffer, there.size + 1, report);
+        const bool withAttributes = object.info && object.info->version > 1 && kind != Kind::Stream;
+        if (here.digest != there.digest) differences.emplace_back("content differs");
+        if (withAttributes && here.attributes != there.attributes) {
+            differences.emplace_back("extended attributes or ACL differ");
         }
     }
-
-    // Returns what is stored beside the content.
-    std::string VerifyContent(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& object,
-                              const UniqueFd& here) {
-        Download download(session, object, "");
-        if (item.info.kind == Kind::Link) {
-            const std::string target = ReadLink(item);
-            const std::string there = ReceiveLinkTarget(download, buffer);
-            report_.Advance(target.size());
-            if (target != there)
-                report_.Differs(item.local, fmt::format("link to {} here, to {} stored", target, there));
-        } else {
-            CompareContent(download, buffer, item.local, [&](unsigned char* memory, size_t length) {
-                return IsSpecial(item.info.kind) ? 0 : ReadFull(here.Get(), memory, length);
-            });
-        }
-        return download.Header();
-    }
-
-    const Chosen everything_;
-    Report& report_;
-    Workers workers_;
-};
+    // Comes after the calls that are tried again.
+    report.Count(item.info.kind);
+    report.Did("compared", item.object);
+    for (const std::string& difference : differences) report.Differs(item.local, difference);
+}
 
 void VerifyTrees(const VerifyOptions& options, Context& context, Session& session) {
+    Report& report = context.report;
     const std::vector<Source> sources = ResolveSources(options.source.paths, options.source.to);
-    Verifier verifier(options, context, session);
+    const Chosen everything;
+    Workers workers(context, session, options.jobs);
+    const auto visit = [&](const LocalItem* here, const StoredObject* stored, const Parts& plain) {
+        if (!here) return report.Differs(Join(plain), "is stored and not here");
+        if (!stored) return report.Differs(here->local, "is not stored");
+        workers.Do(here->local, [&report, item = *here, object = *stored](Session& own, Buffer& buffer) {
+            own.Retry([&] { VerifyOne(own, buffer, item, object, report); });
+        });
+    };
+    const Comparison comparison(everything, 0, report, session, visit);
     for (const Source& source : sources) {
-        Attempt(context.report, source.local, [&] { verifier.Compare(source, 0, false); });
+        Attempt(report, source.local, [&] { comparison.Compare(source, false); });
     }
-    verifier.Finish();
+    workers.Finish();
 }
 
 void VerifyInput(const VerifyOptions& options, Context& context, Session& session) {
     const Parts name = options.source.InputObject();
     Attempt(context.report, "standard input", [&] {
-        Selection files;
-        files.objectType = TSM_OBJECTS_FILES;
-        const auto found = List(session, NamePattern(name, false), files);
-        if (found.empty()) throw NotFound();
+        const StoredPair found = ListOne(session, name);
+        if (!found.file) throw NotFound();
         Buffer buffer(pieceSize);
         context.report.Count(Kind::Stream);
         context.report.Did("compared", Join(name));
-        Download download(session, found[0], "");
-        Verifier(options, context, session)
-            .CompareContent(download, buffer, Join(name), [](unsigned char* memory, size_t length) {
-                return ReadFull(STDIN_FILENO, memory, length);
-            });
+        const Content there = ContentOf(session, buffer, *found.file, "", context.report);
+        if (DigestOf(STDIN_FILENO, buffer, there.size + 1) != there.digest)
+            context.report.Differs(Join(name), "content differs");
     });
 }
 
@@ -270,29 +181,17 @@ void Verify(const VerifyOptions& options, Context& context) {
     context.report.Summary("verify");
 }
 
-class LocalDiff : public Comparison {
-public:
-    LocalDiff(const Chosen& chosen, Report& report, Session& session)
-        : Comparison(chosen, report, session), report_(report) {}
-
-private:
-    void Both(const LocalItem& item, const StoredObject& object) override {
-        report_.Count(item.info.kind);
-        const bool same = Differences(item.info, object).empty() && item.info.size == object.Size();
-        if (!same) report_.Differs('M', item.object);
-    }
-    void OnlyHere(const LocalItem& item) override { report_.Differs('+', item.object); }
-    void OnlyStored(const std::string& object) override { report_.Differs('-', object); }
-
-    Report& report_;
-};
-
 void DiffLocal(const DiffOptions& options, Context& context, Session& session) {
+    Report& report = context.report;
     const NamePattern pattern = options.chosen.Patterns()[0];
-    Attempt(context.report, options.local, [&] {
-        LocalDiff(options.chosen, context.report, session)
-            .Compare({options.local, pattern.Plain(), false}, pattern.Above(), true);
-    });
+    const auto visit = [&](const LocalItem* here, const StoredObject* stored, const Parts& plain) {
+        if (here && stored) report.Count(here->info.kind);
+        const bool same =
+            here && stored && Differences(here->info, *stored).empty() && here->info.size == stored->Size();
+        if (!same) report.Differs(!here ? '-' : !stored ? '+' : 'M', Join(plain));
+    };
+    const Comparison comparison(options.chosen, pattern.Above(), report, session, visit);
+    Attempt(report, options.local, [&] { comparison.Compare({options.local, pattern.Plain(), false}, true); });
 }
 
 void DiffMoments(DiffOptions options, Context& context, Session& session) {
@@ -324,11 +223,7 @@ void Diff(const DiffOptions& options, Context& context) {
         throw UsageError("--local needs one PATH, without wildcards");
     }
     Session session(context.connection);
-    if (local) {
-        DiffLocal(options, context, session);
-    } else {
-        DiffMoments(options, context, session);
-    }
+    local ? DiffLocal(options, context, session) : DiffMoments(options, context, session);
     context.report.Summary("diff");
 }
 
