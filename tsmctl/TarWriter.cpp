@@ -107,17 +107,20 @@ private:
         if (info.version > 1)
             records += Record("uid", std::to_string(info.uid)) + Record("gid", std::to_string(info.gid));
         bool complete = true;
+        bool withoutRights = (info.mode & setIds) != 0;
         for (const auto& [name, value] : DecodeAttributes(attributes)) {
             // Readers take what comes before the first "=" for the name, and GNU tar these codes for a character.
             const auto holds = [&name = name](const char* part) { return name.find(part) != std::string::npos; };
-            const bool fits = !holds("=") && !holds("%25") && !holds("%3D");
-            if (fits) records += Record("SCHILY.xattr." + name, value);
-            complete = complete && fits;
+            if (name == capability) {
+                withoutRights = true;
+            } else if (holds("=") || holds("%25") || holds("%3D")) {
+                complete = false;
+            } else {
+                records += Record("SCHILY.xattr." + name, value);
+            }
         }
         if (!complete) report_.CountLoss("archived without an extended attribute whose name tar would change");
-        const bool setsIds = (info.mode & setIds) != 0;
-        if (setsIds || HasCapability(attributes))
-            report_.CountLoss("archived without its set-id bits and capabilities");
+        if (withoutRights) report_.CountLoss("archived without its set-id bits and capabilities");
         const mode_t mode = item.object.info ? info.mode & ~setIds : directory ? 0755 : 0644;
         std::string text = Block("pax", 'x', 0644, records.size(), "", 0) + records;
         text.resize((text.size() + blockSize - 1) / blockSize * blockSize);

@@ -47,16 +47,13 @@ public:
         return file_.Get();
     }
 
-    void CreateLink(const std::string& target) {
-        exists_ = symlinkat(target.c_str(), directory_.Get(), temporary_.c_str()) == 0;
-        if (!exists_) FailLocal("cannot create the link", errno);
-    }
-
-    // False where this user may not.
-    bool CreateSpecial(const Info& info) {
+    // A link or a special file. False where this user may not.
+    bool Create(const Info& info, const std::string& target) {
+        const int directory = directory_.Get();
         const mode_t type = info.kind == Kind::Pipe ? S_IFIFO : info.kind == Kind::BlockDevice ? S_IFBLK : S_IFCHR;
-        exists_ = mknodat(directory_.Get(), temporary_.c_str(), type | 0600, DeviceOf(info)) == 0;
-        if (!exists_ && errno != EPERM) FailLocal("cannot create", errno);
+        exists_ = info.kind == Kind::Link ? symlinkat(target.c_str(), directory, temporary_.c_str()) == 0
+                                          : mknodat(directory, temporary_.c_str(), type | 0600, DeviceOf(info)) == 0;
+        if (!exists_ && (info.kind == Kind::Link || errno != EPERM)) FailLocal("cannot create", errno);
         return exists_;
     }
 
@@ -68,25 +65,26 @@ public:
         const struct stat now = link.Status();
         if (now.st_dev != file.st_dev || now.st_ino != file.st_ino) return false;
         std::swap(temporary_, link.temporary_);
-        file_ = UniqueFd();
+        std::swap(file_, link.file_);
         return true;
     }
 
-    struct stat Status() const {
+    // A file is open for writing, anything else only to look at it.
+    int Fd() {
+        const int flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+        if (file_.Get() < 0) file_ = UniqueFd(openat(directory_.Get(), temporary_.c_str(), flags));
+        return file_.Get();
+    }
+
+    struct stat Status() {
         struct stat status = {};
-        if (!IsHere(directory_, temporary_, status)) FailLocal("cannot look at it", errno);
+        if (fstat(Fd(), &status) != 0) FailLocal("cannot look at it", errno);
         return status;
     }
 
-    // Gives it what is stored besides its content, flushes, and gives the entry its name.
-    void Publish(const std::string& name, bool replace, const std::optional<Info>& info, std::string_view attributes,
-                 Report& report) {
-        const bool isFile = file_.Get() >= 0;
-        if (!isFile) {
-            file_ = UniqueFd(openat(directory_.Get(), temporary_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-        }
-        if (info) ApplyMetadata(file_.Get(), *info, attributes, report);
-        if (isFile && fsync(file_.Get()) != 0) FailLocal("cannot write", errno);
+    // Flushes what was written, and gives the entry its name.
+    void Publish(const std::string& name, bool replace) {
+        if (fsync(file_.Get()) != 0 && errno != EBADF) FailLocal("cannot write", errno);
         const unsigned flags = replace ? 0 : RENAME_NOREPLACE;
         int result = renameat2(directory_.Get(), temporary_.c_str(), directory_.Get(), name.c_str(), flags);
         if (result != 0 && !replace && (errno == EINVAL || errno == ENOSYS)) {
@@ -168,8 +166,7 @@ public:
         RequireKnown(item.object);
         if (!item.object.info) return;
         const Info& info = *item.object.info;
-        ApplyMetadata(Open(item.local).Get(), info, info.fields, report_);
-        WarnOfRights(item, info.fields);
+        ApplyMetadata(Open(item.local).Get(), info, info.fields, Join(item.local), report_);
     }
 
     void Write(Session& session, Buffer& buffer, const ChosenObject& item) override {
@@ -194,13 +191,10 @@ public:
         std::unique_lock<std::mutex> linking(mutex_, std::defer_lock);
         std::string key;
         bool linked = false;
-        if (kind == Kind::Link) {
+        if (kind == Kind::Link || IsSpecial(kind)) {
             const std::string target = ReceiveLinkTarget(download, buffer);
             report_.Advance(target.size());
-            entry.CreateLink(target);
-        } else if (IsSpecial(kind)) {
-            ReceiveLinkTarget(download, buffer);
-            if (!entry.CreateSpecial(*info)) return report_.CountLoss("special file not restored");
+            if (!entry.Create(*info, target)) return report_.CountLoss("special file not restored");
         } else {
             ReceiveInto(entry.CreateFile(info ? 0600 : 0666), download, buffer, report_);
             if (same && overwrite_.empty()) {
@@ -214,12 +208,11 @@ public:
             if (!key.empty()) linking.lock();
             linked = LinkToTwin(entry, key);
         }
-        if (!linked) WarnOfRights(item, download.Header());
-        const struct stat status = entry.Status();
-        entry.Publish(name, taken, info, download.Header(), report_);
+        if (info && !linked) ApplyMetadata(entry.Fd(), *info, download.Header(), Join(item.local), report_);
+        entry.Publish(name, taken);
         report_.Count(kind);
         report_.Did("restored", item.object.ObjectPath());
-        if (!key.empty()) twins_.try_emplace(key, Twin{item.local, status});
+        if (!key.empty()) twins_.try_emplace(key, Twin{item.local, entry.Status()});
     }
 
     void Finish() override {}
@@ -242,12 +235,6 @@ private:
         const bool linked = entry.BecomeLinkTo(OpenAbove(local), local.back(), status);
         if (!linked) report_.CountLoss("hard link restored as a file of its own");
         return linked;
-    }
-
-    void WarnOfRights(const ChosenObject& item, const std::string& attributes) {
-        const bool setsIds = item.object.info && (item.object.info->mode & setIds) != 0;
-        if (setsIds) report_.Warn(Join(item.local), "restored without its set-user-id and set-group-id bits");
-        if (HasCapability(attributes)) report_.Warn(Join(item.local), "restored without its capabilities");
     }
 
     const std::string overwrite_;

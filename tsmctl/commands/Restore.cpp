@@ -29,15 +29,6 @@ struct RestoreOptions {
     int jobs = usualReaders;
 };
 
-// Throws Failure for a part that cannot be the name of a file, or that leads elsewhere.
-void RequireSafe(const Parts& parts) {
-    for (const std::string& part : parts) {
-        if (part.empty() || part == "." || part == ".." || part.find('/') != std::string::npos) {
-            throw Failure("its name cannot be that of a file here");
-        }
-    }
-}
-
 // Restores as it walks, a batch of files at a time. A directory is ended when everything in it is there.
 class TreeRestore {
 public:
@@ -61,7 +52,12 @@ public:
         if (batch_.IsFull() || directories_.size() >= Batch::most) Run(local);
         const StoredObject* first = nullptr;
         const bool possible = Attempt(report_, versions[0].ObjectPath(), [&] {
-            RequireSafe(local);
+            const auto leadsElsewhere = [](const std::string& part) {
+                return part.empty() || part == "." || part == ".." || part.find('/') != std::string::npos;
+            };
+            if (std::any_of(local.begin(), local.end(), leadsElsewhere)) {
+                throw Failure("its name cannot be that of a file here");
+            }
             const Parts& owner = heads_.try_emplace(local[0], plain.begin(), head).first->second;
             if (!std::equal(owner.begin(), owner.end(), plain.begin(), head)) {
                 throw Failure("has the same name here as what lies in another directory, which is restored");
@@ -107,31 +103,24 @@ private:
         directories_.erase(closed, directories_.end());
     }
 
-    // Which of several objects of one name is restored. If their stored names differ, because another program wrote one
-    // of them in its own way, it is ours; if they are a file and a directory of one stored name, the newer.
+    // Which of several objects of one name is restored: ours, if another program wrote one in its own way, and the
+    // newer of a file and a directory.
     const StoredObject& Choose(const std::vector<StoredObject>& versions) {
-        const auto ours = [](const StoredObject& object) {
-            const Parts stored = object.StoredParts();
-            return std::all_of(stored.begin(), stored.end(),
-                               [](const auto& part) { return Escape(Unescape(part)) == part; });
+        const auto comesLast = [](const StoredObject& object, const StoredObject& rival) {
+            const auto rank = [](const StoredObject& of) {
+                return std::make_tuple(StoredPathOf(of.PlainParts()) == of.StoredPath(), of.date, of.directory);
+            };
+            return rank(object) < rank(rival);
         };
-        const auto comesFirst = [&](const StoredObject& object, const StoredObject& rival) {
-            if (object.StoredParts() != rival.StoredParts()) return ours(object);
-            return std::tie(object.date, object.directory) > std::tie(rival.date, rival.directory);
-        };
-        const StoredObject* first = &versions[0];
-        for (const StoredObject& object : versions) {
-            if (comesFirst(object, *first)) first = &object;
-        }
+        const StoredObject& first = *std::max_element(versions.begin(), versions.end(), comesLast);
         for (const StoredObject& skipped : versions) {
-            if (&skipped == first) continue;
-            report_.Failed(skipped.ObjectPath(),
-                           skipped.directory == first->directory
-                               ? "another object has the same name here; only one of them is restored"
-                               : fmt::format("is stored as a file and as a directory; the {} is skipped",
-                                             skipped.directory ? "directory, with all that it holds," : "file"));
+            if (&skipped == &first) continue;
+            report_.Failed(
+                skipped.ObjectPath(),
+                fmt::format("is stored in more than one way, of which only one is restored; the {} is skipped",
+                            skipped.directory ? "directory, with all that it holds," : "file"));
         }
-        return *first;
+        return first;
     }
 
     const RestoreOptions& options_;
