@@ -19,11 +19,11 @@ public:
 
     // A directory begins before anything in it comes. It ends after everything that it holds, since that changes its
     // time and its mode may forbid it.
-    virtual void Begin(const ChosenObject& directory) = 0;
+    virtual void Begin(const ChosenObject&) {}
     virtual void End(const ChosenObject& directory) = 0;
     // A file, stream, link or special file. Several threads may write into a folder.
     virtual void Write(Session& session, Buffer& buffer, const ChosenObject& object) = 0;
-    virtual void Finish() = 0;
+    virtual void Finish() {}
 };
 
 // The folder is created if it is missing; links may lead to it. overwrite says what happens to files that exist: never,

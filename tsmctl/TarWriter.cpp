@@ -54,8 +54,6 @@ class TarWriter : public RestoreTarget {
 public:
     TarWriter(const std::string& at, Report& report) : at_(at), report_(report) {}
 
-    void Begin(const ChosenObject&) override {}
-
     void End(const ChosenObject& item) override {
         if (broken_) return;
         RequireKnown(item.object);

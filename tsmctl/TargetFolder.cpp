@@ -205,8 +205,10 @@ public:
                 if (content.Hex() != download.Digest()) throw Failure(differs);
             }
             key = TwinKey(item, download);
-            if (!key.empty()) linking.lock();
-            linked = LinkToTwin(entry, key);
+            if (!key.empty()) {
+                linking.lock();
+                linked = LinkToTwin(entry, key);
+            }
         }
         if (info && !linked) ApplyMetadata(entry.Fd(), *info, download.Header(), Join(item.local), report_);
         entry.Publish(name, taken);
@@ -214,8 +216,6 @@ public:
         report_.Did("restored", item.object.ObjectPath());
         if (!key.empty()) twins_.try_emplace(key, Twin{item.local, entry.Status()});
     }
-
-    void Finish() override {}
 
 private:
     // Another name of a file that was restored before.
