@@ -117,9 +117,13 @@ std::optional<Info> ParseInfo(const std::string& text) {
     if (!std::strchr(first ? "flds" : "fldspcb", kind) || info.mode > 07777) return std::nullopt;
     info.kind = static_cast<Kind>(kind);
     info.size = ParseNumber(size);
-    if (!first) info.fields = text.substr(std::min(FormatInfo(info).size() + 1, text.size()));
     // A text that FormatInfo would write differently is not ours.
-    if (FormatInfo(info) != text || (!first && !info.size && info.kind != Kind::Stream)) return std::nullopt;
+    const std::string fixed = FormatInfo(info);
+    const bool more = text.size() > fixed.size();
+    if (text.compare(0, fixed.size(), fixed) != 0 || (more && (first || text[fixed.size()] != ' ')))
+        return std::nullopt;
+    if (!first && !info.size && info.kind != Kind::Stream) return std::nullopt;
+    if (more) info.fields = text.substr(fixed.size() + 1);
     const std::string header = FieldOf(info.fields, "header");
     if (!header.empty() && ParseNumber(header).value_or(LLONG_MAX) > longestHeader) return std::nullopt;
     const std::string sum = FieldOf(info.fields, "sum");

@@ -1,3 +1,4 @@
+// An archive in the pax format on standard output.
 #include <fmt/format.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
