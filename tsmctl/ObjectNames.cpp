@@ -128,7 +128,9 @@ std::vector<Parts> DirectoriesAbove(const Parts& parts) {
 std::string Printable(std::string_view text) {
     std::string shown;
     for (size_t at = 0, length = 1; at < text.size(); at += length) {
-        const auto byte = [&](size_t i) { return at + i < text.size() ? text[at + i] & 0xffU : 0U; };
+        const auto byte = [&](size_t i) {
+            return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0U;
+        };
         const unsigned first = byte(0);
         length = first < 0xc2 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 1;
         char32_t code = first & (0x7fU >> length);

@@ -145,7 +145,7 @@ private:
         Download download(session, item.object, at_);
         Piece piece = download.Next(buffer);
         WriteHeader(item, '0', *size, "", download.Header());
-        const long long padding = (blockSize - *size % blockSize) % blockSize;
+        const auto padding = static_cast<long long>((blockSize - static_cast<size_t>(*size) % blockSize) % blockSize);
         long long left = *size;
         try {
             for (; piece.size > 0; piece = download.Next(buffer)) {
