@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <linux/limits.h>
 #include <openssl/evp.h>
+#include <strings.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -12,7 +13,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #include "Errors.h"
@@ -24,7 +24,6 @@ namespace {
 // ACLs are written shortly, so that those of most directories fit into the information text.
 constexpr std::pair<const char*, const char*> aclKeys[] = {{"acl", "system.posix_acl_access"},
                                                            {"dacl", "system.posix_acl_default"}};
-constexpr const char* capability = "security.capability";
 
 // A path for calls that do not take a descriptor of O_PATH.
 std::string PathOf(int fd) {
@@ -59,35 +58,34 @@ struct AclEntry {
 };
 constexpr uint32_t aclVersion = 2;
 constexpr uint32_t noId = 0xffffffff;
-constexpr std::pair<char, uint16_t> aclTags[] = {{'u', 1}, {'u', 2}, {'g', 4}, {'g', 8}, {'m', 16}, {'o', 32}};
+// The tag of an entry is the bit of its letter's place here; of two, the second has a number.
+constexpr std::string_view aclLetters = "uuggmo";
 
 // "u7,u1000:5,g5,m7,o0" and back: user, group, mask or others, with a number where it is not the owner's, and rights.
 std::string FromAclText(const std::string& text) {
     std::string value(reinterpret_cast<const char*>(&aclVersion), sizeof aclVersion);
     for (size_t at = 0; at < text.size(); at = std::min(text.find(',', at), text.size() - 1) + 1) {
-        unsigned rights = 0;
         unsigned id = noId;
+        unsigned rights = 0;
         const bool named = std::sscanf(&text[at + 1], "%u:%u", &id, &rights) == 2;
-        if (!named) std::swap(id, rights);
-        if (!named) id = noId;
-        AclEntry entry = {0, static_cast<uint16_t>(rights), id};
-        for (const auto& [letter, tag] : aclTags) {
-            if (letter == text[at] && (entry.tag == 0 || named)) entry.tag = tag;
-        }
+        if (!named) rights = std::exchange(id, noId);
+        const size_t place = named ? aclLetters.rfind(text[at]) : aclLetters.find(text[at]);
+        const auto tag = place == std::string_view::npos ? 0U : 1U << place;
+        const AclEntry entry = {static_cast<uint16_t>(tag), static_cast<uint16_t>(rights), id};
         value.append(reinterpret_cast<const char*>(&entry), sizeof entry);
     }
     return value;
 }
 
+// Is not the whole value where a tag is none of these.
 std::string AclText(const std::string& value) {
     std::string text;
     AclEntry entry = {};
     for (size_t at = sizeof aclVersion; at + sizeof entry <= value.size(); at += sizeof entry) {
         std::memcpy(&entry, &value[at], sizeof entry);
-        const auto* const tag =
-            std::find_if(std::begin(aclTags), std::end(aclTags), [&](const auto& t) { return t.second == entry.tag; });
-        if (tag == std::end(aclTags)) return "";
-        text += fmt::format("{}{}{}{}", text.empty() ? "" : ",", tag->first,
+        const auto place = static_cast<size_t>(ffs(entry.tag)) - 1;
+        if (place >= aclLetters.size()) return "";
+        text += fmt::format("{}{}{}{}", text.empty() ? "" : ",", aclLetters[place],
                             entry.id == noId ? "" : std::to_string(entry.id) + ":", entry.rights);
     }
     return text;
@@ -102,16 +100,6 @@ bool ReadWhole(std::string& bytes, const Call& call) {
     return length >= 0;
 }
 
-// Values in base64, and names as the system reads them: nothing behind a NUL may make another name of a capability.
-std::vector<std::pair<std::string, std::string>> NamedIn(std::string_view attributes) {
-    std::vector<std::pair<std::string, std::string>> found;
-    for (const std::string& field : FieldsOf(attributes, "xattr")) {
-        const size_t colon = std::min(field.rfind(':'), field.size() - 1);
-        found.emplace_back(PercentDecoded(field.substr(0, colon)).c_str(), field.substr(colon + 1));
-    }
-    return found;
-}
-
 bool SetOwner(int fd, const Info& info) {
     const auto change = [&](uid_t uid, gid_t gid) { return fchownat(fd, "", uid, gid, AT_EMPTY_PATH) == 0; };
     struct stat now = {};
@@ -119,17 +107,6 @@ bool SetOwner(int fd, const Info& info) {
     if (change(info.uid, info.gid)) return true;
     change(static_cast<uid_t>(-1), info.gid);  // an owner may choose among the groups of his own
     return now.st_uid == info.uid && fstat(fd, &now) == 0 && now.st_gid == info.gid;
-}
-
-bool SetAttributes(int fd, std::string_view attributes) {
-    const std::string path = PathOf(fd);
-    bool complete = true;
-    // The default of a folder above may have given both.
-    for (const auto& entry : aclKeys) removexattr(path.c_str(), entry.second);
-    for (const auto& [name, value] : DecodeAttributes(attributes)) {
-        if (setxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) != 0) complete = false;
-    }
-    return complete;
 }
 
 }  // namespace
@@ -174,23 +151,30 @@ std::vector<std::pair<std::string, std::string>> DecodeAttributes(std::string_vi
     for (const auto& [key, name] : aclKeys) {
         for (const std::string& value : FieldsOf(attributes, key)) found.emplace_back(name, FromAclText(value));
     }
-    for (const auto& [name, value] : NamedIn(attributes)) {
-        if (name != capability) found.emplace_back(name, FromBase64(value));
+    for (const std::string& field : FieldsOf(attributes, "xattr")) {
+        const size_t colon = std::min(field.rfind(':'), field.size() - 1);
+        // As the system reads it: nothing behind a NUL may make another name of a capability.
+        found.emplace_back(PercentDecoded(field.substr(0, colon)).c_str(), FromBase64(field.substr(colon + 1)));
     }
     return found;
 }
 
-bool HasCapability(std::string_view attributes) {
-    const auto named = NamedIn(attributes);
-    return std::any_of(named.begin(), named.end(), [](const auto& entry) { return entry.first == capability; });
-}
-
-void ApplyMetadata(int fd, const Info& info, std::string_view attributes, Report& report) {
-    if (info.version > 1 && !SetOwner(fd, info)) report.CountLoss("owner and group not restored");
-    // Before the mode, which may forbid it.
-    if (!SetAttributes(fd, attributes)) report.CountLoss("extended attributes or ACL not restored");
+void ApplyMetadata(int fd, const Info& info, std::string_view attributes, const std::string& local, Report& report) {
     const std::string path = PathOf(fd);
+    if (info.version > 1 && !SetOwner(fd, info)) report.CountLoss("owner and group not restored");
+    // Before the mode, which may forbid it. The default of a folder above may have given both.
+    for (const auto& entry : aclKeys) removexattr(path.c_str(), entry.second);
+    bool complete = true;
+    for (const auto& [name, value] : DecodeAttributes(attributes)) {
+        if (name == capability) {
+            report.Warn(local, "restored without its capabilities");
+        } else if (setxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0) != 0) {
+            complete = false;
+        }
+    }
+    if (!complete) report.CountLoss("extended attributes or ACL not restored");
     const mode_t mode = info.mode & ~setIds;
+    if (mode != info.mode) report.Warn(local, "restored without its set-user-id and set-group-id bits");
     if (info.kind != Kind::Link && fchmod(fd, mode) != 0 && (errno != EBADF || chmod(path.c_str(), mode) != 0)) {
         FailLocal("cannot set the mode", errno);
     }
@@ -201,28 +185,20 @@ void ApplyMetadata(int fd, const Info& info, std::string_view attributes, Report
 }
 
 std::vector<Extent> FindData(int fd, const struct stat& status) {
-    constexpr size_t most = 10000;
     if (status.st_blocks * 512 >= status.st_size) return {};
+    // Shorter holes are stored as zeros, so that there are never too many.
+    const long long least = std::max<long long>(4096, status.st_size / 100000);
     std::vector<Extent> extents;
-    long long end = 0;
-    // Holes that are shorter are stored as zeros, more of them where there are too many.
-    for (long long least = 4096; end < status.st_size; least *= 4) {
-        extents.clear();
-        end = 0;
-        while (end < status.st_size && extents.size() < most) {
-            const long long start = lseek(fd, end, SEEK_DATA);
-            if (start < 0 && errno != ENXIO) return {};  // a file system that does not know
-            if (start < 0 || start >= status.st_size) {
-                end = status.st_size;
-                break;
-            }
-            end = std::min<long long>(lseek(fd, start, SEEK_HOLE), status.st_size);
-            if (end <= start) return {};
-            if (!extents.empty() && start - (extents.back().offset + extents.back().length) < least) {
-                extents.back().length = end - extents.back().offset;
-            } else {
-                extents.push_back({start, end - start});
-            }
+    for (long long end = 0; end < status.st_size;) {
+        const long long start = lseek(fd, end, SEEK_DATA);
+        if (start < 0 && errno != ENXIO) return {};  // a file system that does not know
+        if (start < 0 || start >= status.st_size) break;
+        end = std::min<long long>(lseek(fd, start, SEEK_HOLE), status.st_size);
+        if (end <= start) return {};
+        if (!extents.empty() && start - (extents.back().offset + extents.back().length) < least) {
+            extents.back().length = end - extents.back().offset;
+        } else {
+            extents.push_back({start, end - start});
         }
     }
     if (extents.empty()) extents.push_back({0, 0});

@@ -16,15 +16,15 @@ namespace tsmctl {
 std::string ReadAttributes(int fd, Report& report);
 // Those among the fields, for a comparison.
 std::vector<std::string> AttributesIn(std::string_view fields);
-// Names and values as the system has them, without capabilities.
+// Names and values as the system has them.
 std::vector<std::pair<std::string, std::string>> DecodeAttributes(std::string_view attributes);
 
 // Gives a file, link or directory what is stored of it, as far as this user may; the rest is counted in the report.
-// Fails where mode or time cannot be set. Set-id bits and capabilities are not restored: an administrator decides again
-// who gets the rights of another.
+// Fails where mode or time cannot be set. Set-id bits and capabilities are not restored, which is warned of under the
+// local name: an administrator decides again who gets the rights of another.
 constexpr mode_t setIds = S_ISUID | S_ISGID;
-bool HasCapability(std::string_view attributes);
-void ApplyMetadata(int fd, const Info& info, std::string_view attributes, Report& report);
+constexpr const char* capability = "security.capability";
+void ApplyMetadata(int fd, const Info& info, std::string_view attributes, const std::string& local, Report& report);
 
 struct Extent {
     long long offset;

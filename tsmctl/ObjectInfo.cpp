@@ -52,29 +52,10 @@ std::string TimeText(const timespec& time) {
 
 namespace {
 
-std::string FormatFixedPart(const Info& info) {
-    std::string text = fmt::format("tsmctl{} {} {} {}", info.version, static_cast<char>(info.kind), ModeText(info.mode),
-                                   TimeText(info.mtime));
-    if (info.size || info.version > 1) text += info.size ? fmt::format(" {}", *info.size) : " -";
-    if (info.version > 1) text += fmt::format(" {}:{} {}", info.uid, info.gid, TimeText(info.ctime));
-    return text;
-}
-
 std::string SumOf(const std::string& text) {
     Sha256 sha256;
     sha256.Add(text.data(), text.size());
     return sha256.Hex().substr(0, 8);
-}
-
-template <typename Take>
-void ForEachField(std::string_view fields, const Take& take) {
-    while (!fields.empty()) {
-        const size_t end = std::min(fields.find_first_of(" \n"), fields.size());
-        const std::string_view field = fields.substr(0, end);
-        const size_t equals = std::min(field.find('='), field.size());
-        take(field.substr(0, equals), field.substr(std::min(equals + 1, field.size())));
-        fields.remove_prefix(std::min(end + 1, fields.size()));
-    }
 }
 
 // libcrypto fails in these calls for want of memory only.
@@ -90,9 +71,12 @@ void AddField(std::string& fields, std::string_view key, std::string_view value)
 
 std::vector<std::string> FieldsOf(std::string_view fields, std::string_view key) {
     std::vector<std::string> values;
-    ForEachField(fields, [&](std::string_view name, std::string_view value) {
-        if (name == key) values.emplace_back(value);
-    });
+    for (size_t at = 0, end = 0; at < fields.size(); at = end + 1) {
+        end = std::min(fields.find_first_of(" \n", at), fields.size());
+        const std::string_view field = fields.substr(at, end - at);
+        const size_t equals = field.find('=');
+        if (field.substr(0, equals) == key && equals < field.size()) values.emplace_back(field.substr(equals + 1));
+    }
     return values;
 }
 
@@ -113,7 +97,11 @@ size_t Info::HeaderLength() const {
 }
 
 std::string FormatInfo(const Info& info) {
-    return FormatFixedPart(info) + (info.fields.empty() ? "" : " ") + info.fields;
+    std::string text = fmt::format("tsmctl{} {} {} {}", info.version, static_cast<char>(info.kind), ModeText(info.mode),
+                                   TimeText(info.mtime));
+    if (info.size || info.version > 1) text += info.size ? fmt::format(" {}", *info.size) : " -";
+    if (info.version > 1) text += fmt::format(" {}:{} {}", info.uid, info.gid, TimeText(info.ctime));
+    return text + (info.fields.empty() ? "" : " ") + info.fields;
 }
 
 std::optional<Info> ParseInfo(const std::string& text) {
@@ -130,11 +118,12 @@ std::optional<Info> ParseInfo(const std::string& text) {
     info.kind = static_cast<Kind>(kind);
     info.size = ParseNumber(size);
     // A text that FormatInfo would write differently is not ours.
-    const std::string fixed = FormatFixedPart(info);
-    if (text.compare(0, fixed.size(), fixed) != 0) return std::nullopt;
-    if (text.size() == fixed.size()) return info;
-    if (first || text[fixed.size()] != ' ' || (!info.size && info.kind != Kind::Stream)) return std::nullopt;
-    info.fields = text.substr(fixed.size() + 1);
+    const std::string fixed = FormatInfo(info);
+    const bool more = text.size() > fixed.size();
+    if (text.compare(0, fixed.size(), fixed) != 0 || (more && (first || text[fixed.size()] != ' ')))
+        return std::nullopt;
+    if (!first && !info.size && info.kind != Kind::Stream) return std::nullopt;
+    if (more) info.fields = text.substr(fixed.size() + 1);
     const std::string header = FieldOf(info.fields, "header");
     if (!header.empty() && ParseNumber(header).value_or(LLONG_MAX) > longestHeader) return std::nullopt;
     const std::string sum = FieldOf(info.fields, "sum");

@@ -1,6 +1,7 @@
 #include "ObjectNames.h"
 
 #include <fmt/format.h>
+#include <fnmatch.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -13,40 +14,19 @@ namespace {
 constexpr std::string_view specialBytes = "%\\*?";
 constexpr size_t maxName = 255;
 
-// * matches any run of characters and ? matches one. Only the last * is tried again, so that no memory is needed.
-bool WildcardMatch(std::string_view pattern, std::string_view text) {
-    size_t p = 0;
-    size_t t = 0;
-    size_t star = std::string_view::npos;
-    size_t resume = 0;
-    while (t < text.size()) {
-        if (p < pattern.size() && pattern[p] == '*') {
-            star = p++;
-            resume = t;
-        } else if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
-            ++p;
-            ++t;
-        } else if (star != std::string_view::npos) {
-            p = star + 1;
-            t = ++resume;
-        } else {
-            return false;
-        }
-    }
-    return pattern.find_first_not_of('*', p) == std::string_view::npos;
+// * matches any run of characters and ? matches one byte.
+bool WildcardMatch(std::string_view pattern, const std::string& text) {
+    std::string whole;
+    for (const char c : pattern) whole += c == '[' ? "[[]" : std::string(1, c);
+    return fnmatch(whole.c_str(), text.c_str(), FNM_NOESCAPE) == 0;
 }
 
-std::string ServerPattern(std::string_view part) {
-    std::string pattern;
-    for (const char c : part) {
-        const bool special = specialBytes.find(c) != std::string_view::npos;
-        if (!special) {
-            pattern += c;
-        } else if (pattern.empty() || pattern.back() != '*') {
-            pattern += '*';
-        }
-    }
-    return pattern;
+std::string ServerPattern(std::string part) {
+    const auto special = [](char c) { return specialBytes.find(c) != std::string_view::npos; };
+    std::replace_if(part.begin(), part.end(), special, '*');
+    const auto run = [](char a, char b) { return a == '*' && b == '*'; };
+    part.erase(std::unique(part.begin(), part.end(), run), part.end());
+    return part;
 }
 
 template <typename Test>
@@ -75,24 +55,6 @@ std::string Decoded(std::string_view text, const Test& means) {
         i += encoded ? 2 : 0;
     }
     return bytes;
-}
-
-struct Character {
-    char32_t code;
-    size_t length;
-};
-
-// The first character of UTF-8; a byte that begins none counts as the character of its number.
-Character FirstOf(std::string_view text) {
-    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const size_t length = byte(0) < 0xc2 ? 1 : byte(0) < 0xe0 ? 2 : byte(0) < 0xf0 ? 3 : byte(0) < 0xf5 ? 4 : 1;
-    char32_t code = byte(0) & (0x7fU >> length);
-    for (size_t i = 1; i < length; ++i) {
-        if (i >= text.size() || (byte(i) & 0xc0U) != 0x80) return {byte(0), 1};
-        code = code << 6U | (byte(i) & 0x3fU);
-    }
-    constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-    return length == 1 || code < least[length] ? Character{byte(0), 1} : Character{code, length};
 }
 
 // Controls (C0, DEL, C1), separators of lines and paragraphs, marks of direction.
@@ -165,14 +127,25 @@ std::vector<Parts> DirectoriesAbove(const Parts& parts) {
 
 std::string Printable(std::string_view text) {
     std::string shown;
-    while (!text.empty()) {
-        const Character next = FirstOf(text);
-        if (IsControl(next.code)) {
+    for (size_t at = 0, length = 1; at < text.size(); at += length) {
+        const auto byte = [&](size_t i) {
+            return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0U;
+        };
+        const unsigned first = byte(0);
+        length = first < 0xc2 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 1;
+        char32_t code = first & (0x7fU >> length);
+        for (size_t i = 1; i < length; ++i) {
+            if ((byte(i) & 0xc0U) != 0x80) length = 1;
+            code = code << 6U | (byte(i) & 0x3fU);
+        }
+        constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (code < least[length]) length = 1;
+        // A byte that begins no character of UTF-8 counts as the character of its number.
+        if (IsControl(length == 1 ? first : code)) {
             shown += '?';
         } else {
-            shown += text.substr(0, next.length);
+            shown += text.substr(at, length);
         }
-        text.remove_prefix(next.length);
     }
     return shown;
 }
