@@ -651,7 +651,7 @@ TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
     Expect("mv x z; echo new > x; sleep 1.1; tsmctl backup x --keep-vanished", 0, "",
            "a directory of this name is stored");
     Expect("tsmctl restore x --to file; cat file/x", 0, "new\n", "the directory, with all that it holds, is skipped");
-    Expect("tsmctl delete x/b x --recursive --all-versions --yes && tsmctl list -q --all-versions | wc -l", 0,
+    Expect("tsmctl delete x --recursive --all-versions --yes && tsmctl list -q --all-versions | wc -l", 0,
            "removed x/b (1 version)\n");
 }
 
