@@ -32,6 +32,7 @@ struct RenameOptions {
 };
 
 const Selection everyVersion = {true, "", TSM_OBJECTS_ANY};
+const Selection marked = {true, "", TSM_OBJECTS_ANY, Reach::Strays, true};
 
 // The library's 0 is no proof.
 constexpr const char* notRenamed = "is not at its new name";
@@ -71,11 +72,7 @@ public:
         const auto mayGo = [](const StoredObject&) { return false; };
         for (const Parts& parts : {from_, to_}) RequireNoFilesAbove(session_, parts, everyVersion, mayGo);
         CheckAll();
-        if (report_.IsDryRun()) {
-            return WalkAll([&](Level& level) {
-                for (const auto& [name, move] : level.moves) ReportMove(move);
-            });
-        }
+        if (report_.IsDryRun()) return;
         KeptDirectories kept(session_, report_, "");
         kept.RememberAbove(from_);
         kept.RememberAbove(to_);
@@ -125,24 +122,19 @@ private:
         }
         Level level;
         level.path = from.path;
-        for (StoredObject& object : ListIn(session_, from.path, everyVersion, from.name)) {
+        for (StoredObject& object : ListIn(session_, from.path, marked, from.name)) {
             const auto [place, added] = level.moves.try_emplace(object.name);
             Move& move = place->second;
             if (!added && move.from.directory != object.directory) {
                 throw Failure(object.ObjectPath() + " has versions of two kinds; renaming would lose one of them");
             }
-            if (!added) continue;
+            if (!added && !object.active) continue;
             if (HasWildcard(object.name)) throw Failure(object.ObjectPath() + ": its name cannot be renamed safely");
-            RequireChangeable(session_, object);
-            move.to = ToStoredRaw(SplitAtSlash(NewPath(object.StoredPath()).substr(1)));
+            if (added) RequireChangeable(session_, object);
             if (object.directory) level.directories.insert(object.name);
+            move.to = ToStoredRaw(SplitAtSlash(NewPath(object.StoredPath()).substr(1)));
+            move.active = object.active;
             move.from = std::move(object);
-        }
-        for (StoredObject& object : ListIn(session_, from.path, {}, from.name)) {
-            const auto found = level.moves.find(object.name);
-            if (found == level.moves.end()) continue;
-            found->second.active = true;
-            found->second.from = std::move(object);
         }
         for (const StoredObject& object : ListIn(session_, to.path, everyVersion, to.name)) {
             const std::string& name = from.name.empty() ? object.name : from.name;
@@ -158,6 +150,8 @@ private:
     // Works on what a directory holds, and then goes into the directories there, unless enter says no.
     void Walk(const std::string& directory, bool isActive, const Work& work, const Enter& enter) {
         CheckInterrupt();
+        // The library makes it active again for what is renamed in it.
+        if (enter && !directory.empty() && !isActive) revived_.push_back(NewPath(directory));
         Level level = Look(directory);
         level.isActive = isActive;
         work(level);
@@ -188,6 +182,7 @@ private:
                 if (count_ <= mostWithStrays) entered.insert(level.path + "/" + name);
             }
             for (const auto& [name, move] : level.moves) {
+                if (report_.IsDryRun()) ReportMove(move);
                 if (!move.taken) continue;
                 if (goesOn) throw Failure(move.from.ObjectPath() + ": its new name is taken");
                 ++replaced_;
@@ -244,7 +239,6 @@ private:
         if (!done) return false;
         ++there_;
         ReportMove(move);
-        if (!move.active) revived_.push_back(move.to);
         return true;
     }
 
@@ -306,17 +300,13 @@ private:
 
     void CheckMoved(const std::deque<Move>& moves) {
         const StoredName& first = moves.front().to;
-        std::set<std::string> stored;
-        std::set<std::string> active;
-        for (auto* const names : {&stored, &active}) {
-            for (const StoredObject& object :
-                 ListIn(session_, first.path, names == &stored ? everyVersion : Selection(),
-                        moves.size() == 1 ? first.name : "")) {
-                names->insert(object.name);
-            }
+        std::map<std::string, bool> there;  // whether it is active
+        for (const StoredObject& object : ListIn(session_, first.path, marked, moves.size() == 1 ? first.name : "")) {
+            there[object.name] = there[object.name] || object.active;
         }
         for (const Move& move : moves) {
-            if ((move.active ? active : stored).count(move.to.name) > 0) {
+            const auto found = there.find(move.to.name);
+            if (found != there.end() && (found->second || !move.active)) {
                 ++there_;
                 ReportMove(move);
             } else if (move.done) {
@@ -325,12 +315,13 @@ private:
         }
     }
 
-    // The library has made a directory that was not active active again, for what was renamed in it.
+    // What was not active before is not to be, where nothing in it is.
     void RemoveRevived() {
-        for (auto name = revived_.rbegin(); name != revived_.rend(); ++name) {
-            Attempt(report_, Unescape(name->path + "/" + name->name), [&] {
-                for (const StoredObject& object : ListIn(session_, name->path, {}, name->name)) {
-                    const bool isEmpty = ListIn(session_, object.StoredPath(), {}).empty();
+        for (auto path = revived_.rbegin(); path != revived_.rend(); ++path) {
+            Attempt(report_, Unescape(path->substr(1)), [&] {
+                const StoredName stored = ToStoredRaw(SplitAtSlash(path->substr(1)));
+                for (const StoredObject& object : ListIn(session_, stored.path, {}, stored.name)) {
+                    const bool isEmpty = ListIn(session_, *path, {}).empty();
                     if (!object.directory || !object.text.empty() || !isEmpty) continue;
                     KeptDirectories above(session_, report_, "");
                     above.RememberAbove(object.PlainParts());
@@ -361,7 +352,7 @@ private:
     std::vector<std::string> strays_;
     // The library stores an empty one anew where a look-up fails while something in it is renamed.
     KeptDirectories moved_{session_, report_, ""};
-    std::vector<StoredName> revived_;     // maybe
+    std::vector<std::string> revived_;    // stored paths, maybe
     std::list<std::deque<Move>> levels_;  // the files of directories, while they are renamed
     size_t waiting_ = 0;                  // how many there are
     Workers workers_;                     // ends before them
