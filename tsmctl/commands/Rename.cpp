@@ -1,9 +1,8 @@
 // rename: gives an object or a tree a new object path, with every version.
 #include <fmt/format.h>
 
-#include <deque>
+#include <atomic>
 #include <iterator>
-#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -42,7 +41,6 @@ struct Move {
     StoredName to;
     bool active = false;
     bool taken = false;  // something is stored under the new name
-    bool done = false;
 };
 
 // What one directory holds under its old name.
@@ -72,7 +70,11 @@ public:
         const auto mayGo = [](const StoredObject&) { return false; };
         for (const Parts& parts : {from_, to_}) RequireNoFilesAbove(session_, parts, everyVersion, mayGo);
         CheckAll();
-        if (report_.IsDryRun()) return;
+        if (report_.IsDryRun()) {
+            return WalkAll([&](Level& level) {
+                for (const auto& [name, move] : level.moves) ReportMove(move);
+            });
+        }
         KeptDirectories kept(session_, report_, "");
         kept.RememberAbove(from_);
         kept.RememberAbove(to_);
@@ -85,7 +87,11 @@ public:
         } catch (const Interrupted&) {
             // What the library removed in passing comes first; then the signal is seen again.
         }
-        Settle();
+        try {
+            workers_.Finish();
+        } catch (const Interrupted&) {
+            // Everything that has begun is done.
+        }
         moved_.Restore(true);
         RemoveRevived();
         kept.Restore(false);
@@ -93,7 +99,8 @@ public:
             Attempt(report_, Join(from_), [&] { RemoveRuns(session_, from_, false); });
         }
         if (there_ > 0) {
-            report_.Line(fmt::format("renamed {} to {} ({} of {} objects)", Join(from_), Join(to_), there_, count_));
+            report_.Line(
+                fmt::format("renamed {} to {} ({} of {} objects)", Join(from_), Join(to_), there_.load(), count_));
         }
         CheckInterrupt();
     }
@@ -182,7 +189,6 @@ private:
                 if (count_ <= mostWithStrays) entered.insert(level.path + "/" + name);
             }
             for (const auto& [name, move] : level.moves) {
-                if (report_.IsDryRun()) ReportMove(move);
                 if (!move.taken) continue;
                 if (goesOn) throw Failure(move.from.ObjectPath() + ": its new name is taken");
                 ++replaced_;
@@ -236,10 +242,7 @@ private:
             moved.name = move.to.name;
             moved_.Remember(std::move(moved));
         }
-        if (!done) return false;
-        ++there_;
-        ReportMove(move);
-        return true;
+        return done;
     }
 
     static bool IsGone(Session& session, const Move& move) {
@@ -247,26 +250,21 @@ private:
     }
 
     void MoveFiles(Level& level) {
-        auto& moves = levels_.emplace_back();
         // Sessions that miss the same directory would all create it.
         bool alone = !level.isActive;
-        for (const auto& [name, planned] : level.moves) {
-            if (planned.from.directory) continue;
-            Move& move = moves.emplace_back(planned);
+        for (const auto& [name, move] : level.moves) {
+            if (move.from.directory) continue;
             if (std::exchange(alone, false)) {
-                Attempt(report_, move.from.ObjectPath(), [&] { Rename(session_, move); });
+                Attempt(report_, move.from.ObjectPath(), [&, &first = move] { Rename(session_, first); });
             } else {
                 workers_.Do(move.from.ObjectPath(),
-                            [this, &move](Session& session, Buffer&) { Rename(session, move); });
+                            [this, move = move](Session& session, Buffer&) { Rename(session, move); });
             }
         }
-        waiting_ += moves.size();
-        constexpr size_t many = 1000;
-        if (waiting_ >= many) Settle();
     }
 
     // What an earlier try has renamed would be deleted, as something that has the new name.
-    void Rename(Session& session, Move& move) {
+    void Rename(Session& session, const Move& move) {
         report_.Step();
         const StoredObject& from = move.from;
         bool again = false;
@@ -275,44 +273,12 @@ private:
                 session.Check("cannot rename", TsmRenameBackup(session.Handle(), from.path.c_str(), from.name.c_str(),
                                                                move.to.path.c_str(), move.to.name.c_str()));
             }
-            // The library would remove a directory that has stayed behind, once it is empty.
+            // A directory that has stayed behind would be removed once it is empty.
             const Selection moved = move.active ? Selection() : everyVersion;
-            if (from.directory && ListIn(session, move.to.path, moved, move.to.name).empty()) {
-                throw PassingFailure(notRenamed);
-            }
+            if (ListIn(session, move.to.path, moved, move.to.name).empty()) throw PassingFailure(notRenamed);
         });
-        move.done = true;
-    }
-
-    // A listing shows where the objects are now.
-    void Settle() {
-        try {
-            workers_.Finish();
-        } catch (const Interrupted&) {
-            // Everything that has begun is done.
-        }
-        for (const auto& moves : levels_) {
-            if (!moves.empty()) Attempt(report_, Join(from_), [&] { CheckMoved(moves); });
-        }
-        levels_.clear();
-        waiting_ = 0;
-    }
-
-    void CheckMoved(const std::deque<Move>& moves) {
-        const StoredName& first = moves.front().to;
-        std::map<std::string, bool> there;  // whether it is active
-        for (const StoredObject& object : ListIn(session_, first.path, marked, moves.size() == 1 ? first.name : "")) {
-            there[object.name] = there[object.name] || object.active;
-        }
-        for (const Move& move : moves) {
-            const auto found = there.find(move.to.name);
-            if (found != there.end() && (found->second || !move.active)) {
-                ++there_;
-                ReportMove(move);
-            } else if (move.done) {
-                report_.Failed(move.from.ObjectPath(), notRenamed);
-            }
-        }
+        ++there_;
+        ReportMove(move);
     }
 
     // What was not active before is not to be, where nothing in it is.
@@ -348,14 +314,12 @@ private:
     const std::string newTop_;
     size_t count_ = 0;
     size_t replaced_ = 0;
-    size_t there_ = 0;
+    std::atomic<size_t> there_{0};
     std::vector<std::string> strays_;
     // The library stores an empty one anew where a look-up fails while something in it is renamed.
     KeptDirectories moved_{session_, report_, ""};
-    std::vector<std::string> revived_;    // stored paths, maybe
-    std::list<std::deque<Move>> levels_;  // the files of directories, while they are renamed
-    size_t waiting_ = 0;                  // how many there are
-    Workers workers_;                     // ends before them
+    std::vector<std::string> revived_;  // stored paths, maybe
+    Workers workers_;
 };
 
 void Rename(const RenameOptions& options, Context& context) {
