@@ -772,6 +772,8 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
     Expect("tsmctl -q rename other lone --yes", 0, "", "is replaced");
     Expect("tsmctl list lone -q --json | grep -c path; tsmctl list lone/new --json", 0, R"(3
 {"path":"lone/new","kind":"directory","size":0,"mode":"0711")");
+    Expect("faulty 'dsmRenameObj 3 32' rename lone more -j 1; tsmctl -q rename lone more; tsmctl -q list more | wc -l",
+           0, "(1 of 1 objects)\n3\n", "stored versions");
     // The library may lose a directory when one of its look-ups fails.
     Expect(
         "mkdir -m 0711 m; touch m/f; tsmctl -q backup m; for n in $(seq 12 30); do (faulty \"dsmBeginQuery $n 1\" "

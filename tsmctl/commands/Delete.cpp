@@ -69,11 +69,12 @@ public:
         KeptDirectories kept(session_, report_, "");
         if (options_.allVersions) kept.RememberAbove(pattern.Plain());
         found_ = false;
-        const bool done = DeleteBelow(pattern, options_.recursive ? Reach::Tree : Reach::Named);
-        // What has no directory above it is left.
-        if (done && options_.recursive && options_.at.empty() && !report_.IsDryRun()) {
-            DeleteBelow(pattern, Reach::Strays);
-        }
+        // While files stay, what has no directory above it is not touched: a file of that directory's name would go,
+        // too.
+        const bool strays = options_.recursive && options_.at.empty();
+        const Reach below = strays && report_.IsDryRun() ? Reach::Strays : Reach::Tree;
+        const bool done = DeleteBelow(pattern, options_.recursive ? below : Reach::Named);
+        if (done && strays && !report_.IsDryRun()) DeleteBelow(pattern, Reach::Strays);
         kept.Restore(false);
         if (done && !found_) throw NotFound();
         if (!report_.IsDryRun()) ReportGone(above);

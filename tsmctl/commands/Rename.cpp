@@ -287,8 +287,7 @@ private:
             Attempt(report_, Unescape(path->substr(1)), [&] {
                 const StoredName stored = ToStoredRaw(SplitAtSlash(path->substr(1)));
                 for (const StoredObject& object : ListIn(session_, stored.path, {}, stored.name)) {
-                    const bool isEmpty = ListIn(session_, *path, {}).empty();
-                    if (!object.directory || !object.text.empty() || !isEmpty) continue;
+                    if (!object.directory || !object.text.empty() || !ListIn(session_, *path, {}).empty()) continue;
                     KeptDirectories above(session_, report_, "");
                     above.RememberAbove(object.PlainParts());
                     DeleteObject(session_, object, false, "");
