@@ -92,7 +92,11 @@ void Workers::Finish() {
         const Task task = std::move(tasks_.front());
         tasks_.pop_front();
         lock.unlock();
-        Run(own_, ownBuffer_, task);
+        try {
+            Run(own_, ownBuffer_, task);
+        } catch (const Interrupted&) {
+            // What the others have begun ends first; then the signal is seen again.
+        }
         lock.lock();
     }
     changed_.wait(lock, [this] { return running_ == 0; });
