@@ -82,13 +82,30 @@ void Ask(Session& session, const std::string& path, const char* name, const Sele
 // Those records of a listing that are to be kept, ordered by plain name and date.
 std::vector<StoredObject> Sorted(Session& session, const std::string& path, const char* name,
                                  const Selection& selection, const std::function<bool(const StoredObject&)>& keep) {
+    const auto key = [](const StoredObject& o) {
+        return std::make_tuple(o.path, o.name, o.directory, o.date, o.text, o.announced);
+    };
     std::vector<std::pair<std::string, StoredObject>> found;
+    const auto add = [&](StoredObject object) {
+        if (keep(object)) found.emplace_back(Unescape(object.StoredPath()), std::move(object));
+    };
+    // Two versions of the same second can look the same. Only one of them is active.
+    std::map<decltype(key({})), StoredObject> active;
+    if (selection.marked) {
+        Ask(session, path, name, {false, "", selection.objectType}, [&](const TsmObject& record) {
+            StoredObject object = CopyOf(record);
+            active.emplace(key(object), std::move(object));
+        });
+    }
     Ask(session, path, name, selection, [&](const TsmObject& record) {
         StoredObject object = CopyOf(record);
-        if (!keep(object)) return;
-        std::string key = Unescape(object.StoredPath());
-        found.emplace_back(std::move(key), std::move(object));
+        if (selection.marked) object.active = active.erase(key(object)) > 0;
+        add(std::move(object));
     });
+    for (auto& [look, object] : active) {
+        object.chosen = false;
+        if (selection.andNow) add(std::move(object));
+    }
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
         return std::tie(a.first, a.second.date, a.second.directory) <
                std::tie(b.first, b.second.date, b.second.directory);
@@ -122,16 +139,17 @@ public:
         : session_(session), pattern_(pattern), selection_(selection), visit_(visit) {}
 
     bool Run() {
+        const bool strays = selection_.reach == Reach::Strays;
         if (pattern_.IsRoot()) {
             Enter({""}, 0);
         } else {
             const size_t above = pattern_.Above();
             Collect(above, [&](const auto& selection) { return ListAt(session_, pattern_, above + 1, selection); });
             // Without a directory object, as of a rename that was broken off, it may hold too much to look for at once.
-            if (!pattern_.IsWild() && entered_.empty() && closed_.empty())
+            if (strays && !pattern_.IsWild() && entered_.empty() && closed_.empty())
                 Enter({StoredPathOf(pattern_.Plain())}, pattern_.Depth());
         }
-        if (entries_ <= mostWithStrays) EnterStrays();
+        if (strays && entries_ <= mostWithStrays) EnterStrays();
         return found_;
     }
 
@@ -174,7 +192,6 @@ private:
         if (onTheWay) all.objectType = TSM_OBJECTS_DIRECTORIES;
         std::vector<StoredObject> found = query(all);
         entries_ += found.size();
-        if (selection_.marked) Mark(found, query({false, "", all.objectType}));
         if (!selection_.at.empty()) {
             // Files of that moment may be in a directory that was stored anew since.
             for (StoredObject& directory : query({true, "", TSM_OBJECTS_DIRECTORIES})) {
@@ -186,21 +203,6 @@ private:
         for (StoredObject& object : found) byName[Unescape(object.name)].push_back(std::move(object));
         found.clear();
         for (auto& [name, versions] : byName) Visit(versions, onTheWay);
-    }
-
-    void Mark(std::vector<StoredObject>& found, std::vector<StoredObject> now) const {
-        const auto key = [](const StoredObject& o) {
-            return std::make_tuple(o.path, o.name, o.directory, o.date, o.text, o.announced);
-        };
-        // Two versions of the same second can look the same. Only one of them is active.
-        std::map<decltype(key(now[0])), StoredObject*> active;
-        for (StoredObject& object : now) active.emplace(key(object), &object);
-        for (StoredObject& object : found) object.active = active.erase(key(object)) > 0;
-        if (!selection_.andNow) return;
-        for (const auto& entry : active) {
-            found.push_back(std::move(*entry.second));
-            found.back().chosen = false;
-        }
     }
 
     void Visit(std::vector<StoredObject>& versions, bool onTheWay) {
@@ -218,7 +220,7 @@ private:
                                                  (object.directory && selection_.objectType == TSM_OBJECTS_FILES);
                                       }),
                        versions.end());
-        const bool goOn = onTheWay || visit_(versions, plain);
+        const bool goOn = onTheWay || (visit_(versions, plain) && selection_.reach != Reach::Named);
         versions.clear();
         if (!goOn) closed_.insert(below.begin(), below.end());
         if (!goOn || below.empty()) return;

@@ -39,11 +39,15 @@ struct StoredObject {
 // Where the records of runs are, in its stored form, which no object of a tree has.
 constexpr const char* runsFolder = "%tsmctl-runs";
 
+// How far a walk goes: what the pattern names, also what is below, also what lies in a directory that is not stored.
+enum class Reach { Named, Tree, Strays };
+
 struct Selection {
     bool allVersions = false;
     std::string at = {};
     int objectType = TSM_OBJECTS_ANY;
-    // Of a walk: which of them are active now, and with at also those that are active now and were not then.
+    Reach reach = Reach::Strays;
+    // Tells which of them are active now; andNow adds those that are active now and were not at that moment.
     bool marked = false;
     bool andNow = false;
     bool runs = false;  // only the records of runs, which are left out otherwise

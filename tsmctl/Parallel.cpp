@@ -86,7 +86,13 @@ void Workers::WorkInThread() {
 
 void Workers::Finish() {
     std::unique_lock<std::mutex> lock(mutex_);
-    while (!tasks_.empty()) DoNext(lock, own_, ownBuffer_);
+    while (!tasks_.empty()) {
+        try {
+            DoNext(lock, own_, ownBuffer_);
+        } catch (const Interrupted&) {
+            // What the others have begun ends first; then the signal is seen again.
+        }
+    }
     changed_.wait(lock, [this] { return running_ == 0; });
     lock.unlock();
     CheckInterrupt();

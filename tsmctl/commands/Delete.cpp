@@ -2,8 +2,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <deque>
-#include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -33,286 +32,245 @@ struct DeleteOptions {
 
     // What can go: active versions, or all of them.
     Selection Versions() const { return {allVersions, "", TSM_OBJECTS_ANY}; }
-    Selection Candidates() const { return {allVersions, at, TSM_OBJECTS_ANY}; }
-    // An active version can only go if it was also active at the moment.
-    bool OnlyActiveAt() const { return !at.empty() && !allVersions; }
 };
 
-// Works directory by directory from the lowest up, since a directory can only go when it is empty, and remembers no
-// more than the objects that are being deleted.
+// Walks through what is chosen, and deletes a directory after what it holds: a directory can only go when it is empty.
+// Remembers no more than the objects that are being deleted.
 class Deleter {
 public:
-    Deleter(const DeleteOptions& options, const std::vector<NamePattern>& patterns, Context& context, Session& session)
-        : options_(options),
-          patterns_(patterns),
-          report_(context.report),
-          session_(session),
-          workers_(context, session, options.jobs) {}
+    Deleter(const DeleteOptions& options, Context& context, Session& session)
+        : options_(options), report_(context.report), session_(session), workers_(context, session, options.jobs) {}
 
-    // The number of objects; of --yes, only those that the pattern itself names. Throws Failure for what cannot be
-    // deleted.
+    // The number of objects. Throws Failure.
     size_t Count(const NamePattern& pattern) {
-        const auto namesIn = [](const std::vector<StoredObject>& versions) {
-            std::set<std::string> names;
-            for (const StoredObject& object : versions) names.insert(object.StoredPath());
-            return names.size();
-        };
-        if ((options_.yes || !options_.recursive) && !pattern.IsRoot()) {
-            const auto versions = List(session_, pattern, options_.Candidates());
-            if (!options_.recursive) RequireNothingBelow(versions);
-            if (!versions.empty()) return namesIn(versions);
-        }
+        std::set<std::string> names;
         size_t count = 0;
-        const bool found =
-            Walk(session_, pattern, options_.Candidates(), [&](const auto& versions, const Parts& plain) {
-                if (!options_.recursive && plain.size() > pattern.Depth()) return false;
-                count += namesIn(versions);
-                return true;
-            });
-        if (!found) throw NotFound();
+        Walk(session_, pattern,
+             {options_.allVersions, options_.at, TSM_OBJECTS_ANY, options_.recursive ? Reach::Strays : Reach::Named},
+             [&](const std::vector<StoredObject>& versions, const Parts&) {
+                 names.clear();
+                 for (const StoredObject& object : versions) names.insert(object.StoredPath());
+                 count += names.size();
+                 return true;
+             });
+        if (count == 0) throw NotFound();
         return count;
     }
 
     // Reports what is gone, and what fails.
     void Delete(const NamePattern& pattern) {
-        const std::vector<Parts> above = DirectoriesAbove(pattern.Plain());
-        const auto listAbove = [&] {
-            Records records;
-            for (const Parts& directory : above) {
-                records.merge(RecordsOf(List(session_, NamePattern(directory, false), options_.Versions())));
+        RequireNoFilesAbove(session_, pattern.Plain(), options_.Versions(), [](const StoredObject&) { return false; });
+        Level above;
+        for (const Parts& directory : DirectoriesAbove(pattern.Plain())) {
+            for (const StoredObject& object : List(session_, NamePattern(directory, false), options_.Versions())) {
+                above.entries[object.StoredPath()].Add(object);
             }
-            return records;
-        };
-        RequireNoFilesAbove(session_, pattern.Plain(), options_.Versions(),
-                            [&](const StoredObject& file) { return MayGo(file); });
-        const Records before = listAbove();
-        const long long failures = report_.Failures();
+        }
         KeptDirectories kept(session_, report_, "");
         if (options_.allVersions) kept.RememberAbove(pattern.Plain());
-        if (pattern.IsRoot()) {
-            DeleteIn("");
-        } else {
-            DeleteLevel("", [&](const Selection& selection) { return List(session_, pattern, selection); });
-        }
-        Settle();
-        if (options_.recursive && options_.at.empty() && report_.Failures() == failures && !report_.IsDryRun()) {
-            // What has no directory above it is left.
-            if (!pattern.IsWild() && !pattern.IsRoot()) DeleteIn(StoredPathOf(pattern.Plain()));
-            Settle();
-            for (const std::string& path : FindStrays(session_, pattern, options_.Versions(), {})) DeleteIn(path);
-            Settle();
-        }
+        found_ = false;
+        // While files stay, what has no directory above it is not touched: a file of that directory's name would go,
+        // too.
+        const bool strays = options_.recursive && options_.at.empty();
+        const Reach below = strays && report_.IsDryRun() ? Reach::Strays : Reach::Tree;
+        const bool done = DeleteBelow(pattern, options_.recursive ? below : Reach::Named);
+        if (done && strays && !report_.IsDryRun()) DeleteBelow(pattern, Reach::Strays);
         kept.Restore(false);
-        ReportGone(before, listAbove());
+        if (done && !found_) throw NotFound();
+        if (!report_.IsDryRun()) ReportGone(above);
     }
 
 private:
-    struct Record {
-        long long versions = 0;
-        Kind kind = Kind::File;
-        std::string name;
-    };
-    using Records = std::map<std::string, Record>;  // by stored path
-    using ListLevel = std::function<std::vector<StoredObject>(const Selection&)>;
-
-    struct Item {
-        StoredObject object;
-        bool done = false;
-    };
-    // A directory, or what the pattern names in it, until it is known what became of its entries.
-    struct Level {
-        std::string path;
-        ListLevel list;
-        Records before;
-        std::shared_ptr<std::deque<Item>> items;  // files first; the sessions mark what is done
-        std::vector<Item*> directories;
-    };
-
     static constexpr const char* notActive = "this version is not active; add --all-versions";
 
-    void RequireNothingBelow(const std::vector<StoredObject>& versions) {
+    // What has one stored name.
+    struct Entry {
+        StoredObject object;               // one that is chosen, if any is
+        std::multiset<std::string> dates;  // of its versions
+        bool file = false;
+        bool directory = false;
+        bool chosen = false;
+        bool deleted = false;
+
+        void Add(const StoredObject& added) {
+            if (dates.empty() || added.chosen) object = added;
+            chosen = chosen || added.chosen;
+            dates.insert(added.date);
+            (added.directory ? directory : file) = true;
+        }
+    };
+    // What is in a directory, or what the pattern names there, until it is known what became of it.
+    struct Level {
+        Parts plain;
+        std::map<std::string, Entry> entries;  // by stored path
+
+        std::set<std::string> StoredPaths() const {
+            std::set<std::string> paths;
+            for (const auto& [name, entry] : entries) paths.insert(entry.object.path);
+            return paths;
+        }
+    };
+
+    // False when something failed.
+    bool DeleteBelow(const NamePattern& pattern, Reach reach) {
+        const long long failures = report_.Failures();
+        Selection selection = {options_.allVersions, options_.at, TSM_OBJECTS_ANY, reach};
+        selection.marked = selection.andNow = !options_.at.empty();
+        Attempt(report_, Join(pattern.Plain()), [&] {
+            Walk(session_, pattern, selection,
+                 [&](const auto& versions, const Parts& plain) { return Visit(pattern, versions, plain); });
+            while (!open_.empty()) Close(pattern);
+        });
+        open_.clear();  // not known in full
+        Settle();
+        empty_.clear();
+        return report_.Failures() == failures;
+    }
+
+    bool Visit(const NamePattern& pattern, const std::vector<StoredObject>& versions, const Parts& plain) {
+        const Parts folder(plain.begin(), plain.end() - 1);
+        while (!open_.empty() && !StartsWith(folder, open_.back().plain)) Close(pattern);
+        if (open_.empty() || open_.back().plain != folder) open_.push_back({folder, {}});
+        std::map<std::string, Entry> entries;
         for (const StoredObject& object : versions) {
-            if (!object.directory) continue;
-            for (const StoredObject& below : ListIn(session_, object.StoredPath(), options_.Versions())) {
-                throw Failure("is a directory that holds " + below.ObjectPath() + " (use --recursive)");
+            found_ = found_ || object.chosen;
+            Entry& entry = entries[object.StoredPath()];
+            if (options_.allVersions || object.active) {
+                entry.Add(object);
+            } else if (object.directory) {
+                entry.chosen = true;  // if there is one now that is the same
+            } else {
+                report_.Failed(Join(plain), notActive);
             }
         }
-    }
-
-    // Whether a file may be lost with the directory of its name.
-    bool MayGo(const StoredObject& file) const {
-        const Parts plain = file.PlainParts();
-        return options_.at.empty() && std::any_of(patterns_.begin(), patterns_.end(), [&](const NamePattern& pattern) {
-                   const bool here = plain.size() == pattern.Depth();
-                   return (here || (options_.recursive && plain.size() > pattern.Depth())) && pattern.Matches(plain);
-               });
-    }
-
-    static Records RecordsOf(const std::vector<StoredObject>& objects) {
-        Records records;
-        for (const StoredObject& object : objects) {
-            Record& record = records[object.StoredPath()];
-            record = {record.versions + 1, object.GetKind(), object.ObjectPath()};
-        }
-        return records;
-    }
-
-    void DeleteIn(const std::string& path) {
-        const auto list = [this, path](const Selection& selection) { return ListIn(session_, path, selection); };
-        const bool done = Attempt(report_, Unescape(path), [&] { DeleteLevel(path, list); });
-        if (!done) notEmpty_.insert(path);
-    }
-
-    void DeleteLevel(const std::string& path, const ListLevel& list) {
-        std::vector<StoredObject> there = list(options_.Versions());
-        Level level = {path, list, RecordsOf(there), std::make_shared<std::deque<Item>>(), {}};
-        std::vector<StoredObject> candidates = options_.at.empty() ? there : list(options_.Candidates());
-        std::set<std::pair<std::string, std::string>> active;  // with --at: names and dates
-        if (options_.OnlyActiveAt()) {
-            for (const StoredObject& object : there) active.emplace(object.StoredPath(), object.date);
-        }
-        std::map<std::string, bool> directories;  // whether a file has the same name and stays
-        for (const auto* const objects : {&there, &candidates}) {
-            for (const StoredObject& object : *objects) {
-                if (object.directory) directories.emplace(object.StoredPath(), false);
+        bool goOn = true;
+        for (auto& [path, entry] : entries) {
+            if (entry.dates.empty()) {
+                if (entry.chosen) report_.Failed(Join(plain), notActive);
+                continue;
             }
+            entry.chosen = entry.chosen && Attempt(report_, Join(plain), [&, &object = entry.object] {
+                               RequireChangeable(session_, object);
+                           });
+            if (entry.file && (!entry.chosen || !options_.at.empty())) {
+                goOn = false;
+                if (entry.directory && options_.recursive) {
+                    entry.chosen = false;
+                    report_.Failed(Join(plain), "a file of this name would be lost with what is below");
+                }
+            }
+            open_.back().entries[path] = std::move(entry);
         }
-        std::set<std::string> refused;
-        std::map<std::string, StoredObject> chosen;
-        for (StoredObject& object : candidates) {
-            const std::string name = object.StoredPath();
-            if (refused.count(name) + chosen.count(name) > 0) continue;
-            const bool may = Attempt(report_, object.ObjectPath(), [&] {
-                RequireChangeable(session_, object);
-                const size_t found = object.directory ? level.before.count(name) : active.count({name, object.date});
-                if (options_.OnlyActiveAt() && found == 0) throw Failure(notActive);
-            });
-            if (may) chosen.emplace(name, std::move(object));
-            if (!may) refused.insert(name);
-        }
-        for (const StoredObject& object : there) {
-            const auto directory = directories.find(object.StoredPath());
-            const bool stays = !options_.at.empty() || chosen.count(object.StoredPath()) == 0;
-            if (directory != directories.end() && !object.directory) directory->second = stays;
-            // No listing afterwards tells a dry run what is left.
-            const auto going = chosen.find(object.StoredPath());
-            if (options_.at.empty() || !report_.IsDryRun()) continue;
-            if (going != chosen.end() && going->second.date == object.date) continue;
-            notEmpty_.insert(path);
-            if (options_.OnlyActiveAt()) notEmpty_.insert(object.StoredPath());
-        }
-        there = candidates = {};
+        return goOn;
+    }
+
+    // Everything in the lowest open level is known.
+    void Close(const NamePattern& pattern) {
+        Level& level = levels_.emplace_back(std::move(open_.back()));
+        open_.pop_back();
         // The library looks through the directory after each deletion, unless it deletes all that is there at once.
-        const bool whole = !path.empty() && options_.recursive && options_.at.empty() && directories.empty() &&
-                           refused.empty() && chosen.size() > 1 && !report_.IsDryRun();
-        for (auto& [name, object] : chosen) {
-            Item& item = level.items->emplace_back(Item{std::move(object)});
-            if (directories.count(name) > 0) {
-                level.directories.push_back(&item);
-            } else if (!whole) {
-                workers_.Do(item.object.ObjectPath(),
-                            [this, &item, keep = level.items](Session& session, Buffer&) { DeleteOne(session, item); });
-            }
-        }
+        const bool isAll = level.plain.size() >= pattern.Depth() && options_.at.empty() && !report_.IsDryRun();
+        const bool whole =
+            isAll && !level.plain.empty() && level.entries.size() > 1 && level.StoredPaths().size() == 1 &&
+            std::all_of(level.entries.begin(), level.entries.end(),
+                        [](const auto& entry) { return entry.second.chosen && !entry.second.directory; });
         if (whole) {
-            workers_.Do(Unescape(path.substr(1)), [this, path, items = level.items](Session& session, Buffer&) {
-                DeleteAll(session, path, *items);
-            });
+            workers_.Do(Join(level.plain), [this, &level](Session& session, Buffer&) { DeleteAll(session, level); });
         }
-        chosen.clear();
-        for (const auto& [name, fileStays] : directories) {
-            if (!options_.recursive) break;
-            if (!fileStays) {
-                DeleteIn(name);
-            } else if (!ListIn(session_, name, options_.Versions()).empty()) {
-                report_.Failed(Unescape(name.substr(1)), "a file of this name would be lost with what is below");
-                notEmpty_.insert(name);
-            }
+        for (auto& [name, entry] : level.entries) {
+            if (whole || entry.directory || !entry.chosen) continue;
+            workers_.Do(entry.object.ObjectPath(),
+                        [this, &entry = entry](Session& session, Buffer&) { DeleteOne(session, entry); });
         }
-        waiting_ += level.items->size();
-        levels_.push_back(std::move(level));
+        waiting_ += level.entries.size();
         constexpr size_t many = 1000;
         if (waiting_ >= many) Settle();
     }
 
-    void DeleteOne(Session& session, Item& item) {
+    void DeleteOne(Session& session, Entry& entry) {
         report_.Step();
-        if (report_.IsDryRun()) {
-            report_.Did("removed", item.object.ObjectPath());
-            return report_.Count(item.object.GetKind());
-        }
-        DeleteObject(session, item.object, options_.allVersions, options_.at);
-        item.done = true;
+        if (!report_.IsDryRun()) DeleteObject(session, entry.object, options_.allVersions, options_.at);
+        entry.deleted = true;
     }
 
-    void DeleteAll(Session& session, const std::string& path, std::deque<Item>& items) {
+    void DeleteAll(Session& session, Level& level) {
         try {
+            const std::string path = level.entries.begin()->second.object.path;
             session.Check("cannot delete",
                           TsmDelete(session.Handle(), Text(path), nullptr, options_.allVersions ? 1 : 0, nullptr));
-            for (Item& item : items) {
-                item.done = true;
+            for (auto& [name, entry] : level.entries) {
+                entry.deleted = true;
                 report_.Step();
             }
         } catch (const Failure&) {
-            for (Item& item : items) Attempt(report_, item.object.ObjectPath(), [&] { DeleteOne(session, item); });
+            for (auto& [name, entry] : level.entries) {
+                Attempt(report_, entry.object.ObjectPath(), [&, &each = entry] { DeleteOne(session, each); });
+            }
         }
     }
 
     // Waits for the files, deletes the directories that are empty now, and finds out what is gone.
     void Settle() {
         workers_.Finish();
-        for (const Level& level : levels_) {
-            for (Item* const item : level.directories) {
-                const std::string name = item->object.ObjectPath();
-                if (notEmpty_.count(item->object.StoredPath()) == 0) {
-                    Attempt(report_, name, [&] { DeleteOne(session_, *item); });
-                    continue;
-                }
-                notEmpty_.insert(level.path);
-                if (options_.at.empty()) report_.Failed(name, "is not empty");
+        for (Level& level : levels_) {
+            for (auto& [name, entry] : level.entries) {
+                if (!entry.directory || !entry.chosen) continue;
+                Attempt(report_, entry.object.ObjectPath(), [&, &directory = entry] { DeleteDirectory(directory); });
             }
-            if (report_.IsDryRun()) continue;
-            const bool listed = Attempt(report_, Unescape(level.path), [&] {
-                const Records after = RecordsOf(level.list(options_.Versions()));
-                if (!after.empty()) notEmpty_.insert(level.path);
-                ReportGone(level.before, after);
-                for (const Item& item : *level.items) ReportLeft(item, level.before, after);
-            });
-            if (!listed) notEmpty_.insert(level.path);
+            Attempt(report_, Join(level.plain), [&] { ReportGone(level); });
         }
         levels_.clear();
         waiting_ = 0;
     }
 
-    void ReportGone(const Records& before, const Records& after) {
-        for (const auto& [path, record] : before) {
-            const auto rest = after.find(path);
-            const long long gone = record.versions - (rest == after.end() ? 0 : rest->second.versions);
-            if (gone <= 0) continue;
-            const std::string versions =
-                options_.allVersions ? fmt::format("{} version{}", gone, gone == 1 ? "" : "s") : "";
-            report_.Did("removed", record.name, versions, true);
-            report_.Count(record.kind);
+    void DeleteDirectory(Entry& entry) {
+        const bool isEmpty = empty_.erase(entry.object.StoredPath()) > 0 ||
+                             ListIn(session_, entry.object.StoredPath(), options_.Versions()).empty();
+        if (isEmpty) return DeleteOne(session_, entry);
+        if (!options_.recursive) throw Failure("is a directory that is not empty (use --recursive)");
+        if (options_.at.empty()) throw Failure("is not empty");
+    }
+
+    // A deletion's 0 is no proof: what counts is what is listed now.
+    void ReportGone(Level& level) {
+        for (const std::string& path : level.StoredPaths()) {
+            bool isEmpty = true;
+            for (const StoredObject& object : ListIn(session_, path, options_.Versions())) {
+                const auto found = level.entries.find(object.StoredPath());
+                const bool known = found != level.entries.end();
+                const bool would = known && report_.IsDryRun() && found->second.deleted &&
+                                   (options_.at.empty() || object.date == found->second.object.date);
+                if (would) continue;
+                isEmpty = false;
+                if (!known) continue;
+                std::multiset<std::string>& dates = found->second.dates;
+                if (const auto date = dates.find(object.date); date != dates.end()) dates.erase(date);
+            }
+            if (isEmpty) empty_.insert(path);
+        }
+        for (const auto& [path, entry] : level.entries) {
+            const size_t gone = entry.dates.size();
+            if (gone > 0) {
+                const std::string versions =
+                    options_.allVersions ? fmt::format("{} version{}", gone, gone == 1 ? "" : "s") : "";
+                report_.Did("removed", entry.object.ObjectPath(), versions, true);
+                report_.Count(entry.object.GetKind());
+            } else if (entry.deleted) {
+                report_.Failed(entry.object.ObjectPath(),
+                               options_.at.empty() || options_.allVersions ? "is still there" : notActive);
+            }
         }
     }
 
-    // A deletion's 0 is no proof.
-    void ReportLeft(const Item& item, const Records& before, const Records& after) {
-        const auto was = before.find(item.object.StoredPath());
-        const auto is = after.find(item.object.StoredPath());
-        const bool stays = was != before.end() && is != after.end() && is->second.versions >= was->second.versions;
-        if (!item.done || !stays) return;
-        report_.Failed(item.object.ObjectPath(), options_.OnlyActiveAt() ? notActive : "is still there");
-    }
-
     const DeleteOptions& options_;
-    const std::vector<NamePattern>& patterns_;
     Report& report_;
     Session& session_;
-    Workers workers_;
-    std::vector<Level> levels_;  // lower ones first
-    size_t waiting_ = 0;         // objects in them
-    std::set<std::string> notEmpty_;
+    bool found_ = false;
+    std::vector<Level> open_;      // from the top down
+    std::list<Level> levels_;      // lower ones first
+    size_t waiting_ = 0;           // objects in them
+    std::set<std::string> empty_;  // stored paths that hold nothing
+    Workers workers_;              // ends before what it works on
 };
 
 NamePattern PatternOf(const std::string& typed, const DeleteOptions& options) {
@@ -330,15 +288,15 @@ void Delete(const DeleteOptions& options, Context& context) {
     for (const std::string& typed : options.paths) patterns.push_back(PatternOf(typed, options));
     Session session(context.connection);
     session.Handle();
-    Deleter deleter(options, patterns, context, session);
+    Deleter deleter(options, context, session);
     std::vector<size_t> chosen;
     size_t count = 0;
+    const bool confirmed = options.yes || context.report.IsDryRun();
     for (size_t i = 0; i < patterns.size(); ++i) {
-        if (Attempt(context.report, options.paths[i], [&] { count += deleter.Count(patterns[i]); }))
+        if (confirmed || Attempt(context.report, options.paths[i], [&] { count += deleter.Count(patterns[i]); }))
             chosen.push_back(i);
     }
-    if (count > 1 &&
-        !Confirmed(options.yes || context.report.IsDryRun(), fmt::format("delete {} objects", count), "yes")) {
+    if (count > 1 && !Confirmed(confirmed, fmt::format("delete {} objects", count), "yes")) {
         throw Failure("not confirmed, nothing deleted");
     }
     for (const size_t i : chosen) {

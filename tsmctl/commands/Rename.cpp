@@ -1,9 +1,8 @@
 // rename: gives an object or a tree a new object path, with every version.
 #include <fmt/format.h>
 
-#include <deque>
+#include <atomic>
 #include <iterator>
-#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -32,6 +31,7 @@ struct RenameOptions {
 };
 
 const Selection everyVersion = {true, "", TSM_OBJECTS_ANY};
+const Selection marked = {true, "", TSM_OBJECTS_ANY, Reach::Strays, true};
 
 // The library's 0 is no proof.
 constexpr const char* notRenamed = "is not at its new name";
@@ -41,7 +41,6 @@ struct Move {
     StoredName to;
     bool active = false;
     bool taken = false;  // something is stored under the new name
-    bool done = false;
 };
 
 // What one directory holds under its old name.
@@ -88,7 +87,11 @@ public:
         } catch (const Interrupted&) {
             // What the library removed in passing comes first; then the signal is seen again.
         }
-        Settle();
+        try {
+            workers_.Finish();
+        } catch (const Interrupted&) {
+            // Everything that has begun is done.
+        }
         moved_.Restore(true);
         RemoveRevived();
         kept.Restore(false);
@@ -96,7 +99,8 @@ public:
             Attempt(report_, Join(from_), [&] { RemoveRuns(session_, from_, false); });
         }
         if (there_ > 0) {
-            report_.Line(fmt::format("renamed {} to {} ({} of {} objects)", Join(from_), Join(to_), there_, count_));
+            report_.Line(
+                fmt::format("renamed {} to {} ({} of {} objects)", Join(from_), Join(to_), there_.load(), count_));
         }
         CheckInterrupt();
     }
@@ -125,24 +129,19 @@ private:
         }
         Level level;
         level.path = from.path;
-        for (StoredObject& object : ListIn(session_, from.path, everyVersion, from.name)) {
+        for (StoredObject& object : ListIn(session_, from.path, marked, from.name)) {
             const auto [place, added] = level.moves.try_emplace(object.name);
             Move& move = place->second;
             if (!added && move.from.directory != object.directory) {
                 throw Failure(object.ObjectPath() + " has versions of two kinds; renaming would lose one of them");
             }
-            if (!added) continue;
+            if (!added && !object.active) continue;
             if (HasWildcard(object.name)) throw Failure(object.ObjectPath() + ": its name cannot be renamed safely");
-            RequireChangeable(session_, object);
-            move.to = ToStoredRaw(SplitAtSlash(NewPath(object.StoredPath()).substr(1)));
+            if (added) RequireChangeable(session_, object);
             if (object.directory) level.directories.insert(object.name);
+            move.to = ToStoredRaw(SplitAtSlash(NewPath(object.StoredPath()).substr(1)));
+            move.active = object.active;
             move.from = std::move(object);
-        }
-        for (StoredObject& object : ListIn(session_, from.path, {}, from.name)) {
-            const auto found = level.moves.find(object.name);
-            if (found == level.moves.end()) continue;
-            found->second.active = true;
-            found->second.from = std::move(object);
         }
         for (const StoredObject& object : ListIn(session_, to.path, everyVersion, to.name)) {
             const std::string& name = from.name.empty() ? object.name : from.name;
@@ -158,6 +157,8 @@ private:
     // Works on what a directory holds, and then goes into the directories there, unless enter says no.
     void Walk(const std::string& directory, bool isActive, const Work& work, const Enter& enter) {
         CheckInterrupt();
+        // The library makes it active again for what is renamed in it.
+        if (enter && !directory.empty() && !isActive) revived_.push_back(NewPath(directory));
         Level level = Look(directory);
         level.isActive = isActive;
         work(level);
@@ -241,11 +242,7 @@ private:
             moved.name = move.to.name;
             moved_.Remember(std::move(moved));
         }
-        if (!done) return false;
-        ++there_;
-        ReportMove(move);
-        if (!move.active) revived_.push_back(move.to);
-        return true;
+        return done;
     }
 
     static bool IsGone(Session& session, const Move& move) {
@@ -253,26 +250,21 @@ private:
     }
 
     void MoveFiles(Level& level) {
-        auto& moves = levels_.emplace_back();
         // Sessions that miss the same directory would all create it.
         bool alone = !level.isActive;
-        for (const auto& [name, planned] : level.moves) {
-            if (planned.from.directory) continue;
-            Move& move = moves.emplace_back(planned);
+        for (const auto& [name, move] : level.moves) {
+            if (move.from.directory) continue;
             if (std::exchange(alone, false)) {
-                Attempt(report_, move.from.ObjectPath(), [&] { Rename(session_, move); });
+                Attempt(report_, move.from.ObjectPath(), [&, &first = move] { Rename(session_, first); });
             } else {
                 workers_.Do(move.from.ObjectPath(),
-                            [this, &move](Session& session, Buffer&) { Rename(session, move); });
+                            [this, move = move](Session& session, Buffer&) { Rename(session, move); });
             }
         }
-        waiting_ += moves.size();
-        constexpr size_t many = 1000;
-        if (waiting_ >= many) Settle();
     }
 
     // What an earlier try has renamed would be deleted, as something that has the new name.
-    void Rename(Session& session, Move& move) {
+    void Rename(Session& session, const Move& move) {
         report_.Step();
         const StoredObject& from = move.from;
         bool again = false;
@@ -281,57 +273,21 @@ private:
                 session.Check("cannot rename", TsmRenameBackup(session.Handle(), from.path.c_str(), from.name.c_str(),
                                                                move.to.path.c_str(), move.to.name.c_str()));
             }
-            // The library would remove a directory that has stayed behind, once it is empty.
+            // A directory that has stayed behind would be removed once it is empty.
             const Selection moved = move.active ? Selection() : everyVersion;
-            if (from.directory && ListIn(session, move.to.path, moved, move.to.name).empty()) {
-                throw PassingFailure(notRenamed);
-            }
+            if (ListIn(session, move.to.path, moved, move.to.name).empty()) throw PassingFailure(notRenamed);
         });
-        move.done = true;
+        ++there_;
+        ReportMove(move);
     }
 
-    // A listing shows where the objects are now.
-    void Settle() {
-        try {
-            workers_.Finish();
-        } catch (const Interrupted&) {
-            // Everything that has begun is done.
-        }
-        for (const auto& moves : levels_) {
-            if (!moves.empty()) Attempt(report_, Join(from_), [&] { CheckMoved(moves); });
-        }
-        levels_.clear();
-        waiting_ = 0;
-    }
-
-    void CheckMoved(const std::deque<Move>& moves) {
-        const StoredName& first = moves.front().to;
-        std::set<std::string> stored;
-        std::set<std::string> active;
-        for (auto* const names : {&stored, &active}) {
-            for (const StoredObject& object :
-                 ListIn(session_, first.path, names == &stored ? everyVersion : Selection(),
-                        moves.size() == 1 ? first.name : "")) {
-                names->insert(object.name);
-            }
-        }
-        for (const Move& move : moves) {
-            if ((move.active ? active : stored).count(move.to.name) > 0) {
-                ++there_;
-                ReportMove(move);
-            } else if (move.done) {
-                report_.Failed(move.from.ObjectPath(), notRenamed);
-            }
-        }
-    }
-
-    // The library has made a directory that was not active active again, for what was renamed in it.
+    // What was not active before is not to be, where nothing in it is.
     void RemoveRevived() {
-        for (auto name = revived_.rbegin(); name != revived_.rend(); ++name) {
-            Attempt(report_, Unescape(name->path + "/" + name->name), [&] {
-                for (const StoredObject& object : ListIn(session_, name->path, {}, name->name)) {
-                    const bool isEmpty = ListIn(session_, object.StoredPath(), {}).empty();
-                    if (!object.directory || !object.text.empty() || !isEmpty) continue;
+        for (auto path = revived_.rbegin(); path != revived_.rend(); ++path) {
+            Attempt(report_, Unescape(path->substr(1)), [&] {
+                const StoredName stored = ToStoredRaw(SplitAtSlash(path->substr(1)));
+                for (const StoredObject& object : ListIn(session_, stored.path, {}, stored.name)) {
+                    if (!object.directory || !object.text.empty() || !ListIn(session_, *path, {}).empty()) continue;
                     KeptDirectories above(session_, report_, "");
                     above.RememberAbove(object.PlainParts());
                     DeleteObject(session_, object, false, "");
@@ -357,14 +313,12 @@ private:
     const std::string newTop_;
     size_t count_ = 0;
     size_t replaced_ = 0;
-    size_t there_ = 0;
+    std::atomic<size_t> there_{0};
     std::vector<std::string> strays_;
     // The library stores an empty one anew where a look-up fails while something in it is renamed.
     KeptDirectories moved_{session_, report_, ""};
-    std::vector<StoredName> revived_;     // maybe
-    std::list<std::deque<Move>> levels_;  // the files of directories, while they are renamed
-    size_t waiting_ = 0;                  // how many there are
-    Workers workers_;                     // ends before them
+    std::vector<std::string> revived_;  // stored paths, maybe
+    Workers workers_;
 };
 
 void Rename(const RenameOptions& options, Context& context) {
