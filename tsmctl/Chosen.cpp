@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <random>
 
-#include "Arguments.h"
+#include "CommandLine.h"
 #include "Errors.h"
 #include "tsmconnector.h"
 

@@ -1,4 +1,5 @@
-// The command line: the options of every command, and the commands that are added to it.
+// The command line: the options of every command, those that several commands have, and the commands that are added to
+// it. What arguments and options fill in lives as long as the command line.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,8 +9,47 @@
 #include <vector>
 
 #include "Connection.h"
+#include "ObjectNames.h"
 
 namespace tsmctl {
+
+// Type names of values that are local names.
+constexpr const char* fileType = "FILE";
+constexpr const char* folderType = "FOLDER";
+
+// One argument or more.
+CLI::Option* AddPaths(CLI::App& command, std::vector<std::string>& paths, const char* type, const char* description);
+
+// A decimal number from least to most.
+CLI::Option* AddNumber(CLI::App& command, const char* name, const char* type, const char* description, long long least,
+                       long long most, const std::function<void(long long)>& assign);
+
+// One of some words.
+CLI::Option* AddChoice(CLI::App& command, const char* name, std::string& value, const char* description,
+                       const std::vector<std::string>& choices);
+
+CLI::Option* AddMoment(CLI::App& command, std::string& at, const char* description);
+CLI::Option* AddExclude(CLI::App& command, std::vector<std::string>& patterns);
+CLI::Option* AddJobs(CLI::App& command, int& jobs);
+CLI::Option* AddLiteral(CLI::App& command, bool& literal);
+
+// Local paths and their place among the objects, or standard input and its object path.
+struct SourceOptions {
+    std::vector<std::string> paths;  // only "-" for standard input
+    std::string to;
+    std::string as;  // empty unless it is standard input
+
+    bool IsInput() const { return !as.empty(); }
+    // The object path of standard input.
+    Parts InputObject() const { return Append(ParsePath(to), ParsePath(as)); }
+};
+void AddPlace(CLI::App& command, SourceOptions& source);
+// Throws UsageError for what does not go together.
+void CheckSource(const SourceOptions& source);
+
+// Whether the user gives exactly this answer; true at once with --yes. Throws UsageError when standard input is no
+// terminal.
+bool Confirmed(bool yes, const std::string& question, const std::string& answer);
 
 class CommandLine {
 public:
@@ -18,8 +58,6 @@ public:
     using RunFunction = std::function<void(Context&)>;
 
     CommandLine();
-    CommandLine(const CommandLine&) = delete;
-    CommandLine& operator=(const CommandLine&) = delete;
 
     // Adds a command; the caller adds its arguments and options to what is returned. The examples work as they are on
     // a store that holds what they name.

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,11 +18,51 @@
 #include "Errors.h"
 #include "Files.h"
 #include "ObjectNames.h"
-#include "Terminal.h"
 #include "tsmconnector.h"
 
 namespace tsmctl {
 namespace {
+
+// Turns the echo off. Ctrl-\ and Ctrl-Z would leave the terminal without it, so they do nothing meanwhile, and keep
+// what was typed.
+class NoEcho {
+public:
+    explicit NoEcho(int fd) : fd_(fd) {
+        if (tcgetattr(fd_, &before_) != 0) FailLocal("cannot silence the terminal", errno);
+        termios silent = before_;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        silent.c_lflag |= NOFLSH;
+        if (tcsetattr(fd_, TCSAFLUSH, &silent) != 0) FailLocal("cannot silence the terminal", errno);
+    }
+    ~NoEcho() {
+        tcsetattr(fd_, TCSAFLUSH, &before_);
+        signal(SIGQUIT, quit_);
+        signal(SIGTSTP, stop_);
+    }
+    NoEcho(const NoEcho&) = delete;
+
+private:
+    int fd_;
+    termios before_ = {};
+    const sighandler_t quit_ = signal(SIGQUIT, SIG_IGN);
+    const sighandler_t stop_ = signal(SIGTSTP, SIG_IGN);
+};
+
+// Asks on the controlling terminal, without echo.
+std::string AskPassword(const std::string& question) {
+    const UniqueFd terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+    if (terminal.Get() < 0) {
+        throw UsageError("no password: give --password-file or TSMCTL_PASSWORD (there is no terminal to ask on)");
+    }
+    std::string password;
+    {
+        const NoEcho silence(terminal.Get());
+        WriteAll(terminal.Get(), question.data(), question.size());
+        password = ReadLine(terminal.Get());
+    }
+    WriteAll(terminal.Get(), "\n", 1);
+    return password;
+}
 
 std::string PasswordIn(const std::string& path) try {
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));

@@ -38,8 +38,6 @@ class Connection {
 public:
     explicit Connection(const ConnectionOptions& options);
     ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
 
     const std::string& Node() const { return options_.node; }
     const std::string& Filespace() const { return options_.filespace; }
@@ -69,7 +67,6 @@ public:
     explicit Session(Connection& connection, bool withFilespace = true);
     ~Session();
     Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
 
     // Throws Failure where the sign-on fails.
     int Handle();

@@ -29,8 +29,6 @@ public:
     Workers(Context& context, Session& own, int sessions);
     // What has not begun is left out.
     ~Workers();
-    Workers(const Workers&) = delete;
-    Workers& operator=(const Workers&) = delete;
 
     // Takes the work, or does it at once. Few are kept waiting, so that memory does not grow with their number.
     void Do(std::string subject, Work work);

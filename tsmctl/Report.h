@@ -35,8 +35,6 @@ class Report {
 public:
     explicit Report(const ReportOptions& options);
     ~Report();
-    Report(const Report&) = delete;
-    Report& operator=(const Report&) = delete;
 
     bool IsJson() const { return options_.json; }
     // Whether the command only tells what it would do.

@@ -1,6 +1,5 @@
 #include "RunRecord.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>

@@ -38,8 +38,6 @@ public:
     ~NewEntry() {
         if (exists_) unlinkat(directory_.Get(), temporary_.c_str(), 0);
     }
-    NewEntry(const NewEntry&) = delete;
-    NewEntry& operator=(const NewEntry&) = delete;
 
     int CreateFile(mode_t mode) {
         file_ = UniqueFd(openat(directory_.Get(), temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));

@@ -26,7 +26,6 @@ public:
            const std::string& mgmtClass);
     ~Upload();
     Upload(const Upload&) = delete;
-    Upload& operator=(const Upload&) = delete;
 
     // The next bytes of the content.
     void Send(unsigned char* data, size_t length);
@@ -61,7 +60,6 @@ public:
     Download(Session& session, const StoredObject& object, const std::string& at);
     ~Download();
     Download(const Download&) = delete;
-    Download& operator=(const Download&) = delete;
 
     // The next piece of the content, in the buffer of pieceSize bytes; without bytes after the last one.
     Piece Next(Buffer& buffer);

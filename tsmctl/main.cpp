@@ -1,9 +1,7 @@
 #include <exception>
 
-#include "CommandLine.h"
 #include "Errors.h"
 #include "Files.h"
-#include "Report.h"
 #include "commands/Commands.h"
 
 namespace tsmctl {

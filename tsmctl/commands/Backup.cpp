@@ -14,7 +14,6 @@
 #include <memory>
 #include <optional>
 
-#include "Arguments.h"
 #include "Attributes.h"
 #include "Errors.h"
 #include "Inventory.h"

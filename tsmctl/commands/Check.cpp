@@ -6,11 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "Arguments.h"
 #include "Chosen.h"
 #include "Transfer.h"
 #include "commands/Commands.h"
-#include "tsmconnector.h"
 
 namespace tsmctl {
 namespace {

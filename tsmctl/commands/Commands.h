@@ -7,7 +7,8 @@
 namespace tsmctl {
 
 using AddCommand = void(CommandLine& line);
-// Find is in List.cpp, Diff in Verify.cpp, Classes and DeleteFilespace are in Filespaces.cpp.
+// Find is in List.cpp, Diff in Verify.cpp, Completion in Help.cpp; Classes, DeleteFilespace and Grant are in
+// Filespaces.cpp.
 AddCommand AddBackup, AddVerify, AddCheck, AddRestore, AddList, AddStatus, AddFind, AddDiff, AddDelete, AddRename,
     AddFilespaces, AddClasses, AddDeleteFilespace, AddGrant, AddCompletion, AddHelp;
 

@@ -8,13 +8,11 @@
 #include <set>
 #include <utility>
 
-#include "Arguments.h"
 #include "Errors.h"
 #include "Inventory.h"
-#include "KeptDirectories.h"
 #include "Parallel.h"
 #include "RunRecord.h"
-#include "Terminal.h"
+#include "Vanished.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
 

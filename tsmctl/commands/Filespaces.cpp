@@ -1,5 +1,5 @@
-// filespaces, classes and delete-filespace: what the server keeps for the node besides objects. A filespace is deleted
-// with every version in it, after a question that its name answers.
+// filespaces, classes, delete-filespace and grant: what the server keeps for the node besides objects. A filespace is
+// deleted with every version in it, after a question that its name answers. grant gives another node access to it.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "Errors.h"
-#include "Terminal.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
 
@@ -50,6 +49,18 @@ void DeleteFilespace(const DeleteFilespaceOptions& options, Context& context) {
     context.report.Line(fmt::format("deleted filespace {}", name));
 }
 
+void Grant(const std::string& node, Context& context) {
+    if (node.empty()) throw UsageError("an empty node name");
+    Session session(context.connection);
+    const std::string& filespace = context.connection.Filespace();
+    const std::string path = "/" + filespace;
+    const int handle = session.Handle();
+    const bool dryRun = context.report.IsDryRun();
+    if (!dryRun) session.Check("cannot grant access", TsmSetAccess(handle, Text(node), Text(path), nullptr));
+    context.report.Line(
+        fmt::format("{} {} access to filespace {}", dryRun ? "would grant" : "granted", node, filespace));
+}
+
 }  // namespace
 
 void AddFilespaces(CommandLine& line) {
@@ -76,6 +87,15 @@ void AddDeleteFilespace(CommandLine& line) {
                                  [options](Context& context) { DeleteFilespace(*options, context); });
     command.add_option("NAME", options->name, "the filespace")->type_name("NAME")->required();
     command.add_flag("--yes", options->yes, "do not ask");
+    line.AddDryRun(command);
+}
+
+void AddGrant(CommandLine& line) {
+    const auto node = std::make_shared<std::string>();
+    CLI::App& command = line.Add("grant", "Let another node read the filespace",
+                                 {"tsmctl grant NODE2", "tsmctl grant NODE2 --filespace shared"},
+                                 [node](Context& context) { Grant(*node, context); });
+    command.add_option("NODE", *node, "the node that gets access")->type_name("NAME")->required();
     line.AddDryRun(command);
 }
 

@@ -1,9 +1,42 @@
-// help: prints the help of tsmctl or of a command, as --help does. It needs no server.
+// help and completion: print the help of tsmctl or of a command, as --help does, and the completion for bash. They need
+// no server.
 #include <memory>
 
 #include "commands/Commands.h"
 
 namespace tsmctl {
+namespace {
+
+// It reads the helps. $2 ends at the cursor; $3 is the word before, where bash has cut "--type=dir" into three. Where
+// nothing matches, bash offers local names, which it knows how to quote.
+constexpr const char* completion = R"bash(# Completion of tsmctl for bash, printed by 'tsmctl completion'.
+_tsmctl() {
+    local help command='' option=$3 word words=''
+    help=$(tsmctl --help)
+    local commands=$(sed -n '/^Commands:/,/^$/s/^  \([^ ]*\).*/\1/p' <<<"$help")
+    for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+        [[ $'\n'$commands$'\n' == *$'\n'"$word"$'\n'* ]] && command=$word && break
+    done
+    [[ ! $command ]] || help+=$'\n'$(tsmctl "$command" --help)
+    [[ $option != = ]] || option=${COMP_WORDS[COMP_CWORD-2]}
+    if [[ $2 == -* ]]; then
+        words=$(sed -n 's/^  \(-.,\)\{0,1\}\(--[a-z-]*\).*/\2/p' <<<"$help")
+    elif [[ $help =~ $'\n  '"$option "([a-z]+(\|[a-z]+)+) ]]; then
+        words=${BASH_REMATCH[1]}
+    fi
+    [[ $words || ( $command && $command != help ) ]] || words=$commands
+    mapfile -t COMPREPLY < <(compgen -W "${words//|/ }" -- "$2")
+}
+complete -o bashdefault -o default -F _tsmctl tsmctl
+)bash";
+
+}  // namespace
+
+void AddCompletion(CommandLine& line) {
+    line.Add("completion", "Print the completion for bash",
+             {"tsmctl completion > tsmctl.bash", "source <(tsmctl completion)"},
+             [](Context& context) { context.report.Text(completion); });
+}
 
 void AddHelp(CommandLine& line) {
     const auto about = std::make_shared<std::string>();  // empty for tsmctl itself

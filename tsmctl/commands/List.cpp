@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "Arguments.h"
 #include "Chosen.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"

@@ -10,13 +10,11 @@
 #include <utility>
 #include <vector>
 
-#include "Arguments.h"
 #include "Errors.h"
 #include "Inventory.h"
-#include "KeptDirectories.h"
 #include "Parallel.h"
 #include "RunRecord.h"
-#include "Terminal.h"
+#include "Vanished.h"
 #include "commands/Commands.h"
 #include "tsmconnector.h"
 

@@ -11,7 +11,6 @@
 #include <tuple>
 #include <utility>
 
-#include "Arguments.h"
 #include "Chosen.h"
 #include "Errors.h"
 #include "RestoreTarget.h"

@@ -9,7 +9,6 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "Arguments.h"
 #include "Errors.h"
 #include "Inventory.h"
 #include "RunRecord.h"

@@ -10,15 +10,12 @@
 #include <memory>
 #include <utility>
 
-#include "Arguments.h"
-#include "Attributes.h"
 #include "Chosen.h"
 #include "Errors.h"
 #include "LocalTree.h"
 #include "Parallel.h"
 #include "Transfer.h"
 #include "commands/Commands.h"
-#include "tsmconnector.h"
 
 namespace tsmctl {
 namespace {
