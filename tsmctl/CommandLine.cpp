@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <memory>
 #include <regex>
 #include <sstream>
 #include <utility>
@@ -15,6 +16,14 @@
 
 namespace tsmctl {
 namespace {
+
+// CLI11 would tell of an option that can be given again that it takes several values.
+class Formatter : public CLI::Formatter {
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const std::string text = CLI::Formatter::make_option_opts(option);
+        return option->get_positional() ? text : std::regex_replace(text, std::regex(R"( \.\.\.)"), "");
+    }
+};
 
 std::string HostName() {
     char name[256] = {};
@@ -68,6 +77,7 @@ CLI::Option* AddMoment(CLI::App& command, std::string& at, const char* descripti
 CLI::Option* AddExclude(CLI::App& command, std::vector<std::string>& patterns) {
     return command.add_option("--exclude", patterns, "leave out what the end of its path matches")
         ->type_name("PATTERN")
+
         ->allow_extra_args(false);
 }
 
@@ -104,6 +114,7 @@ bool Confirmed(bool yes, const std::string& question, const std::string& answer)
 
 CommandLine::CommandLine() {
     app_.option_defaults()->disable_flag_override();  // "--json=no" would be a flag that is not set
+    app_.formatter(std::make_shared<Formatter>());
     app_.get_formatter()->column_width(26);
     app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app_.fallthrough();

@@ -39,6 +39,16 @@ public:
     Deleter(const DeleteOptions& options, Context& context, Session& session)
         : options_(options), report_(context.report), session_(session), workers_(context, session, options.jobs) {}
 
+    // Throws Failure where the pattern itself names a directory that is not empty.
+    void RequireNothingBelow(const NamePattern& pattern) {
+        for (const StoredObject& object : List(session_, pattern, {options_.allVersions, options_.at})) {
+            if (!object.directory) continue;
+            for (const StoredObject& below : ListIn(session_, object.StoredPath(), options_.Versions())) {
+                throw Failure("is a directory that holds " + below.ObjectPath() + " (use --recursive)");
+            }
+        }
+    }
+
     // The number of objects. Throws Failure.
     size_t Count(const NamePattern& pattern) {
         std::set<std::string> names;
@@ -55,8 +65,8 @@ public:
         return count;
     }
 
-    // Reports what is gone, and what fails.
-    void Delete(const NamePattern& pattern) {
+    // Reports what is gone, and what fails. Nothing may be left where an earlier pattern chooses the same.
+    void Delete(const NamePattern& pattern, bool mayBeGone) {
         RequireNoFilesAbove(session_, pattern.Plain(), options_.Versions(), [](const StoredObject&) { return false; });
         Level above;
         for (const Parts& directory : DirectoriesAbove(pattern.Plain())) {
@@ -74,7 +84,7 @@ public:
         const bool done = DeleteBelow(pattern, options_.recursive ? below : Reach::Named);
         if (done && strays && !report_.IsDryRun()) DeleteBelow(pattern, Reach::Strays);
         kept.Restore(false);
-        if (done && !found_) throw NotFound();
+        if (done && !found_ && !mayBeGone) throw NotFound();
         if (!report_.IsDryRun()) ReportGone(above);
     }
 
@@ -87,6 +97,7 @@ private:
         std::multiset<std::string> dates;  // of its versions
         bool file = false;
         bool directory = false;
+        bool wasDirectory = false;  // is chosen as one that was there at the moment
         bool chosen = false;
         bool deleted = false;
 
@@ -136,17 +147,17 @@ private:
             if (options_.allVersions || object.active) {
                 entry.Add(object);
             } else if (object.directory) {
-                entry.chosen = true;  // if there is one now that is the same
+                entry.wasDirectory = true;
             } else {
                 report_.Failed(Join(plain), notActive);
             }
         }
         bool goOn = true;
         for (auto& [path, entry] : entries) {
-            if (entry.dates.empty()) {
-                if (entry.chosen) report_.Failed(Join(plain), notActive);
-                continue;
-            }
+            // One that was stored anew since counts as the same.
+            if (entry.wasDirectory && !entry.directory) report_.Failed(Join(plain), notActive);
+            entry.chosen = entry.chosen || (entry.wasDirectory && entry.directory);
+            if (entry.dates.empty()) continue;
             entry.chosen = entry.chosen && Attempt(report_, Join(plain), [&, &object = entry.object] {
                                RequireChangeable(session_, object);
                            });
@@ -291,14 +302,21 @@ void Delete(const DeleteOptions& options, Context& context) {
     size_t count = 0;
     const bool confirmed = options.yes || context.report.IsDryRun();
     for (size_t i = 0; i < patterns.size(); ++i) {
-        if (confirmed || Attempt(context.report, options.paths[i], [&] { count += deleter.Count(patterns[i]); }))
-            chosen.push_back(i);
+        const bool mayGo = Attempt(context.report, options.paths[i], [&] {
+            if (!options.recursive) deleter.RequireNothingBelow(patterns[i]);
+            if (!confirmed) count += deleter.Count(patterns[i]);
+        });
+        if (mayGo) chosen.push_back(i);
     }
     if (count > 1 && !Confirmed(confirmed, fmt::format("delete {} objects", count), "yes")) {
         throw Failure("not confirmed, nothing deleted");
     }
     for (const size_t i : chosen) {
-        Attempt(context.report, options.paths[i], [&] { deleter.Delete(patterns[i]); });
+        const bool mayBeGone = std::any_of(patterns.begin(), patterns.begin() + static_cast<std::ptrdiff_t>(i),
+                                           [&, &own = patterns[i]](const NamePattern& earlier) {
+                                               return earlier.Matches(own.Plain()) || own.Matches(earlier.Plain());
+                                           });
+        Attempt(context.report, options.paths[i], [&] { deleter.Delete(patterns[i], mayBeGone); });
     }
     CheckInterrupt();
     for (const NamePattern& pattern : patterns) {

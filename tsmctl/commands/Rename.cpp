@@ -45,8 +45,9 @@ struct Move {
 struct Level {
     std::string path;
     std::map<std::string, Move> moves;  // by name
-    std::set<std::string> directories;  // their names, also of those that have their new names already
-    bool isActive = false;              // so is the directory itself, and will be under its new name
+    // The names of directories, also of those that have their new names already; of these, whether they were ours.
+    std::map<std::string, bool> directories;
+    bool isActive = false;  // so is the directory itself, and will be under its new name
 };
 
 // The server knows no trees, so a directory is renamed object by object, each directory before what it holds: its new
@@ -136,7 +137,7 @@ private:
             if (!added && !object.active) continue;
             if (HasWildcard(object.name)) throw Failure(object.ObjectPath() + ": its name cannot be renamed safely");
             if (added) RequireChangeable(session_, object);
-            if (object.directory) level.directories.insert(object.name);
+            if (object.directory) level.directories.emplace(object.name, false);
             move.to = ToStoredRaw(SplitAtSlash(NewPath(object.StoredPath()).substr(1)));
             move.active = object.active;
             move.from = std::move(object);
@@ -144,7 +145,9 @@ private:
         for (const StoredObject& object : ListIn(session_, to.path, everyVersion, to.name)) {
             const std::string& name = from.name.empty() ? object.name : from.name;
             if (const auto found = level.moves.find(name); found != level.moves.end()) found->second.taken = true;
-            if (object.directory) level.directories.insert(name);
+            if (!object.directory) continue;
+            bool& isOurs = level.directories[name];
+            isOurs = isOurs || object.info;
         }
         return level;
     }
@@ -155,18 +158,18 @@ private:
     // Works on what a directory holds, and then goes into the directories there, unless enter says no.
     void Walk(const std::string& directory, bool isActive, const Work& work, const Enter& enter) {
         CheckInterrupt();
-        // The library makes it active again for what is renamed in it.
-        if (enter && !directory.empty() && !isActive) revived_.push_back(NewPath(directory));
         Level level = Look(directory);
         level.isActive = isActive;
         work(level);
         for (auto move = level.moves.begin(); move != level.moves.end();) {
             move = move->second.from.directory ? std::next(move) : level.moves.erase(move);
         }
-        for (const std::string& name : level.directories) {
+        for (const auto& [name, isOurs] : level.directories) {
             const auto move = level.moves.find(name);
             const bool moves = move != level.moves.end();
             if (moves && enter && !enter(move->second)) continue;
+            // The library makes it active again for what is renamed in it, as in an earlier try.
+            if (enter && (moves ? !move->second.active : isOurs)) revived_.push_back(NewPath(level.path + "/" + name));
             Walk(level.path + "/" + name, moves && move->second.active, work, enter);
         }
     }
@@ -183,7 +186,7 @@ private:
         std::set<std::string> entered;
         const auto check = [&](Level& level) {
             count_ += level.moves.size();
-            for (const std::string& name : level.directories) {
+            for (const auto& [name, isOurs] : level.directories) {
                 if (count_ <= mostWithStrays) entered.insert(level.path + "/" + name);
             }
             for (const auto& [name, move] : level.moves) {
@@ -279,10 +282,10 @@ private:
         ReportMove(move);
     }
 
-    // What was not active before is not to be, where nothing in it is.
+    // What was not active before is not to be, where nothing in it is. Goes on after a signal.
     void RemoveRevived() {
         for (auto path = revived_.rbegin(); path != revived_.rend(); ++path) {
-            Attempt(report_, Unescape(path->substr(1)), [&] {
+            try {
                 const StoredName stored = ToStoredRaw(SplitAtSlash(path->substr(1)));
                 for (const StoredObject& object : ListIn(session_, stored.path, {}, stored.name)) {
                     if (!object.directory || !object.text.empty() || !ListIn(session_, *path, {}).empty()) continue;
@@ -291,7 +294,9 @@ private:
                     DeleteObject(session_, object, false, "");
                     above.Restore(true);
                 }
-            });
+            } catch (const Failure& failure) {
+                report_.Failed(Unescape(path->substr(1)), failure.what());
+            }
         }
     }
 

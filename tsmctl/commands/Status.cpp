@@ -119,15 +119,21 @@ void Show(Report& report, const Finding& f) {
 }
 
 void ShowPrometheus(Context& context, const std::vector<Finding>& findings) {
-    // A label is UTF-8, and without control characters it is quoted as in JSON.
+    // Labels are UTF-8.
     const auto quoted = [](const std::string& text) {
-        return nlohmann::json(Printable(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        using nlohmann::json;
+        const std::string whole = json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+        std::string value;
+        for (const char c : json::parse(whole).get<std::string>()) {
+            value += c == '\n' ? "\\n" : c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
+        }
+        return value;
     };
     const auto show = [&](const char* name, const char* help, const auto& value) {
         context.report.Entry(fmt::format("# HELP {} {}", name, help));
         context.report.Entry(fmt::format("# TYPE {} gauge", name));
         for (const Finding& f : findings) {
-            context.report.Entry(fmt::format("{}{{node={},filespace={},path={}}} {}", name,
+            context.report.Entry(fmt::format("{}{{node=\"{}\",filespace=\"{}\",path=\"{}\"}} {}", name,
                                              quoted(context.connection.Node()), quoted(context.connection.Filespace()),
                                              quoted(f.path), value(f)));
         }
