@@ -1,12 +1,11 @@
 #include "Connection.h"
 
+#include <bsd/readpassphrase.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,45 +22,15 @@
 namespace tsmctl {
 namespace {
 
-// Turns the echo off. Ctrl-\ and Ctrl-Z would leave the terminal without it, so they do nothing meanwhile, and keep
-// what was typed.
-class NoEcho {
-public:
-    explicit NoEcho(int fd) : fd_(fd) {
-        if (tcgetattr(fd_, &before_) != 0) FailLocal("cannot silence the terminal", errno);
-        termios silent = before_;
-        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        silent.c_lflag |= NOFLSH;
-        if (tcsetattr(fd_, TCSAFLUSH, &silent) != 0) FailLocal("cannot silence the terminal", errno);
-    }
-    ~NoEcho() {
-        tcsetattr(fd_, TCSAFLUSH, &before_);
-        signal(SIGQUIT, quit_);
-        signal(SIGTSTP, stop_);
-    }
-    NoEcho(const NoEcho&) = delete;
-
-private:
-    int fd_;
-    termios before_ = {};
-    const sighandler_t quit_ = signal(SIGQUIT, SIG_IGN);
-    const sighandler_t stop_ = signal(SIGTSTP, SIG_IGN);
-};
-
 // Asks on the controlling terminal, without echo.
 std::string AskPassword(const std::string& question) {
-    const UniqueFd terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
-    if (terminal.Get() < 0) {
-        throw UsageError("no password: give --password-file or TSMCTL_PASSWORD (there is no terminal to ask on)");
-    }
-    std::string password;
-    {
-        const NoEcho silence(terminal.Get());
-        WriteAll(terminal.Get(), question.data(), question.size());
-        password = ReadLine(terminal.Get());
-    }
-    WriteAll(terminal.Get(), "\n", 1);
-    return password;
+    char typed[4097] = "";  // more than a line of a terminal
+    const bool answered = readpassphrase(question.c_str(), typed, sizeof typed, RPP_REQUIRE_TTY) != nullptr;
+    const std::string password = typed;
+    explicit_bzero(typed, sizeof typed);
+    CheckInterrupt();
+    if (answered) return password;
+    throw UsageError("no password: give --password-file or TSMCTL_PASSWORD (there is no terminal to ask on)");
 }
 
 std::string PasswordIn(const std::string& path) try {
