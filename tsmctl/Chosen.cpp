@@ -22,7 +22,7 @@ std::vector<NamePattern> Chosen::Patterns() const {
 }
 
 CLI::Option* AddChosen(CLI::App& command, Chosen& chosen, const char* description) {
-    AddPaths(command, chosen.paths, "OBJECT", description)->required(chosen.required);
+    AddArguments(command, "PATH", chosen.paths, "OBJECT", description)->required(chosen.required);
     AddExclude(command, chosen.exclusions.patterns);
     AddLiteral(command, chosen.literal);
     return AddMoment(command, chosen.selection.at, "what was active at 'YYYY-MM-DD HH:MM:SS', server time");

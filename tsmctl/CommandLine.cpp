@@ -5,14 +5,11 @@
 
 #include <algorithm>
 #include <ctime>
-#include <memory>
 #include <regex>
 #include <sstream>
-#include <utility>
 
 #include "Errors.h"
 #include "Files.h"
-#include "ObjectInfo.h"
 
 namespace tsmctl {
 namespace {
@@ -44,23 +41,22 @@ std::string CheckMoment(const std::string& text) {
 
 }  // namespace
 
-CLI::Option* AddPaths(CLI::App& command, std::vector<std::string>& paths, const char* type, const char* description) {
-    return command.add_option("PATH", paths, description)
-        ->type_name(type)
-        ->expected(-1)
-        ->allow_extra_args()
-        ->required();
+CLI::Option* AddArguments(CLI::App& command, const char* name, std::vector<std::string>& values, const char* type,
+                          const char* description) {
+    return command.add_option(name, values, description)->type_name(type)->expected(-1)->allow_extra_args()->required();
 }
 
-CLI::Option* AddNumber(CLI::App& command, const char* name, const char* type, const char* description, long long least,
-                       long long most, const std::function<void(long long)>& assign) {
-    const auto check = [=](const std::string& text) -> std::string {
+CLI::Option* AddRepeatable(CLI::App& command, const char* name, std::vector<std::string>& values, const char* type,
+                           const char* description) {
+    return command.add_option(name, values, description)->type_name(type)->allow_extra_args(false);
+}
+
+std::function<std::string(const std::string&)> NumberBetween(long long least, long long most) {
+    return [=](const std::string& text) -> std::string {
         if (const auto number = ParseNumber(text); number && *number >= least && *number <= most) return "";
         const std::string typed = text.size() > 40 ? text.substr(0, 40) + "..." : text;
         return fmt::format("a whole number from {} to {} is needed, not '{}'", least, most, typed);
     };
-    const auto take = [=](const std::string& text) { assign(*ParseNumber(text)); };
-    return command.add_option_function<std::string>(name, take, description)->type_name(type)->check(check);
 }
 
 CLI::Option* AddChoice(CLI::App& command, const char* name, std::string& value, const char* description,
@@ -75,15 +71,11 @@ CLI::Option* AddMoment(CLI::App& command, std::string& at, const char* descripti
 }
 
 CLI::Option* AddExclude(CLI::App& command, std::vector<std::string>& patterns) {
-    return command.add_option("--exclude", patterns, "leave out what the end of its path matches")
-        ->type_name("PATTERN")
-
-        ->allow_extra_args(false);
+    return AddRepeatable(command, "--exclude", patterns, "PATTERN", "leave out what the end of its path matches");
 }
 
 CLI::Option* AddJobs(CLI::App& command, int& jobs) {
-    return AddNumber(command, "-j,--jobs", "NUMBER", "sessions at the same time, 1 to 64", 1, 64,
-                     [&jobs](long long number) { jobs = static_cast<int>(number); })
+    return AddNumber(command, "-j,--jobs", "NUMBER", "sessions at the same time, 1 to 64", 1, 64, jobs)
         ->default_str(std::to_string(jobs));
 }
 
@@ -149,8 +141,7 @@ void CommandLine::AddCommonOptions() {
         ->envname("TSMCTL_FILESPACE");
     add("--password-file", connection_.passwordFile, fileType, "file whose first line is the password")
         ->envname("TSMCTL_PASSWORD_FILE");
-    AddNumber(app_, "--retries", "NUMBER", "further tries after failures that may pass", 0, 1000,
-              [this](long long number) { connection_.retries = number; })
+    AddNumber(app_, "--retries", "NUMBER", "further tries after failures that may pass", 0, 1000, connection_.retries)
         ->default_str(std::to_string(connection_.retries))
         ->envname("TSMCTL_RETRIES");
     app_.add_flag("-q,--quiet", output_.quiet, "no progress, no summary");

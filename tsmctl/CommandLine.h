@@ -5,10 +5,13 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Connection.h"
+#include "ObjectInfo.h"
 #include "ObjectNames.h"
 
 namespace tsmctl {
@@ -18,11 +21,23 @@ constexpr const char* fileType = "FILE";
 constexpr const char* folderType = "FOLDER";
 
 // One argument or more.
-CLI::Option* AddPaths(CLI::App& command, std::vector<std::string>& paths, const char* type, const char* description);
+CLI::Option* AddArguments(CLI::App& command, const char* name, std::vector<std::string>& values, const char* type,
+                          const char* description);
+
+// An option that takes one value each time it is given.
+CLI::Option* AddRepeatable(CLI::App& command, const char* name, std::vector<std::string>& values, const char* type,
+                           const char* description);
 
 // A decimal number from least to most.
+std::function<std::string(const std::string&)> NumberBetween(long long least, long long most);
+template <typename Number>
 CLI::Option* AddNumber(CLI::App& command, const char* name, const char* type, const char* description, long long least,
-                       long long most, const std::function<void(long long)>& assign);
+                       long long most, Number& number) {
+    const auto take = [&number](const std::string& text) { number = static_cast<Number>(*ParseNumber(text)); };
+    return command.add_option_function<std::string>(name, take, description)
+        ->type_name(type)
+        ->check(NumberBetween(least, most));
+}
 
 // One of some words.
 CLI::Option* AddChoice(CLI::App& command, const char* name, std::string& value, const char* description,
@@ -63,6 +78,13 @@ public:
     // a store that holds what they name.
     CLI::App& Add(const std::string& name, const std::string& description, const std::vector<std::string>& examples,
                   RunFunction run);
+    // The same with what run gets as its options, which is returned, too.
+    template <typename Options, typename Run>
+    std::pair<CLI::App&, Options&> Add(const std::string& name, const std::string& description,
+                                       const std::vector<std::string>& examples, Run run) {
+        const auto options = std::make_shared<Options>();
+        return {Add(name, description, examples, [=](Context& context) { run(*options, context); }), *options};
+    }
     // For a command that changes something; it asks the Report.
     void AddDryRun(CLI::App& command);
     const CLI::App& Syntax() const { return app_; }

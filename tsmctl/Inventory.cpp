@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
-#include <set>
 #include <tuple>
 #include <utility>
 

@@ -113,7 +113,8 @@ void DeleteObject(Session& session, const StoredObject& object, bool allVersions
 
 // When a directory becomes empty, the library removes it by its name, and a file of that name with it. Throws Failure
 // if a file has the name of a directory above the object (plain parts), unless it may go.
-void RequireNoFilesAbove(Session& session, const Parts& object, const Selection& selection,
-                         const std::function<bool(const StoredObject&)>& mayGo);
+void RequireNoFilesAbove(
+    Session& session, const Parts& object, const Selection& selection,
+    const std::function<bool(const StoredObject&)>& mayGo = [](const StoredObject&) { return false; });
 
 }  // namespace tsmctl

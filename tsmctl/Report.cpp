@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <iterator>
 #include <new>
 #include <nlohmann/json.hpp>
@@ -249,12 +248,20 @@ bool Report::Succeeded(const std::string& command, bool good) {
     return failures_ == 0 && differences_ == 0;
 }
 
-bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work) try {
+bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work) {
     CheckInterrupt();
+    const bool done = AttemptAnyway(report, subject, work);
+    if (!done) CheckInterrupt();
+    return done;
+}
+
+bool AttemptAnyway(Report& report, const std::string& subject, const std::function<void()>& work) try {
     work();
     return true;
 } catch (const UsageError&) {
     throw;
+} catch (const Interrupted&) {
+    return false;
 } catch (const std::bad_alloc&) {
     report.Failed(subject, "not done: not enough memory");
     return false;

@@ -114,6 +114,8 @@ private:
 
 // Does the work. A failure is reported under the subject; then the result is false. Interrupted and UsageError pass.
 bool Attempt(Report& report, const std::string& subject, const std::function<void()>& work);
+// The same for what is due also after a signal, which then ends no more than the work.
+bool AttemptAnyway(Report& report, const std::string& subject, const std::function<void()>& work);
 
 std::string HumanSize(double bytes);
 

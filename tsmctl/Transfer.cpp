@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <climits>
 #include <utility>
 
 #include "Errors.h"

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "Errors.h"
+#include "Sender.h"
 #include "Transfer.h"
 
 namespace tsmctl {
@@ -32,11 +33,7 @@ void KeptDirectories::Restore(bool evenEmpty) {
             RequireStored(session_, directory.PlainParts(), true, directory.text);
             if (!inUse) DeleteObject(session_, directory, false, "");
         };
-        try {
-            session_.Retry(restore);
-        } catch (const Failure& failure) {
-            report_.Failed(directory.ObjectPath(), failure.what());
-        }
+        AttemptAnyway(report_, directory.ObjectPath(), [&] { session_.Retry(restore); });
     }
 }
 
@@ -71,24 +68,17 @@ long long Vanished::Remove(const Parts& folder, const StoredFolder& gone, const 
         kept.RememberAbove(inside);
     }
     const auto nameOf = [&](const LocalItem& item) { return Append(folder, {SplitAtSlash(item.object).back()}); };
-    try {
+    // What the library removed in passing comes back also after a signal.
+    AttemptAnyway(report_, Join(folder), [&] {
         RemoveEntries(folder, gone);
         for (const LocalItem& item : replaced) {
             Attempt(report_, item.local, [&] { RemoveOtherKind(nameOf(item), item.info.kind == Kind::Directory); });
         }
-    } catch (const Interrupted&) {
-        // What the library removed in passing comes first; then the signal is seen again.
-    } catch (const Failure& failure) {
-        report_.Failed(Join(folder), failure.what());
-    }
+    });
     if (report_.IsDryRun()) return gone_;
     kept.Restore(true);
     for (const LocalItem& item : replaced) {
-        try {
-            CheckReplaced(nameOf(item), item);
-        } catch (const Failure& failure) {
-            report_.Failed(item.local, failure.what());
-        }
+        AttemptAnyway(report_, item.local, [&] { CheckReplaced(nameOf(item), item); });
     }
     CheckInterrupt();
     return gone_;
@@ -165,7 +155,11 @@ void Vanished::CheckReplaced(const Parts& object, const LocalItem& item) {
     StoredPair now;
     session_.Retry([&] {
         now = ListOne(session_, object);
-        if (!now.Of(isDirectory)) RequireStored(session_, object, isDirectory, restore_(item));
+        if (now.Of(isDirectory)) return;
+        Buffer buffer(pieceSize);
+        std::string text;
+        StoreItem(session_, buffer, item, mgmtClass_, text, report_);
+        RequireStored(session_, object, isDirectory, text);
     });
     now.Of(!isDirectory) ? WarnOfOtherKind(report_, item) : CountOtherKind(object, isDirectory);
 }

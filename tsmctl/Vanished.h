@@ -40,15 +40,9 @@ void WarnOfOtherKind(Report& report, const LocalItem& item);
 
 class Vanished {
 public:
-    // keep says what stays (plain parts, whether it is a directory); restore stores a local item and returns
-    // its information text.
-    Vanished(Session& session, Report& report, std::function<bool(const Parts&, bool)> keep,
-             std::function<std::string(const LocalItem&)> restore, std::string mgmtClass)
-        : session_(session),
-          report_(report),
-          keep_(std::move(keep)),
-          restore_(std::move(restore)),
-          mgmtClass_(std::move(mgmtClass)) {}
+    // keep says what stays (plain parts, whether it is a directory).
+    Vanished(Session& session, Report& report, std::function<bool(const Parts&, bool)> keep, std::string mgmtClass)
+        : session_(session), report_(report), keep_(std::move(keep)), mgmtClass_(std::move(mgmtClass)) {}
 
     // What has to go from one directory; of the replaced items the objects of the other kind do. The new is stored
     // already, and no other session is at work: when a directory becomes empty, the library removes it by its name,
@@ -69,7 +63,6 @@ private:
     Session& session_;
     Report& report_;
     const std::function<bool(const Parts&, bool)> keep_;
-    const std::function<std::string(const LocalItem&)> restore_;
     const std::string mgmtClass_;
     std::set<Parts> tried_;
     long long gone_ = 0;

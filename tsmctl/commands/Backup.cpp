@@ -1,26 +1,27 @@
 // backup: stores local files and trees, each file, link and directory as an object of its own, or standard input.
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <climits>
-#include <cstdint>
 #include <ctime>
 #include <fstream>
+#include <list>
+#include <map>
 #include <memory>
 #include <optional>
+#include <thread>
+#include <tuple>
+#include <utility>
 
-#include "Attributes.h"
 #include "Errors.h"
 #include "Inventory.h"
 #include "LocalTree.h"
+#include "Parallel.h"
 #include "RunRecord.h"
+#include "Sender.h"
 #include "Transfer.h"
-#include "TreeBackup.h"
+#include "Vanished.h"
 #include "commands/Commands.h"
 
 namespace tsmctl {
@@ -28,247 +29,370 @@ namespace {
 
 struct BackupOptions {
     SourceOptions source;
-    std::optional<long long> size;      // of standard input
-    std::optional<long long> estimate;  // of the same
-    TreeOptions tree;
+    StreamSize size;  // of standard input
+    Exclusions exclusions;
+    bool oneFileSystem = false;
+    bool withoutCaches = false;
+    bool full = false;
+    bool checksum = false;
+    bool keepVanished = false;
+    bool force = false;
+    std::string mgmtClass;
+    int jobs = usualSessions;
     std::vector<std::string> exclusionFiles;
     std::vector<std::string> pathFiles;
 };
 
-// Announced for a stream of which nothing is known.
-constexpr long long largeStream = 10LL << 30;
-constexpr int tries = 4;
+// So many objects are sent before it is checked that they are stored, for which all sessions have to be idle.
+constexpr size_t mostUnchecked = 1000;
 
-// The size of the last version and a tenth more, or a large value where that size is not known, or is one that would
-// have fit into the buffer, as this stream does not.
-long long EstimateAfter(const std::optional<StoredObject>& last) {
-    if (!last) return largeStream;
-    const long long size = last->info ? last->info->size.value_or(0) : 0;
-    if (size >= static_cast<long long>(pieceSize)) return size + std::min(size / 10, LLONG_MAX - size);
-    return std::max(largeStream, last->announced - static_cast<long long>(sealLength));
+// What shows whether something changed. Content and attributes do not without the ctime.
+std::string StateOf(Info info, bool withCtime) {
+    if (!withCtime) info.ctime = {};
+    info.fields = FieldOf(info.fields, "link") + " " + FieldOf(info.fields, "device");
+    return FormatInfo(info);
 }
 
-class Sender {
-public:
-    // text becomes the information text before anything is committed under it.
-    Sender(const BackupOptions& options, Report& report, Session& session, Buffer& buffer, std::string& text)
-        : options_(options), report_(report), session_(session), buffer_(buffer), text_(text) {}
+// Whether content and attributes are what is stored, by reading both. What cannot be read is not.
+bool HoldsTheSame(Session& session, Buffer& buffer, const LocalItem& item, const StoredObject& stored,
+                  Report& report) try {
+    const Content there = ContentOf(session, buffer, stored, "", report);
+    const Content here = ContentOf(item, buffer, there.size + 1, report);
+    return here.digest == there.digest && here.attributes == there.attributes;
+} catch (const Failure&) {
+    return false;
+}
 
-    void Store(const LocalItem& item) {
-        for (int attempt = 1; !StoreUnchanged(item); ++attempt) {
-            if (attempt == tries) {
-                throw Failure(fmt::format("changed while it was read, {} times; not stored", tries));
-            }
-            poll(nullptr, 0, 100 << attempt);
-            CheckInterrupt();
+// Stores local trees, directory by directory, and makes the stored trees equal to them.
+class TreeBackup {
+    // Whether something of a directory could not be stored. A new directory shares it with the one above, from which it
+    // may have been moved away under another name.
+    using Incomplete = std::shared_ptr<bool>;
+    // What was sent, and no listing has shown yet that it is stored. A session fills in what became of it.
+    struct Sent {
+        LocalItem item;
+        Change change;
+        Incomplete incomplete;
+        std::string before;     // date of the version until now
+        std::string text = {};  // of the last try
+        bool committed = false;
+        bool checked = false;
+    };
+    // A directory while it is stored.
+    struct Folder {
+        Parts object;
+        StoredFolder stored;              // in the end, what is not here
+        std::vector<LocalItem> replaced;  // stored as the other kind too
+        bool othersStay = false;          // something in it does
+        Incomplete incomplete = std::make_shared<bool>(false);
+    };
+
+public:
+    TreeBackup(const BackupOptions& options, Context& context, Session& session)
+        : options_(options),
+          report_(context.report),
+          session_(session),
+          workers_(context, session, options.jobs),
+          vanished_(
+              session, report_, [this](const Parts& object, bool directory) { return LeavesOut(object, directory); },
+              options.mgmtClass) {
+        for (const Change change : {Change::New, Change::Changed, Change::Unchanged, Change::Gone}) {
+            report_.CountChange(change, 0);
         }
     }
 
-    // Without a size, what fits into the buffer is announced exactly, and anything longer by the estimate.
-    void StoreStream(const Parts& object, const std::optional<StoredObject>& last) {
-        Info info;
-        info.kind = Kind::Stream;
-        info.mode = 0600;
-        info.uid = geteuid();
-        info.gid = getegid();
-        clock_gettime(CLOCK_REALTIME, &info.mtime);
-        info.ctime = info.mtime;
-        info.size = options_.size;
-        const size_t first = ReadFull(STDIN_FILENO, buffer_.data(), pieceSize);
-        const auto length = static_cast<long long>(first);
-        const bool whole = first < pieceSize;
-        if (whole && !info.size) info.size = length;
-        if (info.size && (whole ? length != *info.size : length > *info.size)) FailSize();
-        const long long announced =
-            info.size.value_or(std::max(length, options_.estimate.value_or(EstimateAfter(last))));
-        text_ = FormatInfo(info);
-        long long sent = 0;
-        bool readOn = false;
-        std::string failed;
-        session_.Retry([&] {
-            if (!failed.empty() && IsStoredAs(ListOne(session_, object), false, text_)) return;
-            if (readOn) throw Failure(failed + "; standard input cannot be read a second time");
-            try {
-                Upload upload(session_, ToStored(object), announced, info, "", options_.tree.mgmtClass);
-                if (first > 0) upload.Send(buffer_.data(), first);
-                report_.Advance(first);
-                readOn = !whole;
-                sent = length + (whole ? 0 : Send(upload, STDIN_FILENO, info.size.value_or(INT64_MAX) - length));
-                if (info.size && (sent < *info.size || (!whole && MoreIn(STDIN_FILENO)))) FailSize();
-                upload.Commit();
-                RequireStored(session_, object, false, text_);
-            } catch (const PassingFailure& failure) {
-                failed = failure.what();
-                throw;
-            }
-        });
-        report_.Count(Kind::Stream);
-        report_.Did("stored", Join(object));
-        if (sent > announced) {
-            report_.Warn(Join(object), fmt::format("has {} bytes, but {} were announced; --estimate announces more",
-                                                   sent, announced));
+    // Reports what fails, and goes on. The run is recorded when it begins, too, so that one that was broken off shows
+    // as such.
+    void StoreSource(const Source& source) {
+        struct stat status = {};
+        const bool found = lstat(source.local.c_str(), &status) == 0;
+        const bool isDirectory = found && S_ISDIR(status.st_mode);
+        if (report_.IsDryRun()) return Run(source);
+        if (!found || isDirectory) Finish();
+        const long long before = report_.Failures();
+        RunRecord run;
+        run.tree = source.object;
+        run.begun = run.ended = std::time(nullptr);
+        if (isDirectory) Record(run, true);
+        Run(source);
+        if (found && !isDirectory && report_.Failures() == before) return;
+        Finish();
+        run.failures = report_.Failures() - before;
+        run.ended = std::time(nullptr);
+        if (run.failures == 0) run.complete = run.ended;
+        Record(run, isDirectory);
+    }
+
+    // Returns when everything is stored, or all that counts in some directories. A listing of each directory says
+    // whether it is, since a commit answers 0 also where the API could not end the object. Throws Interrupted at a
+    // signal.
+    void Finish(const Incomplete& only = nullptr) {
+        workers_.Finish();
+        std::map<Parts, std::list<Sent>> folders;
+        for (auto next = sent_.begin(); next != sent_.end();) {
+            const auto sent = next++;
+            if (only && sent->incomplete != only) continue;
+            Parts folder = SplitAtSlash(sent->item.object);
+            folder.pop_back();
+            std::list<Sent>& inside = folders[folder];
+            inside.splice(inside.end(), sent_, sent);
+        }
+        for (auto& [folder, all] : folders) {
+            Attempt(report_, Join(folder), [&, &path = folder, &sent = all] {
+                const StoredFolder now = ListFolder(session_, path);
+                for (Sent& each : sent) Check(each, now);
+            });
+            for (const Sent& sent : all) *sent.incomplete = *sent.incomplete || !sent.checked;
         }
     }
 
 private:
-    static bool MoreIn(int fd) {
-        char byte = 0;
-        return ReadFull(fd, &byte, 1) == 1;
-    }
-
-    // Sends up to limit bytes; fewer when the input ends.
-    long long Send(Upload& upload, int fd, long long limit) {
-        return ReadPieces(fd, buffer_, limit, [&](size_t length) {
-            upload.Send(buffer_.data(), length);
-            report_.Advance(length);
+    // Of what is no directory now, a run is recorded only where it has been a tree.
+    void Record(RunRecord run, bool isDirectory) {
+        Attempt(report_, "the record of " + Join(run.tree), [&] {
+            const std::vector<RunRecord> last = FindRuns(session_, run.tree, Scope::Self);
+            if (!isDirectory && last.empty()) return;
+            if (!run.complete && !last.empty()) run.complete = last[0].complete;
+            StoreRun(session_, run, options_.mgmtClass);
         });
     }
 
-    [[noreturn]] void FailSize() const {
-        throw Failure(fmt::format("does not have the {} bytes of --size; not stored", *options_.size));
+    void Run(const Source& source) {
+        Attempt(report_, source.local, [&] {
+            top_ = Look(source);
+            const bool isDirectory = top_.info.kind == Kind::Directory;
+            head_ = source.object.size() - (source.isRoot ? 0 : 1);
+            Folder folder;
+            folder.object = {source.object.begin(), source.object.begin() + static_cast<std::ptrdiff_t>(head_)};
+            if (source.isRoot) return Enter(top_, folder, [] {});
+            if (LeavesOut(source.object, isDirectory)) return;
+            const StoredPair stored = ListOne(session_, source.object);
+            if (!isDirectory && stored.directory && !options_.force && !options_.keepVanished) {
+                throw Failure("was a directory when it was stored; --force stores what it is now in its place");
+            }
+            folder.stored[Escape(source.object.back())] = stored;
+            Visit(top_, folder);
+            Settle(folder);
+        });
     }
 
-    // The item counts as it is when it is opened. False when a file changed while it was read; nothing of it is stored
-    // then.
-    bool StoreUnchanged(const LocalItem& item) {
-        const bool isFile = item.info.kind == Kind::File;
-        const UniqueFd here = OpenItem(item, isFile ? 0 : O_PATH);
-        const struct stat status = StatusOf(here);
-        Info info = InfoOf(status);
-        if (info.kind != item.info.kind) throw Failure(fmt::format("is no longer a {}", KindName(item.info.kind)));
-        std::string target = info.kind == Kind::Link ? ReadLink(here) : "";
-        if (!isFile) info.size = static_cast<long long>(target.size());
-        std::vector<Extent> extents;
-        if (isFile) extents = FindData(here.Get(), status);
-        const std::string ranges = FormatExtents(extents);
-        ParseExtents(ranges, *info.size);  // what cannot be read back is refused
-        if (extents.empty()) extents.push_back({0, *info.size});
-        long long bytes = 0;
-        for (const Extent& extent : extents) bytes += extent.length;
-        std::string header = ReadAttributes(here.Get(), report_) + ranges;
-        if (info.kind == Kind::Directory) PutInto(info, std::exchange(header, ""));
-        if (!header.empty()) AddField(info.fields, "header", std::to_string(header.size()));
-        Upload upload(session_, ToStored(SplitAtSlash(item.object)), bytes, info, header, options_.tree.mgmtClass);
-        upload.Send(reinterpret_cast<unsigned char*>(target.data()), target.size());
-        report_.Advance(target.size());
-        if (isFile && !SendFile(upload, here, extents, status)) return false;
-        text_ = upload.InfoText();
-        upload.Commit();
-        return true;
+    bool LeavesOut(const Parts& object, bool directory) const {
+        return options_.exclusions.LeaveOut({object.begin() + static_cast<std::ptrdiff_t>(head_), object.end()},
+                                            directory);
     }
 
-    // A directory's attributes have to fit into its information text; what does not is left out, ACLs last.
-    void PutInto(Info& info, const std::string& attributes) {
-        bool complete = true;
-        for (const std::string& field : AttributesIn(attributes)) {
-            const std::string before = info.fields;
-            info.fields += (before.empty() ? "" : " ") + field;
-            if (FormatInfo(info).size() + sumLength <= longestInfo) continue;
-            info.fields = before;
-            complete = false;
+    void CheckTop(const Folder& folder, const LocalFolder& here) const {
+        const auto counts = [](const auto& entry) {
+            return entry.first != "lost+found" && (!entry.second.file || IsFromTree(*entry.second.file));
+        };
+        for (const LocalItem& item : here.entries) {
+            const auto found = folder.stored.find(Escape(SplitAtSlash(item.object).back()));
+            if (found != folder.stored.end() && counts(*found)) return;
         }
-        if (!complete) report_.CountLoss("extended attributes or ACL of a directory too long to keep");
-        AddSum(info);
-    }
-
-    // False when it changed meanwhile.
-    bool SendFile(Upload& upload, const UniqueFd& file, const std::vector<Extent>& extents, const struct stat& status) {
-        long long place = 0;
-        bool less = false;
-        for (auto extent = extents.begin(); extent != extents.end() && !less; ++extent) {
-            upload.Skip(extent->offset - place);
-            if (lseek(file.Get(), extent->offset, SEEK_SET) < 0) FailLocal("cannot read", errno);
-            less = Send(upload, file.Get(), extent->length) < extent->length;
-            place = extent->offset + extent->length;
+        const auto stored = std::count_if(folder.stored.begin(), folder.stored.end(), counts);
+        if (stored > 1 || (stored == 1 && here.entries.empty())) {
+            throw Failure(
+                "holds nothing of what is stored of it, as if another file system were here; nothing is stored "
+                "or removed (--force stores it as it is, --keep-vanished removes nothing)");
         }
-        if (!less) upload.Skip(status.st_size - place);
-        lseek(file.Get(), status.st_size, SEEK_SET);
-        const bool more = MoreIn(file.Get());
-        if (FormatInfo(InfoOf(StatusOf(file))) != FormatInfo(InfoOf(status))) return false;
-        if (!less && !more) return true;
-        throw Failure(fmt::format("holds {} than its size of {} bytes; not stored (pipe it into backup - --as)",
-                                  more ? "more" : "less", status.st_size));
     }
 
-    // A write in the tick of the clock in which the file changed last would not show in its times.
-    static struct stat StatusOf(const UniqueFd& file) {
-        struct stat status = {};
-        timespec now = {};
-        do {
-            if (fstat(file.Get(), &status) != 0) FailLocal("cannot open", errno);
-            clock_gettime(CLOCK_REALTIME_COARSE, &now);
-        } while (TimeText(now) == TimeText(status.st_ctim) && poll(nullptr, 0, 1) == 0);
-        return status;
+    // Stores the directory by the function given, and then what it holds.
+    void Enter(const LocalItem& directory, Folder& folder, const std::function<void()>& store) {
+        LocalFolder here;
+        const char* closed = nullptr;
+        const bool readable = Attempt(report_, directory.local, [&] {
+            // What another run stores from now on is not taken for gone.
+            StoredFolder stored = ListFolder(session_, folder.object);
+            here = Read(directory, report_);
+            closed = here.isStore                                                ? "is the store of a server"
+                     : here.isCache && options_.withoutCaches                    ? "is a cache"
+                     : directory.device != top_.device && options_.oneFileSystem ? "is another file system"
+                                                                                 : nullptr;
+            if (!closed) folder.stored = std::move(stored);
+        });
+        const bool isTop = directory.local == top_.local;
+        if (isTop && readable && !options_.force && !options_.keepVanished) CheckTop(folder, here);
+        store();
+        if (closed) {
+            report_.Note(directory.local + " " + closed + "; what it holds is left out");
+        } else if (readable) {
+            Walk(std::move(here), folder);
+        } else {
+            *folder.incomplete = true;
+        }
+    }
+
+    void Walk(LocalFolder here, Folder& folder) {
+        // Directories come last, when the memory of all else is free again.
+        std::stable_partition(here.entries.begin(), here.entries.end(),
+                              [](const LocalItem& item) { return item.info.kind != Kind::Directory; });
+        for (; !here.entries.empty(); here.entries.pop_front()) {
+            const LocalItem& item = here.entries.front();
+            const Parts object = SplitAtSlash(item.object);
+            if (item.unreadable || LeavesOut(object, item.info.kind == Kind::Directory)) {
+                folder.stored.erase(Escape(object.back()));
+            } else if (item.info.kind == Kind::Other) {
+                report_.Warn(item.local, "socket, skipped");
+            } else {
+                Visit(item, folder);
+            }
+        }
+        if (here.whole) Settle(folder);
+    }
+
+    void Visit(const LocalItem& item, Folder& folder) {
+        const bool isDirectory = item.info.kind == Kind::Directory;
+        const Parts object = SplitAtSlash(item.object);
+        StoredPair stored;
+        if (auto node = folder.stored.extract(Escape(object.back()))) stored = std::move(node.mapped());
+        const auto& other = stored.Of(!isDirectory);
+        const bool replaces = bool(other);
+        if (replaces) folder.replaced.push_back(item);
+        folder.othersStay = folder.othersStay || !replaces;
+        const auto& before = stored.Of(isDirectory);
+        // A restore takes the newer kind.
+        const bool hidden =
+            before && other && std::tie(other->date, other->directory) > std::tie(before->date, before->directory);
+        const bool like = !options_.full && !hidden && before && before->info &&
+                          StateOf(item.info, !options_.checksum) == StateOf(*before->info, !options_.checksum);
+        const Change change = like ? Change::Unchanged : before || replaces ? Change::Changed : Change::New;
+        if (!isDirectory) return Send(item, folder, change, before);
+        Folder inside;
+        inside.object = object;
+        if (!before) inside.incomplete = folder.incomplete;
+        Enter(item, inside, [&] { Send(item, folder, change, before); });
+    }
+
+    // A listing says what became of an earlier try, so that nothing is stored twice.
+    void Store(Session& session, Buffer& buffer, Sent& sent) const {
+        session.Retry([&] {
+            const bool isThere =
+                !sent.text.empty() && IsStoredAs(ListOne(session, SplitAtSlash(sent.item.object)),
+                                                 sent.item.info.kind == Kind::Directory, sent.text, sent.before);
+            if (!isThere) StoreItem(session, buffer, sent.item, options_.mgmtClass, sent.text, report_);
+            sent.committed = true;
+        });
+    }
+
+    // before is what is stored of it.
+    void Send(const LocalItem& item, Folder& folder, Change change, const std::optional<StoredObject>& before) {
+        const bool compare = change == Change::Unchanged && options_.checksum;
+        if ((change == Change::Unchanged && !compare) || report_.IsDryRun()) {
+            report_.Step();
+            return Count(item, change);
+        }
+        Sent& sent = sent_.emplace_back(Sent{item, change, folder.incomplete, before ? before->date : ""});
+        const auto work = [this, &sent, like = compare ? before : std::nullopt](Session& session, Buffer& buffer) {
+            if (like && HoldsTheSame(session, buffer, sent.item, *like, report_)) {
+                sent.before.clear();
+                sent.text = like->text;
+                sent.committed = true;
+            } else {
+                if (like) sent.change = Change::Changed;
+                Store(session, buffer, sent);
+            }
+            report_.Step();
+        };
+        // Two sessions that miss the same directory would both create it. So this one stores the directories, and the
+        // first file, which creates those that --to names.
+        if (item.info.kind == Kind::Directory || !headStored_) {
+            const bool done = Attempt(report_, item.local, [&] { work(session_, buffer_); });
+            headStored_ = headStored_ || done;
+        } else {
+            workers_.Do(item.local, work);
+        }
+    }
+
+    void Count(const LocalItem& item, Change change) {
+        if (change != Change::Unchanged) {
+            report_.Did("stored", item.object, change == Change::New ? "new" : "changed");
+        }
+        report_.Count(item.info.kind);
+        report_.CountChange(change);
+    }
+
+    void Check(Sent& sent, const StoredFolder& now) {
+        if (!sent.committed) return;  // has failed already
+        const bool isDirectory = sent.item.info.kind == Kind::Directory;
+        const Parts object = SplitAtSlash(sent.item.object);
+        const auto found = now.find(Escape(object.back()));
+        const bool isThere = found != now.end() && IsStoredAs(found->second, isDirectory, sent.text, sent.before);
+        // A version of the same second as the one before, as after two runs with --full, cannot be told from it.
+        bool again = !isThere && found != now.end() && IsStoredAs(found->second, isDirectory, sent.text);
+        if (again && !std::exchange(secondPassed_, true)) std::this_thread::sleep_for(std::chrono::seconds(1));
+        const auto storeAgain = [&] {
+            session_.Retry([&] {
+                if (std::exchange(again, true)) Store(session_, buffer_, sent);
+                RequireStored(session_, object, isDirectory, sent.text, sent.before);
+            });
+        };
+        sent.checked = isThere || Attempt(report_, sent.item.local, storeAgain);
+        if (sent.checked) Count(sent.item, sent.change);
+    }
+
+    void Settle(Folder& folder) {
+        StoredFolder gone;
+        for (const auto& [name, stored] : folder.stored) {
+            const bool mayGo = (!stored.file || IsFromTree(*stored.file)) && !folder.object.empty();
+            const bool isTold = stored.file && IsDamaged(*stored.file) && !folder.object.empty();
+            if ((mayGo || isTold) && !options_.keepVanished) gone.emplace(name, stored);
+            folder.othersStay = folder.othersStay || !mayGo;
+        }
+        if (sent_.size() >= mostUnchecked) Finish();
+        if (gone.empty() && folder.replaced.empty()) return;
+        Finish(folder.incomplete);
+        if (*folder.incomplete) {
+            return report_.Note(Join(folder.object) +
+                                ": what is gone stays stored, since not everything here could be");
+        }
+        if (options_.keepVanished) {
+            for (const LocalItem& item : folder.replaced) WarnOfOtherKind(report_, item);
+            return;
+        }
+        Attempt(report_, Join(folder.object), [&] {
+            report_.CountChange(Change::Gone,
+                                vanished_.Remove(folder.object, gone, folder.replaced, folder.othersStay, head_));
+        });
     }
 
     const BackupOptions& options_;
     Report& report_;
     Session& session_;
-    Buffer& buffer_;
-    std::string& text_;
+    Buffer buffer_ = Buffer(pieceSize);
+    std::list<Sent> sent_;
+    Workers workers_;  // ends before what it works on
+    Vanished vanished_;
+    bool secondPassed_ = false;  // since the backup began
+    bool headStored_ = false;    // whether the directories above the trees are there
+    size_t head_ = 0;            // how many there are
+    LocalItem top_;
 };
-
-// Of what is no directory now, a run is recorded only where it has been a tree.
-void Record(Report& report, Session& session, RunRecord run, bool isDirectory, const std::string& mgmtClass) {
-    Attempt(report, "the record of " + Join(run.tree), [&] {
-        const std::vector<RunRecord> last = FindRuns(session, run.tree, Scope::Self);
-        if (!isDirectory && last.empty()) return;
-        if (!run.complete && !last.empty()) run.complete = last[0].complete;
-        StoreRun(session, run, mgmtClass);
-    });
-}
-
-// The run is recorded when it begins, too, so that one that was broken off shows as such.
-void StoreSource(const BackupOptions& options, Report& report, Session& session, TreeBackup& backup,
-                 const Source& source) {
-    struct stat status = {};
-    const bool found = lstat(source.local.c_str(), &status) == 0;
-    const bool isDirectory = found && S_ISDIR(status.st_mode);
-    if (report.IsDryRun()) return backup.Run(source);
-    if (!found || isDirectory) backup.Finish();
-    const long long before = report.Failures();
-    RunRecord run;
-    run.tree = source.object;
-    run.begun = run.ended = std::time(nullptr);
-    if (isDirectory) Record(report, session, run, true, options.tree.mgmtClass);
-    backup.Run(source);
-    if (found && !isDirectory && report.Failures() == before) return;
-    backup.Finish();
-    run.failures = report.Failures() - before;
-    run.ended = std::time(nullptr);
-    if (run.failures == 0) run.complete = run.ended;
-    Record(report, session, run, isDirectory, options.tree.mgmtClass);
-}
 
 void StoreTrees(const BackupOptions& options, Context& context) {
     const std::vector<Source> sources = ResolveSources(options.source.paths, options.source.to);
     Session session(context.connection);
     session.Handle();
-    const auto store = [&](Session& own, Buffer& buffer, const LocalItem& item, std::string& text) {
-        Sender(options, context.report, own, buffer, text).Store(item);
-    };
-    TreeBackup backup(options.tree, context, session, store);
-    for (const Source& source : sources) StoreSource(options, context.report, session, backup, source);
+    TreeBackup backup(options, context, session);
+    for (const Source& source : sources) backup.StoreSource(source);
     backup.Finish();
 }
 
 void StoreInput(const BackupOptions& options, Context& context) {
     const Parts object = options.source.InputObject();
     Session session(context.connection);
-    Buffer buffer(pieceSize);
     session.Handle();
-    context.report.Expect(options.size);
+    context.report.Expect(options.size.exact);
     Attempt(context.report, "standard input", [&] {
         const StoredPair stored = ListOne(session, object);
         if (stored.directory) {
             context.report.Warn(Join(object), "a directory of this name is stored and stays; restore takes the newer");
         }
-        if (context.report.IsDryRun()) {
-            context.report.Count(Kind::Stream);
-            return context.report.Did("stored", Join(object));
+        if (!context.report.IsDryRun()) {
+            StoreStream(session, object, options.size, options.mgmtClass, stored.file, context.report);
         }
-        std::string text;
-        Sender(options, context.report, session, buffer, text).StoreStream(object, stored.file);
+        context.report.Count(Kind::Stream);
+        context.report.Did("stored", Join(object));
     });
 }
 
@@ -286,11 +410,12 @@ void AddLinesOf(const std::vector<std::string>& files, const char* comment, std:
 
 void Backup(BackupOptions options, Context& context) {
     AddLinesOf(options.pathFiles, nullptr, options.source.paths);
-    AddLinesOf(options.exclusionFiles, "#", options.tree.exclusions.patterns);
+    AddLinesOf(options.exclusionFiles, "#", options.exclusions.patterns);
     if (options.source.paths.empty() && options.pathFiles.empty()) throw UsageError("PATH is missing: what to store");
     CheckSource(options.source);
     const bool isInput = options.source.IsInput();
-    if ((options.size || options.estimate) && !isInput) throw UsageError("--size and --estimate belong to -");
+    if ((options.size.exact || options.size.estimate) && !isInput)
+        throw UsageError("--size and --estimate belong to -");
     isInput ? StoreInput(options, context) : StoreTrees(options, context);
     context.report.Summary("backup");
 }
@@ -298,36 +423,34 @@ void Backup(BackupOptions options, Context& context) {
 }  // namespace
 
 void AddBackup(CommandLine& line) {
-    const auto options = std::make_shared<BackupOptions>();
-    CLI::App& command =
-        line.Add("backup", "Store files, links and whole trees, or standard input",
-                 {"tsmctl backup docs --to nightly -j 4 --exclude '*.o' --exclude-caches",
-                  "tsmctl backup docs/a.txt docs/b.txt", "tar -c docs | tsmctl backup - --as dumps/docs.tar"},
-                 [options](Context& context) { Backup(*options, context); });
-    AddPaths(command, options->source.paths, fileType, "what to store, by its last part; - is standard input")
+    auto [command, options] = line.Add<BackupOptions>(
+        "backup", "Store files, links and whole trees, or standard input",
+        {"tsmctl backup docs --to nightly -j 4 --exclude '*.o' --exclude-caches", "tsmctl backup docs/a.txt docs/b.txt",
+         "tar -c docs | tsmctl backup - --as dumps/docs.tar"},
+        Backup);
+    AddArguments(command, "PATH", options.source.paths, fileType,
+                 "what to store, by its last part; - is standard input")
         ->required(false);
-    const auto add = [&](const char* name, std::vector<std::string>& values, const char* type, const char* text) {
-        command.add_option(name, values, text)->type_name(type)->allow_extra_args(false);
-    };
-    add("--files-from", options->pathFiles, fileType, "file with more PATHs, one in a line");
-    AddExclude(command, options->tree.exclusions.patterns);
-    add("--exclude-from", options->exclusionFiles, fileType, "file with more patterns, one in a line");
-    command.add_flag("--exclude-caches", options->tree.withoutCaches, "leave out what is below a CACHEDIR.TAG");
-    command.add_flag("--one-file-system", options->tree.oneFileSystem, "leave out what is mounted below");
-    CLI::Option* const full = command.add_flag("--full", options->tree.full, "send what has not changed, too");
-    command.add_flag("--checksum", options->tree.checksum, "read what is here and what is stored to see what changed")
+    AddRepeatable(command, "--files-from", options.pathFiles, fileType, "file with more PATHs, one in a line");
+    AddExclude(command, options.exclusions.patterns);
+    AddRepeatable(command, "--exclude-from", options.exclusionFiles, fileType,
+                  "file with more patterns, one in a line");
+    command.add_flag("--exclude-caches", options.withoutCaches, "leave out what is below a CACHEDIR.TAG");
+    command.add_flag("--one-file-system", options.oneFileSystem, "leave out what is mounted below");
+    CLI::Option* const full = command.add_flag("--full", options.full, "send what has not changed, too");
+    command.add_flag("--checksum", options.checksum, "read what is here and what is stored to see what changed")
         ->excludes(full);
-    command.add_flag("--keep-vanished", options->tree.keepVanished, "leave active what is not here any more");
-    command.add_flag("--force", options->tree.force, "even if nothing of a stored tree is left");
-    command.add_option("--class", options->tree.mgmtClass, "management class (default: the server's choice)")
+    command.add_flag("--keep-vanished", options.keepVanished, "leave active what is not here any more");
+    command.add_flag("--force", options.force, "even if nothing of a stored tree is left");
+    command.add_option("--class", options.mgmtClass, "management class (default: the server's choice)")
         ->type_name("NAME");
-    CLI::Option* const size = AddNumber(command, "--size", "BYTES", "of standard input, if it is known", 0, LLONG_MAX,
-                                        [options](long long number) { options->size = number; });
+    CLI::Option* const size =
+        AddNumber(command, "--size", "BYTES", "of standard input, if it is known", 0, LLONG_MAX, options.size.exact);
     AddNumber(command, "--estimate", "BYTES", "of standard input; too much rather than too little", 0, LLONG_MAX,
-              [options](long long number) { options->estimate = number; })
+              options.size.estimate)
         ->excludes(size);
-    AddPlace(command, options->source);
-    AddJobs(command, options->tree.jobs);
+    AddPlace(command, options.source);
+    AddJobs(command, options.jobs);
     line.AddDryRun(command);
 }
 

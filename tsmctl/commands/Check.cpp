@@ -1,7 +1,6 @@
 // check: reads objects back and compares them with the SHA-256 that was stored with them.
 #include <fmt/format.h>
 
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -75,16 +74,14 @@ void Check(CheckOptions options, Context& context) {
 }  // namespace
 
 void AddCheck(CommandLine& line) {
-    const auto options = std::make_shared<CheckOptions>();
-    CLI::App& command = line.Add(
+    auto [command, options] = line.Add<CheckOptions>(
         "check", "Read back what is stored and compare it with its SHA-256",
         {"tsmctl check", "tsmctl check nightly --subset 5 -j 4", "tsmctl check nightly/docs --sums > docs.sha256"},
-        [options](Context& context) { Check(*options, context); });
-    AddChosen(command, options->chosen, "object path, may hold * and ? (default: everything)");
-    AddNumber(command, "--subset", "PERCENT", "of the objects, chosen at random, 1 to 100", 1, 100,
-              [options](long long number) { options->subset = number; });
-    command.add_flag("--sums", options->sums, "print each file's SHA-256, as sha256sum -c reads it");
-    AddJobs(command, options->jobs);
+        Check);
+    AddChosen(command, options.chosen, "object path, may hold * and ? (default: everything)");
+    AddNumber(command, "--subset", "PERCENT", "of the objects, chosen at random, 1 to 100", 1, 100, options.subset);
+    command.add_flag("--sums", options.sums, "print each file's SHA-256, as sha256sum -c reads it");
+    AddJobs(command, options.jobs);
 }
 
 }  // namespace tsmctl

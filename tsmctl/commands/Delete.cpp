@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <list>
 #include <map>
-#include <memory>
 #include <set>
 #include <utility>
 
@@ -67,7 +66,7 @@ public:
 
     // Reports what is gone, and what fails. Nothing may be left where an earlier pattern chooses the same.
     void Delete(const NamePattern& pattern, bool mayBeGone) {
-        RequireNoFilesAbove(session_, pattern.Plain(), options_.Versions(), [](const StoredObject&) { return false; });
+        RequireNoFilesAbove(session_, pattern.Plain(), options_.Versions());
         Level above;
         for (const Parts& directory : DirectoriesAbove(pattern.Plain())) {
             for (const StoredObject& object : List(session_, NamePattern(directory, false), options_.Versions())) {
@@ -339,19 +338,18 @@ void Delete(const DeleteOptions& options, Context& context) {
 }  // namespace
 
 void AddDelete(CommandLine& line) {
-    const auto options = std::make_shared<DeleteOptions>();
-    CLI::App& command =
-        line.Add("delete", "Delete objects; older versions stay, unless --all-versions is given",
-                 {"tsmctl delete nightly/docs/a.txt", "tsmctl delete 'nightly/docs/*.txt' --yes",
-                  "tsmctl delete nightly/docs --recursive --yes", "tsmctl delete dumps/docs.tar --all-versions"},
-                 [options](Context& context) { Delete(*options, context); });
-    AddPaths(command, options->paths, "OBJECT", "object path, its last part may hold * and ?");
-    command.add_flag("--recursive", options->recursive, "with everything below");
-    command.add_flag("--all-versions", options->allVersions, "every version, for good");
-    AddMoment(command, options->at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
-    command.add_flag("--yes", options->yes, "do not ask before deleting more than one object");
-    AddLiteral(command, options->literal);
-    AddJobs(command, options->jobs);
+    auto [command, options] = line.Add<DeleteOptions>(
+        "delete", "Delete objects; older versions stay, unless --all-versions is given",
+        {"tsmctl delete nightly/docs/a.txt", "tsmctl delete 'nightly/docs/*.txt' --yes",
+         "tsmctl delete nightly/docs --recursive --yes", "tsmctl delete dumps/docs.tar --all-versions"},
+        Delete);
+    AddArguments(command, "PATH", options.paths, "OBJECT", "object path, its last part may hold * and ?");
+    command.add_flag("--recursive", options.recursive, "with everything below");
+    command.add_flag("--all-versions", options.allVersions, "every version, for good");
+    AddMoment(command, options.at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
+    command.add_flag("--yes", options.yes, "do not ask before deleting more than one object");
+    AddLiteral(command, options.literal);
+    AddJobs(command, options.jobs);
     line.AddDryRun(command);
 }
 

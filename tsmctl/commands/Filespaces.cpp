@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -81,21 +80,19 @@ void AddClasses(CommandLine& line) {
 }
 
 void AddDeleteFilespace(CommandLine& line) {
-    const auto options = std::make_shared<DeleteFilespaceOptions>();
-    CLI::App& command = line.Add("delete-filespace", "Delete a filespace with everything in it, for good",
-                                 {"tsmctl delete-filespace old-host --yes"},
-                                 [options](Context& context) { DeleteFilespace(*options, context); });
-    command.add_option("NAME", options->name, "the filespace")->type_name("NAME")->required();
-    command.add_flag("--yes", options->yes, "do not ask");
+    auto [command, options] =
+        line.Add<DeleteFilespaceOptions>("delete-filespace", "Delete a filespace with everything in it, for good",
+                                         {"tsmctl delete-filespace old-host --yes"}, DeleteFilespace);
+    command.add_option("NAME", options.name, "the filespace")->type_name("NAME")->required();
+    command.add_flag("--yes", options.yes, "do not ask");
     line.AddDryRun(command);
 }
 
 void AddGrant(CommandLine& line) {
-    const auto node = std::make_shared<std::string>();
-    CLI::App& command = line.Add("grant", "Let another node read the filespace",
-                                 {"tsmctl grant NODE2", "tsmctl grant NODE2 --filespace shared"},
-                                 [node](Context& context) { Grant(*node, context); });
-    command.add_option("NODE", *node, "the node that gets access")->type_name("NAME")->required();
+    auto [command, node] =
+        line.Add<std::string>("grant", "Let another node read the filespace",
+                              {"tsmctl grant NODE2", "tsmctl grant NODE2 --filespace shared"}, Grant);
+    command.add_option("NODE", node, "the node that gets access")->type_name("NAME")->required();
     line.AddDryRun(command);
 }
 

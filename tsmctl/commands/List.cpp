@@ -2,8 +2,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
 #include <vector>
 
 #include "Chosen.h"
@@ -82,34 +82,28 @@ void AddType(CLI::App& command, ListOptions& options) {
 }  // namespace
 
 void AddFind(CommandLine& line) {
-    const auto options = std::make_shared<ListOptions>();
-    CLI::App& command =
-        line.Add("find", "Find objects by their names, with all versions",
-                 {"tsmctl find '*.txt'", "tsmctl find docs/a.txt --in nightly --json"}, [options](Context& context) {
-                     options->chosen.selection.allVersions = options->chosen.selection.at.empty();
-                     ListObjects(*options, context);
-                 });
-    command.add_option("PATTERN", options->wanted.patterns, "what the end of a path matches, may hold * and ?")
-        ->type_name("PATTERN")
-        ->expected(-1)
-        ->required();
-    command.add_option("--in", options->chosen.paths, "object path (default: everything)")
-        ->type_name("OBJECT")
-        ->allow_extra_args(false);
-    AddMoment(command, options->chosen.selection.at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
-    AddType(command, *options);
+    auto [command, options] = line.Add<ListOptions>(
+        "find", "Find objects by their names, with all versions",
+        {"tsmctl find '*.txt'", "tsmctl find docs/a.txt --in nightly --json"}, [](ListOptions found, Context& context) {
+            found.chosen.selection.allVersions = found.chosen.selection.at.empty();
+            ListObjects(std::move(found), context);
+        });
+    AddArguments(command, "PATTERN", options.wanted.patterns, "PATTERN",
+                 "what the end of a path matches, may hold * and ?");
+    AddRepeatable(command, "--in", options.chosen.paths, "OBJECT", "object path (default: everything)");
+    AddMoment(command, options.chosen.selection.at, "only what was active at 'YYYY-MM-DD HH:MM:SS', server time");
+    AddType(command, options);
 }
 
 void AddList(CommandLine& line) {
-    const auto options = std::make_shared<ListOptions>();
-    CLI::App& command =
-        line.Add("list", "List what is stored",
-                 {"tsmctl list", "tsmctl list 'nightly/docs/*.txt'", "tsmctl list nightly/docs --all-versions",
-                  "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
-                 [options](Context& context) { ListObjects(*options, context); });
-    CLI::Option* const at = AddChosen(command, options->chosen, "object path, may hold * and ? (default: everything)");
-    AddType(command, *options);
-    command.add_flag("--all-versions", options->chosen.selection.allVersions, "also inactive versions")->excludes(at);
+    auto [command, options] = line.Add<ListOptions>(
+        "list", "List what is stored",
+        {"tsmctl list", "tsmctl list 'nightly/docs/*.txt'", "tsmctl list nightly/docs --all-versions",
+         "tsmctl list nightly --type file --json", "tsmctl list nightly --at '2024-01-31 23:59:59'"},
+        ListObjects);
+    CLI::Option* const at = AddChosen(command, options.chosen, "object path, may hold * and ? (default: everything)");
+    AddType(command, options);
+    command.add_flag("--all-versions", options.chosen.selection.allVersions, "also inactive versions")->excludes(at);
 }
 
 }  // namespace tsmctl

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -66,8 +65,7 @@ public:
           workers_(context, session, options.jobs) {}
 
     void Run() {
-        const auto mayGo = [](const StoredObject&) { return false; };
-        for (const Parts& parts : {from_, to_}) RequireNoFilesAbove(session_, parts, everyVersion, mayGo);
+        for (const Parts& parts : {from_, to_}) RequireNoFilesAbove(session_, parts, everyVersion);
         CheckAll();
         if (report_.IsDryRun()) {
             return WalkAll([&](Level& level) {
@@ -78,19 +76,12 @@ public:
         kept.RememberAbove(from_);
         kept.RememberAbove(to_);
         for (size_t i = 0; i < count_; ++i) report_.Expect();
-        try {
-            Attempt(report_, Join(from_), [&] {
-                if (replaced_ > 0) WalkAll([&](Level& level) { Clear(level); });
-                WalkAll([&](Level& level) { MoveFiles(level); }, [&](Move& move) { return MoveDirectory(move); });
-            });
-        } catch (const Interrupted&) {
-            // What the library removed in passing comes first; then the signal is seen again.
-        }
-        try {
-            workers_.Finish();
-        } catch (const Interrupted&) {
-            // Everything that has begun is done.
-        }
+        // Also after a signal, what has begun is done, and what the library removed in passing comes back.
+        AttemptAnyway(report_, Join(from_), [&] {
+            if (replaced_ > 0) WalkAll([&](Level& level) { Clear(level); });
+            WalkAll([&](Level& level) { MoveFiles(level); }, [&](Move& move) { return MoveDirectory(move); });
+        });
+        AttemptAnyway(report_, Join(from_), [&] { workers_.Finish(); });
         moved_.Restore(true);
         RemoveRevived();
         kept.Restore(false);
@@ -115,6 +106,7 @@ private:
         return tops.empty() ? StoredPathOf(from_) : *tops.begin();
     }
 
+    static StoredName NameOf(const std::string& path) { return ToStoredRaw(SplitAtSlash(path.substr(1))); }
     std::string NewPath(const std::string& path) const { return newTop_ + path.substr(oldTop_.size()); }
 
     // What a directory holds, or the tree itself, where no directory is given. Throws Failure for what cannot be
@@ -123,8 +115,8 @@ private:
         StoredName from = {directory, ""};
         StoredName to = {directory.empty() ? "" : NewPath(directory), ""};
         if (directory.empty()) {
-            from = ToStoredRaw(SplitAtSlash(oldTop_.substr(1)));
-            to = ToStoredRaw(SplitAtSlash(newTop_.substr(1)));
+            from = NameOf(oldTop_);
+            to = NameOf(newTop_);
         }
         Level level;
         level.path = from.path;
@@ -138,7 +130,7 @@ private:
             if (HasWildcard(object.name)) throw Failure(object.ObjectPath() + ": its name cannot be renamed safely");
             if (added) RequireChangeable(session_, object);
             if (object.directory) level.directories.emplace(object.name, false);
-            move.to = ToStoredRaw(SplitAtSlash(NewPath(object.StoredPath()).substr(1)));
+            move.to = NameOf(NewPath(object.StoredPath()));
             move.active = object.active;
             move.from = std::move(object);
         }
@@ -285,8 +277,8 @@ private:
     // What was not active before is not to be, where nothing in it is. Goes on after a signal.
     void RemoveRevived() {
         for (auto path = revived_.rbegin(); path != revived_.rend(); ++path) {
-            try {
-                const StoredName stored = ToStoredRaw(SplitAtSlash(path->substr(1)));
+            AttemptAnyway(report_, Unescape(path->substr(1)), [&] {
+                const StoredName stored = NameOf(*path);
                 for (const StoredObject& object : ListIn(session_, stored.path, {}, stored.name)) {
                     if (!object.directory || !object.text.empty() || !ListIn(session_, *path, {}).empty()) continue;
                     KeptDirectories above(session_, report_, "");
@@ -294,9 +286,7 @@ private:
                     DeleteObject(session_, object, false, "");
                     above.Restore(true);
                 }
-            } catch (const Failure& failure) {
-                report_.Failed(Unescape(path->substr(1)), failure.what());
-            }
+            });
         }
     }
 
@@ -339,16 +329,15 @@ void Rename(const RenameOptions& options, Context& context) {
 }  // namespace
 
 void AddRename(CommandLine& line) {
-    const auto options = std::make_shared<RenameOptions>();
-    CLI::App& command = line.Add(
+    auto [command, options] = line.Add<RenameOptions>(
         "rename", "Give an object or a tree a new object path, with all its versions",
         {"tsmctl rename nightly/docs archive/docs-2024", "tsmctl rename dumps/docs.tar dumps/latest.tar --yes"},
-        [options](Context& context) { Rename(*options, context); });
+        Rename);
     // The names of arguments hold no blank: newer versions of CLI11 refuse one.
-    command.add_option("OLD", options->oldPath, "the object path")->type_name("OBJECT")->required();
-    command.add_option("NEW", options->newPath, "its new object path")->type_name("OBJECT")->required();
-    AddJobs(command, options->jobs);
-    command.add_flag("--yes", options->yes, "replace what is stored at NEW without asking");
+    command.add_option("OLD", options.oldPath, "the object path")->type_name("OBJECT")->required();
+    command.add_option("NEW", options.newPath, "its new object path")->type_name("OBJECT")->required();
+    AddJobs(command, options.jobs);
+    command.add_flag("--yes", options.yes, "replace what is stored at NEW without asking");
     line.AddDryRun(command);
 }
 

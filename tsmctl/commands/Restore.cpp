@@ -180,23 +180,23 @@ void Restore(const RestoreOptions& options, Context& context) {
 }  // namespace
 
 void AddRestore(CommandLine& line) {
-    const auto options = std::make_shared<RestoreOptions>();
-    CLI::App& command = line.Add("restore", "Bring back one object or a whole tree",
+    auto [command, options] =
+        line.Add<RestoreOptions>("restore", "Bring back one object or a whole tree",
                                  {"tsmctl restore nightly/docs --to restored -j 4 --exclude '*.o'",
                                   "tsmctl restore nightly/docs/a.txt --to january --at '2024-01-31 23:59:59'",
                                   "tsmctl restore dumps/docs.tar --to - | tar -t", "tsmctl restore / --to everything"},
-                                 [options](Context& context) { Restore(*options, context); });
-    options->chosen.required = true;
-    AddChosen(command, options->chosen, "object path, may hold * and ?; / is everything");
+                                 Restore);
+    options.chosen.required = true;
+    AddChosen(command, options.chosen, "object path, may hold * and ?; / is everything");
     AddNumber(command, "--strip", "NUMBER", "parts to leave out of object paths (default: those above PATH)", 0, 1024,
-              [options](long long number) { options->strip = static_cast<size_t>(number); });
-    command.add_option("--to", options->to, "where to (default: here); - is standard output")->type_name(folderType);
-    command.add_flag("--tar", options->tar, "what goes to standard output as an archive for tar");
-    AddChoice(command, "--overwrite", options->overwrite, "which files that exist are replaced (default: none)",
+              options.strip);
+    command.add_option("--to", options.to, "where to (default: here); - is standard output")->type_name(folderType);
+    command.add_flag("--tar", options.tar, "what goes to standard output as an archive for tar");
+    AddChoice(command, "--overwrite", options.overwrite, "which files that exist are replaced (default: none)",
               {"never", "changed", "always"});
     command.add_flag_callback(
-        "--force", [options] { options->overwrite = "always"; }, "as --overwrite always");
-    AddJobs(command, options->jobs);
+        "--force", [&overwrite = options.overwrite] { overwrite = "always"; }, "as --overwrite always");
+    AddJobs(command, options.jobs);
     line.AddDryRun(command);
 }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <climits>
 #include <ctime>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 
@@ -193,19 +192,15 @@ void Status(const StatusOptions& options, Context& context) {
 }  // namespace
 
 void AddStatus(CommandLine& line) {
-    const auto options = std::make_shared<StatusOptions>();
-    CLI::App& command =
-        line.Add("status", "Tell when trees were backed up last, and whether that was complete",
-                 {"tsmctl status", "tsmctl status nightly/docs --warning 26 --critical 50 --format nagios",
-                  "tsmctl status --format prometheus > tsmctl.prom"},
-                 [options](Context& context) { Status(*options, context); });
-    command.add_option("PATH", options->path, "object path (default: everything)")->type_name("OBJECT");
-    AddChoice(command, "--format", options->format, "for whom", {"text", "nagios", "prometheus"})
-        ->capture_default_str();
-    AddNumber(command, "--warning", "HOURS", "since the last complete backup", 1, INT_MAX,
-              [options](long long number) { options->warning = number; });
-    AddNumber(command, "--critical", "HOURS", "since the last complete backup", 1, INT_MAX,
-              [options](long long number) { options->critical = number; });
+    auto [command, options] = line.Add<StatusOptions>(
+        "status", "Tell when trees were backed up last, and whether that was complete",
+        {"tsmctl status", "tsmctl status nightly/docs --warning 26 --critical 50 --format nagios",
+         "tsmctl status --format prometheus > tsmctl.prom"},
+        Status);
+    command.add_option("PATH", options.path, "object path (default: everything)")->type_name("OBJECT");
+    AddChoice(command, "--format", options.format, "for whom", {"text", "nagios", "prometheus"})->capture_default_str();
+    AddNumber(command, "--warning", "HOURS", "since the last complete backup", 1, INT_MAX, options.warning);
+    AddNumber(command, "--critical", "HOURS", "since the last complete backup", 1, INT_MAX, options.critical);
 }
 
 }  // namespace tsmctl

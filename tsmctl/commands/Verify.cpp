@@ -7,7 +7,6 @@
 #include <ctime>
 #include <functional>
 #include <map>
-#include <memory>
 #include <utility>
 
 #include "Chosen.h"
@@ -235,24 +234,22 @@ void Diff(const DiffOptions& options, Context& context) {
 }  // namespace
 
 void AddVerify(CommandLine& line) {
-    const auto options = std::make_shared<VerifyOptions>();
-    CLI::App& command = line.Add("verify", "Compare what is stored with the local files, byte for byte",
-                                 {"tsmctl verify docs --to nightly -j 4",
-                                  "tsmctl restore dumps/docs.tar --to - | tsmctl verify - --as dumps/docs.tar"},
-                                 [options](Context& context) { Verify(*options, context); });
-    AddPaths(command, options->source.paths, fileType, "what was stored, as it was given to backup");
-    AddPlace(command, options->source);
-    AddJobs(command, options->jobs);
+    auto [command, options] =
+        line.Add<VerifyOptions>("verify", "Compare what is stored with the local files, byte for byte",
+                                {"tsmctl verify docs --to nightly -j 4",
+                                 "tsmctl restore dumps/docs.tar --to - | tsmctl verify - --as dumps/docs.tar"},
+                                Verify);
+    AddArguments(command, "PATH", options.source.paths, fileType, "what was stored, as it was given to backup");
+    AddPlace(command, options.source);
+    AddJobs(command, options.jobs);
 }
 
 void AddDiff(CommandLine& line) {
-    const auto options = std::make_shared<DiffOptions>();
-    CLI::App& command =
-        line.Add("diff", "Tell what differs from an earlier moment, or from a local tree",
-                 {"tsmctl diff nightly/docs --local docs", "tsmctl diff dumps --at \"$(date '+%F %T')\""},
-                 [options](Context& context) { Diff(*options, context); });
-    AddChosen(command, options->chosen, "object path, may hold * and ? (default: everything)");
-    command.add_option("--local", options->local, "compare with this file or folder")->type_name(fileType);
+    auto [command, options] = line.Add<DiffOptions>(
+        "diff", "Tell what differs from an earlier moment, or from a local tree",
+        {"tsmctl diff nightly/docs --local docs", "tsmctl diff dumps --at \"$(date '+%F %T')\""}, Diff);
+    AddChosen(command, options.chosen, "object path, may hold * and ? (default: everything)");
+    command.add_option("--local", options.local, "compare with this file or folder")->type_name(fileType);
 }
 
 }  // namespace tsmctl
