@@ -631,6 +631,10 @@ TEST_F(Tsmctl, StatusTellsWhetherTheLastBackupWasComplete) {
     Expect("mkdir w; touch w/f; faulty 'dsmSendObj 2 1' -q backup w; tsmctl status w", 1, "never complete",
            "w: cannot");
     Expect("tsmctl -q rename u v; tsmctl delete t 'w*' --recursive --yes > log; tsmctl status", 1, "", "is recorded");
+    Expect(
+        "mkdir $'\x01' $'\x02'; for d in $'\x01' $'\x02'; do tsmctl -q backup \"$d\"; done;"
+        "tsmctl status --format prometheus | grep succeeded | sort | uniq -d | wc -l",
+        0, "0\n");
 }
 
 TEST_F(Tsmctl, ANameOfTwoKindsLosesNothing) {
@@ -668,7 +672,7 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
     Expect("tsmctl delete 'p/*.a'", 2, "", "without --yes");
     Expect("tsmctl delete 'p/*.a' --yes; tsmctl list p | grep -c '[ab]$'", 0, "removed p/1.a\nremoved p/2.a\n1\n");
     Expect("tsmctl delete --literal 'p/*' && tsmctl delete 'p/%'", 0, "removed p/*\nremoved p/%\n");
-    Expect("tsmctl delete q/f", 0, "removed q/f\nremoved q\n");
+    Expect("tsmctl delete q/f 'q/*' q/f --yes", 0, "removed q/f\nremoved q\n");
     Expect("tsmctl delete --recursive p/d --dry-run; tsmctl delete --recursive --yes p/d p/none", 1,
            "removed p/d\nremoved p/d/e/f\nremoved p/d/e/h\nremoved p/d/e\nremoved p/d/g\nremoved p/d\n",
            "p/none: not found");
@@ -679,6 +683,8 @@ TEST_F(Tsmctl, DeleteTakesWhatWasNamed) {
 
 TEST_F(Tsmctl, PathsAndPatternsChoose) {
     Expect("mkdir -p t/a t/b; echo 1 > t/a/x; echo 2 > t/b/x; echo 3 > t/b/y.o; tsmctl -q backup t; cp -a t u", 0);
+    Expect("tsmctl -q diff t --local t --exclude t; echo $?; echo 0 >> t/a/x; tsmctl -q diff t --local t --exclude t",
+           1, "0\nM t/a/x\n");
     Expect("tsmctl restore 't/*' --exclude '*.o' --to o && rm u/b/y.o && diff -r u o", 0);
     Expect("tsmctl restore t/a/x t/b/x --to p; r=$?; cat p/x; exit $r", 1, "1\n", "t/b/x: has the same name here");
     Expect("tsmctl restore t/a 't/?/x' t/a --strip 0 --to q && diff -r u q/t", 0);
@@ -777,6 +783,16 @@ TEST_F(Tsmctl, ARenamedTreeKeepsEverything) {
 {"path":"lone/new","kind":"directory","size":0,"mode":"0711")");
     Expect("faulty 'dsmRenameObj 3 32' rename lone more -j 1; tsmctl -q rename lone more; tsmctl -q list more | wc -l",
            0, "(1 of 1 objects)\n3\n", "stored versions");
+    Expect(R"(mkdir -p s/gone d/u; chmod 0700 d; touch s/gone/{1..9} s/f; tsmctl -q backup s d; rm -r s/gone
+        tsmctl -q backup s; TSM_STANDIN_FAULTS='LATENCY dsmRenameObj 100' $T rename s d/u --yes -j 1 & sleep 0.5
+        kill $!; wait $!; tsmctl list d --json | grep '"d"')",
+           0, R"("mode":"0700")", "stopped");
+    Expect("mkdir q; touch q/f q/g; tsmctl -q backup q", 0);
+    OtherProgram(root).Put("/q", "e", "", "");
+    Expect(
+        "faulty 'dsmRenameObj 2 11' rename q r -j 1 2> log; tsmctl -q rename q r; tsmctl list r --type dir | cut -c "
+        "53-",
+        0, "\nr\nr/e\n");
     // The library may lose a directory when one of its look-ups fails.
     Expect(
         "mkdir -m 0711 m; touch m/f; tsmctl -q backup m; for n in $(seq 12 30); do (faulty \"dsmBeginQuery $n 1\" "
