@@ -27,7 +27,7 @@ need() {
     "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-build_packages=(g++ cmake ninja-build libsqlite3-dev libxxhash-dev libcrypt-dev libcli11-dev libfmt-dev nlohmann-json3-dev libssl-dev libbsd-dev)
+build_packages=(g++ cmake ninja-build libsqlite3-dev libxxhash-dev libcrypt-dev libcli11-dev libfmt-dev nlohmann-json3-dev libssl-dev)
 test_packages=(binutils libgtest-dev abigail-tools groff-base python3-pytest python3-venv python3-setuptools python3-wheel mypy pkgconf)
 clang_packages=(clang libclang-rt-dev)
 style_packages=(clang-format clang-tidy libbenchmark-dev python3)

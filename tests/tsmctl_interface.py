@@ -236,7 +236,7 @@ def known(asked):
 
 
 @pytest.mark.parametrize("typed, status, answer", [
-    ("secret\n", 0, "node: \r\n"), ("\n", 2, "password is empty"), ("se\x03", 130, "stopped"), ("se\x1c", -3, "node: "),
+    ("secret\n", 0, "node: \r\n"), ("\n", 2, "password is empty"), ("se\x03", 130, "stopped"), ("sec\x1a\x1cret\n", 1, "AUTH_FAILURE"),
     ("wrong\n", 1, "AUTH_FAILURE")])
 def test_password(known, asked, typed, status, answer):
     found, shown, echo = on_terminal(asked, "filespaces", typed=typed)

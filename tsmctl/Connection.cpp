@@ -1,11 +1,11 @@
 #include "Connection.h"
 
-#include <bsd/readpassphrase.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,15 +22,27 @@
 namespace tsmctl {
 namespace {
 
-// Asks on the controlling terminal, without echo.
+// Asks on the controlling terminal, without echo. A signal gives the echo back, but those of Ctrl-\ and Ctrl-Z would
+// not, so these keys are characters meanwhile.
 std::string AskPassword(const std::string& question) {
-    char typed[4097] = "";  // more than a line of a terminal
-    const bool answered = readpassphrase(question.c_str(), typed, sizeof typed, RPP_REQUIRE_TTY) != nullptr;
-    const std::string password = typed;
-    explicit_bzero(typed, sizeof typed);
-    CheckInterrupt();
-    if (answered) return password;
-    throw UsageError("no password: give --password-file or TSMCTL_PASSWORD (there is no terminal to ask on)");
+    const UniqueFd terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+    termios before = {};
+    if (tcgetattr(terminal.Get(), &before) != 0) {
+        throw UsageError("no password: give --password-file or TSMCTL_PASSWORD (there is no terminal to ask on)");
+    }
+    termios silent = before;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    silent.c_cc[VQUIT] = silent.c_cc[VSUSP] = _POSIX_VDISABLE;
+    if (tcsetattr(terminal.Get(), TCSAFLUSH, &silent) != 0) FailLocal("cannot silence the terminal", errno);
+    struct Restore {
+        int fd;
+        const termios& state;
+        ~Restore() { tcsetattr(fd, TCSAFLUSH, &state); }
+    } const restore = {terminal.Get(), before};
+    WriteAll(terminal.Get(), question.data(), question.size());
+    const std::string password = ReadLine(terminal.Get());
+    WriteAll(terminal.Get(), "\n", 1);
+    return password;
 }
 
 std::string PasswordIn(const std::string& path) try {
