@@ -58,12 +58,11 @@ void Walk(Context& context, Session& session, const Chosen& chosen, const VisitC
     }
 }
 
-void Batch::Thin(long long percent) {
-    std::shuffle(objects_.begin(), objects_.end(), std::mt19937_64(std::random_device()()));
-    objects_.resize((objects_.size() * static_cast<size_t>(percent) + 99) / 100);
-}
-
 void Batch::Run(bool last) {
+    if (percent_ < 100) {
+        std::shuffle(objects_.begin(), objects_.end(), std::mt19937_64(std::random_device()()));
+        objects_.resize((objects_.size() * static_cast<size_t>(percent_) + 99) / 100);
+    }
     std::stable_sort(objects_.begin(), objects_.end(),
                      [](const auto& a, const auto& b) { return a.object.date < b.object.date; });
     if (first_ && last) {

@@ -41,13 +41,12 @@ class Batch {
 public:
     using Work = std::function<void(Session&, Buffer&, const ChosenObject&)>;
 
-    Batch(Context& context, Session& session, int jobs, Work work)
-        : report_(context.report), work_(std::move(work)), workers_(context, session, jobs) {}
+    // Of less than 100 percent, each run chooses its objects at random.
+    Batch(Context& context, Session& session, int jobs, Work work, long long percent = 100)
+        : report_(context.report), work_(std::move(work)), percent_(percent), workers_(context, session, jobs) {}
 
     void Add(ChosenObject object) { objects_.push_back(std::move(object)); }
     bool IsFull() const { return objects_.size() >= most; }
-    // Leaves only this part of the objects, others each time.
-    void Thin(long long percent);
     void Run(bool last);
 
     static constexpr size_t most = 10000;
@@ -55,6 +54,7 @@ public:
 private:
     Report& report_;
     const Work work_;
+    const long long percent_;
     std::vector<ChosenObject> objects_;
     bool first_ = true;
     Workers workers_;  // ends before what it works on

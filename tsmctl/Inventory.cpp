@@ -236,6 +236,34 @@ private:
     std::set<std::string> closed_;   // into these visit_ did not want to go
 };
 
+StoredFolder Pairs(std::vector<StoredObject> objects) {
+    StoredFolder found;
+    for (StoredObject& object : objects) {
+        if (Escape(Unescape(object.name)) == object.name) {
+            found[object.name].Of(object.directory) = std::move(object);
+        }
+    }
+    return found;
+}
+
+constexpr const char* ambiguous = "its name holds bytes that the server would take for other names as well";
+
+bool PathSurvives(const std::string& path) {
+    return path.empty() || (path[0] == '/' && path.back() != '/' && path.find('\\') == std::string::npos);
+}
+
+void RequireOnlyMatch(Session& session, const StoredObject& object, const std::string& at, bool anyVersion) {
+    if (object.name.find('\\') != std::string::npos) throw Failure(ambiguous);
+    size_t count = 0;
+    bool only = true;
+    const int type = anyVersion ? TSM_OBJECTS_ANY : TSM_OBJECTS_FILES;
+    Ask(session, object.path, object.name.c_str(), {anyVersion, at, type}, [&](const TsmObject& record) {
+        ++count;
+        only = only && record.highLevelName == object.path && record.lowLevelName == "/" + object.name;
+    });
+    if (!only || count == 0) throw Failure(ambiguous);
+}
+
 }  // namespace
 
 std::vector<StoredObject> List(Session& session, const NamePattern& pattern, const Selection& selection) {
@@ -268,20 +296,6 @@ bool Walk(Session& session, const NamePattern& pattern, const Selection& selecti
     return Walker(session, pattern, selection, visit).Run();
 }
 
-namespace {
-
-StoredFolder Pairs(std::vector<StoredObject> objects) {
-    StoredFolder found;
-    for (StoredObject& object : objects) {
-        if (Escape(Unescape(object.name)) == object.name) {
-            found[object.name].Of(object.directory) = std::move(object);
-        }
-    }
-    return found;
-}
-
-}  // namespace
-
 StoredFolder ListFolder(Session& session, const Parts& folder) {
     return Pairs(ListIn(session, StoredPathOf(folder), {}));
 }
@@ -300,28 +314,6 @@ void RequireStored(Session& session, const Parts& object, bool isDirectory, cons
                    const std::string& before) {
     if (!IsStoredAs(ListOne(session, object), isDirectory, text, before)) throw PassingFailure(notStored);
 }
-
-namespace {
-
-constexpr const char* ambiguous = "its name holds bytes that the server would take for other names as well";
-
-bool PathSurvives(const std::string& path) {
-    return path.empty() || (path[0] == '/' && path.back() != '/' && path.find('\\') == std::string::npos);
-}
-
-void RequireOnlyMatch(Session& session, const StoredObject& object, const std::string& at, bool anyVersion) {
-    if (object.name.find('\\') != std::string::npos) throw Failure(ambiguous);
-    size_t count = 0;
-    bool only = true;
-    const int type = anyVersion ? TSM_OBJECTS_ANY : TSM_OBJECTS_FILES;
-    Ask(session, object.path, object.name.c_str(), {anyVersion, at, type}, [&](const TsmObject& record) {
-        ++count;
-        only = only && record.highLevelName == object.path && record.lowLevelName == "/" + object.name;
-    });
-    if (!only || count == 0) throw Failure(ambiguous);
-}
-
-}  // namespace
 
 bool IsDamaged(const StoredObject& object) {
     return !object.info && LooksLikeOurs(object.text);

@@ -9,6 +9,14 @@
 #include "Transfer.h"
 
 namespace tsmctl {
+namespace {
+
+// A directory that the library made has no text.
+bool MayGo(const std::optional<StoredObject>& object) {
+    return !object || IsFromTree(*object) || (object->directory && object->text.empty());
+}
+
+}  // namespace
 
 void KeptDirectories::RememberAbove(const Parts& object) {
     for (const Parts& directory : DirectoriesAbove(object)) {
@@ -45,15 +53,6 @@ void WarnOfOtherKind(Report& report, const LocalItem& item) {
     const char* const kind = item.info.kind == Kind::Directory ? "file" : "directory";
     report.Warn(item.local, fmt::format("a {} of this name is stored and stays; restore takes the newer", kind));
 }
-
-namespace {
-
-// A directory that the library made has no text.
-bool MayGo(const std::optional<StoredObject>& object) {
-    return !object || IsFromTree(*object) || (object->directory && object->text.empty());
-}
-
-}  // namespace
 
 long long Vanished::Remove(const Parts& folder, const StoredFolder& gone, const std::vector<LocalItem>& replaced,
                            bool othersStay, size_t depth) {
@@ -124,12 +123,10 @@ void Vanished::RemoveEntry(const Parts& object, const StoredPair& stored) {
     if (stored.directory && !RemoveEntries(object, ListFolder(session_, object))) return;
     // The library removes by itself what it made.
     const bool ours = stored.file || IsFromTree(*stored.directory);
-    if (ours) Delete(stored.file ? *stored.file : *stored.directory, "");
+    if (ours && !report_.IsDryRun()) {
+        DeleteObject(session_, stored.file ? *stored.file : *stored.directory, false, "");
+    }
     if (ours || report_.IsDryRun()) tried_.insert(object);
-}
-
-void Vanished::Delete(const StoredObject& object, const std::string& at) {
-    if (!report_.IsDryRun()) DeleteObject(session_, object, false, at);
 }
 
 void Vanished::RemoveOtherKind(const Parts& object, bool isDirectory) {
@@ -139,10 +136,10 @@ void Vanished::RemoveOtherKind(const Parts& object, bool isDirectory) {
     const StoredPair now = ListOne(session_, object);
     const auto& old = now.Of(!isDirectory);
     if (!old || !IsFromTree(*old)) return;
+    if (report_.IsDryRun()) return CountOtherKind(object, isDirectory);
     // Of what was active at that moment, the new one was not there yet.
     const auto& other = now.Of(isDirectory);
-    Delete(*old, other && other->date > old->date ? old->date : "");
-    if (report_.IsDryRun()) CountOtherKind(object, isDirectory);
+    DeleteObject(session_, *old, false, other && other->date > old->date ? old->date : "");
 }
 
 void Vanished::CountOtherKind(const Parts& object, bool isDirectory) {

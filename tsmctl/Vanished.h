@@ -55,7 +55,6 @@ public:
 private:
     bool RemoveEntries(const Parts& folder, const StoredFolder& entries);
     void RemoveEntry(const Parts& object, const StoredPair& stored);
-    void Delete(const StoredObject& object, const std::string& at);
     void RemoveOtherKind(const Parts& object, bool isDirectory);
     void CountOtherKind(const Parts& object, bool isDirectory);
     void CheckReplaced(const Parts& object, const LocalItem& item);

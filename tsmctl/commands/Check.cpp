@@ -44,13 +44,10 @@ void CheckOne(const CheckOptions& options, Report& report, Session& session, Buf
 void Check(CheckOptions options, Context& context) {
     options.chosen.Patterns();
     Session session(context.connection);
-    Batch batch(context, session, options.jobs, [&](Session& own, Buffer& buffer, const ChosenObject& chosen) {
+    const auto work = [&](Session& own, Buffer& buffer, const ChosenObject& chosen) {
         CheckOne(options, context.report, own, buffer, chosen);
-    });
-    const auto run = [&](bool last) {
-        if (options.subset < 100) batch.Thin(options.subset);
-        batch.Run(last);
     };
+    Batch batch(context, session, options.jobs, work, options.subset);
     Buffer none;
     const auto visit = [&](std::vector<StoredObject>& versions, const Parts& plain, size_t above) {
         const Parts local(plain.begin() + static_cast<std::ptrdiff_t>(above), plain.end());
@@ -63,11 +60,11 @@ void Check(CheckOptions options, Context& context) {
                         [&] { CheckOne(options, context.report, session, none, chosen); });
             }
         }
-        if (batch.IsFull()) run(false);
+        if (batch.IsFull()) batch.Run(false);
         return true;
     };
     Walk(context, session, options.chosen, visit);
-    run(true);
+    batch.Run(true);
     context.report.Summary("check");
 }
 

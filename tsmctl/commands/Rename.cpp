@@ -85,9 +85,7 @@ public:
         moved_.Restore(true);
         RemoveRevived();
         kept.Restore(false);
-        if (there_ == count_) {
-            Attempt(report_, Join(from_), [&] { RemoveRuns(session_, from_, false); });
-        }
+        if (there_ == count_) Attempt(report_, Join(from_), [&] { RemoveRuns(session_, from_, false); });
         if (there_ > 0) {
             report_.Line(
                 fmt::format("renamed {} to {} ({} of {} objects)", Join(from_), Join(to_), there_.load(), count_));
