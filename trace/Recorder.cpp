@@ -366,7 +366,7 @@ public:
         thread_.top = begin_;
     }
 
-    // The first line of a process.
+    // The first line of a process: of threads that begin together, the first one to have the lock writes it.
     void Start(const char* program, const char* api) {
         Literal("event", "start");
         Number("format", 1);
@@ -375,7 +375,7 @@ public:
         Literal("recorder", TSMTRACE_VERSION);
         Text("program", program, PATH_MAX);
         Text("api", api, PATH_MAX);
-        Finish(true);
+        Finish(true, true);
     }
 
     // The first members of a call's line.
@@ -518,9 +518,10 @@ public:
     }
 
 private:
-    void Finish(bool atOnce) {
+    void Finish(bool atOnce, bool isStart = false) {
         const long long number = file.Lock();
-        if (number == 0) return file.Lose();
+        if (number == 0) return isStart ? void() : file.Lose();  // what was interrupted has begun the file
+        if (isStart && file.started.exchange(true)) return file.Unlock();
         Number("n", number);
         Raw("}\n");
         if (full_) file.Lose();
@@ -671,7 +672,7 @@ Result HandOn(Result (*own)(Declared...), const char* name, std::atomic<void*>& 
         if (file.on) file.Lose();
         rc = call();
     } else {
-        if (!file.started && !file.started.exchange(true)) SayStart(*thread, found);
+        if (!file.started) SayStart(*thread, found);
         Line line(*thread);
         line.Begin(name);
         describe(line, arguments...);
